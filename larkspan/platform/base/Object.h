@@ -22,6 +22,8 @@ class Object : public std::enable_shared_from_this<Object> {
   virtual std::string description() const;
   /// Identity unless a class defines more; consistent with `hash()`.
   virtual bool isEqual(const Object& other) const { return this == &other; }
+  /// A copy that later changes to this object do not reach; null for what is not copied but shared.
+  virtual std::shared_ptr<Object> deepCopy() const { return nullptr; }
   virtual std::size_t hash() const { return std::hash<const void*>()(this); }
 };
 

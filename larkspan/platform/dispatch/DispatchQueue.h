@@ -1,11 +1,11 @@
 #pragma once
 
+#include "larkspan/platform/base/Clock.h"
+#include "larkspan/platform/dispatch/Task.h"
+
 #include <chrono>
 #include <memory>
 #include <string>
-
-#include "larkspan/platform/base/Clock.h"
-#include "larkspan/platform/dispatch/Task.h"
 
 namespace larkspan::platform {
 
@@ -14,8 +14,8 @@ enum class QualityOfService : int {
   userInteractive = 33,
   userInitiated = 25,
   defaultClass = -1,
-  utility = 17,     ///< Threads of its own at low CPU and I/O priority.
-  background = 9,   ///< Runs with the utility work.
+  utility = 17,    ///< Threads of its own at low CPU and I/O priority.
+  background = 9,  ///< Runs with the utility work.
 };
 
 /// A queue of tasks over the process's worker pool.

@@ -1,0 +1,78 @@
+#pragma once
+
+#include "larkspan/platform/base/Slice.h"
+
+#include <cstddef>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace larkspan::platform {
+
+class Value;
+
+/// A key written in the program: its text lives forever, so that storing under it copies nothing.
+/// Converts to std::string_view for reading.
+class Key {
+ public:
+  template <std::size_t size>
+  consteval Key(const char (&literal)[size]) : text_(literal, size - 1) {}
+  constexpr operator std::string_view() const { return text_; }
+  friend constexpr bool operator==(const Key&, const Key&) = default;
+
+ private:
+  std::string_view text_;
+};
+
+/// Text keys to values, in the order in which the keys were first set. Meant for the small dictionaries of
+/// messages: a flat vector, searched from the front.
+/// A value: copies share their storage until one of them is changed (copy on write).
+/// Thread: as std::vector; copies may be used from different threads.
+class Dictionary {
+ public:
+  struct Entry;
+
+  Dictionary() noexcept = default;
+  /// Room for `capacity` entries, taken at once.
+  static Dictionary withCapacity(std::size_t capacity);
+  Dictionary(std::initializer_list<std::pair<Key, Value>> entries);
+
+  std::size_t size() const;
+  bool empty() const { return size() == 0; }
+  bool contains(std::string_view key) const;
+  /// The value under the key, or none.
+  Value get(std::string_view key) const;
+
+  /// Stores under the key, in place when the key is there already. A none value is stored like any other.
+  void set(Key key, Value value);
+  /// The same with a key that is copied; malformed UTF-8 in it is repaired (U+FFFD).
+  void set(std::string_view key, Value value);
+  /// Appends an entry whose key is known to be well-formed and not present: for decoders.
+  void append(Slice key, Value value);
+  /// Removes the key if it is there.
+  void remove(std::string_view key);
+
+  const Entry* begin() const;
+  const Entry* end() const;
+
+  /// A copy that shares no array, dictionary or item with this one.
+  Dictionary deepCopy() const;
+  /// Tells copies apart: equal exactly while two dictionaries share their storage; null for one never
+  /// written.
+  const void* storage() const { return entries_.get(); }
+  std::size_t capacity() const;
+  std::string description() const;
+
+  /// Equal entries, in any order.
+  friend bool operator==(const Dictionary& a, const Dictionary& b);
+
+ private:
+  using Entries = std::vector<Entry>;
+  Entries& writable();
+  std::shared_ptr<Entries> entries_;
+};
+
+}  // namespace larkspan::platform

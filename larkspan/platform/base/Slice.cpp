@@ -1,0 +1,49 @@
+#include "larkspan/platform/base/Slice.h"
+
+#include <cstring>
+#include <limits>
+#include <new>
+#include <stdexcept>
+
+namespace larkspan::platform {
+
+Slice Slice::allocate(std::size_t size, char*& writable) {
+  if (size > std::numeric_limits<uint32_t>::max()) throw std::length_error("Slice: more than 4 GiB");
+  Slice result;
+  result.block_ = new (::operator new(sizeof(Block) + size)) Block;
+  writable = reinterpret_cast<char*>(result.block_ + 1);
+  result.data_ = writable;
+  result.size_ = static_cast<uint32_t>(size);
+  return result;
+}
+
+Slice Slice::copy(std::string_view bytes) {
+  if (bytes.empty()) return {};
+  char* writable = nullptr;
+  Slice result = allocate(bytes.size(), writable);
+  std::memcpy(writable, bytes.data(), bytes.size());
+  return result;
+}
+
+Slice Slice::immortal(std::string_view bytes) noexcept {
+  Slice result;
+  result.data_ = bytes.data();
+  result.size_ = static_cast<uint32_t>(bytes.size());
+  return result;
+}
+
+Slice Slice::part(std::size_t offset, std::size_t length) const noexcept {
+  Slice result = *this;
+  result.data_ += offset;
+  result.size_ = static_cast<uint32_t>(length);
+  return result;
+}
+
+void Slice::release() noexcept {
+  if (block_ && block_->shares.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+    block_->~Block();
+    ::operator delete(block_);
+  }
+}
+
+}  // namespace larkspan::platform

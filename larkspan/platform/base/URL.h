@@ -1,0 +1,75 @@
+#pragma once
+
+#include "larkspan/platform/base/Slice.h"
+
+#include <compare>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace larkspan::platform {
+
+/// An absolute or relative URL reference as RFC 3986 defines it, kept in the spelling it came in.
+/// A value: comparable by spelling, cheap to copy. Odd file names survive: the bytes of a path live in
+/// percent-encoded form.
+/// Thread: as std::string.
+class URL {
+ public:
+  /// Reads a URI reference; nothing when it breaks the grammar of RFC 3986, is longer than `kMaximumLength`,
+  /// or is a file URL whose path holds a NUL.
+  static std::optional<URL> parse(std::string_view text);
+  /// The file URL (RFC 8089) of a path of any bytes but NUL, which ends the path. A relative path is taken
+  /// from the working directory. A directory's URL ends in "/".
+  static URL file(std::string_view path, bool isDirectory = false);
+
+  static constexpr std::size_t kMaximumLength = 64 * 1024;
+
+  std::string_view absoluteString() const { return text_.view(); }
+  std::string description() const { return std::string(text_.view()); }
+
+  /// In lower case; empty for a relative reference.
+  std::string scheme() const;
+  /// User information, host and port as they stand; nothing when there is no "//".
+  std::optional<std::string> authority() const;
+  /// Without brackets' removal; empty when absent.
+  std::string host() const;
+  std::optional<unsigned> port() const;
+  /// The path's bytes with percent-encoding undone, less a trailing "/" unless it is the root.
+  std::string path() const;
+  std::optional<std::string> query() const;
+  std::optional<std::string> fragment() const;
+
+  /// Whether this names a file of this machine: scheme "file", no host but "localhost", an absolute path.
+  bool isFileURL() const;
+  /// Whether the path ends in "/".
+  bool hasDirectoryPath() const;
+  /// The last component of `path()`; "/" for the root, empty for an empty path.
+  std::string lastPathComponent() const;
+  /// This URL's path and one more component of any bytes; query and fragment are dropped.
+  URL appending(std::string_view component, bool isDirectory = false) const;
+  /// The URL that `reference` means when it stands in a document at this one (RFC 3986, section 5.2).
+  URL resolve(const URL& reference) const;
+
+  friend bool operator==(const URL& a, const URL& b) { return a.text_ == b.text_; }
+  friend std::strong_ordering operator<=>(const URL& a, const URL& b) {
+    return a.text_.view() <=> b.text_.view();
+  }
+
+ private:
+  struct Parts {
+    std::string_view scheme, authority, path, query, fragment;
+    bool hasAuthority = false, hasQuery = false, hasFragment = false;
+  };
+  explicit URL(std::string_view text) : text_(Slice::copy(text)) {}
+  static Parts split(std::string_view text);
+  static std::string join(const Parts& parts);
+
+  Slice text_;
+};
+
+/// The bytes with everything but unreserved characters and those in `kept` written as %XX.
+std::string percentEncoded(std::string_view bytes, std::string_view kept = {});
+/// The bytes with each %XX undone; a "%" that begins no triplet stays.
+std::string percentDecoded(std::string_view text);
+
+}  // namespace larkspan::platform

@@ -1,0 +1,83 @@
+#include "larkspan/platform/base/Utf8.h"
+
+#include <cstdint>
+#include <cstring>
+
+namespace larkspan::platform {
+
+namespace {
+
+/// Length of the well-formed sequence at `at`, or 0; `bad` gets the length of the maximal malformed prefix.
+std::size_t sequenceLength(std::string_view bytes, std::size_t at, std::size_t& bad) {
+  const auto byte = [&](std::size_t i) {
+    return i < bytes.size() ? static_cast<uint8_t>(bytes[i]) : uint8_t{0};
+  };
+  const uint8_t lead = byte(at);
+  if (lead < 0x80) return 1;
+  bad = 1;
+  std::size_t length = 0;
+  uint8_t low = 0x80;
+  uint8_t high = 0xBF;
+  if (lead >= 0xC2 && lead <= 0xDF) {
+    length = 2;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    length = 3;
+    if (lead == 0xE0) low = 0xA0;
+    if (lead == 0xED) high = 0x9F;
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    length = 4;
+    if (lead == 0xF0) low = 0x90;
+    if (lead == 0xF4) high = 0x8F;
+  } else {
+    return 0;
+  }
+  for (std::size_t i = 1; i < length; ++i) {
+    const uint8_t next = byte(at + i);
+    if (next < low || next > high) return 0;
+    low = 0x80;
+    high = 0xBF;
+    bad = i + 1;
+  }
+  return length;
+}
+
+/// The first byte from `at` on that is not part of well-formed UTF-8, or the end.
+std::size_t validPrefix(std::string_view bytes, std::size_t at, std::size_t& bad) {
+  while (at < bytes.size()) {
+    uint64_t word;
+    if (bytes.size() - at >= sizeof word) {
+      std::memcpy(&word, bytes.data() + at, sizeof word);
+      if ((word & 0x8080808080808080ULL) == 0) {
+        at += sizeof word;
+        continue;
+      }
+    }
+    const std::size_t length = sequenceLength(bytes, at, bad);
+    if (length == 0) return at;
+    at += length;
+  }
+  return bytes.size();
+}
+
+}  // namespace
+
+bool isValidUtf8(std::string_view bytes) {
+  std::size_t bad = 0;
+  return validPrefix(bytes, 0, bad) == bytes.size();
+}
+
+std::string repairedUtf8(std::string_view bytes) {
+  std::string result;
+  result.reserve(bytes.size());
+  for (std::size_t at = 0; at < bytes.size();) {
+    std::size_t bad = 0;
+    const std::size_t end = validPrefix(bytes, at, bad);
+    result.append(bytes.substr(at, end - at));
+    if (end == bytes.size()) break;
+    result += "\xEF\xBF\xBD";
+    at = end + bad;
+  }
+  return result;
+}
+
+}  // namespace larkspan::platform

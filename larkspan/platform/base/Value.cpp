@@ -1,0 +1,275 @@
+#include "larkspan/platform/base/Value.h"
+
+#include "larkspan/platform/base/Utf8.h"
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstdio>
+#include <limits>
+
+namespace larkspan::platform {
+
+namespace {
+
+/// Deeper values print as an ellipsis: an item may hold itself.
+constexpr int kDescriptionDepth = 32;
+
+/// How many descriptions are under way on this thread, through objects too.
+struct Nesting {
+  static inline thread_local int current = 0;
+  const int depth = ++current;
+  ~Nesting() { --current; }
+};
+
+int64_t saturated(double number) {
+  if (std::isnan(number)) return 0;
+  if (number >= 0x1p63) return std::numeric_limits<int64_t>::max();
+  if (number < -0x1p63) return std::numeric_limits<int64_t>::min();
+  return static_cast<int64_t>(number);
+}
+
+std::string describeFloat(double number, int digits) {
+  char text[40];
+  std::snprintf(text, sizeof text, "%.*g", digits, number);
+  return text;
+}
+
+std::strong_ordering orderAll(const Value* a, const Value* aEnd, const Value* b, const Value* bEnd) {
+  return std::lexicographical_compare_three_way(a, aEnd, b, bEnd,
+                                                [](const Value& x, const Value& y) { return order(x, y); });
+}
+
+std::strong_ordering orderEntries(const Dictionary& a, const Dictionary& b) {
+  const auto flattened = [](const Dictionary& dictionary) {
+    std::vector<std::pair<std::string_view, const Value*>> entries;
+    for (const auto& entry : dictionary) entries.emplace_back(entry.key(), &entry.value);
+    std::sort(entries.begin(), entries.end());
+    return entries;
+  };
+  const auto left = flattened(a);
+  const auto right = flattened(b);
+  return std::lexicographical_compare_three_way(left.begin(), left.end(), right.begin(), right.end(),
+                                                [](const auto& x, const auto& y) {
+                                                  const auto byKey = x.first <=> y.first;
+                                                  return byKey != 0 ? byKey : order(*x.second, *y.second);
+                                                });
+}
+
+}  // namespace
+
+Array::Array(std::vector<Value> values)
+    : values_(values.empty() ? nullptr : std::make_shared<const std::vector<Value>>(std::move(values))) {}
+Array::Array(std::initializer_list<Value> values) : Array(std::vector<Value>(values)) {}
+
+std::size_t Array::size() const { return values_ ? values_->size() : 0; }
+const Value& Array::operator[](std::size_t index) const { return (*values_)[index]; }
+const Value* Array::begin() const { return values_ ? values_->data() : nullptr; }
+const Value* Array::end() const { return values_ ? values_->data() + values_->size() : nullptr; }
+bool operator==(const Array& a, const Array& b) {
+  return a.values_ == b.values_ || std::equal(a.begin(), a.end(), b.begin(), b.end());
+}
+
+Set::Set(std::vector<Value> values) {
+  std::sort(values.begin(), values.end(), [](const Value& a, const Value& b) { return order(a, b) < 0; });
+  values.erase(std::unique(values.begin(), values.end()), values.end());
+  members_ = Array(std::move(values));
+}
+
+bool Set::contains(const Value& value) const {
+  return std::binary_search(members_.begin(), members_.end(), value,
+                            [](const Value& a, const Value& b) { return order(a, b) < 0; });
+}
+
+Value::Value(std::string_view text)
+    : content_(isValidUtf8(text) ? Slice::copy(text) : Slice::copy(repairedUtf8(text))) {}
+
+Value Value::wellFormed(Slice text) {
+  Value result;
+  result.content_ = std::move(text);
+  return result;
+}
+
+bool Value::boolValue() const {
+  if (const auto* number = std::get_if<float>(&content_)) return *number != 0;
+  if (const auto* number = std::get_if<double>(&content_)) return *number != 0;
+  return integerValue() != 0;
+}
+
+int64_t Value::integerValue() const {
+  switch (kind()) {
+    case Kind::boolean:
+      return std::get<bool>(content_) ? 1 : 0;
+    case Kind::integer:
+      return std::get<int64_t>(content_);
+    case Kind::float32:
+      return saturated(static_cast<double>(std::get<float>(content_)));
+    case Kind::float64:
+      return saturated(std::get<double>(content_));
+    default:
+      return 0;
+  }
+}
+
+double Value::doubleValue() const {
+  if (const auto* number = std::get_if<float>(&content_)) return static_cast<double>(*number);
+  if (const auto* number = std::get_if<double>(&content_)) return *number;
+  return static_cast<double>(integerValue());
+}
+
+std::optional<std::string> Value::string() const {
+  if (kind() != Kind::string) return std::nullopt;
+  return std::string(text());
+}
+
+std::string_view Value::text() const& {
+  const Slice* slice = std::get_if<Slice>(&content_);
+  return slice ? slice->view() : std::string_view();
+}
+
+std::vector<std::string> Value::strings() const {
+  std::vector<std::string> result;
+  for (const Value& member : array()) {
+    if (member.kind() == Kind::string) result.emplace_back(member.text());
+  }
+  return result;
+}
+
+std::string Value::description() const {
+  const Nesting nesting;
+  if (nesting.depth > kDescriptionDepth) return "…";
+  const auto list = [&](const Array& array, const char* open, const char* close) {
+    std::string text = open;
+    for (const Value& member : array) {
+      if (text.size() > 1) text += ", ";
+      text += member.description();
+    }
+    return text + close;
+  };
+  switch (kind()) {
+    case Kind::none:
+      return "(null)";
+    case Kind::boolean:
+      return std::get<bool>(content_) ? "true" : "false";
+    case Kind::integer:
+      return std::to_string(std::get<int64_t>(content_));
+    case Kind::float32:
+      return describeFloat(doubleValue(), std::numeric_limits<float>::max_digits10);
+    case Kind::float64:
+      return describeFloat(doubleValue(), std::numeric_limits<double>::max_digits10);
+    case Kind::string:
+      return std::string(text());
+    case Kind::data:
+      return "{" + std::to_string(std::get<Data>(content_).bytes.size()) + " bytes}";
+    case Kind::date:
+      return std::get<Date>(content_).description();
+    case Kind::url:
+      return std::get<URL>(content_).description();
+    case Kind::array:
+      return list(std::get<Array>(content_), "(", ")");
+    case Kind::set:
+      return list(std::get<Set>(content_).members(), "{", "}");
+    case Kind::error:
+      return std::get<Error>(content_).description();
+    case Kind::object:
+      return std::get<std::shared_ptr<Object>>(content_)->description();
+    case Kind::dictionary: {
+      std::string text = "{";
+      for (const auto& entry : std::get<Dictionary>(content_)) {
+        if (text.size() > 1) text += ", ";
+        text.append(entry.key()).append(" = ").append(entry.value.description());
+      }
+      return text + "}";
+    }
+  }
+  return {};
+}
+
+Value Value::deepCopy() const {
+  const auto copied = [](const Array& array) {
+    std::vector<Value> members;
+    members.reserve(array.size());
+    for (const Value& member : array) members.push_back(member.deepCopy());
+    return members;
+  };
+  switch (kind()) {
+    case Kind::array:
+      return Array(copied(std::get<Array>(content_)));
+    case Kind::set:
+      return Set(copied(std::get<Set>(content_).members()));
+    case Kind::dictionary:
+      return std::get<Dictionary>(content_).deepCopy();
+    case Kind::object: {
+      auto copy = std::get<std::shared_ptr<Object>>(content_)->deepCopy();
+      return copy ? Value(std::move(copy)) : *this;
+    }
+    default:
+      return *this;
+  }
+}
+
+bool operator==(const Value& a, const Value& b) {
+  if (a.kind() != b.kind()) return false;
+  switch (a.kind()) {
+    case Value::Kind::array:
+      return std::get<Array>(a.content_) == std::get<Array>(b.content_);
+    case Value::Kind::set:
+      return std::get<Set>(a.content_) == std::get<Set>(b.content_);
+    case Value::Kind::dictionary:
+      return std::get<Dictionary>(a.content_) == std::get<Dictionary>(b.content_);
+    case Value::Kind::error:
+      return std::get<Error>(a.content_) == std::get<Error>(b.content_);
+    case Value::Kind::object:
+      return a.object()->isEqual(*b.object());
+    default:
+      return order(a, b) == 0;
+  }
+}
+
+std::strong_ordering order(const Value& a, const Value& b) {
+  if (a.kind() != b.kind()) return a.kind() <=> b.kind();
+  switch (a.kind()) {
+    case Value::Kind::none:
+      return std::strong_ordering::equal;
+    case Value::Kind::boolean:
+    case Value::Kind::integer:
+      return a.integerValue() <=> b.integerValue();
+    case Value::Kind::float32:
+      return std::bit_cast<uint32_t>(std::get<float>(a.content_)) <=>
+             std::bit_cast<uint32_t>(std::get<float>(b.content_));
+    case Value::Kind::float64:
+      return std::bit_cast<uint64_t>(std::get<double>(a.content_)) <=>
+             std::bit_cast<uint64_t>(std::get<double>(b.content_));
+    case Value::Kind::string:
+      return a.text() <=> b.text();
+    case Value::Kind::data:
+      return std::get<Data>(a.content_).view() <=> std::get<Data>(b.content_).view();
+    case Value::Kind::date:
+      return std::get<Date>(a.content_) <=> std::get<Date>(b.content_);
+    case Value::Kind::url:
+      return std::get<URL>(a.content_) <=> std::get<URL>(b.content_);
+    case Value::Kind::set:
+    case Value::Kind::array: {
+      const Array& left =
+          a.kind() == Value::Kind::set ? std::get<Set>(a.content_).members() : std::get<Array>(a.content_);
+      const Array& right =
+          b.kind() == Value::Kind::set ? std::get<Set>(b.content_).members() : std::get<Array>(b.content_);
+      return orderAll(left.begin(), left.end(), right.begin(), right.end());
+    }
+    case Value::Kind::dictionary:
+      return orderEntries(std::get<Dictionary>(a.content_), std::get<Dictionary>(b.content_));
+    case Value::Kind::error: {
+      const Error& left = std::get<Error>(a.content_);
+      const Error& right = std::get<Error>(b.content_);
+      if (left.domain() != right.domain()) return left.domain() <=> right.domain();
+      if (left.code() != right.code()) return left.code() <=> right.code();
+      return orderEntries(left.userInfo(), right.userInfo());
+    }
+    case Value::Kind::object:
+      return std::compare_three_way()(std::get<std::shared_ptr<Object>>(a.content_).get(),
+                                      std::get<std::shared_ptr<Object>>(b.content_).get());
+  }
+  return std::strong_ordering::equal;
+}
+
+}  // namespace larkspan::platform

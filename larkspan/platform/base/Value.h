@@ -1,0 +1,179 @@
+#pragma once
+
+#include "larkspan/platform/base/Date.h"
+#include "larkspan/platform/base/Dictionary.h"
+#include "larkspan/platform/base/Error.h"
+#include "larkspan/platform/base/Object.h"
+#include "larkspan/platform/base/Slice.h"
+#include "larkspan/platform/base/URL.h"
+
+#include <compare>
+#include <concepts>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace larkspan::platform {
+
+/// Raw bytes as a value, told apart from text.
+struct Data {
+  Slice bytes;
+
+  static Data copy(std::string_view view) { return {Slice::copy(view)}; }
+  std::string_view view() const { return bytes.view(); }
+  friend bool operator==(const Data&, const Data&) = default;
+};
+
+/// Values in order; immutable, copies share the elements.
+class Array {
+ public:
+  Array() = default;
+  Array(std::vector<Value> values);
+  Array(std::initializer_list<Value> values);
+
+  std::size_t size() const;
+  bool empty() const { return size() == 0; }
+  const Value& operator[](std::size_t index) const;
+  const Value* begin() const;
+  const Value* end() const;
+  friend bool operator==(const Array& a, const Array& b);
+
+ private:
+  std::shared_ptr<const std::vector<Value>> values_;
+};
+
+/// Values without order or repetition; immutable, copies share the elements.
+class Set {
+ public:
+  Set() = default;
+  /// Equal values collapse into one.
+  explicit Set(std::vector<Value> values);
+
+  bool contains(const Value& value) const;
+  /// The members in an order of the set's own.
+  const Array& members() const { return members_; }
+  friend bool operator==(const Set& a, const Set& b) { return a.members_ == b.members_; }
+
+ private:
+  Array members_;
+};
+
+/// One value of the kinds that can travel between processes. A number remembers what it holds and converts on
+/// reading; a typed getter that meets another kind answers 0, false or nothing and never fails.
+/// Strings are well-formed UTF-8 always: what is not is repaired (U+FFFD) on the way in.
+/// Thread: as std::string; copies may be used from different threads.
+class Value {
+ public:
+  enum class Kind : uint8_t {
+    none,
+    boolean,
+    integer,
+    float32,
+    float64,
+    string,
+    data,
+    date,
+    url,
+    array,
+    dictionary,
+    set,
+    error,
+    object,
+  };
+
+  Value() = default;
+  Value(std::same_as<bool> auto value) : content_(value) {}
+  template <std::integral T>
+  requires(!std::same_as<T, bool> && !std::same_as<T, char> && (sizeof(T) < 8 || std::signed_integral<T>))
+      Value(T value)
+      : content_(static_cast<int64_t>(value)) {}
+  Value(float value) : content_(value) {}
+  Value(double value) : content_(value) {}
+  Value(std::string_view text);
+  Value(const std::string& text) : Value(std::string_view(text)) {}
+  Value(const char* text) : Value(std::string_view(text)) {}
+  Value(Data data) : content_(std::move(data)) {}
+  Value(Date date) : content_(date) {}
+  Value(URL url) : content_(std::move(url)) {}
+  Value(Array array) : content_(std::move(array)) {}
+  Value(Dictionary dictionary) : content_(std::move(dictionary)) {}
+  Value(Set set) : content_(std::move(set)) {}
+  Value(Error error) : content_(std::move(error)) {}
+  /// A null pointer is none.
+  template <std::derived_from<Object> T>
+  Value(std::shared_ptr<T> object) {
+    if (object) content_ = std::shared_ptr<Object>(std::move(object));
+  }
+  /// Nothing is none.
+  template <typename T>
+  requires std::constructible_from<Value, T> Value(std::optional<T> value) {
+    if (value) *this = Value(std::move(*value));
+  }
+  /// A string whose bytes are known to be well-formed UTF-8 and are shared, not copied.
+  static Value wellFormed(Slice text);
+
+  Kind kind() const { return static_cast<Kind>(content_.index()); }
+  bool isNone() const { return kind() == Kind::none; }
+  bool isNumber() const { return kind() >= Kind::boolean && kind() <= Kind::float64; }
+
+  bool boolValue() const;
+  /// Fractions are cut off towards zero, what does not fit saturates.
+  int64_t integerValue() const;
+  double doubleValue() const;
+
+  std::optional<std::string> string() const;
+  /// The text without a copy, empty for other kinds; lives as long as this value is not assigned to.
+  std::string_view text() const&;
+  std::string_view text() const&& = delete;
+  std::optional<Data> data() const { return copyOf<Data>(); }
+  std::optional<Date> date() const { return copyOf<Date>(); }
+  std::optional<URL> url() const { return copyOf<URL>(); }
+  /// Empty for other kinds, as are `dictionary()` and `set()`.
+  Array array() const { return copyOf<Array>().value_or(Array()); }
+  Dictionary dictionary() const { return copyOf<Dictionary>().value_or(Dictionary()); }
+  Set set() const { return copyOf<Set>().value_or(Set()); }
+  std::optional<Error> error() const { return copyOf<Error>(); }
+  std::shared_ptr<Object> object() const { return copyOf<std::shared_ptr<Object>>().value_or(nullptr); }
+  /// The object if it is of that class.
+  template <typename T>
+  std::shared_ptr<T> objectOf() const {
+    return std::dynamic_pointer_cast<T>(object());
+  }
+  /// The strings of an array; members of other kinds are left out.
+  std::vector<std::string> strings() const;
+
+  /// As `%@` prints it: strings as they stand, "(null)" for none.
+  std::string description() const;
+  /// A copy that shares no array, dictionary or copyable object with this one.
+  Value deepCopy() const;
+
+  /// Equal kinds and contents: 1, 1.0 and true are three values. Floats compare by their bits, so that a set
+  /// can hold any of them; objects by `isEqual`.
+  friend bool operator==(const Value& a, const Value& b);
+  /// A total order without meaning of its own, for sorting.
+  friend std::strong_ordering order(const Value& a, const Value& b);
+
+ private:
+  using Content = std::variant<std::monostate, bool, int64_t, float, double, Slice, Data, Date, URL, Array,
+                               Dictionary, Set, Error, std::shared_ptr<Object>>;
+  template <typename T>
+  std::optional<T> copyOf() const {
+    const T* content = std::get_if<T>(&content_);
+    return content ? std::optional<T>(*content) : std::nullopt;
+  }
+
+  Content content_;
+};
+
+struct Dictionary::Entry {
+  Slice name;
+  Value value;
+
+  std::string_view key() const { return name.view(); }
+};
+
+}  // namespace larkspan::platform
