@@ -1,8 +1,6 @@
 #pragma once
 
 #include <chrono>
-#include <cstdint>
-#include <memory>
 
 namespace larkspan::platform {
 
@@ -22,6 +20,19 @@ class Clock {
 
   /// The installed clock: the system's unless a test installed another.
   static Clock& current();
+  /// The system's clock, whatever is installed.
+  static Clock& system();
+  /// Makes `clock` (null: the system's) the current one and returns what was current. The caller keeps a
+  /// clock alive while it is installed; dispatch/ManualClock.h does both.
+  static Clock* install(Clock* clock);
+
+ protected:
+  Clock() = default;
+  Clock(const Clock&) = delete;
+  Clock& operator=(const Clock&) = delete;
 };
+
+/// Seconds as nanoseconds, truncated toward zero. Beyond 64 bits it saturates; not-a-number is 0.
+std::chrono::nanoseconds nanosecondsFromSeconds(double seconds);
 
 }  // namespace larkspan::platform

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "larkspan/platform/base/Clock.h"
 #include "larkspan/platform/dispatch/Task.h"
 
 #include <chrono>
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -20,10 +20,14 @@ enum class QualityOfService : int {
 
 /// A queue of tasks over the process's worker pool.
 /// A serial queue runs one task at a time in the order of submission; a concurrent queue starts tasks in
-/// order and runs them side by side.
+/// order and runs them side by side. What a task of a serial queue captured is destroyed before the next
+/// task starts.
 /// Owner:   whoever submits; queued tasks run even if every handle on the queue is dropped.
-/// Thread:  tasks run on pool threads (main queue: on the initial thread). Submission from any thread.
+/// Thread:  tasks run on pool threads (main queue: on the initial thread; `sync`: perhaps on the caller's).
+///          Submission from any thread.
 /// Failure: an exception that leaves a task ends the program.
+/// Limits:  64 normal and 64 utility tasks may block at once; work queued behind so many waits for one of
+/// them.
 class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
  public:
   static std::shared_ptr<DispatchQueue> makeSerial(std::string label,
@@ -47,24 +51,31 @@ class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
   virtual void async(Task task) = 0;
   /// Submits a task that becomes due once `delay` has passed on the current clock; never early.
   void after(std::chrono::nanoseconds delay, Task task);
-  /// Runs a task on the queue and returns when it is done. Calling it from a task of the same serial
-  /// queue is a mistake: throws std::logic_error.
+  /// Runs a task on the queue and returns when it is done and destroyed; an idle serial queue runs it on the
+  /// calling thread. Calling it from a task of the same serial queue is a mistake: throws std::logic_error.
   void sync(Task task);
-  /// Whether the calling thread is running a task of this queue.
+  /// Whether the calling thread is running a task of this queue, or one on behalf of such a task that waits
+  /// in `sync`.
   virtual bool isCurrent() const = 0;
 
  protected:
   DispatchQueue() = default;
+  /// Runs `task` on the calling thread if the queue allows that at this moment; otherwise leaves it alone and
+  /// answers false.
+  virtual bool runNow(Task& task);
 };
 
-/// Runs main-queue tasks on the calling (initial) thread until `stopMainQueue()`.
+/// Runs main-queue tasks on the calling thread until `stopMainQueue()`. Throws std::logic_error off the
+/// initial thread and in a main-queue task.
 void runMainQueue();
-/// Makes `runMainQueue()` return after the task it is in. Any thread; async-signal-unsafe.
+/// Makes `runMainQueue()` return after the task it is in, or the next call return at once if none is running.
+/// Tasks that are still queued stay queued. Any thread; async-signal-unsafe.
 void stopMainQueue();
 /// A descriptor that is readable while the main queue has a task, for a foreign event loop, which then
-/// calls `drainMainQueue()` on the initial thread.
+/// calls `drainMainQueue()` on the initial thread. Only to be watched; it lives as long as the process.
 int mainQueueDescriptor();
-/// Runs the main-queue tasks that are due now, without waiting; returns how many ran.
+/// Runs the main-queue tasks that are due now, without waiting and without those that they add; returns how
+/// many ran. Throws like `runMainQueue()`.
 std::size_t drainMainQueue();
 
 }  // namespace larkspan::platform

@@ -1,0 +1,78 @@
+#include "larkspan/platform/dispatch/MainQueue.h"
+
+#include "larkspan/platform/dispatch/Thread.h"
+
+#include <stdexcept>
+
+#include <poll.h>
+#include <sys/eventfd.h>
+
+namespace larkspan::platform {
+
+MainQueue::MainQueue()
+    : SerialQueue("main", QualityOfService::userInteractive),
+      descriptor_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+MainQueue& MainQueue::shared() { return static_cast<MainQueue&>(*DispatchQueue::main()); }
+
+const std::shared_ptr<DispatchQueue>& DispatchQueue::main() {
+  static auto* const queue = new std::shared_ptr<DispatchQueue>(new MainQueue);
+  return *queue;
+}
+
+void MainQueue::checkCaller() const {
+  if (!isInitialThread()) throw std::logic_error("the main queue runs on the initial thread only");
+  if (isCurrent()) throw std::logic_error("the main queue is run from one of its own tasks");
+}
+
+void MainQueue::schedule() { eventfd_write(descriptor_, 1); }
+
+std::size_t MainQueue::drain(bool untilStopped) {
+  checkCaller();
+  eventfd_t announced;
+  eventfd_read(descriptor_, &announced);
+  if (isIdle()) return 0;
+
+  const RunningFrame frame(this);
+  std::size_t ran = 0;
+  for (takeTasks(); hasPending() && !(untilStopped && stopping_.load(std::memory_order_relaxed)); ++ran)
+    runOne();
+  if (hasPending() || !release()) schedule();
+  IdleSignal::notify();
+  return ran;
+}
+
+void MainQueue::run() {
+  checkCaller();
+  while (!stopping_.load()) {
+    if (drain(true) != 0) continue;
+    pollfd watched{descriptor_, POLLIN, 0};
+    poll(&watched, 1, -1);
+  }
+  stopping_ = false;
+}
+
+void MainQueue::stop() {
+  stopping_ = true;
+  schedule();
+}
+
+bool MainQueue::runNow(Task& task) {
+  if (isCurrent()) throw std::logic_error("sync from a task of the main queue");
+  if (!isInitialThread()) return false;
+  bool done = false;
+  async([&task, &done] {
+    task();
+    task.reset();
+    done = true;
+  });
+  while (!done) drain();
+  return true;
+}
+
+void runMainQueue() { MainQueue::shared().run(); }
+void stopMainQueue() { MainQueue::shared().stop(); }
+int mainQueueDescriptor() { return MainQueue::shared().descriptor(); }
+std::size_t drainMainQueue() { return MainQueue::shared().drain(); }
+
+}  // namespace larkspan::platform

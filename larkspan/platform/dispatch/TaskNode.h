@@ -1,0 +1,23 @@
+#pragma once
+
+#include "larkspan/platform/dispatch/Task.h"
+
+#include <memory>
+
+namespace larkspan::platform {
+
+class PooledQueue;
+
+/// A queued task. Nodes are recycled: each thread keeps some, and hands surplus on in batches to threads that
+/// post more than they run.
+struct TaskNode {
+  TaskNode* next = nullptr;
+  std::shared_ptr<PooledQueue> owner;  ///< The queue to run it; set only on nodes given to a worker pool.
+  Task task;
+
+  static TaskNode* make(Task&& task);
+  /// Takes a node back whose task and owner are empty.
+  static void recycle(TaskNode* node);
+};
+
+}  // namespace larkspan::platform

@@ -1,0 +1,246 @@
+#include "larkspan/platform/dispatch/WorkerPool.h"
+
+#include "larkspan/platform/dispatch/Thread.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <system_error>
+#include <thread>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace larkspan::platform {
+namespace {
+
+constexpr auto kIdleLife = std::chrono::seconds(5);
+constexpr auto kTick = std::chrono::milliseconds(2);
+constexpr auto kTickAtCap = std::chrono::milliseconds(50);
+// Workers that wait by spinning look busy. After this many ticks without progress one is added anyway.
+constexpr unsigned kPatience = 50;
+constexpr int kSearchSpins = 100;
+
+unsigned processorCount() {
+  static const unsigned count = std::max(2U, std::thread::hardware_concurrency());
+  return count;
+}
+
+void relaxProcessor() {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#elif defined(__aarch64__)
+  asm volatile("yield");
+#endif
+}
+
+// The third field of /proc/self/task/TID/stat, proc(5). A thread that cannot be looked at counts as blocked.
+bool isRunnable(int thread) {
+  char path[48];
+  std::snprintf(path, sizeof path, "/proc/self/task/%d/stat", thread);
+  const int descriptor = open(path, O_RDONLY | O_CLOEXEC);
+  if (descriptor < 0) return false;
+  char text[128];
+  const ssize_t size = read(descriptor, text, sizeof text - 1);
+  close(descriptor);
+  text[std::max<ssize_t>(size, 0)] = '\0';
+  const char* const name = std::strrchr(text, ')');
+  return name && std::strncmp(name, ") R", 3) == 0;
+}
+
+}  // namespace
+
+struct WorkerPool::Worker {
+  int thread = gettid();
+  bool woken = false;
+  const DispatchQueue* running = nullptr;
+  std::condition_variable wake;
+};
+
+WorkerPool& WorkerPool::normalPool() {
+  static auto* const pool = new WorkerPool(false);
+  return *pool;
+}
+
+WorkerPool& WorkerPool::lowPool() {
+  static auto* const pool = new WorkerPool(true);
+  return *pool;
+}
+
+WorkerPool& WorkerPool::forQuality(QualityOfService quality) {
+  return quality == QualityOfService::utility || quality == QualityOfService::background ? lowPool()
+                                                                                         : normalPool();
+}
+
+bool WorkerPool::allIdle(std::string& busy, bool (*others)(std::string& busy)) {
+  WorkerPool& normal = normalPool();
+  WorkerPool& low = lowPool();
+  const std::scoped_lock lock(normal.mutex_, low.mutex_);
+  for (const WorkerPool* pool : {&normal, &low}) {
+    for (const Worker* worker : pool->workers_)
+      if (worker->running) {
+        busy = worker->running->label();
+        return false;
+      }
+    if (pool->first_) {
+      busy = pool->first_->owner->label();
+      return false;
+    }
+  }
+  return others(busy);
+}
+
+void WorkerPool::push(TaskNode* node) {
+  const std::lock_guard lock(mutex_);
+  node->next = nullptr;
+  (last_ ? last_->next : first_) = node;
+  last_ = node;
+  waiting_.store(waiting_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  summonWorker();
+}
+
+TaskNode* WorkerPool::pop() {
+  TaskNode* const node = first_;
+  if (!node) return nullptr;
+  first_ = node->next;
+  if (!first_) last_ = nullptr;
+  waiting_.store(waiting_.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
+  ++taken_;
+  return node;
+}
+
+// Sees to it that the waiting work will be taken: by the worker that is already on its way, by a sleeper, by
+// a new worker, or else by whoever finishes first, with the monitor watching that somebody does.
+void WorkerPool::summonWorker() {
+  if (searching_ != 0) return;
+  if (!sleepers_.empty()) {
+    Worker* const worker = sleepers_.back();
+    sleepers_.pop_back();
+    ++searching_;
+    worker->woken = true;
+    worker->wake.notify_one();
+    return;
+  }
+  if (count_ < processorCount()) return spawn();
+  if (!hasMonitor_) {
+    startThread("lks-monitor", [this] { monitor(); });
+    hasMonitor_ = true;
+  } else if (monitorSleeps_) {
+    monitorSleeps_ = false;
+    monitorWake_.notify_one();
+  }
+}
+
+void WorkerPool::spawn() {
+  try {
+    if (low_)
+      startLowPriorityThread("lks-utility", [this] { work(); });
+    else
+      startThread("lks-worker", [this] { work(); });
+  } catch (const std::system_error&) {
+    if (count_ == 0) throw;
+    return;
+  }
+  ++count_;
+  ++searching_;
+}
+
+void WorkerPool::work() {
+  Worker self;
+  std::shared_ptr<PooledQueue> owner;
+  std::unique_lock lock(mutex_);
+  workers_.push_back(&self);
+  bool searching = true;
+  for (;;) {
+    if (TaskNode* const node = pop()) {
+      if (searching) --searching_;
+      searching = false;
+      if (first_) summonWorker();
+      owner = std::move(node->owner);
+      self.running = owner.get();
+      ++busy_;
+      lock.unlock();
+      owner->execute(node);
+      lock.lock();
+      self.running = nullptr;
+      owner.reset();
+      if (--busy_ == 0 && !first_) IdleSignal::notify();
+      continue;
+    }
+    if (!searching && searching_ == 0) {
+      searching = true;
+      ++searching_;
+      lock.unlock();
+      for (int spins = 0; spins < kSearchSpins && !hasWaiting(); ++spins) relaxProcessor();
+      lock.lock();
+      continue;
+    }
+    if (searching) --searching_;
+    self.woken = false;
+    sleepers_.push_back(&self);
+    if (!self.wake.wait_for(lock, kIdleLife, [&self] { return self.woken; })) {
+      std::erase(sleepers_, &self);
+      std::erase(workers_, &self);
+      --count_;
+      return;
+    }
+    searching = true;
+  }
+}
+
+void WorkerPool::monitor() {
+  std::vector<int> threads;
+  std::unique_lock lock(mutex_);
+  for (;;) {
+    while (!first_) {
+      monitorSleeps_ = true;
+      monitorWake_.wait(lock);
+      monitorSleeps_ = false;
+    }
+    for (unsigned quiet = 0; first_ && quiet <= kPatience; ++quiet) {
+      const uint64_t before = taken_;
+      const auto tick = count_ < kMaxWorkers ? kTick : kTickAtCap;
+      lock.unlock();
+      std::this_thread::sleep_for(tick);
+      lock.lock();
+      if (!first_ || taken_ != before || searching_ != 0) break;
+      threads.clear();
+      for (const Worker* worker : workers_) threads.push_back(worker->thread);
+      lock.unlock();
+      const auto runnable = static_cast<unsigned>(std::count_if(threads.begin(), threads.end(), isRunnable));
+      lock.lock();
+      if (taken_ != before) break;
+      unsigned wanted = runnable < processorCount() ? processorCount() - runnable : quiet == kPatience;
+      for (; wanted != 0 && first_ && count_ < kMaxWorkers; --wanted) spawn();
+    }
+  }
+}
+
+std::atomic<int> IdleSignal::listeners_{0};
+
+namespace {
+int idleDescriptor() {
+  static const int descriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  return descriptor;
+}
+}  // namespace
+
+IdleSignal::Listener::Listener() {
+  idleDescriptor();
+  ++listeners_;
+}
+
+IdleSignal::Listener::~Listener() { --listeners_; }
+
+void IdleSignal::Listener::wait(int descriptor, std::chrono::milliseconds timeout) {
+  pollfd watched[2] = {{idleDescriptor(), POLLIN, 0}, {descriptor, POLLIN, 0}};
+  poll(watched, 2, static_cast<int>(timeout.count()));
+  eventfd_t count;
+  if (watched[0].revents) eventfd_read(idleDescriptor(), &count);
+}
+
+void IdleSignal::write() { eventfd_write(idleDescriptor(), 1); }
+
+}  // namespace larkspan::platform

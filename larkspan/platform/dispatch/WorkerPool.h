@@ -1,0 +1,98 @@
+#pragma once
+
+#include "larkspan/platform/dispatch/DispatchQueue.h"
+#include "larkspan/platform/dispatch/TaskNode.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace larkspan::platform {
+
+/// A queue whose work the pools run.
+class PooledQueue : public DispatchQueue {
+ public:
+  /// Runs what `node` stands for; called by a worker that holds the queue alive.
+  virtual void execute(TaskNode* node) noexcept = 0;
+};
+
+/// The worker threads: one pool for normal work, one for utility and background work.
+///
+/// A pool keeps as many workers as there are processors. Only when work waits and no worker has taken any
+/// for some milliseconds does the pool's monitor look at the workers, and adds one for each processor that
+/// they leave unused because they are blocked, up to `kMaxWorkers`. A worker without work looks for some for
+/// microseconds, sleeps on its own condition for seconds, then ends. At most one worker is on its way to the
+/// work at a time, and it wakes the next when it finds more than it takes: a burst of tasks does not wake
+/// the whole pool, and a task posted while a worker is looking costs no system call.
+///
+/// Limits: `kMaxWorkers` tasks that are all blocked on tasks queued behind them wait forever.
+class WorkerPool {
+ public:
+  static constexpr unsigned kMaxWorkers = 64;
+
+  static WorkerPool& forQuality(QualityOfService);
+  /// Whether at one instant neither pool runs or holds any work and `others` answers true. If not, `busy`
+  /// gets the label of a queue that has some, or is left to `others`, which must not enter a pool.
+  static bool allIdle(std::string& busy, bool (*others)(std::string& busy));
+
+  /// Adds work at the end. `node->owner` is the queue that will be asked to execute it.
+  void push(TaskNode* node);
+  /// Whether work waits for a worker: time for a queue with much to do to stand aside.
+  bool hasWaiting() const { return waiting_.load(std::memory_order_relaxed) != 0; }
+
+ private:
+  struct Worker;
+
+  explicit WorkerPool(bool low) : low_(low) {}
+  static WorkerPool& normalPool();
+  static WorkerPool& lowPool();
+
+  void work();
+  void monitor();
+  TaskNode* pop();
+  void summonWorker();
+  void spawn();
+
+  const bool low_;
+  std::mutex mutex_;
+  TaskNode* first_ = nullptr;  // Waiting work, oldest first.
+  TaskNode* last_ = nullptr;
+  std::atomic<std::size_t> waiting_{0};  // Written under the mutex.
+  uint64_t taken_ = 0;                   // Work ever taken; tells the monitor of progress.
+  std::vector<Worker*> workers_;
+  std::vector<Worker*> sleepers_;  // The last to fall asleep wakes first, so that the others time out.
+  unsigned count_ = 0;             // Workers, started or starting.
+  unsigned searching_ = 0;         // Workers on their way to the work.
+  unsigned busy_ = 0;
+  bool hasMonitor_ = false;
+  bool monitorSleeps_ = false;
+  std::condition_variable monitorWake_;
+};
+
+/// Tells whoever waits for the process to become idle (a manual clock) that something finished.
+/// Costs one relaxed load while nobody waits.
+class IdleSignal {
+ public:
+  /// Notifications are recorded while one of these lives.
+  class Listener {
+   public:
+    Listener();
+    ~Listener();
+    /// Waits for a notification or for `descriptor` (-1: none) to become readable, at most `timeout`.
+    void wait(int descriptor, std::chrono::milliseconds timeout);
+  };
+
+  static void notify() {
+    if (listeners_.load() != 0) write();
+  }
+
+ private:
+  static void write();
+  static std::atomic<int> listeners_;
+};
+
+}  // namespace larkspan::platform
