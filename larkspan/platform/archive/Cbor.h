@@ -10,6 +10,16 @@
 
 namespace larkspan::platform {
 
+namespace detail {
+
+inline uint64_t loadBigEndian(const char* from, std::size_t size) {
+  uint64_t value = 0;
+  for (std::size_t i = 0; i < size; ++i) value = value << 8 | static_cast<uint8_t>(from[i]);
+  return value;
+}
+
+}  // namespace detail
+
 /// The major types of RFC 8949, section 3.1.
 enum class CborMajor : uint8_t { unsignedInteger, negativeInteger, bytes, text, array, map, tag, simple };
 
@@ -136,7 +146,16 @@ class CborReader {
   void moveTo(std::size_t position) { position_ = position; }
 
  private:
-  CborHead headAt(std::size_t& at) const;
+  CborHead headAt(std::size_t& at) const {
+    const auto first = static_cast<uint8_t>(bytes_[at++]);
+    CborHead head{static_cast<CborMajor>(first >> 5), static_cast<uint8_t>(first & 31), first & 31U};
+    if (head.info >= 24) {
+      const std::size_t size = std::size_t{1} << (head.info - 24);
+      head.argument = detail::loadBigEndian(bytes_.data() + at, size);
+      at += size;
+    }
+    return head;
+  }
 
   std::string_view bytes_;
   std::size_t position_ = 0;

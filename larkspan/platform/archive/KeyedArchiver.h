@@ -47,12 +47,14 @@ class KeyedArchiver {
   KeyedArchiver(CborWriter& writer, unsigned depth) : writer_(writer), depth_(depth) {}
 
   void write(const Value& value);
+  void writeText(std::string_view text);
   void writeArray(const Array& array);
   void writeDictionary(const Dictionary& dictionary);
   void writeDate(const Date& date);
   void writeError(const Error& error);
   void writeObject(const Object& object);
-  bool beginField(std::string_view key);
+  void writeField(std::string_view key, const Value& value);
+  void writeEntry(std::string_view key, const Value& value);
   bool hasRoom(std::size_t bytes);
   bool enter(unsigned levels);
   void fail(ArchiveErrorCode code, std::string_view fault);

@@ -58,45 +58,58 @@ class KeyedUnarchiver {
   /// None when the key is absent. These classes alone are admitted there, whatever is admitted around the
   /// object; any other class fails the archive.
   Value decodeObject(std::string_view key, const ClassSet& classes);
-  /// All fields, for objects whose fields are not fixed, each with a value that these classes admit.
+  /// All fields, for objects whose fields are not fixed: their values are admitted as a dictionary's members.
+  /// Called instead of the other decoders.
   Dictionary decodeEntries(const ClassSet& classes);
 
-  /// The classes admitted where the object stands: for containers that pass them on to what they hold.
-  const ClassSet& allowedClasses() const { return *allowed_; }
+  /// The classes admitted where the object stands: for objects that pass them on to what they hold.
+  const ClassSet& allowedClasses() const { return *object_.allowed; }
   /// Makes the archive fail for a reason of the class's own.
   void fail(Error error);
 
  private:
   friend Result decodeValue(const Slice& frame, CborReader& reader, const ClassSet& classes);
+
+  enum class Place { outermost, within };
   struct Field {
     std::string_view key;
     std::size_t position;
   };
-  enum class Place { outermost, within };
+  /// The object being read. Its map is walked as its fields are asked for, and no part of it twice but for
+  /// fields asked for in another order than they stand.
+  struct ObjectState {
+    const ClassSet* allowed = nullptr;
+    std::size_t start = 0;
+    uint64_t size = 0;
+    /// Where this object's part of `passed_` begins.
+    std::size_t firstPassed = 0;
+    /// Where the walk stands: at a key, or at the value of the field passed last.
+    std::size_t walk = 0;
+    bool walkAtValue = false;
+    uint64_t fieldsLeft = 0;
+  };
 
   KeyedUnarchiver(const Slice& frame, std::size_t position);
 
   Value read(const ClassSet& classes, Place place);
-  Value readArray(uint64_t size, const ClassSet& classes);
+  std::vector<Value> readMembers(uint64_t size, const ClassSet& classes);
   Value readTagged(uint64_t tag, const ClassSet& classes, Place place, std::size_t start);
   Value readObject(const ClassSet& classes, Place place, std::size_t start);
-  Value readDate(uint64_t tag, std::size_t start);
   Value readError();
   Dictionary readDictionary(uint64_t size, const ClassSet& classes);
+  Value readFound(const ClassSet& classes);
   Value decodeNumber(std::string_view key);
   bool find(std::string_view key);
+  void passRest();
   Value fault(ArchiveErrorCode code, std::string_view text, std::size_t offset);
+  Value forbidden(std::string_view what, std::size_t offset);
 
   const Slice& frame_;
   CborReader reader_;
   std::optional<Error> error_;
-  const ClassSet* allowed_ = nullptr;
-  /// Of the objects under way, the innermost last: the fields already passed.
-  std::vector<Field> fields_;
-  std::size_t firstField_ = 0;
-  /// Of the innermost object: where the first field not passed stands, and how many there are.
-  std::size_t nextField_ = 0;
-  uint64_t fieldsLeft_ = 0;
+  ObjectState object_;
+  /// The fields that the walks have passed, of all objects under way, the innermost last.
+  std::vector<Field> passed_;
 };
 
 }  // namespace larkspan::platform
