@@ -36,10 +36,10 @@ class ClassSet {
   }
 
   bool admits(ValueClass value) const { return (values_ & bit(value)) != 0; }
-  /// The same for a member of a container.
-  bool admitsWithin(ValueClass value) const {
-    return admits(value) ||
-           (value == ValueClass::string && objects_.empty() && (values_ & ~kContainers) == 0);
+  /// Whether members of containers may be strings.
+  bool admitsStringsWithin() const {
+    constexpr int containers = bit(ValueClass::array) | bit(ValueClass::dictionary) | bit(ValueClass::set);
+    return admits(ValueClass::string) || (objects_.empty() && (values_ & ~containers) == 0);
   }
   /// The class of that name, or null if the set does not hold it.
   const ObjectClass* objectClass(std::string_view name) const {
@@ -53,7 +53,6 @@ class ClassSet {
   static constexpr uint16_t bit(ValueClass value) {
     return static_cast<uint16_t>(1 << static_cast<int>(value));
   }
-  static constexpr uint16_t kContainers = 0b111;
 
   uint16_t values_ = 0;
   std::vector<const ObjectClass*> objects_;

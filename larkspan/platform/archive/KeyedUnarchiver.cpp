@@ -84,61 +84,56 @@ Value KeyedUnarchiver::forbidden(std::string_view what, std::size_t offset) {
 Value KeyedUnarchiver::read(const ClassSet& classes, Place place) {
   const std::size_t start = reader_.position();
   const CborHead head = reader_.next();
-  const auto admits = [&](ValueClass value) {
-    return place == Place::within ? classes.admitsWithin(value) : classes.admits(value);
-  };
   switch (head.major) {
     case CborMajor::unsignedInteger:
     case CborMajor::negativeInteger:
-      if (!admits(ValueClass::number)) return forbidden("A number", start);
+      if (!classes.admits(ValueClass::number)) return forbidden("A number", start);
       return head.integer();
     case CborMajor::simple:
       if (head.isNull()) return {};
-      if (!admits(ValueClass::number)) return forbidden("A number", start);
+      if (!classes.admits(ValueClass::number)) return forbidden("A number", start);
       if (head.isBoolean()) return head.boolean();
       if (head.info == 27) return head.real();
       return static_cast<float>(head.real());
     case CborMajor::text:
-      if (!admits(ValueClass::string)) return forbidden("A string", start);
+      if (!(place == Place::within ? classes.admitsStringsWithin() : classes.admits(ValueClass::string)))
+        return forbidden("A string", start);
       return Value::wellFormed(contentOf(frame_, reader_.content(head)));
     case CborMajor::bytes:
-      if (!admits(ValueClass::data)) return forbidden("Data", start);
+      if (!classes.admits(ValueClass::data)) return forbidden("Data", start);
       return Data{contentOf(frame_, reader_.content(head))};
     case CborMajor::array:
-      if (!admits(ValueClass::array)) return forbidden("An array", start);
+      if (!classes.admits(ValueClass::array)) return forbidden("An array", start);
       return Array(readMembers(head.argument, classes));
     case CborMajor::map:
-      if (!admits(ValueClass::dictionary)) return forbidden("A dictionary", start);
+      if (!classes.admits(ValueClass::dictionary)) return forbidden("A dictionary", start);
       return readDictionary(head.argument, classes);
     case CborMajor::tag:
-      return readTagged(head.argument, classes, place, start);
+      return readTagged(head.argument, classes, start);
   }
   return {};
 }
 
-Value KeyedUnarchiver::readTagged(uint64_t tag, const ClassSet& classes, Place place, std::size_t start) {
-  const auto admits = [&](ValueClass value) {
-    return place == Place::within ? classes.admitsWithin(value) : classes.admits(value);
-  };
+Value KeyedUnarchiver::readTagged(uint64_t tag, const ClassSet& classes, std::size_t start) {
   switch (static_cast<CborTag>(tag)) {
     case CborTag::object:
-      return readObject(classes, place, start);
+      return readObject(classes, start);
     case CborTag::epochTime:
     case CborTag::extendedTime: {
-      if (!admits(ValueClass::date)) return forbidden("A date", start);
+      if (!classes.admits(ValueClass::date)) return forbidden("A date", start);
       const CborHead head = reader_.next();
       auto date =
           tag == static_cast<uint64_t>(CborTag::epochTime) ? epochTime(head) : extendedTime(head, reader_);
       return date ? *date : fault(ArchiveErrorCode::malformed, "A malformed date", start);
     }
     case CborTag::uri: {
-      if (!admits(ValueClass::url)) return forbidden("A URL", start);
+      if (!classes.admits(ValueClass::url)) return forbidden("A URL", start);
       const CborHead head = reader_.next();
       auto url = head.major == CborMajor::text ? URL::parse(reader_.content(head)) : std::nullopt;
       return url ? Value(std::move(url)) : fault(ArchiveErrorCode::malformed, "A malformed URL", start);
     }
     case CborTag::set: {
-      if (!admits(ValueClass::set)) return forbidden("A set", start);
+      if (!classes.admits(ValueClass::set)) return forbidden("A set", start);
       const CborHead head = reader_.next();
       if (head.major != CborMajor::array) return fault(ArchiveErrorCode::malformed, "A malformed set", start);
       return Set(readMembers(head.argument, classes));
@@ -164,7 +159,7 @@ Dictionary KeyedUnarchiver::readDictionary(uint64_t size, const ClassSet& classe
   return result;
 }
 
-Value KeyedUnarchiver::readObject(const ClassSet& classes, Place place, std::size_t start) {
+Value KeyedUnarchiver::readObject(const ClassSet& classes, std::size_t start) {
   const auto malformed = [&] { return fault(ArchiveErrorCode::malformed, "A malformed object", start); };
   const CborHead pair = reader_.next();
   if (pair.major != CborMajor::array || pair.argument != 2) return malformed();

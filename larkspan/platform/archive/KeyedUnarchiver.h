@@ -93,8 +93,8 @@ class KeyedUnarchiver {
 
   Value read(const ClassSet& classes, Place place);
   std::vector<Value> readMembers(uint64_t size, const ClassSet& classes);
-  Value readTagged(uint64_t tag, const ClassSet& classes, Place place, std::size_t start);
-  Value readObject(const ClassSet& classes, Place place, std::size_t start);
+  Value readTagged(uint64_t tag, const ClassSet& classes, std::size_t start);
+  Value readObject(const ClassSet& classes, std::size_t start);
   Value readError();
   Dictionary readDictionary(uint64_t size, const ClassSet& classes);
   Value readFound(const ClassSet& classes);
