@@ -1,0 +1,164 @@
+#pragma once
+
+#include "larkspan/platform/base/Error.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace larkspan::platform {
+
+namespace detail {
+
+inline uint64_t loadBigEndian(const char* from, std::size_t size) {
+  uint64_t value = 0;
+  for (std::size_t i = 0; i < size; ++i) value = value << 8 | static_cast<uint8_t>(from[i]);
+  return value;
+}
+
+}  // namespace detail
+
+/// The major types of RFC 8949, section 3.1.
+enum class CborMajor : uint8_t { unsignedInteger, negativeInteger, bytes, text, array, map, tag, simple };
+
+/// The tags in use, from the IANA registry "CBOR Tags".
+enum class CborTag : uint64_t {
+  epochTime = 1,        ///< Seconds since 1970, integer or float (RFC 8949, section 3.4.2); only read.
+  object = 27,          ///< [class name, {key: value}] (http://cbor.schmorp.de/generic-object).
+  uri = 32,             ///< A text string (RFC 8949, section 3.4.5.3).
+  set = 258,            ///< An array (https://github.com/input-output-hk/cbor-sets-spec).
+  extendedTime = 1001,  ///< {1: seconds since 1970, -9: nanoseconds} (RFC 9581, section 3).
+};
+
+/// Appends CBOR to a string: definite lengths, the shortest heads. Checks nothing: the caller writes as many
+/// items as the heads promise, and text that is UTF-8.
+/// Owner:  the string stays the caller's and must outlive the writer.
+/// Thread: one at a time.
+class CborWriter {
+ public:
+  /// Writes after what the string holds already, which is not counted in `size()`.
+  explicit CborWriter(std::string& out) : out_(out), start_(out.size()) {}
+
+  void null() { single(0xF6); }
+  void boolean(bool value) { single(value ? 0xF5 : 0xF4); }
+  void integer(int64_t value);
+  void float32(float value);
+  void float64(double value);
+  void text(std::string_view utf8);
+  void bytes(std::string_view raw);
+  /// The head of an array; the items follow.
+  void array(std::size_t items) { head(CborMajor::array, items); }
+  /// The head of a map; keys and values follow in turn.
+  void map(std::size_t entries) { head(CborMajor::map, entries); }
+  /// The tagged item follows.
+  void tag(CborTag number) { head(CborMajor::tag, static_cast<uint64_t>(number)); }
+
+  /// Bytes written.
+  std::size_t size() const { return out_.size() - start_; }
+  /// Items written, as `limits::kMaximumElements` counts them.
+  std::size_t elements() const { return elements_; }
+
+  /// A point to come back to.
+  struct Mark {
+    std::size_t size;
+    std::size_t elements;
+  };
+  Mark mark() const { return {out_.size(), elements_}; }
+  /// Takes back what was written since.
+  void rewind(Mark mark);
+  /// Opens a map whose entries are not counted yet.
+  Mark openMap();
+  /// Closes the map of `openMap`, which now has this many entries.
+  void closeMap(Mark map, std::size_t entries);
+
+ private:
+  void single(uint8_t byte) {
+    ++elements_;
+    out_.push_back(static_cast<char>(byte));
+  }
+  void head(CborMajor major, uint64_t argument);
+
+  std::string& out_;
+  std::size_t start_;
+  std::size_t elements_ = 0;
+};
+
+/// Nothing if the bytes are exactly one CBOR item that `CborReader` may walk, else the first fault with its
+/// byte offset. What is refused beyond RFC 8949's own rules: indefinite lengths, trailing bytes, integers
+/// outside int64_t, simple values but false, true and null, text that is not UTF-8, map keys that are not
+/// text (directly beneath tag 1001: integers too), keys that stand twice in a map, and what exceeds
+/// `limits`. Heads longer than necessary and floats of 16 bits pass: other encoders write them.
+/// Takes no memory on account of claimed lengths, and O(n log n) time on n bytes.
+std::optional<Error> checkWellFormed(std::string_view item);
+
+/// The first bytes of an item: what it is, and its value, length, count or tag number.
+struct CborHead {
+  CborMajor major;
+  /// The low five bits of the first byte: tells floats and simple values apart.
+  uint8_t info;
+  uint64_t argument;
+
+  bool isInteger() const { return major <= CborMajor::negativeInteger; }
+  bool isTag(CborTag tag) const { return major == CborMajor::tag && argument == static_cast<uint64_t>(tag); }
+  bool isNull() const { return major == CborMajor::simple && info == 22; }
+  bool isBoolean() const { return major == CborMajor::simple && (info == 20 || info == 21); }
+  /// Of 16, 32 or 64 bits.
+  bool isFloat() const { return major == CborMajor::simple && info >= 25; }
+
+  /// The number of an integer.
+  int64_t integer() const {
+    return static_cast<int64_t>(major == CborMajor::negativeInteger ? ~argument : argument);
+  }
+  bool boolean() const { return info == 21; }
+  /// The number of a float; each width fits.
+  double real() const;
+};
+
+/// A cursor over bytes that `checkWellFormed` has passed: it never looks for faults, and reading other bytes,
+/// or past the end, is undefined.
+/// Owner:  the bytes stay the caller's.
+/// Thread: one at a time.
+class CborReader {
+ public:
+  explicit CborReader(std::string_view checked) : bytes_(checked) {}
+
+  std::size_t position() const { return position_; }
+  bool atEnd() const { return position_ == bytes_.size(); }
+
+  /// The head of the next item, without passing it.
+  CborHead peek() const {
+    std::size_t at = position_;
+    return headAt(at);
+  }
+  /// Passes the head. What it announces comes next: `content` for text and bytes, else items.
+  CborHead next() { return headAt(position_); }
+  /// Passes the bytes of the text or byte string whose head came last.
+  std::string_view content(const CborHead& head) {
+    const std::string_view result = bytes_.substr(position_, head.argument);
+    position_ += head.argument;
+    return result;
+  }
+  /// Passes a whole item with all that it holds.
+  void skip();
+  /// Goes to the first byte of some item.
+  void moveTo(std::size_t position) { position_ = position; }
+
+ private:
+  CborHead headAt(std::size_t& at) const {
+    const auto first = static_cast<uint8_t>(bytes_[at++]);
+    CborHead head{static_cast<CborMajor>(first >> 5), static_cast<uint8_t>(first & 31), first & 31U};
+    if (head.info >= 24) {
+      const std::size_t size = std::size_t{1} << (head.info - 24);
+      head.argument = detail::loadBigEndian(bytes_.data() + at, size);
+      at += size;
+    }
+    return head;
+  }
+
+  std::string_view bytes_;
+  std::size_t position_ = 0;
+};
+
+}  // namespace larkspan::platform

@@ -1,0 +1,71 @@
+#pragma once
+
+#include "larkspan/platform/archive/ArchiveError.h"
+#include "larkspan/platform/archive/Cbor.h"
+#include "larkspan/platform/base/Value.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+namespace larkspan::platform {
+
+/// Writes values and objects as CBOR (RFC 8949): numbers, text, bytes, arrays and maps as they are, dates,
+/// URLs, sets and objects under their `CborTag`. An error is the object "Error" with the keys "domain",
+/// "code" and "userInfo"; objects in its user information are written as their descriptions, so that no
+/// error is lost over what decorates it.
+/// Objects get one to write their fields to, each key once, in any order: this is what `encode…` is for.
+/// Thread:  one at a time.
+/// Failure: the first one makes the whole archive fail: an object that is not `Archivable`, or what exceeds
+///          the limits.
+/// Limits:  `limits::kMaximumFrame`, `kMaximumDepth`, `kMaximumElements`.
+class KeyedArchiver {
+ public:
+  struct Result {
+    Data data;
+    /// With empty data.
+    std::optional<Error> error;
+  };
+  /// An archive of the value.
+  static Result archivedData(const Value& root);
+
+  /// None leaves the key out.
+  void encodeObject(const Value& value, std::string_view key);
+  void encodeInteger(int64_t value, std::string_view key) { encodeInt64(value, key); }
+  void encodeInt64(int64_t value, std::string_view key);
+  void encodeBool(bool value, std::string_view key);
+  /// In 64 bits.
+  void encodeDouble(double value, std::string_view key);
+  /// In 32 bits.
+  void encodeFloat(float value, std::string_view key);
+  /// Each entry of the dictionary as a field, none values too: for objects whose fields are not fixed.
+  void encodeEntries(const Dictionary& fields);
+
+ private:
+  friend std::optional<Error> encodeValue(CborWriter& writer, const Value& value, unsigned depth);
+  KeyedArchiver(CborWriter& writer, unsigned depth) : writer_(writer), depth_(depth) {}
+
+  void write(const Value& value);
+  void writeText(std::string_view text);
+  void writeArray(const Array& array);
+  void writeDictionary(const Dictionary& dictionary);
+  void writeDate(const Date& date);
+  void writeError(const Error& error);
+  void writeObject(const Object& object);
+  void writeField(std::string_view key, const Value& value);
+  void writeEntry(std::string_view key, const Value& value);
+  bool hasRoom(std::size_t bytes);
+  bool enter(unsigned levels);
+  void fail(ArchiveErrorCode code, std::string_view fault);
+
+  CborWriter& writer_;
+  /// Containers and tags open around the next item.
+  unsigned depth_;
+  /// Of the object that is being written.
+  std::size_t fields_ = 0;
+  bool withinError_ = false;
+  std::optional<Error> error_;
+};
+
+}  // namespace larkspan::platform

@@ -1,0 +1,256 @@
+#include "larkspan/platform/archive/KeyedUnarchiver.h"
+
+#include "larkspan/platform/archive/InternedKeys.h"
+#include "larkspan/platform/archive/ValueCoding.h"
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+#include <utility>
+
+namespace larkspan::platform {
+
+namespace {
+
+constexpr std::string_view kErrorClass = "Error";
+
+/// Text or data out of the frame.
+Slice contentOf(const Slice& frame, std::string_view content) {
+  if (content.size() < kSharedLength) return Slice::copy(content);
+  return frame.part(static_cast<std::size_t>(content.data() - frame.data()), content.size());
+}
+
+/// The content of tag 1.
+std::optional<Date> epochTime(const CborHead& head) {
+  if (head.isInteger()) return Date{head.integer(), 0};
+  if (!head.isFloat()) return std::nullopt;
+  const double seconds = std::floor(head.real());
+  if (!(seconds >= -0x1p63 && seconds < 0x1p63)) return std::nullopt;
+  const double nanoseconds = std::min(std::round((head.real() - seconds) * 1e9), 999'999'999.0);
+  return Date{static_cast<int64_t>(seconds), static_cast<uint32_t>(nanoseconds)};
+}
+
+/// The content of tag 1001, of which the keys 1 and -9 are understood.
+std::optional<Date> extendedTime(const CborHead& head, CborReader& reader) {
+  if (head.major != CborMajor::map) return std::nullopt;
+  std::optional<int64_t> seconds;
+  std::optional<int64_t> nanoseconds;
+  for (uint64_t left = head.argument; left > 0; --left) {
+    const CborHead key = reader.next();
+    if (!key.isInteger() || (key.integer() != 1 && key.integer() != -9)) return std::nullopt;
+    const CborHead value = reader.next();
+    auto& part = key.integer() == 1 ? seconds : nanoseconds;
+    if (!value.isInteger() || part) return std::nullopt;
+    part = value.integer();
+  }
+  if (!seconds || nanoseconds.value_or(0) < 0 || nanoseconds.value_or(0) > 999'999'999) return std::nullopt;
+  return Date{*seconds, static_cast<uint32_t>(nanoseconds.value_or(0))};
+}
+
+}  // namespace
+
+KeyedUnarchiver::Result KeyedUnarchiver::unarchivedValue(const Data& archive, const ClassSet& classes) {
+  if (auto error = checkWellFormed(archive.view())) return {{}, std::move(error)};
+  CborReader reader(archive.view());
+  return decodeValue(archive.bytes, reader, classes);
+}
+
+KeyedUnarchiver::Result decodeValue(const Slice& frame, CborReader& reader, const ClassSet& classes) {
+  KeyedUnarchiver unarchiver(frame, reader.position());
+  KeyedUnarchiver::Result result{unarchiver.read(classes, KeyedUnarchiver::Place::outermost), std::nullopt};
+  reader.moveTo(unarchiver.reader_.position());
+  if (unarchiver.error_) result = {{}, std::move(unarchiver.error_)};
+  return result;
+}
+
+KeyedUnarchiver::KeyedUnarchiver(const Slice& frame, std::size_t position)
+    : frame_(frame), reader_(frame.view()) {
+  reader_.moveTo(position);
+}
+
+void KeyedUnarchiver::fail(Error error) {
+  if (!error_) error_ = std::move(error);
+}
+
+Value KeyedUnarchiver::fault(ArchiveErrorCode code, std::string_view text, std::size_t offset) {
+  fail(archiveError(code, text, offset));
+  return {};
+}
+
+Value KeyedUnarchiver::forbidden(std::string_view what, std::size_t offset) {
+  return fault(ArchiveErrorCode::forbiddenClass, std::string(what) + " is not allowed here", offset);
+}
+
+Value KeyedUnarchiver::read(const ClassSet& classes, Place place) {
+  const std::size_t start = reader_.position();
+  const CborHead head = reader_.next();
+  switch (head.major) {
+    case CborMajor::unsignedInteger:
+    case CborMajor::negativeInteger:
+      if (!classes.admits(ValueClass::number)) return forbidden("A number", start);
+      return head.integer();
+    case CborMajor::simple:
+      if (head.isNull()) return {};
+      if (!classes.admits(ValueClass::number)) return forbidden("A number", start);
+      if (head.isBoolean()) return head.boolean();
+      if (head.info == 27) return head.real();
+      return static_cast<float>(head.real());
+    case CborMajor::text:
+      if (!(place == Place::within ? classes.admitsStringsWithin() : classes.admits(ValueClass::string)))
+        return forbidden("A string", start);
+      return Value::wellFormed(contentOf(frame_, reader_.content(head)));
+    case CborMajor::bytes:
+      if (!classes.admits(ValueClass::data)) return forbidden("Data", start);
+      return Data{contentOf(frame_, reader_.content(head))};
+    case CborMajor::array:
+      if (!classes.admits(ValueClass::array)) return forbidden("An array", start);
+      return Array(readMembers(head.argument, classes));
+    case CborMajor::map:
+      if (!classes.admits(ValueClass::dictionary)) return forbidden("A dictionary", start);
+      return readDictionary(head.argument, classes);
+    case CborMajor::tag:
+      return readTagged(head.argument, classes, start);
+  }
+  return {};
+}
+
+Value KeyedUnarchiver::readTagged(uint64_t tag, const ClassSet& classes, std::size_t start) {
+  switch (static_cast<CborTag>(tag)) {
+    case CborTag::object:
+      return readObject(classes, start);
+    case CborTag::epochTime:
+    case CborTag::extendedTime: {
+      if (!classes.admits(ValueClass::date)) return forbidden("A date", start);
+      const CborHead head = reader_.next();
+      auto date =
+          tag == static_cast<uint64_t>(CborTag::epochTime) ? epochTime(head) : extendedTime(head, reader_);
+      return date ? *date : fault(ArchiveErrorCode::malformed, "A malformed date", start);
+    }
+    case CborTag::uri: {
+      if (!classes.admits(ValueClass::url)) return forbidden("A URL", start);
+      const CborHead head = reader_.next();
+      auto url = head.major == CborMajor::text ? URL::parse(reader_.content(head)) : std::nullopt;
+      return url ? Value(std::move(url)) : fault(ArchiveErrorCode::malformed, "A malformed URL", start);
+    }
+    case CborTag::set: {
+      if (!classes.admits(ValueClass::set)) return forbidden("A set", start);
+      const CborHead head = reader_.next();
+      if (head.major != CborMajor::array) return fault(ArchiveErrorCode::malformed, "A malformed set", start);
+      return Set(readMembers(head.argument, classes));
+    }
+  }
+  return fault(ArchiveErrorCode::malformed, "The unknown tag " + std::to_string(tag), start);
+}
+
+std::vector<Value> KeyedUnarchiver::readMembers(uint64_t size, const ClassSet& classes) {
+  std::vector<Value> members;
+  members.reserve(size);
+  for (; size > 0 && !error_; --size) members.push_back(read(classes, Place::within));
+  return members;
+}
+
+Dictionary KeyedUnarchiver::readDictionary(uint64_t size, const ClassSet& classes) {
+  if (size == 0) return {};
+  Dictionary result = Dictionary::withCapacity(size);
+  for (; size > 0 && !error_; --size) {
+    const std::string_view key = reader_.content(reader_.next());
+    result.append(internedKey(key), read(classes, Place::within));
+  }
+  return result;
+}
+
+Value KeyedUnarchiver::readObject(const ClassSet& classes, std::size_t start) {
+  const auto malformed = [&] { return fault(ArchiveErrorCode::malformed, "A malformed object", start); };
+  const CborHead pair = reader_.next();
+  if (pair.major != CborMajor::array || pair.argument != 2) return malformed();
+  const CborHead nameHead = reader_.next();
+  if (nameHead.major != CborMajor::text) return malformed();
+  const std::string_view name = reader_.content(nameHead);
+  const CborHead map = reader_.next();
+  if (map.major != CborMajor::map) return malformed();
+
+  const bool isError = name == kErrorClass && classes.admits(ValueClass::error);
+  const ObjectClass* const objectClass = isError ? nullptr : classes.objectClass(name);
+  if (!isError && !objectClass) {
+    constexpr std::size_t kShown = 80;
+    return forbidden("An object of the class \"" + std::string(name.substr(0, kShown)) + "\"", start);
+  }
+
+  const ObjectState outer = std::exchange(object_, {&classes, reader_.position(), map.argument,
+                                                    passed_.size(), reader_.position(), false, map.argument});
+  Value result = isError ? readError() : Value(objectClass->decode(*this));
+  if (result.isNone()) fault(ArchiveErrorCode::malformed, "An object that cannot be made", start);
+  if (!error_) passRest();
+  passed_.resize(object_.firstPassed);
+  object_ = outer;
+  return result;
+}
+
+Value KeyedUnarchiver::readError() {
+  static const ClassSet& text = *new ClassSet{ValueClass::string};
+  const Value domain = decodeObject("domain", text);
+  const int64_t code = decodeInt64("code");
+  const Value userInfo = decodeObject("userInfo", ClassSet::allValues());
+  if (error_ || domain.isNone()) return {};
+  return Error(domain.text(), code, userInfo.dictionary());
+}
+
+void KeyedUnarchiver::passRest() {
+  reader_.moveTo(object_.walk);
+  if (object_.walkAtValue) reader_.skip();
+  for (uint64_t left = 2 * object_.fieldsLeft; left > 0; --left) reader_.skip();
+}
+
+bool KeyedUnarchiver::find(std::string_view key) {
+  if (error_) return false;
+  for (std::size_t i = object_.firstPassed; i < passed_.size(); ++i) {
+    if (passed_[i].key == key) {
+      reader_.moveTo(passed_[i].position);
+      return true;
+    }
+  }
+  while (object_.fieldsLeft > 0) {
+    reader_.moveTo(object_.walk);
+    if (object_.walkAtValue) reader_.skip();
+    const std::string_view name = reader_.content(reader_.next());
+    object_.walk = reader_.position();
+    object_.walkAtValue = true;
+    --object_.fieldsLeft;
+    passed_.push_back({name, object_.walk});
+    if (name == key) return true;
+  }
+  return false;
+}
+
+Value KeyedUnarchiver::readFound(const ClassSet& classes) {
+  const std::size_t start = reader_.position();
+  Value value = read(classes, Place::outermost);
+  if (object_.walkAtValue && object_.walk == start) {
+    object_.walk = reader_.position();
+    object_.walkAtValue = false;
+  }
+  return value;
+}
+
+Value KeyedUnarchiver::decodeObject(std::string_view key, const ClassSet& classes) {
+  return find(key) ? readFound(classes) : Value();
+}
+
+Value KeyedUnarchiver::decodeNumber(std::string_view key) {
+  static const ClassSet& numbers = *new ClassSet{ValueClass::number};
+  if (!find(key)) return {};
+  const CborHead head = reader_.peek();
+  return head.isInteger() || head.isBoolean() || head.isFloat() ? readFound(numbers) : Value();
+}
+
+Dictionary KeyedUnarchiver::decodeEntries(const ClassSet& classes) {
+  if (error_) return {};
+  reader_.moveTo(object_.start);
+  Dictionary entries = readDictionary(object_.size, classes);
+  object_.walk = reader_.position();
+  object_.walkAtValue = false;
+  object_.fieldsLeft = 0;
+  return entries;
+}
+
+}  // namespace larkspan::platform

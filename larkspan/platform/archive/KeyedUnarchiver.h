@@ -1,0 +1,115 @@
+#pragma once
+
+#include "larkspan/platform/archive/ArchiveError.h"
+#include "larkspan/platform/archive/Cbor.h"
+#include "larkspan/platform/archive/ClassSet.h"
+#include "larkspan/platform/base/Value.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+namespace larkspan::platform {
+
+/// Reads what `KeyedArchiver` writes, and makes only what the reader's class sets admit.
+/// The decode function of an object's class gets one to read its fields from, in any order; reading in the
+/// order of writing is fastest. Fields nobody asks for are passed over.
+/// Thread:  one at a time; decode functions run on the thread that unarchives.
+/// Failure: the first one makes the whole archive fail; what is read after it is none or 0.
+/// Limits:  as `checkWellFormed`.
+class KeyedUnarchiver {
+ public:
+  struct Result {
+    Value value;
+    /// With a none value.
+    std::optional<Error> error;
+  };
+  /// The value of an archive. Large strings and data share the archive's bytes.
+  static Result unarchivedValue(const Data& archive, const ClassSet& classes);
+
+  template <typename T>
+  struct ObjectResult {
+    /// Null with an error.
+    std::shared_ptr<T> object;
+    std::optional<Error> error;
+  };
+  /// The object of an archive that holds an object of class T and nothing else.
+  template <typename T>
+  static ObjectResult<T> unarchivedObject(const Data& archive) {
+    Result result = unarchivedValue(archive, ClassSet().with<T>());
+    auto object = result.value.template objectOf<T>();
+    if (!object && !result.error) {
+      result.error = archiveError(ArchiveErrorCode::forbiddenClass, "The archive holds no object");
+    }
+    return {std::move(object), std::move(result.error)};
+  }
+
+  bool containsValue(std::string_view key) { return find(key); }
+  /// 0 when the key is absent or holds no number, as do the other decoders of numbers. Numbers convert as
+  /// those of `Value`.
+  int64_t decodeInteger(std::string_view key) { return decodeNumber(key).integerValue(); }
+  int64_t decodeInt64(std::string_view key) { return decodeNumber(key).integerValue(); }
+  bool decodeBool(std::string_view key) { return decodeNumber(key).boolValue(); }
+  double decodeDouble(std::string_view key) { return decodeNumber(key).doubleValue(); }
+  float decodeFloat(std::string_view key) { return static_cast<float>(decodeNumber(key).doubleValue()); }
+  /// None when the key is absent. These classes alone are admitted there, whatever is admitted around the
+  /// object; any other class fails the archive.
+  Value decodeObject(std::string_view key, const ClassSet& classes);
+  /// All fields, for objects whose fields are not fixed: their values are admitted as a dictionary's members.
+  /// Called instead of the other decoders.
+  Dictionary decodeEntries(const ClassSet& classes);
+
+  /// The classes admitted where the object stands: for objects that pass them on to what they hold.
+  const ClassSet& allowedClasses() const { return *object_.allowed; }
+  /// Makes the archive fail for a reason of the class's own.
+  void fail(Error error);
+
+ private:
+  friend Result decodeValue(const Slice& frame, CborReader& reader, const ClassSet& classes);
+
+  enum class Place { outermost, within };
+  struct Field {
+    std::string_view key;
+    std::size_t position;
+  };
+  /// The object being read. Its map is walked as its fields are asked for, and no part of it twice but for
+  /// fields asked for in another order than they stand.
+  struct ObjectState {
+    const ClassSet* allowed = nullptr;
+    std::size_t start = 0;
+    uint64_t size = 0;
+    /// Where this object's part of `passed_` begins.
+    std::size_t firstPassed = 0;
+    /// Where the walk stands: at a key, or at the value of the field passed last.
+    std::size_t walk = 0;
+    bool walkAtValue = false;
+    uint64_t fieldsLeft = 0;
+  };
+
+  KeyedUnarchiver(const Slice& frame, std::size_t position);
+
+  Value read(const ClassSet& classes, Place place);
+  std::vector<Value> readMembers(uint64_t size, const ClassSet& classes);
+  Value readTagged(uint64_t tag, const ClassSet& classes, std::size_t start);
+  Value readObject(const ClassSet& classes, std::size_t start);
+  Value readError();
+  Dictionary readDictionary(uint64_t size, const ClassSet& classes);
+  Value readFound(const ClassSet& classes);
+  Value decodeNumber(std::string_view key);
+  bool find(std::string_view key);
+  void passRest();
+  Value fault(ArchiveErrorCode code, std::string_view text, std::size_t offset);
+  Value forbidden(std::string_view what, std::size_t offset);
+
+  const Slice& frame_;
+  CborReader reader_;
+  std::optional<Error> error_;
+  ObjectState object_;
+  /// The fields that the walks have passed, of all objects under way, the innermost last.
+  std::vector<Field> passed_;
+};
+
+}  // namespace larkspan::platform

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "larkspan/platform/archive/Cbor.h"
+#include "larkspan/platform/archive/ClassSet.h"
+#include "larkspan/platform/archive/KeyedUnarchiver.h"
+#include "larkspan/platform/base/Value.h"
+
+#include <cstddef>
+#include <optional>
+
+/// Values within frames: the same form as in archives, with the frame around them left to the caller.
+namespace larkspan::platform {
+
+/// Strings and data of this many bytes or more share the block they arrived in. Shorter ones are copied, so
+/// that a value which is kept does not keep a whole frame.
+inline constexpr std::size_t kSharedLength = 4096;
+
+/// Appends the value. On failure, as `KeyedArchiver`, nothing has been appended. The limits hold for all that
+/// the writer has written; `depth` is how many containers and tags the caller has open around the value.
+std::optional<Error> encodeValue(CborWriter& writer, const Value& value, unsigned depth = 0);
+
+/// Reads the value at the reader and passes it. The reader stands over the whole of `frame`, which
+/// `checkWellFormed` has passed. After an error the reader's place is undefined.
+KeyedUnarchiver::Result decodeValue(const Slice& frame, CborReader& reader, const ClassSet& classes);
+
+}  // namespace larkspan::platform

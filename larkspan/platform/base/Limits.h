@@ -1,0 +1,19 @@
+#pragma once
+
+#include <cstddef>
+
+/// What bounds the memory and time that input from other processes and from files may cost.
+namespace larkspan::platform::limits {
+
+/// Bytes of one frame or archive: stops a peer from making us buffer without end.
+inline constexpr std::size_t kMaximumFrame = std::size_t{32} << 20;
+/// Containers and tags open along one path: stops nesting from exhausting the stack.
+inline constexpr unsigned kMaximumDepth = 64;
+/// Data items of one frame, with keys, containers and tags counted as one each: stops a frame of tiny items
+/// from becoming values many times its size.
+inline constexpr std::size_t kMaximumElements = 2'000'000;
+/// Keys that `internKeys` keeps for the life of the process: stops the table of known keys from filling up,
+/// which would slow each look-up.
+inline constexpr std::size_t kMaximumInternedKeys = 1024;
+
+}  // namespace larkspan::platform::limits
