@@ -1,0 +1,33 @@
+#pragma once
+
+#include <utility>
+
+#include <unistd.h>
+
+namespace larkspan::platform {
+
+/// Owns one file descriptor, or none (-1), and closes it.
+class Descriptor {
+ public:
+  Descriptor() = default;
+  explicit Descriptor(int number) : number_(number) {}
+  Descriptor(Descriptor&& other) noexcept : number_(other.release()) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    reset(other.release());
+    return *this;
+  }
+  ~Descriptor() { reset(); }
+
+  int get() const { return number_; }
+  explicit operator bool() const { return number_ >= 0; }
+  int release() { return std::exchange(number_, -1); }
+  void reset(int number = -1) {
+    const int old = std::exchange(number_, number);
+    if (old >= 0) close(old);
+  }
+
+ private:
+  int number_ = -1;
+};
+
+}  // namespace larkspan::platform

@@ -1,0 +1,308 @@
+#include "larkspan/platform/process/Child.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <stdexcept>
+#include <utility>
+
+#include "larkspan/platform/base/Descriptor.h"
+#include "larkspan/platform/dispatch/DispatchQueue.h"
+#include "larkspan/platform/dispatch/IoSource.h"
+#include "larkspan/platform/process/Spawner.h"
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace larkspan::platform {
+namespace {
+
+constexpr int kMaxPassedNumber = 255;
+
+void requireSense(const ChildOptions& options) {
+  if (options.arguments.empty()) throw std::invalid_argument("a child needs a program");
+  bool seen[kMaxPassedNumber + 1] = {};
+  for (const auto& [number, source] : options.descriptors) {
+    if (number < 3 || number > kMaxPassedNumber || std::exchange(seen[number], true)) {
+      throw std::invalid_argument("a child's descriptors have different numbers from 3 to 255");
+    }
+  }
+}
+
+/// The path of a program that execve(2) is to run; empty when no folder of PATH has it.
+std::string programPath(const std::string& name) {
+  if (name.find('/') != name.npos) return name;
+  const char* path = std::getenv("PATH");
+  std::string_view folders = path ? path : "/usr/local/bin:/usr/bin:/bin";
+  while (!folders.empty()) {
+    const std::string_view folder = folders.substr(0, folders.find(':'));
+    folders.remove_prefix(std::min(folder.size() + 1, folders.size()));
+    const std::string candidate = std::string(folder.empty() ? "." : folder) + "/" + name;
+    if (access(candidate.c_str(), X_OK) == 0) return candidate;
+  }
+  return {};
+}
+
+std::vector<std::string> inheritedEnvironment() {
+  std::vector<std::string> result;
+  for (char** entry = environ; entry && *entry; ++entry) result.emplace_back(*entry);
+  return result;
+}
+
+std::vector<char*> pointers(std::vector<std::string>& texts) {
+  std::vector<char*> result;
+  for (std::string& text : texts) result.push_back(text.data());
+  result.push_back(nullptr);
+  return result;
+}
+
+/// Replaces what may stand there and returns where the child is to write its id.
+std::size_t announceListeners(std::vector<std::string>& environment, std::size_t count) {
+  std::erase_if(environment, [](const std::string& entry) {
+    return entry.starts_with("LISTEN_FDS=") || entry.starts_with("LISTEN_PID=");
+  });
+  environment.push_back("LISTEN_FDS=" + std::to_string(count));
+  environment.push_back("LISTEN_PID=" + std::string(11, '\0'));
+  return environment.size() - 1;
+}
+
+Spawned spawnWith(const ChildOptions& options, const std::string& program, int standardError) {
+  const Descriptor null(open("/dev/null", O_RDWR | O_CLOEXEC));
+  if (!null) return {-1, {}, errno, "/dev/null"};
+  if (fcntl(standardError, F_GETFD) < 0) standardError = null.get();
+
+  std::vector<SpawnPlan::Passed> passed{{0, null.get(), -1}, {1, standardError, -1}, {2, standardError, -1}};
+  for (const auto& [number, source] : options.descriptors) passed.push_back({number, source, -1});
+
+  std::vector<std::string> arguments = options.arguments;
+  std::vector<std::string> environment = options.environment ? *options.environment : inheritedEnvironment();
+  char* processIdentifierText = nullptr;
+  if (options.announcesListeners) {
+    const std::size_t at = announceListeners(environment, options.descriptors.size());
+    processIdentifierText = environment[at].data() + std::strlen("LISTEN_PID=");
+  }
+  return spawn({program.c_str(), pointers(arguments).data(), pointers(environment).data(),
+                options.workingFolder.empty() ? nullptr : options.workingFolder.c_str(), passed.data(),
+                static_cast<int>(passed.size()), processIdentifierText, options.parentDeathSignal});
+}
+
+ExitStatus reap(int handle, int flags) {
+  siginfo_t info{};
+  while (waitid(P_PIDFD, static_cast<id_t>(handle), &info, WEXITED | flags) != 0) {
+    if (errno != EINTR) return {ExitStatus::Kind::unknown, 0};
+  }
+  return {info.si_code == CLD_EXITED ? ExitStatus::Kind::exited : ExitStatus::Kind::signalled, info.si_status};
+}
+
+/// Cuts what comes through a pipe into lines.
+class LineReader {
+ public:
+  LineReader(Descriptor pipe, ChildOptions::LineHandler handler)
+      : pipe_(std::move(pipe)), handler_(std::move(handler)) {}
+
+  int descriptor() const { return pipe_.get(); }
+
+  /// Reads what is there now, but no more than a pipe holds; false once the other end is closed.
+  bool read() {
+    constexpr std::size_t kMaxAtOnce = 1 << 20;
+    for (std::size_t total = 0; total < kMaxAtOnce;) {
+      char bytes[Child::kMaxLine];
+      const ssize_t count = ::read(pipe_.get(), bytes, sizeof bytes);
+      if (count < 0 && errno == EINTR) continue;
+      if (count <= 0) return count < 0 && errno == EAGAIN;
+      take({bytes, static_cast<std::size_t>(count)});
+      total += static_cast<std::size_t>(count);
+    }
+    return true;
+  }
+
+  /// Delivers a last line that has no line end.
+  void finish() {
+    if (!line_.empty()) handler_(std::exchange(line_, {}));
+  }
+
+ private:
+  void take(std::string_view bytes) {
+    while (!bytes.empty()) {
+      const std::size_t end = bytes.find('\n');
+      const std::string_view part = bytes.substr(0, std::min(end, Child::kMaxLine - line_.size()));
+      line_ += part;
+      bytes.remove_prefix(part.size());
+      if (!bytes.empty() && bytes.front() == '\n') {
+        bytes.remove_prefix(1);
+      } else if (line_.size() < Child::kMaxLine) {
+        return;
+      }
+      handler_(line_);
+      line_.clear();
+    }
+  }
+
+  Descriptor pipe_;
+  const ChildOptions::LineHandler handler_;
+  std::string line_;
+};
+
+}  // namespace
+
+std::string ExitStatus::description() const {
+  switch (kind) {
+    case Kind::exited: return "exit code " + std::to_string(value);
+    case Kind::signalled: return "signal " + std::to_string(value) + " (" + strsignal(value) + ")";
+    case Kind::unknown: break;
+  }
+  return "unknown";
+}
+
+/// The running process; its sources hold it until it has ended.
+class Child::Process : public std::enable_shared_from_this<Child::Process> {
+ public:
+  Process(Spawned spawned, ExitHandler onExit, std::unique_ptr<LineReader> lines)
+      : identifier_(spawned.process),
+        handle_(std::move(spawned.handle)),
+        onExit_(std::move(onExit)),
+        lines_(std::move(lines)) {}
+
+  /// False, with errno set, where the descriptors cannot be watched; the child is then ended and reaped.
+  bool watch() {
+    // The handlers wait for this lock, and so find both sources in place.
+    std::lock_guard lock(mutex_);
+    if (lines_) {
+      lineSource_ = IoSource::make(lines_->descriptor(), EPOLLIN, [self = shared_from_this()](uint32_t) {
+        self->readLines();
+      });
+    }
+    if (!lines_ || lineSource_) {
+      exitSource_ = IoSource::make(handle_.get(), EPOLLIN, [self = shared_from_this()](uint32_t) { self->ended(); });
+    }
+    if (exitSource_) return true;
+    const int reason = errno;
+    status_ = ExitStatus{ExitStatus::Kind::signalled, SIGKILL};
+    syscall(SYS_pidfd_send_signal, handle_.get(), SIGKILL, nullptr, 0);
+    reap(handle_.get(), 0);
+    errno = reason;
+    return false;
+  }
+
+  /// For a child that could not be watched.
+  void unwatch() {
+    std::shared_ptr<IoSource> source;
+    {
+      std::lock_guard lock(mutex_);
+      source = std::move(lineSource_);
+    }
+    if (source) source->cancel();
+  }
+
+  pid_t identifier() const { return identifier_; }
+
+  std::optional<ExitStatus> status() const {
+    std::lock_guard lock(mutex_);
+    return status_;
+  }
+
+  bool kill(int signal) {
+    std::lock_guard lock(mutex_);
+    return !status_ && syscall(SYS_pidfd_send_signal, handle_.get(), signal, nullptr, 0) == 0;
+  }
+
+ private:
+  void readLines() {
+    std::shared_ptr<IoSource> source;
+    {
+      std::lock_guard lock(mutex_);
+      source = lineSource_;
+    }
+    if (source && !lines_->read()) source->cancel();
+  }
+
+  void ended() {
+    const std::shared_ptr<Process> self = shared_from_this();
+    std::shared_ptr<IoSource> lineSource;
+    std::shared_ptr<IoSource> exitSource;
+    {
+      std::lock_guard lock(mutex_);
+      status_ = reap(handle_.get(), WNOHANG);
+      lineSource = std::move(lineSource_);
+      exitSource = std::move(exitSource_);
+    }
+    exitSource->cancel();
+    handle_.reset();
+    if (lineSource) {
+      lineSource->cancel();
+      lines_->read();
+      lines_->finish();
+      lines_.reset();
+    }
+    const ExitHandler onExit = std::move(onExit_);
+    if (onExit) onExit(*status_);
+  }
+
+  const pid_t identifier_;
+  mutable std::mutex mutex_;
+  Descriptor handle_;                 // Closed by the input/output thread alone, once the status is known.
+  std::optional<ExitStatus> status_;  // Written under the lock, by the input/output thread alone.
+  std::shared_ptr<IoSource> exitSource_;
+  std::shared_ptr<IoSource> lineSource_;
+  ExitHandler onExit_;
+  std::unique_ptr<LineReader> lines_;
+};
+
+std::variant<std::shared_ptr<Child>, Error> Child::start(const ChildOptions& options, ExitHandler onExit) {
+  requireSense(options);
+  const std::string& name = options.arguments.front();
+  const std::string program = programPath(name);
+  if (program.empty()) return Error::posix(ENOENT, name);
+
+  int standardError = STDERR_FILENO;
+  std::unique_ptr<LineReader> lines;
+  Descriptor writeEnd;
+  if (options.standardErrorLine) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) return Error::posix(errno, name + ": pipe");
+    writeEnd.reset(ends[1]);
+    lines = std::make_unique<LineReader>(Descriptor(ends[0]), options.standardErrorLine);
+    fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    standardError = writeEnd.get();
+  }
+
+  Spawned spawned = spawnWith(options, program, standardError);
+  writeEnd.reset();
+  if (!spawned.handle) return Error::posix(spawned.errorNumber, name + ": " + spawned.failedStep);
+
+  auto process = std::make_shared<Process>(std::move(spawned), std::move(onExit), std::move(lines));
+  if (!process->watch()) {
+    const int reason = errno;
+    process->unwatch();
+    return Error::posix(reason, name + ": watching the child");
+  }
+  return std::shared_ptr<Child>(new Child(std::move(process)));
+}
+
+Child::Child(std::shared_ptr<Process> process) : process_(std::move(process)) {}
+
+Child::~Child() = default;
+
+pid_t Child::processIdentifier() const { return process_->identifier(); }
+
+std::optional<ExitStatus> Child::exitStatus() const { return process_->status(); }
+
+bool Child::kill(int signal) { return process_->kill(signal); }
+
+void Child::terminate(std::chrono::nanoseconds grace) {
+  if (!kill(SIGTERM)) return;
+  DispatchQueue::global(QualityOfService::utility)
+      ->after(grace, [process = std::weak_ptr<Process>(process_)] {
+        if (const auto running = process.lock()) running->kill(SIGKILL);
+      });
+}
+
+}  // namespace larkspan::platform

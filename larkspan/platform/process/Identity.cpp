@@ -1,0 +1,72 @@
+#include "larkspan/platform/process/Identity.h"
+
+#include <cerrno>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include <pwd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace larkspan::platform {
+namespace {
+
+#ifndef SO_PEERPIDFD
+constexpr int SO_PEERPIDFD = 77;
+#endif
+
+struct Kept {
+  std::mutex mutex;
+  std::optional<Identity> identity;
+};
+
+Kept& kept() {
+  static Kept* instance = new Kept;
+  return *instance;
+}
+
+std::optional<Identity> exchangeKept(std::optional<Identity> identity) {
+  std::lock_guard lock(kept().mutex);
+  return std::exchange(kept().identity, std::move(identity));
+}
+
+}  // namespace
+
+Identity Identity::current() {
+  std::lock_guard lock(kept().mutex);
+  if (!kept().identity) kept().identity = Identity{getuid(), geteuid(), homeFolderOf(getuid())};
+  return *kept().identity;
+}
+
+ScopedIdentity::ScopedIdentity(Identity identity) : previous_(exchangeKept(std::move(identity))) {}
+
+ScopedIdentity::~ScopedIdentity() { exchangeKept(std::move(previous_)); }
+
+std::string homeFolderOf(uid_t user) {
+  constexpr std::size_t kMaxEntry = 1 << 20;
+  for (std::vector<char> buffer(1024); buffer.size() <= kMaxEntry; buffer.resize(buffer.size() * 4)) {
+    passwd entry{};
+    passwd* found = nullptr;
+    const int status = getpwuid_r(user, &entry, buffer.data(), buffer.size(), &found);
+    if (status == 0) return found ? found->pw_dir : "";
+    if (status != ERANGE) break;
+  }
+  return {};
+}
+
+std::optional<PeerCredentials> peerCredentials(int socket) {
+  ucred credentials{};
+  socklen_t size = sizeof credentials;
+  if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return std::nullopt;
+  if (credentials.pid <= 0) {  // what an unconnected socket answers
+    errno = ENOTCONN;
+    return std::nullopt;
+  }
+  int handle = -1;
+  size = sizeof handle;
+  if (getsockopt(socket, SOL_SOCKET, SO_PEERPIDFD, &handle, &size) != 0) handle = -1;
+  return PeerCredentials{credentials.pid, credentials.uid, credentials.gid, Descriptor(handle)};
+}
+
+}  // namespace larkspan::platform
