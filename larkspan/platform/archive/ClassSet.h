@@ -38,7 +38,7 @@ class ClassSet {
   bool admits(ValueClass value) const { return (values_ & bit(value)) != 0; }
   /// Whether members of containers may be strings.
   bool admitsStringsWithin() const {
-    constexpr int containers = bit(ValueClass::array) | bit(ValueClass::dictionary) | bit(ValueClass::set);
+    const int containers = bit(ValueClass::array) | bit(ValueClass::dictionary) | bit(ValueClass::set);
     return admits(ValueClass::string) || (objects_.empty() && (values_ & ~containers) == 0);
   }
   /// The class of that name, or null if the set does not hold it.

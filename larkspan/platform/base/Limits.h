@@ -16,4 +16,8 @@ inline constexpr std::size_t kMaximumElements = 2'000'000;
 /// which would slow each look-up.
 inline constexpr std::size_t kMaximumInternedKeys = 1024;
 
+/// Bytes that wait to be sent to one peer: stops a peer that does not read from making us keep everything. Room for
+/// two of the largest frames.
+inline constexpr std::size_t kMaximumOutbound = 2 * kMaximumFrame + 1024;
+
 }  // namespace larkspan::platform::limits

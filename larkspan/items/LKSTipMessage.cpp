@@ -1,0 +1,12 @@
+#include "larkspan/items/LKSTipMessage.h"
+
+namespace larkspan {
+
+std::optional<LKSTipMessage> LKSTipMessage::initLKSTipWithTitle(OptionalText title) {
+  if (!title || title->empty()) return std::nullopt;
+  MessageItem item;
+  item.setUserInfo({{kNameKey, *title}, {kItemKindKey, std::string_view(kTipKind)}});
+  return LKSTipMessage(std::move(item));
+}
+
+}  // namespace larkspan

@@ -1,0 +1,94 @@
+#include "larkspan/items/MessageItem.h"
+
+#include "larkspan/platform/archive/KeyedArchiver.h"
+#include "larkspan/platform/archive/KeyedUnarchiver.h"
+#include "larkspan/platform/base/Format.h"
+#include "larkspan/platform/log/Console.h"
+
+namespace larkspan {
+
+using platform::Dictionary;
+using platform::Value;
+
+std::optional<MessageItem> MessageItem::initWithLKSName(OptionalText name) {
+  if (!name || name->empty()) return std::nullopt;
+  MessageItem result;
+  result.setUserInfo(Dictionary{{kNameKey, *name}});
+  return result;
+}
+
+void MessageItem::setUserInfoObject(Value object, Key key) {
+  item_->setUserInfoObject(std::move(object), key);
+}
+
+void MessageItem::addUserInfoObjectsFromDict(const Dictionary& dictionary) {
+  if (dictionary.empty()) return;
+  Dictionary merged = dictionary;
+  for (const auto& entry : userInfo()) merged.set(entry.key(), entry.value);
+  setUserInfo(std::move(merged));
+}
+
+std::shared_ptr<LKSIconConstructor> MessageItem::lks_iconConstructor() const {
+  const auto data = userInfo().get(kIconConstructor).data();
+  if (!data || data->bytes.empty()) return nullptr;
+  auto result = platform::KeyedUnarchiver::unarchivedObject<LKSIconConstructor>(*data);
+  if (result.error) {
+    platform::consoleLog(platform::format("Failed to unarchive LKSIconConstructor: %@", result.error));
+  }
+  return result.object;
+}
+
+void MessageItem::setLks_iconConstructor(const std::shared_ptr<LKSIconConstructor>& icon) {
+  if (!icon) return;
+  auto result = platform::KeyedArchiver::archivedData(icon);
+  if (result.error)
+    platform::consoleLog(platform::format("Failed to archive LKSIconConstructor: %@", result.error));
+  setUserInfoObject(result.error ? Value() : Value(result.data), kIconConstructor);
+}
+
+std::shared_ptr<platform::FileProviderItem> MessageItem::lks_fpItem() const {
+  const auto data = userInfo().get(kFPItemKey).data();
+  if (!data) return nullptr;
+  return platform::KeyedUnarchiver::unarchivedObject<platform::FileProviderItem>(*data).object;
+}
+
+void MessageItem::setFPItem(const std::shared_ptr<platform::FileProviderItem>& item) {
+  const auto result = item ? platform::KeyedArchiver::archivedData(item) : platform::KeyedArchiver::Result{};
+  setUserInfoObject(result.data.bytes.empty() ? Value() : Value(result.data), kFPItemKey);
+}
+
+int64_t MessageItem::lks_size() const {
+  const int64_t app = lks_appSize();
+  const int64_t data = lks_dataSize();
+  if (app > 0 || data >= 1) {
+    int64_t sum;
+    // Only two large positive parts can overflow.
+    return __builtin_add_overflow(app, data, &sum) ? std::numeric_limits<int64_t>::max() : sum;
+  }
+  const Value size = userInfo().get(kSizeKey);
+  return size.isNone() ? LKSExtensionTotalSpaceUsedUnknown : size.integerValue();
+}
+
+int64_t MessageItem::lks_deletableSize() const {
+  const Value size = userInfo().get(kDeletableSizeKey);
+  return size.isNone() ? lks_size() : size.integerValue();
+}
+
+platform::Array arrayFromItems(const Items& items) {
+  std::vector<Value> values;
+  values.reserve(items.size());
+  for (const MessageItem& item : items) values.emplace_back(item.item());
+  return values;
+}
+
+Items itemsFromValue(const Value& array) {
+  Items items;
+  const platform::Array values = array.array();
+  items.reserve(values.size());
+  for (const Value& value : values) {
+    if (auto item = value.objectOf<platform::ExtensionItem>()) items.emplace_back(std::move(item));
+  }
+  return items;
+}
+
+}  // namespace larkspan

@@ -1,0 +1,133 @@
+#pragma once
+
+#include "larkspan/items/LKSIconConstructor.h"
+#include "larkspan/items/Vocabulary.h"
+#include "larkspan/platform/appext/ExtensionItem.h"
+#include "larkspan/platform/base/Value.h"
+#include "larkspan/platform/desktop/FileProviderItem.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace larkspan {
+
+/// A text to store; nothing removes the key.
+using OptionalText = std::optional<std::string_view>;
+
+/// What travels between host and extension: a view of one extension item, whose user-info dictionary is its
+/// only state. Copying a view shares the item, and two views are equal when they show the same item. The
+/// kinds of item (LKSResource, LKSTipMessage, …) are views with more accessors and can be made from any
+/// MessageItem. Getters hand on what is stored: absent or of another type reads as nothing, 0 or false unless
+/// said otherwise. Setters of objects store nothing by removing the key. Owner:  the item lives as long as a
+/// view shows it. Thread: one item is not to be changed from two threads at a time.
+class MessageItem {
+ public:
+  /// A new item without a dictionary.
+  MessageItem() : item_(std::make_shared<platform::ExtensionItem>()) {}
+  explicit MessageItem(std::shared_ptr<platform::ExtensionItem> item) : item_(std::move(item)) {}
+  /// An item that holds only its name, without a kind; nothing for an empty name.
+  static std::optional<MessageItem> initWithLKSName(OptionalText name);
+
+  const platform::Dictionary& userInfo() const { return item_->userInfo(); }
+  void setUserInfo(platform::Dictionary userInfo) { item_->setUserInfo(std::move(userInfo)); }
+  const std::shared_ptr<platform::ExtensionItem>& item() const { return item_; }
+
+  /// Stores under the key; a none value removes it. Removing what is not there leaves the dictionary
+  /// untouched.
+  void setUserInfoObject(platform::Value object, Key key);
+  /// Adds the entries whose keys the item lacks; its own entries win.
+  void addUserInfoObjectsFromDict(const platform::Dictionary& dictionary);
+
+  std::optional<std::string> lks_name() const { return stringFor(kNameKey); }
+  void setLks_name(OptionalText name) { setUserInfoObject(name, kNameKey); }
+  std::optional<std::string> lks_category() const { return stringFor(kCategoryKey); }
+  void setLks_category(OptionalText category) { setUserInfoObject(category, kCategoryKey); }
+  /// Icons do not travel: always nothing. Send an LKSIconConstructor.
+  std::shared_ptr<platform::Object> icon() const { return nullptr; }
+  void setIcon(const std::shared_ptr<platform::Object>&) {}
+  /// Nothing when absent, empty or not decodable; the latter is said on the console.
+  std::shared_ptr<LKSIconConstructor> lks_iconConstructor() const;
+  /// Nothing given changes nothing: this setter cannot remove its key.
+  void setLks_iconConstructor(const std::shared_ptr<LKSIconConstructor>& icon);
+  std::optional<std::string> lks_iconFileType() const { return stringFor(kIconFileTypeKey); }
+  void setLks_iconFileType(OptionalText type) { setUserInfoObject(type, kIconFileTypeKey); }
+  platform::Value lks_reference() const { return userInfo().get(kReferenceKey); }
+  void setLks_reference(platform::Value reference) { setUserInfoObject(std::move(reference), kReferenceKey); }
+  std::shared_ptr<platform::FileProviderItem> lks_fpItem() const;
+  void setFPItem(const std::shared_ptr<platform::FileProviderItem>& item);
+  int64_t lks_tag() const { return integerFor(kTagKey); }
+  void setLks_tag(int64_t tag) { setUserInfoObject(tag, kTagKey); }
+
+  /// Bytes: application plus data size if either is there, else the size stored, else
+  /// LKSExtensionTotalSpaceUsedUnknown. The sum saturates.
+  int64_t lks_size() const;
+  void setLks_size(int64_t bytes) { setUserInfoObject(bytes, kSizeKey); }
+  int64_t lks_appSize() const { return integerFor(kAppSizeKey); }
+  void setLks_appSize(int64_t bytes) { setUserInfoObject(bytes, kAppSizeKey); }
+  int64_t lks_dataSize() const { return integerFor(kDataSizeKey); }
+  void setLks_dataSize(int64_t bytes) { setUserInfoObject(bytes, kDataSizeKey); }
+  /// Bytes that deleting the item frees: all of `lks_size()` unless said otherwise.
+  int64_t lks_deletableSize() const;
+  void setLks_deletableSize(int64_t bytes) { setUserInfoObject(bytes, kDeletableSizeKey); }
+  std::optional<std::string> lks_helpAnchor() const { return stringFor(kHelpAnchorKey); }
+  void setLks_helpAnchor(OptionalText anchor) { setUserInfoObject(anchor, kHelpAnchorKey); }
+  std::optional<std::string> lks_helpBook() const { return stringFor(kHelpBookKey); }
+  void setLks_helpBook(OptionalText book) { setUserInfoObject(book, kHelpBookKey); }
+
+  std::string description() const { return item_->description(); }
+  friend bool operator==(const MessageItem& a, const MessageItem& b) { return a.item_ == b.item_; }
+
+  // Older names.
+  static std::optional<MessageItem> initWithName(OptionalText name) { return initWithLKSName(name); }
+  std::optional<std::string> name() const { return lks_name(); }
+  void setName(OptionalText name) { setLks_name(name); }
+  std::shared_ptr<LKSIconConstructor> iconConstructor() const { return lks_iconConstructor(); }
+  void setIconConstructor(const std::shared_ptr<LKSIconConstructor>& icon) { setLks_iconConstructor(icon); }
+  std::optional<std::string> iconFileType() const { return lks_iconFileType(); }
+  void setIconFileType(OptionalText type) { setLks_iconFileType(type); }
+  std::optional<std::string> category() const { return lks_category(); }
+  void setCategory(OptionalText category) { setLks_category(category); }
+  platform::Value reference() const { return lks_reference(); }
+  void setReference(platform::Value reference) { setLks_reference(std::move(reference)); }
+  int64_t size() const { return lks_size(); }
+  void setSize(int64_t bytes) { setLks_size(bytes); }
+  int64_t appSize() const { return lks_appSize(); }
+  void setAppSize(int64_t bytes) { setLks_appSize(bytes); }
+  int64_t dataSize() const { return lks_dataSize(); }
+  void setDataSize(int64_t bytes) { setLks_dataSize(bytes); }
+  int64_t deletableSize() const { return lks_deletableSize(); }
+  void setDeletableSize(int64_t bytes) { setLks_deletableSize(bytes); }
+  int64_t tag() const { return lks_tag(); }
+  void setTag(int64_t tag) { setLks_tag(tag); }
+  std::optional<std::string> helpAnchor() const { return lks_helpAnchor(); }
+  void setHelpAnchor(OptionalText anchor) { setLks_helpAnchor(anchor); }
+  std::optional<std::string> helpBook() const { return lks_helpBook(); }
+  void setHelpBook(OptionalText book) { setLks_helpBook(book); }
+  std::shared_ptr<platform::FileProviderItem> fpItem() const { return lks_fpItem(); }
+  [[deprecated("forwards to an operation that does not exist: always throws; call setFPItem")]] void
+  setFpItem(const std::shared_ptr<platform::FileProviderItem>&) {
+    throw std::logic_error("unknown operation setLks_fpItem:");
+  }
+
+ protected:
+  std::optional<std::string> stringFor(Key key) const { return userInfo().get(key).string(); }
+  int64_t integerFor(Key key) const { return userInfo().get(key).integerValue(); }
+  bool boolFor(Key key) const { return userInfo().get(key).boolValue(); }
+
+ private:
+  std::shared_ptr<platform::ExtensionItem> item_;
+};
+
+/// The one currency of requests and replies.
+using Items = std::vector<MessageItem>;
+
+/// The items as the elements of an array value, and back; elements that are no items are left out.
+platform::Array arrayFromItems(const Items& items);
+Items itemsFromValue(const platform::Value& array);
+
+}  // namespace larkspan

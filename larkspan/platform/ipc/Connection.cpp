@@ -1,0 +1,300 @@
+#include "larkspan/platform/ipc/Connection.h"
+
+#include <atomic>
+#include <utility>
+
+#include "larkspan/platform/archive/ValueCoding.h"
+#include "larkspan/platform/base/Format.h"
+#include "larkspan/platform/ipc/TransportError.h"
+#include "larkspan/platform/log/Console.h"
+
+namespace larkspan::platform {
+
+namespace {
+
+/// Numbers are never used twice in a process, so that a channel keeps its number over all its transports.
+uint32_t nextChannel() {
+  static std::atomic<uint32_t> last{0};
+  return ++last;
+}
+
+const ClassSet& errorClass() {
+  static const auto* classes = new ClassSet{ValueClass::error};
+  return *classes;
+}
+
+/// Decodes an array of exactly the values that `classes` describes.
+std::variant<std::vector<Value>, Error> decodeValues(const Frame& frame, const std::vector<ClassSet>& classes) {
+  CborReader reader(frame.bytes.view());
+  reader.moveTo(frame.body);
+  const CborHead head = reader.next();
+  if (head.major != CborMajor::array || head.argument != classes.size()) {
+    return transportError(TransportErrorCode::violation, "A message with the wrong number of values");
+  }
+  std::vector<Value> values;
+  values.reserve(classes.size());
+  for (const ClassSet& allowed : classes) {
+    auto [value, error] = decodeValue(frame.bytes, reader, allowed);
+    if (error) return transportError(TransportErrorCode::violation, error->localizedDescription());
+    values.push_back(std::move(value));
+  }
+  return values;
+}
+
+}  // namespace
+
+// --- Reply
+
+struct Reply::State {
+  std::shared_ptr<Transport> transport;
+  uint32_t channel;
+  int64_t id;
+  std::atomic<bool> answered{false};
+
+  bool answer() {
+    if (!answered.exchange(true)) return true;
+    consoleLog("A call was answered twice; the second answer is dropped");
+    return false;
+  }
+  void sendFailure(const Error& error) {
+    auto frame = encodeFrame(FrameType::failure, channel, id, {}, {error});
+    if (!std::holds_alternative<std::string>(frame)) {
+      // The error itself is too much to send.
+      frame = encodeFrame(FrameType::failure, channel, id, {}, {Error(error.domain(), error.code())});
+    }
+    if (auto* bytes = std::get_if<std::string>(&frame)) transport->send(std::move(*bytes));
+  }
+  ~State() {
+    if (!answered) sendFailure(transportError(TransportErrorCode::notAnswered, "The call was not answered"));
+  }
+};
+
+Reply::Reply(std::shared_ptr<Transport> transport, uint32_t channel, int64_t id)
+    : state_(new State{std::move(transport), channel, id, {}}) {}
+
+void Reply::operator()(const std::vector<Value>& values) const {
+  if (!state_ || !state_->answer()) return;
+  auto frame = encodeFrame(FrameType::reply, state_->channel, state_->id, {}, values);
+  if (const auto* error = std::get_if<Error>(&frame)) return state_->sendFailure(*error);
+  state_->transport->send(std::get<std::string>(std::move(frame)));
+}
+
+void Reply::fail(const Error& error) const {
+  if (state_ && state_->answer()) state_->sendFailure(error);
+}
+
+// --- Connection
+
+Connection::Connection(Connector connector, std::shared_ptr<Transport> transport, uint32_t channel)
+    : connector_(std::move(connector)), channel_(channel), transport_(std::move(transport)) {}
+
+std::shared_ptr<Connection> Connection::make(Connector connector) {
+  return std::shared_ptr<Connection>(new Connection(std::move(connector), nullptr, nextChannel()));
+}
+
+std::shared_ptr<Connection> Connection::accept(std::shared_ptr<Transport> transport, uint32_t channel) {
+  return std::shared_ptr<Connection>(new Connection(nullptr, std::move(transport), channel));
+}
+
+Connection::~Connection() {
+  if (transport_) transport_->closeChannel(channel_);
+}
+
+void Connection::setRemoteInterface(std::shared_ptr<const Interface> interface) {
+  const std::lock_guard lock(mutex_);
+  remoteInterface_ = std::move(interface);
+}
+
+void Connection::setExported(std::shared_ptr<const Interface> interface, std::weak_ptr<ExportedObject> object) {
+  const std::lock_guard lock(mutex_);
+  exportedInterface_ = std::move(interface);
+  exported_ = std::move(object);
+}
+
+void Connection::setInterruptionHandler(std::function<void()> handler) {
+  const std::lock_guard lock(mutex_);
+  interruptionHandler_.swap(handler);
+}
+
+void Connection::setInvalidationHandler(std::function<void()> handler) {
+  const std::lock_guard lock(mutex_);
+  invalidationHandler_.swap(handler);
+}
+
+bool Connection::isValid() const {
+  const std::lock_guard lock(mutex_);
+  return !invalid_;
+}
+
+void Connection::connect(std::function<void(const std::optional<Error>&)> completion) {
+  std::unique_lock lock(mutex_);
+  if (transport_ || invalid_) {
+    const bool invalid = invalid_;
+    lock.unlock();
+    return completion(invalid ? std::optional(transportError(TransportErrorCode::invalidated, "The connection has ended"))
+                              : std::nullopt);
+  }
+  connectWaiters_.push_back(std::move(completion));
+  submit({}, lock);
+}
+
+void Connection::call(std::string_view method, const std::vector<Value>& arguments, Outcome outcome) {
+  int64_t id;
+  {
+    const std::lock_guard lock(mutex_);
+    id = ++lastId_;
+  }
+  auto frame = encodeFrame(FrameType::call, channel_, id, method, arguments);
+  if (const auto* error = std::get_if<Error>(&frame)) return outcome({}, *error);
+  std::unique_lock lock(mutex_);
+  if (invalid_) {
+    lock.unlock();
+    return outcome({}, transportError(TransportErrorCode::invalidated, "The connection has ended"));
+  }
+  calls_.emplace(id, Call{std::string(method), std::move(outcome), shared_from_this()});
+  submit(std::get<std::string>(std::move(frame)), lock);
+}
+
+std::optional<Error> Connection::post(std::string_view method, const std::vector<Value>& arguments) {
+  auto frame = encodeFrame(FrameType::post, channel_, 0, method, arguments);
+  if (const auto* error = std::get_if<Error>(&frame)) return *error;
+  std::unique_lock lock(mutex_);
+  return submit(std::get<std::string>(std::move(frame)), lock);
+}
+
+/// Sends the frame now or once there is a transport; an empty frame only sees to the transport. Releases the lock.
+std::optional<Error> Connection::submit(std::string frame, std::unique_lock<std::mutex>& lock) {
+  if (invalid_) return transportError(TransportErrorCode::invalidated, "The connection has ended");
+  if (transport_) {
+    // On a transport that has just closed, `closed()` is about to fail the call.
+    const bool sent = frame.empty() || transport_->send(std::move(frame));
+    lock.unlock();
+    if (!sent) return transportError(TransportErrorCode::interrupted, "The connection is interrupted");
+    return std::nullopt;
+  }
+  if (!frame.empty()) pending_.push_back(std::move(frame));
+  const bool begin = !std::exchange(connecting_, true);
+  lock.unlock();
+  if (begin) {
+    // Held meanwhile: somebody waits for the outcome.
+    connector_([self = shared_from_this()](const std::shared_ptr<Transport>& transport,
+                                           const std::optional<Error>& error) { self->connected(transport, error); });
+  }
+  return std::nullopt;
+}
+
+void Connection::connected(const std::shared_ptr<Transport>& transport, const std::optional<Error>& error) {
+  if (!transport) {
+    end(error.value_or(transportError(TransportErrorCode::launchFailed, "There is no peer")));
+    return;
+  }
+  std::unique_lock lock(mutex_);
+  connecting_ = false;
+  if (invalid_) return;
+  transport_ = transport;
+  const bool open = transport->open(channel_, weak_from_this());
+  for (std::string& frame : pending_) transport->send(std::move(frame));
+  pending_.clear();
+  const auto waiters = std::exchange(connectWaiters_, {});
+  lock.unlock();
+  if (!open) {
+    // It closed before it knew of this channel, so nobody else will say so.
+    closed(transportError(TransportErrorCode::interrupted, transport->name() + " went away"), false);
+  }
+  for (const auto& waiter : waiters) waiter(std::nullopt);
+}
+
+void Connection::invalidate() { end(transportError(TransportErrorCode::invalidated, "The connection was invalidated")); }
+
+/// Invalidates, and fails what is under way with this error.
+void Connection::end(const Error& error) {
+  std::unique_lock lock(mutex_);
+  if (std::exchange(invalid_, true)) return;
+  connecting_ = false;
+  pending_.clear();
+  const auto transport = std::exchange(transport_, nullptr);
+  const auto calls = std::exchange(calls_, {});
+  const auto waiters = std::exchange(connectWaiters_, {});
+  const auto interruption = std::exchange(interruptionHandler_, nullptr);
+  const auto invalidation = std::exchange(invalidationHandler_, nullptr);
+  lock.unlock();
+  if (transport) transport->closeChannel(channel_);
+  for (const auto& [id, call] : calls) call.outcome({}, error);
+  for (const auto& waiter : waiters) waiter(error);
+  if (invalidation) invalidation();
+}
+
+void Connection::closed(const Error& error, bool byPeer) {
+  const auto self = shared_from_this();
+  if (!connector_ || byPeer) return end(error);
+  std::unique_lock lock(mutex_);
+  if (!std::exchange(transport_, nullptr)) return;
+  const auto calls = std::exchange(calls_, {});
+  const auto interruption = interruptionHandler_;
+  lock.unlock();
+  for (const auto& [id, call] : calls) call.outcome({}, error);
+  if (interruption) interruption();
+}
+
+void Connection::received(const Frame& frame) {
+  if (frame.type == FrameType::call || frame.type == FrameType::post) {
+    receiveCall(frame);
+  } else {
+    receiveAnswer(frame);
+  }
+}
+
+void Connection::receiveCall(const Frame& frame) {
+  std::unique_lock lock(mutex_);
+  const auto transport = transport_;
+  const auto interface = exportedInterface_;
+  const auto object = exported_.lock();
+  lock.unlock();
+  if (!transport) return;
+  const bool answers = frame.type == FrameType::call;
+  const Reply reply = answers ? Reply(transport, channel_, frame.id) : Reply();
+  const Interface::Method* method = interface ? interface->find(frame.method) : nullptr;
+  if (!method || method->reply.has_value() != answers) {
+    return reply.fail(transportError(TransportErrorCode::unknownMethod, format("No method \"%@\"", frame.method)));
+  }
+  auto arguments = decodeValues(frame, method->arguments);
+  if (const auto* error = std::get_if<Error>(&arguments)) {
+    reply.fail(*error);
+    return transport->fail(*error);
+  }
+  // Without an object the reply is dropped, which answers the call.
+  if (object) object->receive(method->name, std::get<std::vector<Value>>(arguments), reply);
+}
+
+void Connection::receiveAnswer(const Frame& frame) {
+  std::unique_lock lock(mutex_);
+  const auto transport = transport_;
+  if (!transport) return;
+  auto call = calls_.extract(frame.id);
+  const auto interface = remoteInterface_;
+  lock.unlock();
+  if (call.empty()) {
+    return transport->fail(transportError(TransportErrorCode::violation, "An answer to no call, or a second one"));
+  }
+  const Outcome& outcome = call.mapped().outcome;
+  if (frame.type == FrameType::failure) {
+    CborReader reader(frame.bytes.view());
+    reader.moveTo(frame.body);
+    const auto [value, fault] = decodeValue(frame.bytes, reader, errorClass());
+    const auto error = value.error();
+    if (error) return outcome({}, *error);
+    const Error violation = transportError(TransportErrorCode::violation, "A failure without an error");
+    outcome({}, violation);
+    return transport->fail(violation);
+  }
+  const Interface::Method* method = interface ? interface->find(call.mapped().method) : nullptr;
+  static const std::vector<ClassSet> kNoReply;
+  auto values = decodeValues(frame, method && method->reply ? *method->reply : kNoReply);
+  if (const auto* error = std::get_if<Error>(&values)) {
+    outcome({}, *error);
+    return transport->fail(*error);
+  }
+  outcome(std::get<std::vector<Value>>(values), std::nullopt);
+}
+
+}  // namespace larkspan::platform

@@ -1,0 +1,110 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+#include "larkspan/platform/base/Descriptor.h"
+#include "larkspan/platform/base/Error.h"
+#include "larkspan/platform/dispatch/DispatchQueue.h"
+#include "larkspan/platform/dispatch/IoSource.h"
+#include "larkspan/platform/ipc/Frame.h"
+
+namespace larkspan::platform {
+
+/// One end of a socket that carries the frames of any number of channels.
+///
+/// Incoming frames are read, checked and handed on by tasks of one serial queue, the delivery queue: while a handler
+/// runs nothing more is read, so that a peer that sends without end waits in the kernel and takes no memory here.
+/// Outgoing frames are written by the thread that sends; what the kernel does not take is kept, up to
+/// `kMaximumOutbound` bytes, and written on the input/output thread.
+///
+/// Owner:   std::shared_ptr; what is watched and delivered holds it. It closes when the last reference goes.
+/// Thread:  every function from any thread; callbacks on the delivery queue.
+/// Failure: a peer that breaks the protocol, or does not read, ends the transport: said once in the log, and then
+///          once to each channel and to `onClose`.
+class Transport : public std::enable_shared_from_this<Transport> {
+ public:
+  /// One end of a channel. Both functions run on the delivery queue.
+  class Channel {
+   public:
+    virtual ~Channel() = default;
+    virtual void received(const Frame& frame) = 0;
+    /// No frame follows. `byPeer`: the peer closed this channel, the others go on.
+    virtual void closed(const Error& error, bool byPeer) = 0;
+  };
+
+  struct Handlers {
+    /// The peer has said hello in a version that is spoken here.
+    std::function<void()> onHello;
+    /// The peer opens a channel; answers who is at this end. Without this handler only this side may open channels.
+    std::function<std::shared_ptr<Channel>(uint32_t channel)> onOpen;
+    /// The last channel has been closed, by either side.
+    std::function<void()> onLastChannel;
+    /// The last callback; the handlers are dropped after it.
+    std::function<void(const Error& error)> onClose;
+  };
+
+  /// Takes a connected stream socket and says hello. `name` says in the log who the peer is.
+  static std::shared_ptr<Transport> make(Descriptor socket, std::string name, Handlers handlers);
+  ~Transport();
+
+  /// Sends a whole frame. False when the transport is closed; that it returns true does not mean that the peer got it.
+  bool send(std::string frame);
+  /// Opens a channel: from now on its frames, and the news of the end, come to `channel`, which is not kept alive.
+  /// False when the transport is closed already: then no news comes.
+  bool open(uint32_t number, std::weak_ptr<Channel> channel);
+  /// Closes a channel from this side: it is told nothing more, and the peer is told.
+  void closeChannel(uint32_t number);
+  /// Ends the transport as if the peer had gone away for this reason. Idempotent.
+  void close(const Error& reason);
+  /// The same because of what the peer did; the reason is logged.
+  void fail(const Error& reason);
+
+  const std::string& name() const { return name_; }
+  /// Whether the peer has answered a call since the transport was made.
+  bool hasReplied() const { return replied_; }
+
+ private:
+  Transport(Descriptor socket, std::string name, Handlers handlers);
+  void start();
+  void ready(uint32_t events);
+  void watch();
+  void readAvailable();
+  bool takeBytes(std::string_view bytes);
+  void receive(Slice item);
+  void route(const Frame& frame);
+  void flush();
+  bool writeSome();
+  void forget(uint32_t number);
+
+  const Descriptor socket_;
+  const std::string name_;
+  const std::shared_ptr<DispatchQueue> queue_;
+
+  std::mutex mutex_;
+  std::shared_ptr<IoSource> source_;
+  std::deque<std::string> outbound_;
+  std::size_t outboundOffset_ = 0;  // Written of the first.
+  std::size_t outboundBytes_ = 0;
+  std::unordered_map<uint32_t, std::weak_ptr<Channel>> channels_;
+  bool reading_ = false;      // A read is under way on the delivery queue.
+  bool writeBroken_ = false;  // The peer takes nothing more; what it sent before may still be read.
+  bool closed_ = false;
+
+  // On the delivery queue only:
+  Handlers handlers_;
+  std::string partial_;  // Bytes of a frame that is not whole yet.
+  bool greeted_ = false;
+
+  std::atomic<bool> replied_{false};
+};
+
+}  // namespace larkspan::platform
