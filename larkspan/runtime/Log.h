@@ -1,13 +1,13 @@
 #pragma once
 
-#include <cstdint>
-#include <string_view>
-
 #include "larkspan/platform/base/Format.h"
 #include "larkspan/platform/log/SystemLog.h"
 
-/// The library's diagnostics: one channel of the system log, always written whole. The message is formatted even when
-/// its level is disabled: do not log in tight loops.
+#include <cstdint>
+#include <string_view>
+
+/// The library's diagnostics: one channel of the system log, always written whole. The message is formatted
+/// even when its level is disabled: do not log in tight loops.
 namespace larkspan {
 
 namespace detail {

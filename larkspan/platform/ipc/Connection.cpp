@@ -1,12 +1,12 @@
 #include "larkspan/platform/ipc/Connection.h"
 
-#include <atomic>
-#include <utility>
-
 #include "larkspan/platform/archive/ValueCoding.h"
 #include "larkspan/platform/base/Format.h"
 #include "larkspan/platform/ipc/TransportError.h"
 #include "larkspan/platform/log/Console.h"
+
+#include <atomic>
+#include <utility>
 
 namespace larkspan::platform {
 
@@ -24,7 +24,8 @@ const ClassSet& errorClass() {
 }
 
 /// Decodes an array of exactly the values that `classes` describes.
-std::variant<std::vector<Value>, Error> decodeValues(const Frame& frame, const std::vector<ClassSet>& classes) {
+std::variant<std::vector<Value>, Error> decodeValues(const Frame& frame,
+                                                     const std::vector<ClassSet>& classes) {
   CborReader reader(frame.bytes.view());
   reader.moveTo(frame.body);
   const CborHead head = reader.next();
@@ -105,7 +106,8 @@ void Connection::setRemoteInterface(std::shared_ptr<const Interface> interface) 
   remoteInterface_ = std::move(interface);
 }
 
-void Connection::setExported(std::shared_ptr<const Interface> interface, std::weak_ptr<ExportedObject> object) {
+void Connection::setExported(std::shared_ptr<const Interface> interface,
+                             std::weak_ptr<ExportedObject> object) {
   const std::lock_guard lock(mutex_);
   exportedInterface_ = std::move(interface);
   exported_ = std::move(object);
@@ -131,8 +133,9 @@ void Connection::connect(std::function<void(const std::optional<Error>&)> comple
   if (transport_ || invalid_) {
     const bool invalid = invalid_;
     lock.unlock();
-    return completion(invalid ? std::optional(transportError(TransportErrorCode::invalidated, "The connection has ended"))
-                              : std::nullopt);
+    return completion(
+        invalid ? std::optional(transportError(TransportErrorCode::invalidated, "The connection has ended"))
+                : std::nullopt);
   }
   connectWaiters_.push_back(std::move(completion));
   submit({}, lock);
@@ -162,7 +165,8 @@ std::optional<Error> Connection::post(std::string_view method, const std::vector
   return submit(std::get<std::string>(std::move(frame)), lock);
 }
 
-/// Sends the frame now or once there is a transport; an empty frame only sees to the transport. Releases the lock.
+/// Sends the frame now or once there is a transport; an empty frame only sees to the transport. Releases the
+/// lock.
 std::optional<Error> Connection::submit(std::string frame, std::unique_lock<std::mutex>& lock) {
   if (invalid_) return transportError(TransportErrorCode::invalidated, "The connection has ended");
   if (transport_) {
@@ -178,7 +182,9 @@ std::optional<Error> Connection::submit(std::string frame, std::unique_lock<std:
   if (begin) {
     // Held meanwhile: somebody waits for the outcome.
     connector_([self = shared_from_this()](const std::shared_ptr<Transport>& transport,
-                                           const std::optional<Error>& error) { self->connected(transport, error); });
+                                           const std::optional<Error>& error) {
+      self->connected(transport, error);
+    });
   }
   return std::nullopt;
 }
@@ -204,7 +210,9 @@ void Connection::connected(const std::shared_ptr<Transport>& transport, const st
   for (const auto& waiter : waiters) waiter(std::nullopt);
 }
 
-void Connection::invalidate() { end(transportError(TransportErrorCode::invalidated, "The connection was invalidated")); }
+void Connection::invalidate() {
+  end(transportError(TransportErrorCode::invalidated, "The connection was invalidated"));
+}
 
 /// Invalidates, and fails what is under way with this error.
 void Connection::end(const Error& error) {
@@ -255,7 +263,8 @@ void Connection::receiveCall(const Frame& frame) {
   const Reply reply = answers ? Reply(transport, channel_, frame.id) : Reply();
   const Interface::Method* method = interface ? interface->find(frame.method) : nullptr;
   if (!method || method->reply.has_value() != answers) {
-    return reply.fail(transportError(TransportErrorCode::unknownMethod, format("No method \"%@\"", frame.method)));
+    return reply.fail(
+        transportError(TransportErrorCode::unknownMethod, format("No method \"%@\"", frame.method)));
   }
   auto arguments = decodeValues(frame, method->arguments);
   if (const auto* error = std::get_if<Error>(&arguments)) {
@@ -274,7 +283,8 @@ void Connection::receiveAnswer(const Frame& frame) {
   const auto interface = remoteInterface_;
   lock.unlock();
   if (call.empty()) {
-    return transport->fail(transportError(TransportErrorCode::violation, "An answer to no call, or a second one"));
+    return transport->fail(
+        transportError(TransportErrorCode::violation, "An answer to no call, or a second one"));
   }
   const Outcome& outcome = call.mapped().outcome;
   if (frame.type == FrameType::failure) {

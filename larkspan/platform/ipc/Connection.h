@@ -1,5 +1,10 @@
 #pragma once
 
+#include "larkspan/platform/base/Error.h"
+#include "larkspan/platform/base/Value.h"
+#include "larkspan/platform/ipc/Interface.h"
+#include "larkspan/platform/ipc/Transport.h"
+
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -10,15 +15,10 @@
 #include <unordered_map>
 #include <vector>
 
-#include "larkspan/platform/base/Error.h"
-#include "larkspan/platform/base/Value.h"
-#include "larkspan/platform/ipc/Interface.h"
-#include "larkspan/platform/ipc/Transport.h"
-
 namespace larkspan::platform {
 
-/// Answers one call of the peer, once, from any thread. Copies share the answer; when the last is dropped without an
-/// answer the caller is told so. A second answer is refused with a line on the console.
+/// Answers one call of the peer, once, from any thread. Copies share the answer; when the last is dropped
+/// without an answer the caller is told so. A second answer is refused with a line on the console.
 class Reply {
  public:
   Reply() = default;
@@ -37,22 +37,24 @@ class Reply {
 class ExportedObject {
  public:
   virtual ~ExportedObject() = default;
-  /// One call with as many arguments as the interface says, each of an allowed class or none. Runs on the delivery
-  /// queue and should not block; `reply` does nothing for a one-way message.
+  /// One call with as many arguments as the interface says, each of an allowed class or none. Runs on the
+  /// delivery queue and should not block; `reply` does nothing for a one-way message.
   virtual void receive(std::string_view method, const std::vector<Value>& arguments, Reply reply) = 0;
 };
 
 /// One channel between two processes, on which each side may call the other.
 ///
-/// Made with a connector, it finds its peer on first use; when the peer goes away the calls under way fail, the
-/// interruption handler runs, and the next use connects again to a peer that knows nothing of earlier calls. Made for
-/// a channel that the peer opened, it is invalid once the peer is gone.
+/// Made with a connector, it finds its peer on first use; when the peer goes away the calls under way fail,
+/// the interruption handler runs, and the next use connects again to a peer that knows nothing of earlier
+/// calls. Made for a channel that the peer opened, it is invalid once the peer is gone.
 ///
 /// Owner:   std::shared_ptr. Calls under way keep it alive; otherwise it ends with its last reference.
-/// Thread:  every function from any thread. Replies, incoming calls and handlers run on the transport's delivery queue,
-///          one at a time: blocking there holds up everything from this peer. What fails at once is told on the
-///          calling thread.
-/// Failure: each call has exactly one outcome. Errors have the domain `kTransportErrorDomain`, or are the peer's own.
+/// Thread:  every function from any thread. Replies, incoming calls and handlers run on the transport's
+/// delivery queue,
+///          one at a time: blocking there holds up everything from this peer. What fails at once is told on
+///          the calling thread.
+/// Failure: each call has exactly one outcome. Errors have the domain `kTransportErrorDomain`, or are the
+/// peer's own.
 class Connection : public Transport::Channel, public std::enable_shared_from_this<Connection> {
  public:
   using Connected = std::function<void(std::shared_ptr<Transport>, std::optional<Error>)>;
@@ -78,7 +80,8 @@ class Connection : public Transport::Channel, public std::enable_shared_from_thi
   void call(std::string_view method, const std::vector<Value>& arguments, Outcome outcome);
   /// Sends a one-way message; an error says that it surely did not arrive.
   std::optional<Error> post(std::string_view method, const std::vector<Value>& arguments);
-  /// Ends the connection for good: calls under way fail and the invalidation handler runs, both on the calling thread.
+  /// Ends the connection for good: calls under way fail and the invalidation handler runs, both on the
+  /// calling thread.
   void invalidate();
   bool isValid() const;
 

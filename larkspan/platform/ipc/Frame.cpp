@@ -44,7 +44,8 @@ std::variant<Frame, Error> Frame::parse(Slice bytes) {
 
   if (frame.type != FrameType::hello) {
     const CborHead channel = reader.next();
-    if (channel.major != CborMajor::unsignedInteger || channel.argument > UINT32_MAX) return fault("No channel");
+    if (channel.major != CborMajor::unsignedInteger || channel.argument > UINT32_MAX)
+      return fault("No channel");
     frame.channel = static_cast<uint32_t>(channel.argument);
   }
   if (frame.type == FrameType::call || frame.type == FrameType::reply || frame.type == FrameType::failure) {
@@ -62,8 +63,8 @@ std::variant<Frame, Error> Frame::parse(Slice bytes) {
   return frame;
 }
 
-std::variant<std::string, Error> encodeFrame(FrameType type, uint32_t channel, int64_t id, std::string_view method,
-                                             const std::vector<Value>& values) {
+std::variant<std::string, Error> encodeFrame(FrameType type, uint32_t channel, int64_t id,
+                                             std::string_view method, const std::vector<Value>& values) {
   const bool named = type == FrameType::call || type == FrameType::post;
   const bool numbered = type != FrameType::post;
   std::string frame(kLengthSize, '\0');

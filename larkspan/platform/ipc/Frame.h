@@ -1,5 +1,8 @@
 #pragma once
 
+#include "larkspan/platform/base/Slice.h"
+#include "larkspan/platform/base/Value.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -7,13 +10,10 @@
 #include <variant>
 #include <vector>
 
-#include "larkspan/platform/base/Slice.h"
-#include "larkspan/platform/base/Value.h"
-
 namespace larkspan::platform {
 
-/// What a frame says. A frame is a 4-byte big-endian length and one CBOR array, whose first member is the type;
-/// docs/wire.md describes each with its bytes.
+/// What a frame says. A frame is a 4-byte big-endian length and one CBOR array, whose first member is the
+/// type; docs/wire.md describes each with its bytes.
 enum class FrameType : int64_t {
   hello = 0,    ///< [0, {"protocol", "version", "capabilities"}]: first each way
   open = 1,     ///< [1, channel]: a request begins
@@ -41,10 +41,10 @@ struct Frame {
   static std::variant<Frame, Error> parse(Slice bytes);
 };
 
-/// The bytes of a frame, length included. The error is that of a value which cannot be encoded or of a frame that is
-/// too large.
-std::variant<std::string, Error> encodeFrame(FrameType type, uint32_t channel, int64_t id, std::string_view method,
-                                             const std::vector<Value>& values);
+/// The bytes of a frame, length included. The error is that of a value which cannot be encoded or of a frame
+/// that is too large.
+std::variant<std::string, Error> encodeFrame(FrameType type, uint32_t channel, int64_t id,
+                                             std::string_view method, const std::vector<Value>& values);
 std::string encodeHello();
 /// Of type `open` or `close`.
 std::string encodeChannelFrame(FrameType type, uint32_t channel);

@@ -6,7 +6,8 @@
 namespace larkspan::platform {
 
 const Interface::Method* Interface::find(std::string_view method) const {
-  const auto found = std::find_if(methods_.begin(), methods_.end(), [&](const Method& m) { return m.name == method; });
+  const auto found =
+      std::find_if(methods_.begin(), methods_.end(), [&](const Method& m) { return m.name == method; });
   return found == methods_.end() ? nullptr : &*found;
 }
 

@@ -1,11 +1,11 @@
 #pragma once
 
+#include "larkspan/platform/archive/ClassSet.h"
+
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include "larkspan/platform/archive/ClassSet.h"
 
 namespace larkspan::platform {
 
@@ -22,14 +22,15 @@ class Interface {
     std::optional<std::vector<ClassSet>> reply;
   };
 
-  Interface(std::string name, std::vector<Method> methods) : name_(std::move(name)), methods_(std::move(methods)) {}
+  Interface(std::string name, std::vector<Method> methods)
+      : name_(std::move(name)), methods_(std::move(methods)) {}
 
   const std::string& name() const { return name_; }
   /// Null for a name that the interface does not have.
   const Method* find(std::string_view method) const;
 
-  /// The classes allowed in an argument (counted from 0), or in a value of the reply. Asking for what the interface
-  /// does not have throws std::out_of_range.
+  /// The classes allowed in an argument (counted from 0), or in a value of the reply. Asking for what the
+  /// interface does not have throws std::out_of_range.
   const ClassSet& classes(std::string_view method, std::size_t index, bool ofReply) const;
   void setClasses(ClassSet classes, std::string_view method, std::size_t index, bool ofReply);
 

@@ -1,14 +1,14 @@
 #include "larkspan/platform/ipc/Transport.h"
 
-#include <array>
-#include <utility>
-
 #include "larkspan/platform/archive/ArchiveError.h"
 #include "larkspan/platform/archive/ValueCoding.h"
 #include "larkspan/platform/base/Format.h"
 #include "larkspan/platform/base/Limits.h"
 #include "larkspan/platform/ipc/TransportError.h"
 #include "larkspan/platform/log/SystemLog.h"
+
+#include <array>
+#include <utility>
 
 #include <errno.h>
 #include <sys/epoll.h>
@@ -44,7 +44,8 @@ Transport::Transport(Descriptor socket, std::string name, Handlers handlers)
       handlers_(std::move(handlers)) {}
 
 std::shared_ptr<Transport> Transport::make(Descriptor socket, std::string name, Handlers handlers) {
-  std::shared_ptr<Transport> transport(new Transport(std::move(socket), std::move(name), std::move(handlers)));
+  std::shared_ptr<Transport> transport(
+      new Transport(std::move(socket), std::move(name), std::move(handlers)));
   transport->start();
   return transport;
 }
@@ -69,8 +70,8 @@ void Transport::start() {
   send(encodeHello());
 }
 
-/// On the input/output thread: hands reading over to the delivery queue and watches for nothing but room to write
-/// until that is done.
+/// On the input/output thread: hands reading over to the delivery queue and watches for nothing but room to
+/// write until that is done.
 void Transport::ready(uint32_t events) {
   std::unique_lock lock(mutex_);
   if (closed_) return;
@@ -103,7 +104,8 @@ void Transport::readAvailable() {
     if (count > 0) {
       if (!takeBytes({buffer.data(), static_cast<std::size_t>(count)})) return;
     } else if (count == 0) {
-      if (partial_.empty()) return close(transportError(TransportErrorCode::interrupted, name_ + " went away"));
+      if (partial_.empty())
+        return close(transportError(TransportErrorCode::interrupted, name_ + " went away"));
       return fail(violation("The connection ended inside a frame"));
     } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
       const std::lock_guard lock(mutex_);
@@ -111,7 +113,8 @@ void Transport::readAvailable() {
       watch();
       return;
     } else if (errno != EINTR) {
-      return close(transportError(TransportErrorCode::interrupted, Error::posix(errno, name_).localizedDescription()));
+      return close(
+          transportError(TransportErrorCode::interrupted, Error::posix(errno, name_).localizedDescription()));
     }
   }
 }
@@ -131,7 +134,8 @@ bool Transport::takeBytes(std::string_view bytes) {
     if (partial_.size() >= kLengthSize) {
       const std::size_t length = frameLength(partial_);
       if (length > limits::kMaximumFrame) {
-        fail(violation(format("A frame of %zu bytes, more than the limit of %zu", length, limits::kMaximumFrame)));
+        fail(violation(
+            format("A frame of %zu bytes, more than the limit of %zu", length, limits::kMaximumFrame)));
         return false;
       }
       wanted += length;
@@ -171,7 +175,8 @@ void Transport::route(const Frame& frame) {
     reader.moveTo(frame.body);
     const auto hello = decodeValue(frame.bytes, reader, ClassSet::allValues());
     const Dictionary content = hello.value.dictionary();
-    if (content.get("protocol") != Value(kProtocolName)) return fail(violation("The hello names another protocol"));
+    if (content.get("protocol") != Value(kProtocolName))
+      return fail(violation("The hello names another protocol"));
     if (const int64_t version = content.get("version").integerValue(); version != kProtocolVersion) {
       return fail(violation(format("The peer speaks version %lld of the protocol", version)));
     }
@@ -224,8 +229,8 @@ bool Transport::send(std::string frame) {
 void Transport::flush() {
   while (!outbound_.empty()) {
     const std::string& first = outbound_.front();
-    const ssize_t count = ::send(socket_.get(), first.data() + outboundOffset_, first.size() - outboundOffset_,
-                                 MSG_DONTWAIT | MSG_NOSIGNAL);
+    const ssize_t count = ::send(socket_.get(), first.data() + outboundOffset_,
+                                 first.size() - outboundOffset_, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (count < 0) {
       if (errno == EINTR) continue;
       if (errno == EAGAIN || errno == EWOULDBLOCK) return;
@@ -281,7 +286,8 @@ void Transport::fail(const Error& reason) {
     const std::lock_guard lock(mutex_);
     if (closed_) return;
   }
-  transportLog().write(LogLevel::fault, format("Connection to %@ ended: %@", name_, reason.localizedDescription()));
+  transportLog().write(LogLevel::fault,
+                       format("Connection to %@ ended: %@", name_, reason.localizedDescription()));
   close(reason);
 }
 

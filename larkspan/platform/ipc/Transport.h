@@ -1,5 +1,11 @@
 #pragma once
 
+#include "larkspan/platform/base/Descriptor.h"
+#include "larkspan/platform/base/Error.h"
+#include "larkspan/platform/dispatch/DispatchQueue.h"
+#include "larkspan/platform/dispatch/IoSource.h"
+#include "larkspan/platform/ipc/Frame.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -11,24 +17,19 @@
 #include <string>
 #include <unordered_map>
 
-#include "larkspan/platform/base/Descriptor.h"
-#include "larkspan/platform/base/Error.h"
-#include "larkspan/platform/dispatch/DispatchQueue.h"
-#include "larkspan/platform/dispatch/IoSource.h"
-#include "larkspan/platform/ipc/Frame.h"
-
 namespace larkspan::platform {
 
 /// One end of a socket that carries the frames of any number of channels.
 ///
-/// Incoming frames are read, checked and handed on by tasks of one serial queue, the delivery queue: while a handler
-/// runs nothing more is read, so that a peer that sends without end waits in the kernel and takes no memory here.
-/// Outgoing frames are written by the thread that sends; what the kernel does not take is kept, up to
-/// `kMaximumOutbound` bytes, and written on the input/output thread.
+/// Incoming frames are read, checked and handed on by tasks of one serial queue, the delivery queue: while a
+/// handler runs nothing more is read, so that a peer that sends without end waits in the kernel and takes no
+/// memory here. Outgoing frames are written by the thread that sends; what the kernel does not take is kept,
+/// up to `kMaximumOutbound` bytes, and written on the input/output thread.
 ///
 /// Owner:   std::shared_ptr; what is watched and delivered holds it. It closes when the last reference goes.
 /// Thread:  every function from any thread; callbacks on the delivery queue.
-/// Failure: a peer that breaks the protocol, or does not read, ends the transport: said once in the log, and then
+/// Failure: a peer that breaks the protocol, or does not read, ends the transport: said once in the log, and
+/// then
 ///          once to each channel and to `onClose`.
 class Transport : public std::enable_shared_from_this<Transport> {
  public:
@@ -44,7 +45,8 @@ class Transport : public std::enable_shared_from_this<Transport> {
   struct Handlers {
     /// The peer has said hello in a version that is spoken here.
     std::function<void()> onHello;
-    /// The peer opens a channel; answers who is at this end. Without this handler only this side may open channels.
+    /// The peer opens a channel; answers who is at this end. Without this handler only this side may open
+    /// channels.
     std::function<std::shared_ptr<Channel>(uint32_t channel)> onOpen;
     /// The last channel has been closed, by either side.
     std::function<void()> onLastChannel;
@@ -56,10 +58,11 @@ class Transport : public std::enable_shared_from_this<Transport> {
   static std::shared_ptr<Transport> make(Descriptor socket, std::string name, Handlers handlers);
   ~Transport();
 
-  /// Sends a whole frame. False when the transport is closed; that it returns true does not mean that the peer got it.
+  /// Sends a whole frame. False when the transport is closed; that it returns true does not mean that the
+  /// peer got it.
   bool send(std::string frame);
-  /// Opens a channel: from now on its frames, and the news of the end, come to `channel`, which is not kept alive.
-  /// False when the transport is closed already: then no news comes.
+  /// Opens a channel: from now on its frames, and the news of the end, come to `channel`, which is not kept
+  /// alive. False when the transport is closed already: then no news comes.
   bool open(uint32_t number, std::weak_ptr<Channel> channel);
   /// Closes a channel from this side: it is told nothing more, and the peer is told.
   void closeChannel(uint32_t number);

@@ -1,9 +1,9 @@
 #pragma once
 
+#include "larkspan/platform/base/Error.h"
+
 #include <cstdint>
 #include <string_view>
-
-#include "larkspan/platform/base/Error.h"
 
 namespace larkspan::platform {
 
@@ -20,6 +20,7 @@ enum class TransportErrorCode : int64_t {
   unknownMethod,    ///< The peer does not know the method.
   notReading,       ///< The peer does not take what is sent to it.
   noReply,          ///< A reply came that carries nothing.
+  exception,        ///< An exception left the work of an operation.
 };
 
 /// An error with that code and description.
