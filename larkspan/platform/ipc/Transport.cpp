@@ -281,6 +281,13 @@ void Transport::forget(uint32_t number) {
   });
 }
 
+void Transport::peerEnded(const Error& reason) {
+  queue_->async([self = shared_from_this(), reason] {
+    self->readAvailable();
+    self->close(reason);
+  });
+}
+
 void Transport::fail(const Error& reason) {
   {
     const std::lock_guard lock(mutex_);

@@ -68,7 +68,9 @@ class Transport : public std::enable_shared_from_this<Transport> {
   void closeChannel(uint32_t number);
   /// Ends the transport as if the peer had gone away for this reason. Idempotent.
   void close(const Error& reason);
-  /// The same because of what the peer did; the reason is logged.
+  /// The peer has ended for this reason: reads what it still said and closes.
+  void peerEnded(const Error& reason);
+  /// The same as `close` because of what the peer did; the reason is logged.
   void fail(const Error& reason);
 
   const std::string& name() const { return name_; }

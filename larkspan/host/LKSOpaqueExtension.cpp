@@ -1,0 +1,105 @@
+#include "larkspan/host/LKSOpaqueExtension.h"
+
+#include <algorithm>
+#include <functional>
+
+#include "larkspan/runtime/Log.h"
+
+namespace larkspan {
+
+using platform::Error;
+
+std::shared_ptr<LKSOpaqueExtension> LKSOpaqueExtension::initWithExtension(
+    std::shared_ptr<platform::Extension> extension) {
+  return std::shared_ptr<LKSOpaqueExtension>(new LKSOpaqueExtension(std::move(extension)));
+}
+
+std::string LKSOpaqueExtension::description() const {
+  return platform::format("<%@:%p %@>", className(), static_cast<const void*>(this), underlyingExtension_);
+}
+
+bool LKSOpaqueExtension::isEqual(const platform::Object& other) const {
+  const auto* handle = dynamic_cast<const LKSOpaqueExtension*>(&other);
+  return handle && handle->underlyingExtension_->extensionBundle() == underlyingExtension_->extensionBundle();
+}
+
+std::size_t LKSOpaqueExtension::hash() const {
+  return std::hash<std::string>()(underlyingExtension_->extensionBundle());
+}
+
+std::shared_ptr<LKSHostExtensionContext> LKSOpaqueExtension::context() const {
+  const std::lock_guard lock(mutex_);
+  return context_;
+}
+
+void LKSOpaqueExtension::setContext(std::shared_ptr<LKSHostExtensionContext> context) {
+  const std::lock_guard lock(mutex_);
+  // The replaced context goes after the lock: its end may call back.
+  context_.swap(context);
+}
+
+void LKSOpaqueExtension::processInputItems(const Items& items, ItemsCompletion completionHandler) {
+  const auto self = std::static_pointer_cast<LKSOpaqueExtension>(shared_from_this());
+  if (const auto current = context()) return exchange(current, items, completionHandler);
+  // The items never travel as the request's input; they go over its connection.
+  underlyingExtension_->beginExtensionRequestWithInputItems(
+      {}, &LKSHostExtensionContext::make,
+      [self, items, completionHandler](const std::optional<platform::UUID>& uuid, const std::optional<Error>& error) {
+        if (!uuid) {
+          LKSLog("%@ failed to begin extension request to %@: %@", self, self->underlyingExtension_, error);
+          return completionHandler(std::nullopt, error);
+        }
+        const auto begun = std::static_pointer_cast<LKSHostExtensionContext>(
+            self->underlyingExtension_->extensionContextForUUID(*uuid));
+        self->setContext(begun);
+        begun->setExtension(self);
+        self->exchange(begun, items, completionHandler);
+      });
+}
+
+void LKSOpaqueExtension::exchange(const std::shared_ptr<LKSHostExtensionContext>& context, const Items& items,
+                                  const ItemsCompletion& completionHandler) {
+  const auto& connection = context->auxiliaryConnection();
+  const auto weak = std::weak_ptr(std::static_pointer_cast<LKSOpaqueExtension>(shared_from_this()));
+  connection->setInvalidationHandler([weak, connection = connection.get()] {
+    const auto self = weak.lock();
+    // A request that has been replaced ends without the one that replaced it.
+    const auto current = self ? self->context() : nullptr;
+    if (current && current->auxiliaryConnection().get() == connection) self->setContext(nullptr);
+  });
+  connection->setInterruptionHandler([weak] {
+    if (const auto self = weak.lock()) {
+      LKSLog("%@ connection to %@ interrupted", self, self->underlyingExtension_);
+    }
+  });
+  const std::string name = description();
+  LKSRemoteExtensionProxy proxy(
+      connection, [name, underlying = underlyingExtension_, completionHandler](const Error& error) {
+        LKSLog("%@ communication error with %@: %@", name, underlying, error);
+        completionHandler(std::nullopt, error);
+      });
+  // The reply holds the context too, which goes on posting what the extension says meanwhile.
+  proxy.processInputItems(items, [name, items, context, completionHandler](const std::optional<Items>& reply,
+                                                                           const std::optional<Error>& error) {
+    LKSLog("%@ finished processing %@: result count %ld, error %@", name, items, reply ? reply->size() : 0, error);
+    completionHandler(reply, error);
+  });
+}
+
+void LKSOpaqueExtension::abandon() {
+  if (const auto current = context()) current->auxiliaryConnection()->invalidate();
+  underlyingExtension_->endProcess();
+}
+
+std::vector<std::shared_ptr<LKSOpaqueExtension>> mergeHandles(
+    const std::vector<std::shared_ptr<LKSOpaqueExtension>>& discovered,
+    const std::vector<std::shared_ptr<LKSOpaqueExtension>>& held) {
+  std::vector<std::shared_ptr<LKSOpaqueExtension>> merged = discovered;
+  for (auto& handle : merged) {
+    const auto known = std::find_if(held.begin(), held.end(), [&](const auto& one) { return one->isEqual(*handle); });
+    if (known != held.end()) handle = *known;
+  }
+  return merged;
+}
+
+}  // namespace larkspan

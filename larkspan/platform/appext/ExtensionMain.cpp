@@ -1,0 +1,84 @@
+#include "larkspan/platform/appext/ExtensionMain.h"
+
+#include <cerrno>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <mutex>
+
+#include "larkspan/platform/appext/Launcher.h"
+#include "larkspan/platform/base/Descriptor.h"
+#include "larkspan/platform/dispatch/DispatchQueue.h"
+#include "larkspan/platform/ipc/Transport.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/socket.h>
+
+namespace larkspan::platform {
+
+namespace {
+
+bool isSocket(int descriptor) {
+  int type = 0;
+  socklen_t size = sizeof type;
+  return ::getsockopt(descriptor, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_STREAM;
+}
+
+/// The requests under way; outlives `runExtension`, since tasks may still run while the process exits.
+struct Requests {
+  std::mutex mutex;
+  std::shared_ptr<Transport> transport;
+  std::map<uint32_t, std::shared_ptr<ExtensionContext>> contexts;
+};
+
+}  // namespace
+
+std::string mainBundleIdentifier() {
+  const char* identifier = ::getenv(kExtensionIdentifierVariable);
+  return identifier ? identifier : ::program_invocation_short_name;
+}
+
+int runExtension(std::function<std::shared_ptr<ExtensionContext>(UUID, std::shared_ptr<Connection>)> makeContext) {
+  if (!isSocket(kExtensionDescriptor)) {
+    std::fprintf(stderr, "%s: this is a storage extension; it is started by a host such as larkspan\n",
+                 ::program_invocation_short_name);
+    return 2;
+  }
+  // Numbers keep their point.
+  std::setlocale(LC_MESSAGES, "");
+  std::setlocale(LC_CTYPE, "");
+  ::signal(SIGPIPE, SIG_IGN);
+  ::fcntl(kExtensionDescriptor, F_SETFD, FD_CLOEXEC);
+
+  static auto* const requests = new Requests;
+  Transport::Handlers handlers;
+  handlers.onOpen = [makeContext = std::move(makeContext)](uint32_t channel) -> std::shared_ptr<Connection> {
+    std::shared_ptr<Transport> transport;
+    {
+      const std::lock_guard lock(requests->mutex);
+      transport = requests->transport;
+    }
+    auto connection = Connection::accept(std::move(transport), channel);
+    auto context = makeContext(UUID::random(), connection);
+    connection->setInvalidationHandler([channel] {
+      std::shared_ptr<ExtensionContext> ended;
+      const std::lock_guard lock(requests->mutex);
+      ended.swap(requests->contexts[channel]);
+      requests->contexts.erase(channel);
+    });
+    const std::lock_guard lock(requests->mutex);
+    requests->contexts[channel] = std::move(context);
+    return connection;
+  };
+  handlers.onClose = [](const Error&) { stopMainQueue(); };
+  {
+    const std::lock_guard lock(requests->mutex);
+    requests->transport = Transport::make(Descriptor(kExtensionDescriptor), "host", std::move(handlers));
+  }
+  runMainQueue();
+  return 0;
+}
+
+}  // namespace larkspan::platform

@@ -1,0 +1,198 @@
+#include "larkspan/platform/appext/ExtensionProcess.h"
+
+#include <map>
+#include <utility>
+
+#include "larkspan/platform/base/Format.h"
+#include "larkspan/platform/base/Limits.h"
+#include "larkspan/platform/dispatch/DispatchQueue.h"
+#include "larkspan/platform/ipc/TransportError.h"
+#include "larkspan/platform/log/SystemLog.h"
+
+#include <errno.h>
+#include <sys/socket.h>
+
+namespace larkspan::platform {
+
+namespace {
+
+/// How long an extension may take to leave once its host has let go of it.
+constexpr std::chrono::seconds kLeaveGrace{2};
+
+struct Registry {
+  std::mutex mutex;
+  std::map<std::string, std::shared_ptr<ExtensionProcess>> processes;
+};
+
+Registry& registry() {
+  static auto* value = new Registry;
+  return *value;
+}
+
+const SystemLog& extensionLog() {
+  static const auto* log = new SystemLog("corvane.storage", "extensions");
+  return *log;
+}
+
+/// Its socket is closed, so it sees end of file; it gets some time to leave.
+void killAfterGrace(const std::shared_ptr<LaunchedProcess>& process) {
+  DispatchQueue::global(QualityOfService::utility)->after(kLeaveGrace, [process] { process->kill(); });
+}
+
+}  // namespace
+
+std::shared_ptr<ExtensionProcess> ExtensionProcess::forManifest(const Manifest& manifest) {
+  const std::lock_guard lock(registry().mutex);
+  auto& process = registry().processes[manifest.path];
+  // A manifest that has been edited stands for another program.
+  if (!process || process->manifest_.exec != manifest.exec) process.reset(new ExtensionProcess(manifest));
+  return process;
+}
+
+void ExtensionProcess::transport(Connection::Connected completion) {
+  std::unique_lock lock(mutex_);
+  if (ready_) {
+    const auto transport = transport_;
+    lock.unlock();
+    return completion(transport, std::nullopt);
+  }
+  if (!transport_) {
+    if (const auto error = begin()) {
+      lock.unlock();
+      return completion(nullptr, *error);
+    }
+  }
+  waiters_.push_back(std::move(completion));
+}
+
+std::optional<Error> ExtensionProcess::delayError() {
+  const MonotonicTime now = Clock::current().monotonicNow();
+  while (!failedStarts_.empty() && now - failedStarts_.front() >= limits::kStartWindow) failedStarts_.pop_front();
+  if (failedStarts_.size() < limits::kMaximumFailedStarts) return std::nullopt;
+  const auto wait = std::chrono::ceil<std::chrono::seconds>(failedStarts_.front() + limits::kStartWindow - now);
+  return transportError(TransportErrorCode::launchDelayed,
+                        format("%@ ended %zu times right after its start; it is not started again for %lld seconds",
+                               manifest_.identifier, failedStarts_.size(), static_cast<long long>(wait.count())));
+}
+
+/// Makes the connection and sees to the launch; with the lock held.
+std::optional<Error> ExtensionProcess::begin() {
+  if (auto error = delayError()) return error;
+  int sockets[2];
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets) != 0) {
+    return transportError(TransportErrorCode::launchFailed,
+                          Error::posix(errno, "Connecting to " + manifest_.identifier).localizedDescription());
+  }
+  // The handlers find their transport through a weak reference that is filled before the first of them can run: they
+  // take the lock.
+  const auto own = std::make_shared<std::weak_ptr<Transport>>();
+  const auto on = [weak = weak_from_this(), own](auto member) {
+    return [weak, own, member](const auto&... arguments) {
+      const auto self = weak.lock();
+      if (!self) return;
+      std::shared_ptr<Transport> transport;
+      {
+        const std::lock_guard lock(self->mutex_);
+        transport = own->lock();
+      }
+      if (transport) ((*self).*member)(transport, arguments...);
+    };
+  };
+  Transport::Handlers handlers;
+  handlers.onHello = on(&ExtensionProcess::ready);
+  handlers.onLastChannel = on(&ExtensionProcess::letGo);
+  handlers.onClose = on(&ExtensionProcess::closed);
+  transport_ = Transport::make(Descriptor(sockets[0]), manifest_.identifier, std::move(handlers));
+  *own = transport_;
+  DispatchQueue::global(QualityOfService::userInitiated)
+      ->async([self = shared_from_this(), transport = transport_, socket = Descriptor(sockets[1])]() mutable {
+        self->launch(transport, std::move(socket));
+      });
+  return std::nullopt;
+}
+
+void ExtensionProcess::launch(const std::shared_ptr<Transport>& transport, Descriptor socket) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (transport_ != transport) return;
+  }
+  const auto onExit = [identifier = manifest_.identifier, weak = std::weak_ptr(transport)](const std::string& how) {
+    const std::string text = format("%@ ended: %@", identifier, how);
+    extensionLog().write(LogLevel::standard, text);
+    // The socket may stay open in a process that the extension left behind.
+    if (const auto gone = weak.lock()) gone->peerEnded(transportError(TransportErrorCode::interrupted, text));
+  };
+  auto launched = Launcher::current()->launch(manifest_, std::move(socket), onExit);
+  if (const auto* error = std::get_if<Error>(&launched)) {
+    return transport->close(transportError(
+        TransportErrorCode::launchFailed,
+        format("%@ could not be started: %@", manifest_.identifier, error->localizedDescription())));
+  }
+  const auto& process = std::get<std::shared_ptr<LaunchedProcess>>(launched);
+  std::unique_lock lock(mutex_);
+  if (transport_ == transport) {
+    process_ = process;
+  } else {
+    lock.unlock();
+    process->kill();
+  }
+}
+
+void ExtensionProcess::ready(const std::shared_ptr<Transport>& transport) {
+  std::unique_lock lock(mutex_);
+  if (transport_ != transport) return;
+  ready_ = true;
+  const auto waiters = std::exchange(waiters_, {});
+  lock.unlock();
+  for (const auto& waiter : waiters) waiter(transport, std::nullopt);
+}
+
+void ExtensionProcess::closed(const std::shared_ptr<Transport>& transport, const Error& reason) {
+  std::unique_lock lock(mutex_);
+  if (transport_ != transport) return;
+  transport_ = nullptr;
+  ready_ = false;
+  const auto process = std::exchange(process_, nullptr);
+  const auto waiters = std::exchange(waiters_, {});
+  if (process && !transport->hasReplied()) failedStarts_.push_back(Clock::current().monotonicNow());
+  lock.unlock();
+  // It may have closed its end and still run, or have broken the protocol.
+  if (process) killAfterGrace(process);
+  for (const auto& waiter : waiters) waiter(nullptr, reason);
+}
+
+/// Nobody needs the extension any more. What it does now concerns nobody either.
+void ExtensionProcess::letGo(const std::shared_ptr<Transport>& transport) {
+  std::unique_lock lock(mutex_);
+  if (transport_ != transport) return;
+  transport_ = nullptr;
+  ready_ = false;
+  const auto process = std::exchange(process_, nullptr);
+  lock.unlock();
+  transport->close(transportError(TransportErrorCode::invalidated, "The host has let go of " + manifest_.identifier));
+  if (process) killAfterGrace(process);
+}
+
+void ExtensionProcess::end() {
+  std::unique_lock lock(mutex_);
+  const auto transport = std::exchange(transport_, nullptr);
+  const auto process = std::exchange(process_, nullptr);
+  const auto waiters = std::exchange(waiters_, {});
+  ready_ = false;
+  lock.unlock();
+  if (process) process->kill();
+  const Error reason = transportError(TransportErrorCode::interrupted, "The host has ended " + manifest_.identifier);
+  if (transport) transport->close(reason);
+  for (const auto& waiter : waiters) waiter(nullptr, reason);
+}
+
+void ExtensionProcess::endAll() {
+  std::vector<std::shared_ptr<ExtensionProcess>> processes;
+  {
+    const std::lock_guard lock(registry().mutex);
+    for (const auto& [path, process] : registry().processes) processes.push_back(process);
+  }
+  for (const auto& process : processes) process->end();
+}
+
+}  // namespace larkspan::platform

@@ -1,0 +1,81 @@
+#include "larkspan/platform/appext/Launcher.h"
+
+#include <mutex>
+#include <utility>
+
+#include "larkspan/platform/log/SystemLog.h"
+#include "larkspan/platform/process/Child.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+namespace larkspan::platform {
+
+namespace {
+
+const SystemLog& extensionLog() {
+  static const auto* log = new SystemLog("corvane.storage", "extensions");
+  return *log;
+}
+
+class ChildProcess final : public LaunchedProcess {
+ public:
+  explicit ChildProcess(std::shared_ptr<Child> child) : child_(std::move(child)) {}
+  void kill() override { child_->kill(SIGKILL); }
+
+ private:
+  const std::shared_ptr<Child> child_;
+};
+
+class ProcessLauncher final : public Launcher {
+ public:
+  std::variant<std::shared_ptr<LaunchedProcess>, Error> launch(const Manifest& manifest, Descriptor socket,
+                                                               ExitHandler onExit) override {
+    ChildOptions options;
+    options.arguments = manifest.exec;
+    options.environment.emplace();
+    const std::string variable = std::string(kExtensionIdentifierVariable) + "=";
+    for (char** entry = ::environ; *entry; ++entry) {
+      if (!std::string_view(*entry).starts_with(variable)) options.environment->emplace_back(*entry);
+    }
+    options.environment->push_back(variable + manifest.identifier);
+    options.workingFolder = "/";
+    options.descriptors = {{kExtensionDescriptor, socket.get()}};
+    // An extension leaves at end of file; a stopped or hung one goes with its host all the same.
+    options.parentDeathSignal = SIGKILL;
+    const std::string identifier = manifest.identifier;
+    options.standardErrorLine = [identifier](std::string_view line) {
+      extensionLog().write(LogLevel::standard, identifier + ": " + std::string(line));
+    };
+    auto child = Child::start(options, [onExit = std::move(onExit)](ExitStatus status) { onExit(status.description()); });
+    if (auto* error = std::get_if<Error>(&child)) return std::move(*error);
+    return std::make_shared<ChildProcess>(std::get<std::shared_ptr<Child>>(std::move(child)));
+  }
+};
+
+struct Installed {
+  std::mutex mutex;
+  std::shared_ptr<Launcher> launcher = std::make_shared<ProcessLauncher>();
+};
+
+Installed& installed() {
+  static auto* value = new Installed;
+  return *value;
+}
+
+std::shared_ptr<Launcher> install(std::shared_ptr<Launcher> launcher) {
+  const std::lock_guard lock(installed().mutex);
+  return std::exchange(installed().launcher, std::move(launcher));
+}
+
+}  // namespace
+
+std::shared_ptr<Launcher> Launcher::current() {
+  const std::lock_guard lock(installed().mutex);
+  return installed().launcher;
+}
+
+ScopedLauncher::ScopedLauncher(std::shared_ptr<Launcher> launcher) : previous_(install(std::move(launcher))) {}
+ScopedLauncher::~ScopedLauncher() { install(std::move(previous_)); }
+
+}  // namespace larkspan::platform
