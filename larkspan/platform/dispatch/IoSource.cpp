@@ -16,7 +16,14 @@ namespace {
 
 thread_local bool onIoThread = false;
 
-class Source;
+// What is watched; the thread holds it while it runs the handler.
+struct Source {
+  const int descriptor;
+  // Under the thread's mutex:
+  uint32_t events;
+  IoSource::Handler handler;  // Called without the mutex, and not touched by others meanwhile.
+  uint64_t number = 0;        // 0: cancelled, or never watched.
+};
 
 // The thread and what it watches. The kernel is given a number that is never used twice, not the descriptor:
 // events that were fetched before a cancel find no source, even if the descriptor lives on as another file.
@@ -44,68 +51,50 @@ class IoThread {
   std::condition_variable handlerEnded_;
   const Source* running_ = nullptr;
   uint64_t lastNumber_ = 0;
-  std::unordered_map<uint64_t, std::weak_ptr<Source>> sources_;
-};
-
-class Source final : public IoSource, public std::enable_shared_from_this<Source> {
- public:
-  Source(int descriptor, uint32_t events, Handler handler)
-      : descriptor_(descriptor), events_(events), handler_(std::move(handler)) {}
-  ~Source() override { cancel(); }
-
-  void setEvents(uint32_t events) override { IoThread::shared().setEvents(*this, events); }
-  void cancel() override { IoThread::shared().cancel(*this); }
-
- private:
-  friend IoThread;
-  const int descriptor_;
-  // Under the thread's mutex:
-  uint32_t events_;
-  uint64_t number_ = 0;  // 0: cancelled, or never watched.
-  Handler handler_;      // Called without the mutex, and not touched by others meanwhile.
+  std::unordered_map<uint64_t, std::shared_ptr<Source>> sources_;
 };
 
 bool IoThread::control(int operation, const Source& source, uint32_t events) const {
   epoll_event event{};
   event.events = events;
-  event.data.u64 = source.number_;
-  return epoll_ctl(epoll_, operation, source.descriptor_, &event) == 0;
+  event.data.u64 = source.number;
+  return epoll_ctl(epoll_, operation, source.descriptor, &event) == 0;
 }
 
 bool IoThread::add(const std::shared_ptr<Source>& source) {
   const std::lock_guard lock(mutex_);
-  source->number_ = ++lastNumber_;
+  source->number = ++lastNumber_;
   // A paused source is added and taken out again, so that a descriptor which cannot be watched shows now.
-  if (!control(EPOLL_CTL_ADD, *source, source->events_)) {
-    source->number_ = 0;
+  if (!control(EPOLL_CTL_ADD, *source, source->events)) {
+    source->number = 0;
     return false;
   }
-  if (source->events_ == 0) control(EPOLL_CTL_DEL, *source, 0);
-  sources_.emplace(source->number_, source);
+  if (source->events == 0) control(EPOLL_CTL_DEL, *source, 0);
+  sources_.emplace(source->number, source);
   return true;
 }
 
 void IoThread::setEvents(Source& source, uint32_t events) {
   const std::lock_guard lock(mutex_);
-  if (source.number_ == 0 || source.events_ == events) return;
-  const int operation = events == 0 ? EPOLL_CTL_DEL : source.events_ == 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD;
+  if (source.number == 0 || source.events == events) return;
+  const int operation = events == 0 ? EPOLL_CTL_DEL : source.events == 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD;
   control(operation, source, events);
-  source.events_ = events;
+  source.events = events;
 }
 
 void IoThread::cancel(Source& source) {
   IoSource::Handler dropped;  // Destroyed after the lock is released.
   std::unique_lock lock(mutex_);
-  if (source.number_ != 0) {
-    if (source.events_ != 0) control(EPOLL_CTL_DEL, source, 0);
-    sources_.erase(source.number_);
-    source.number_ = 0;
+  if (source.number != 0) {
+    if (source.events != 0) control(EPOLL_CTL_DEL, source, 0);
+    sources_.erase(source.number);
+    source.number = 0;
   }
   if (running_ == &source) {
     if (onIoThread) return;  // From the handler itself: `deliver()` drops it.
     handlerEnded_.wait(lock, [&] { return running_ != &source; });
   }
-  dropped = std::exchange(source.handler_, nullptr);
+  dropped = std::exchange(source.handler, nullptr);
 }
 
 void IoThread::deliver(uint64_t number, uint32_t events) {
@@ -113,16 +102,16 @@ void IoThread::deliver(uint64_t number, uint32_t events) {
   IoSource::Handler dropped;
   std::unique_lock lock(mutex_);
   const auto found = sources_.find(number);
-  if (found == sources_.end() || !(source = found->second.lock())) return;
-  if (source->events_ == 0) return;
-  events &= source->events_ | EPOLLHUP | EPOLLERR;
+  if (found == sources_.end() || found->second->events == 0) return;
+  source = found->second;
+  events &= source->events | EPOLLHUP | EPOLLERR;
   if (events == 0) return;
   running_ = source.get();
   lock.unlock();
-  source->handler_(events);
+  source->handler(events);
   lock.lock();
   running_ = nullptr;
-  if (source->number_ == 0) dropped = std::exchange(source->handler_, nullptr);
+  if (source->number == 0) dropped = std::exchange(source->handler, nullptr);
   handlerEnded_.notify_all();
   lock.unlock();
 }
@@ -136,12 +125,26 @@ void IoThread::run() {
   }
 }
 
+// What the caller holds. Its end is a cancel there and then, while the descriptor is still open, and not when
+// the thread happens to be done with the source.
+class Handle final : public IoSource {
+ public:
+  explicit Handle(std::shared_ptr<Source> source) : source_(std::move(source)) {}
+  ~Handle() override { IoThread::shared().cancel(*source_); }
+
+  void setEvents(uint32_t events) override { IoThread::shared().setEvents(*source_, events); }
+  void cancel() override { IoThread::shared().cancel(*source_); }
+
+ private:
+  const std::shared_ptr<Source> source_;
+};
+
 }  // namespace
 
 std::shared_ptr<IoSource> IoSource::make(int descriptor, uint32_t events, Handler handler) {
-  auto source = std::make_shared<Source>(descriptor, events, std::move(handler));
+  const std::shared_ptr<Source> source(new Source{descriptor, events, std::move(handler)});
   if (!IoThread::shared().add(source)) return nullptr;
-  return source;
+  return std::make_shared<Handle>(source);
 }
 
 bool isIoThread() { return onIoThread; }

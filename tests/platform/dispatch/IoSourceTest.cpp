@@ -1,0 +1,136 @@
+#include "larkspan/platform/dispatch/IoSource.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <latch>
+#include <thread>
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace larkspan::platform {
+namespace {
+
+class Event {
+ public:
+  explicit Event(unsigned count = 0) : descriptor(eventfd(count, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+  ~Event() { close(descriptor); }
+  void signal() const { eventfd_write(descriptor, 1); }
+  void consume() const {
+    eventfd_t count;
+    eventfd_read(descriptor, &count);
+  }
+  const int descriptor;
+};
+
+TEST(IoSource, ReportsReadinessUntilItIsConsumedPausedOrCancelled) {
+  const Event event;
+  std::latch twice(2);
+  std::atomic<int> calls = 0;
+  std::shared_ptr<IoSource> source;
+  const auto captured = std::make_shared<int>(0);
+  source = IoSource::make(event.descriptor, 0, [&, captured](uint32_t events) {
+    EXPECT_TRUE(isIoThread());
+    EXPECT_EQ(events, uint32_t{EPOLLIN});
+    twice.count_down();
+    if (++calls == 2) source->setEvents(0);  // Level-triggered: the same readiness is told twice.
+  });
+  EXPECT_FALSE(isIoThread());
+  event.signal();
+  source->setEvents(EPOLLIN);
+  twice.wait();
+
+  std::promise<void> again;  // Another source's round shows that the paused one stays silent.
+  const Event other(1);
+  const auto probe = IoSource::make(other.descriptor, EPOLLIN, [&](uint32_t) {
+    other.consume();
+    again.set_value();
+  });
+  again.get_future().get();
+  EXPECT_EQ(calls, 2);
+  source->cancel();
+  source->cancel();
+  source->setEvents(EPOLLIN);
+  EXPECT_EQ(captured.use_count(), 1);
+}
+
+TEST(IoSource, RefusesWhatTheKernelCannotWatch) {
+  const int file = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+  const Event event;
+  const auto first = IoSource::make(event.descriptor, EPOLLIN, [](uint32_t) {});
+  const std::pair<int, int> cases[] = {{file, EPERM}, {-1, EBADF}, {event.descriptor, EEXIST}};
+  for (const auto& [descriptor, error] : cases) {
+    errno = 0;
+    EXPECT_EQ(IoSource::make(descriptor, 0, [](uint32_t) {}), nullptr);
+    EXPECT_EQ(errno, error);
+  }
+  close(file);
+}
+
+TEST(IoSource, MayCancelOrDropItselfAndOthersInTheHandler) {
+  const Event event(1);
+  const Event victimEvent(1);
+  auto self = std::make_shared<std::shared_ptr<IoSource>>();
+  std::promise<void> done;
+  std::atomic<bool> cancelled = false;
+  std::atomic<int> late = 0;
+  const auto victim = IoSource::make(victimEvent.descriptor, EPOLLIN, [&](uint32_t) { late += cancelled; });
+  const std::weak_ptr<std::shared_ptr<IoSource>> watched = self;
+  *self = IoSource::make(event.descriptor, 0, [&, self](uint32_t) {
+    victim->cancel();
+    cancelled = true;
+    (*self)->cancel();
+    self->reset();
+    done.set_value();
+  });
+  (*self)->setEvents(EPOLLIN);
+  self.reset();
+  done.get_future().get();
+  std::promise<void> next;  // A later round of the thread: the handler above is over.
+  const auto probe = IoSource::make(event.descriptor, EPOLLIN, [&](uint32_t) {
+    event.consume();
+    next.set_value();
+  });
+  next.get_future().get();
+  EXPECT_EQ(late, 0);
+  EXPECT_TRUE(watched.expired());
+}
+
+TEST(IoSource, IsSilentOnceCancelledOrDroppedAlthoughTheDescriptorIsReusedAtOnce) {
+  const Event flood(1);  // Keeps the thread in rounds of its own.
+  std::atomic<long> rounds = 0;
+  const auto flooding = IoSource::make(flood.descriptor, EPOLLIN, [&](uint32_t) {
+    ++rounds;
+    rounds.notify_one();
+  });
+  ASSERT_TRUE(flooding);
+  std::atomic<int> wrong = 0;
+  int number = -1;
+  for (int round = 0; round < 2000; ++round) {
+    const Event event(1);  // Ready from the start, and the same number every time.
+    if (number < 0) number = event.descriptor;
+    ASSERT_EQ(event.descriptor, number);
+    auto alive = std::make_unique<std::atomic<bool>>(true);
+    std::atomic<bool>* const raw = alive.get();
+    auto source = IoSource::make(event.descriptor, EPOLLIN, [&wrong, raw](uint32_t) { wrong += !*raw; });
+    std::jthread second;
+    if (round % 8 == 0) second = std::jthread([source] { source->cancel(); });
+    if (round % 3 == 0) rounds.wait(rounds);
+    if (round % 2)
+      source->cancel();
+    else
+      source.reset();  // The other thread may hold it still.
+    if (second.joinable()) second.join();
+    *alive = false;
+    alive.reset();  // A handler that still ran would touch freed memory.
+  }
+  EXPECT_EQ(wrong, 0);
+}
+
+}  // namespace
+}  // namespace larkspan::platform

@@ -1,0 +1,193 @@
+#include "larkspan/platform/dispatch/ManualClock.h"
+#include "larkspan/platform/dispatch/Timer.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+#include <future>
+#include <limits>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace larkspan::platform {
+namespace {
+
+using namespace std::chrono_literals;
+using Nanoseconds = std::chrono::nanoseconds;
+
+class ManualTimer : public testing::Test {
+ protected:
+  /// Makes a timer that notes its number and the time since the start of the test.
+  std::shared_ptr<Timer> noting(int number, Nanoseconds delay, Nanoseconds interval = Timer::kNever,
+                                Nanoseconds leeway = 0ns) {
+    return Timer::make(queue, delay, interval, leeway, [this, number] { note(number); });
+  }
+  void note(int number) { fired.emplace_back(number, clock.monotonicNow() - start); }
+
+  using Fired = std::vector<std::pair<int, Nanoseconds>>;
+  ManualClock clock;
+  const MonotonicTime start = clock.monotonicNow();
+  const std::shared_ptr<DispatchQueue> queue = DispatchQueue::makeSerial("test.timers");
+  Fired fired;
+};
+
+TEST_F(ManualTimer, FiresInOrderAndNeverEarly) {
+  const auto late = noting(2, 2s);
+  const auto first = noting(1, 1s);
+  const auto repeating = noting(3, 500ms, 1s);
+  queue->after(1s, [this] { note(4); });
+  clock.advance(500ms - 1ns);
+  EXPECT_EQ(fired, Fired());
+  clock.advance(1ns);
+  EXPECT_EQ(fired, (Fired{{3, 500ms}}));
+  clock.advance(2s);
+  EXPECT_EQ(fired, (Fired{{3, 500ms}, {1, 1s}, {4, 1s}, {3, 1500ms}, {2, 2s}, {3, 2500ms}}));
+  EXPECT_EQ(clock.monotonicNow() - start, 2500ms);
+  EXPECT_EQ(clock.wallNow(), 1704067202500ms);
+  repeating->cancel();
+  clock.advance(1h);
+  EXPECT_EQ(fired.size(), 6u);
+}
+
+TEST_F(ManualTimer, UsesLeewayOnlyToJoinAnotherTimer) {
+  const auto alone = noting(1, 1s, Timer::kNever, 1s);
+  clock.advance(1s);
+  EXPECT_EQ(fired, (Fired{{1, 1s}}));
+
+  fired.clear();
+  const auto joins = noting(1, 1s, Timer::kNever, 1s);       // At 2 s, may wait until 3 s,
+  const auto strict = noting(2, 1500ms);                     // joins this one,
+  const auto loose = noting(3, 1200ms, Timer::kNever, 5s);   // and so does this,
+  const auto beyond = noting(4, 1900ms, Timer::kNever, 1s);  // but none waits for this.
+  clock.advance(1100ms);
+  EXPECT_EQ(fired, (Fired{{1, 2s}})) << "nothing to join within the time that passes";
+  clock.advance(2s);
+  EXPECT_EQ(fired, (Fired{{1, 2s}, {3, 2500ms}, {2, 2500ms}, {4, 2900ms}}));
+}
+
+TEST_F(ManualTimer, StopsWhenCancelledOrDropped) {
+  std::weak_ptr<int> watched;
+  std::shared_ptr<Timer> self;
+  {
+    auto captured = std::make_shared<int>(0);
+    watched = captured;
+    self = Timer::make(queue, 1s, 1s, 0ns, [this, &self, captured] {
+      note(1);
+      self->cancel();
+      EXPECT_EQ(captured.use_count(), 1) << "kept while the handler runs";
+    });
+  }
+  clock.advance(5s);
+  EXPECT_EQ(fired, (Fired{{1, 1s}}));
+  EXPECT_TRUE(self->isCancelled());
+  EXPECT_TRUE(watched.expired());
+
+  fired.clear();
+  auto dropsItself = std::make_shared<std::shared_ptr<Timer>>();
+  *dropsItself = Timer::make(queue, 1s, 1s, 0ns, [this, dropsItself] {
+    dropsItself->reset();
+    note(2);
+  });
+  auto unfired = noting(3, 1s);
+  unfired.reset();
+  std::shared_ptr<Timer> submitted;  // Cancelled when it is submitted but has not run.
+  const auto canceller = Timer::make(queue, 2s, Timer::kNever, 0ns, [&] { submitted->cancel(); });
+  submitted = noting(4, 2s);
+  clock.advance(5s);
+  EXPECT_EQ(fired, (Fired{{2, 6s}}));
+}
+
+TEST_F(ManualTimer, NeverRunsAfterACancelOnItsQueueWhileAnotherThreadCancelsToo) {
+  for (int round = 0; round < 200; ++round) {
+    bool cancelled = false;
+    int late = 0;
+    const auto timer = Timer::make(queue, 1ms, 1ms, 0ns, [&] { late += cancelled; });
+    std::jthread other([&] {
+      if (round % 2) timer->cancel();
+    });
+    queue->after(2ms, [&] {
+      timer->cancel();
+      cancelled = true;
+    });
+    clock.advance(5ms);
+    EXPECT_EQ(late, 0);
+  }
+}
+
+TEST_F(ManualTimer, LeavesOutTheTimesItMissedAndKeepsToItsGrid) {
+  const auto joins = noting(1, 1s, 1s, 10s);
+  const auto joined = noting(2, 5500ms);
+  const auto endless = noting(3, Nanoseconds::max(), Nanoseconds::max() - 1ns);
+  const auto negative = noting(4, -5s, Timer::kNever, -1s);
+  clock.advance(7s);
+  EXPECT_EQ(fired, (Fired{{4, 0s}, {1, 5500ms}, {2, 5500ms}, {1, 6s}, {1, 7s}}));
+}
+
+TEST_F(ManualTimer, AdvanceFollowsChainsAcrossQueuesIncludingTheMainQueue) {
+  int steps = 0;
+  std::function<void()> step = [&] {
+    note(++steps);
+    if (steps == 6) return;
+    const auto next = steps % 2 ? DispatchQueue::main() : queue;
+    next->after(10ms, [&, next] {
+      DispatchQueue::global(QualityOfService::utility)->async([&] { queue->async(step); });
+    });
+  };
+  queue->after(10ms, step);
+  clock.advance(45ms);
+  EXPECT_EQ(fired, (Fired{{1, 10ms}, {2, 20ms}, {3, 30ms}, {4, 40ms}}));
+  queue->sync([&] { EXPECT_THROW(clock.advance(1s), std::logic_error); });
+  clock.advance(1s);
+  EXPECT_EQ(steps, 6);
+  EXPECT_EQ(fired.back(), std::pair(6, Nanoseconds(60ms)));
+}
+
+TEST_F(ManualTimer, DropsWhatWaitsWhenTheClockGoes) {
+  std::shared_ptr<Timer> survivor;
+  const auto captured = std::make_shared<int>(0);
+  {
+    ManualClock inner;
+    survivor = noting(1, 1s, 1s);
+    queue->after(1s, [captured] {});
+    EXPECT_EQ(&Clock::current(), &inner);
+  }
+  EXPECT_EQ(captured.use_count(), 1);
+  EXPECT_EQ(&Clock::current(), &clock);
+  clock.advance(10s);
+  EXPECT_EQ(fired, Fired());
+  survivor->cancel();
+}
+
+TEST(Timer, FiresOnTheSystemClockAndNotEarly) {
+  const MonotonicTime start = Clock::current().monotonicNow();
+  const auto queue = DispatchQueue::makeSerial("test.system");
+  std::promise<MonotonicTime> fired;
+  std::promise<void> thrice;
+  queue->after(3ms, [&] { fired.set_value(Clock::current().monotonicNow()); });
+  int count = 0;
+  const auto repeating = Timer::make(queue, 1ms, 1ms, 1h, [&] {
+    if (++count == 3) thrice.set_value();
+  });
+  EXPECT_GE(fired.get_future().get() - start, 3ms);
+  thrice.get_future().get();
+}
+
+TEST(Clock, TurnsSecondsIntoNanosecondsByTruncation) {
+  const auto infinite = std::numeric_limits<double>::infinity();
+  const std::pair<double, Nanoseconds> cases[] = {{0.1, 100000000ns},
+                                                  {1.9999999999, 1999999999ns},
+                                                  {-1.9999999999, -1999999999ns},
+                                                  {0, 0ns},
+                                                  {1e30, Nanoseconds::max()},
+                                                  {infinite, Nanoseconds::max()},
+                                                  {-infinite, Nanoseconds::min()},
+                                                  {std::nan(""), 0ns}};
+  for (const auto& [seconds, expected] : cases)
+    EXPECT_EQ(nanosecondsFromSeconds(seconds), expected) << seconds;
+}
+
+}  // namespace
+}  // namespace larkspan::platform
