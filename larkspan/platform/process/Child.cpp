@@ -45,7 +45,7 @@ std::string programPath(const std::string& name) {
   while (!folders.empty()) {
     const std::string_view folder = folders.substr(0, folders.find(':'));
     folders.remove_prefix(std::min(folder.size() + 1, folders.size()));
-    const std::string candidate = std::string(folder.empty() ? "." : folder) + "/" + name;
+    std::string candidate = std::string(folder.empty() ? "." : folder) + "/" + name;
     if (access(candidate.c_str(), X_OK) == 0) return candidate;
   }
   return {};
@@ -59,6 +59,7 @@ std::vector<std::string> inheritedEnvironment() {
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
   std::vector<char*> result;
+  result.reserve(texts.size() + 1);
   for (std::string& text : texts) result.push_back(text.data());
   result.push_back(nullptr);
   return result;

@@ -32,8 +32,8 @@
 
 // The C library's clone(2) under its second name: the thread sanitizer takes a call of the first for a
 // fork(2), after which it allows no further thread.
-extern "C" int __clone(int (*)(void*), void*, int, void*,
-                       ...) noexcept;  // NOLINT(bugprone-reserved-identifier)
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+extern "C" int __clone(int (*)(void*), void*, int, void*, ...) noexcept;
 
 namespace larkspan::platform {
 namespace {
