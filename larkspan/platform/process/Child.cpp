@@ -1,5 +1,10 @@
 #include "larkspan/platform/process/Child.h"
 
+#include "larkspan/platform/base/Descriptor.h"
+#include "larkspan/platform/dispatch/DispatchQueue.h"
+#include "larkspan/platform/dispatch/IoSource.h"
+#include "larkspan/platform/process/Spawner.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -8,11 +13,6 @@
 #include <mutex>
 #include <stdexcept>
 #include <utility>
-
-#include "larkspan/platform/base/Descriptor.h"
-#include "larkspan/platform/dispatch/DispatchQueue.h"
-#include "larkspan/platform/dispatch/IoSource.h"
-#include "larkspan/platform/process/Spawner.h"
 
 #include <fcntl.h>
 #include <sys/epoll.h>
@@ -45,7 +45,7 @@ std::string programPath(const std::string& name) {
   while (!folders.empty()) {
     const std::string_view folder = folders.substr(0, folders.find(':'));
     folders.remove_prefix(std::min(folder.size() + 1, folders.size()));
-    const std::string candidate = std::string(folder.empty() ? "." : folder) + "/" + name;
+    std::string candidate = std::string(folder.empty() ? "." : folder) + "/" + name;
     if (access(candidate.c_str(), X_OK) == 0) return candidate;
   }
   return {};
@@ -59,6 +59,7 @@ std::vector<std::string> inheritedEnvironment() {
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
   std::vector<char*> result;
+  result.reserve(texts.size() + 1);
   for (std::string& text : texts) result.push_back(text.data());
   result.push_back(nullptr);
   return result;
@@ -99,7 +100,8 @@ ExitStatus reap(int handle, int flags) {
   while (waitid(P_PIDFD, static_cast<id_t>(handle), &info, WEXITED | flags) != 0) {
     if (errno != EINTR) return {ExitStatus::Kind::unknown, 0};
   }
-  return {info.si_code == CLD_EXITED ? ExitStatus::Kind::exited : ExitStatus::Kind::signalled, info.si_status};
+  return {info.si_code == CLD_EXITED ? ExitStatus::Kind::exited : ExitStatus::Kind::signalled,
+          info.si_status};
 }
 
 /// Cuts what comes through a pipe into lines.
@@ -132,15 +134,13 @@ class LineReader {
  private:
   void take(std::string_view bytes) {
     while (!bytes.empty()) {
-      const std::size_t end = bytes.find('\n');
-      const std::string_view part = bytes.substr(0, std::min(end, Child::kMaxLine - line_.size()));
+      const std::string_view part =
+          bytes.substr(0, std::min(bytes.find('\n'), Child::kMaxLine - line_.size()));
       line_ += part;
       bytes.remove_prefix(part.size());
-      if (!bytes.empty() && bytes.front() == '\n') {
-        bytes.remove_prefix(1);
-      } else if (line_.size() < Child::kMaxLine) {
-        return;
-      }
+      if (bytes.empty()) return;
+      // A line end, or more of a line that is full.
+      if (bytes.front() == '\n') bytes.remove_prefix(1);
       handler_(line_);
       line_.clear();
     }
@@ -155,9 +155,12 @@ class LineReader {
 
 std::string ExitStatus::description() const {
   switch (kind) {
-    case Kind::exited: return "exit code " + std::to_string(value);
-    case Kind::signalled: return "signal " + std::to_string(value) + " (" + strsignal(value) + ")";
-    case Kind::unknown: break;
+    case Kind::exited:
+      return "exit code " + std::to_string(value);
+    case Kind::signalled:
+      return "signal " + std::to_string(value) + " (" + strsignal(value) + ")";
+    case Kind::unknown:
+      break;
   }
   return "unknown";
 }
@@ -176,12 +179,12 @@ class Child::Process : public std::enable_shared_from_this<Child::Process> {
     // The handlers wait for this lock, and so find both sources in place.
     std::lock_guard lock(mutex_);
     if (lines_) {
-      lineSource_ = IoSource::make(lines_->descriptor(), EPOLLIN, [self = shared_from_this()](uint32_t) {
-        self->readLines();
-      });
+      lineSource_ = IoSource::make(lines_->descriptor(), EPOLLIN,
+                                   [self = shared_from_this()](uint32_t) { self->readLines(); });
     }
     if (!lines_ || lineSource_) {
-      exitSource_ = IoSource::make(handle_.get(), EPOLLIN, [self = shared_from_this()](uint32_t) { self->ended(); });
+      exitSource_ =
+          IoSource::make(handle_.get(), EPOLLIN, [self = shared_from_this()](uint32_t) { self->ended(); });
     }
     if (exitSource_) return true;
     const int reason = errno;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "larkspan/platform/base/Error.h"
+
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -9,8 +11,6 @@
 #include <variant>
 #include <vector>
 
-#include "larkspan/platform/base/Error.h"
-
 #include <sys/types.h>
 
 namespace larkspan::platform {
@@ -18,9 +18,9 @@ namespace larkspan::platform {
 /// How a process ended.
 struct ExitStatus {
   enum class Kind {
-    exited,    ///< `value` is its exit code.
-    signalled, ///< `value` is the signal that ended it.
-    unknown,   ///< Somebody else reaped it: this process ignores SIGCHLD, or waits for any child.
+    exited,     ///< `value` is its exit code.
+    signalled,  ///< `value` is the signal that ended it.
+    unknown,    ///< Somebody else reaped it: this process ignores SIGCHLD, or waits for any child.
   };
   Kind kind;
   int value;
@@ -49,7 +49,8 @@ struct ChildOptions {
   std::string workingFolder;
   /// Numbers from 3 to 255.
   std::vector<Passed> descriptors;
-  /// Tells the child how many descriptors from 3 on are listeners, in LISTEN_FDS and LISTEN_PID (sd_listen_fds(3)).
+  /// Tells the child how many descriptors from 3 on are listeners, in LISTEN_FDS and LISTEN_PID
+  /// (sd_listen_fds(3)).
   bool announcesListeners = false;
   /// None inherits standard error.
   LineHandler standardErrorLine;
@@ -59,19 +60,18 @@ struct ChildOptions {
 
 /// A process that this one started. Its standard input is /dev/null, its standard output goes to its standard
 /// error, it has no other descriptor than those passed, every signal has its default action and none is
-/// blocked. It is reaped through its pidfd as soon as it ends, whether anybody holds this object or not; no SIGCHLD handler
-/// is installed.
-/// Owner:   the caller; dropping it does not end the process.
-/// Thread:  any; handlers run on the input/output thread and must not block.
-/// Failure: starting gives an error that names the step; the exit handler is called once for every child that started.
-/// Limits:  Linux 5.9 or later; a line of standard error longer than 4096 bytes comes in pieces.
+/// blocked. It is reaped through its pidfd as soon as it ends, whether anybody holds this object or not; no
+/// SIGCHLD handler is installed. Owner:   the caller; dropping it does not end the process. Thread:  any;
+/// handlers run on the input/output thread and must not block. Failure: starting gives an error that names
+/// the step; the exit handler is called once for every child that started. Limits:  Linux 5.9 or later; a
+/// line of standard error longer than 4096 bytes comes in pieces.
 class Child {
  public:
   using ExitHandler = std::function<void(ExitStatus)>;
   static constexpr std::size_t kMaxLine = 4096;
 
-  /// Returns once the program runs in the child. The last lines of standard error come before the exit; what a
-  /// grandchild writes after it is lost. Throws std::invalid_argument where the options make no sense.
+  /// Returns once the program runs in the child. The last lines of standard error come before the exit; what
+  /// a grandchild writes after it is lost. Throws std::invalid_argument where the options make no sense.
   static std::variant<std::shared_ptr<Child>, Error> start(const ChildOptions& options, ExitHandler onExit);
 
   ~Child();

@@ -1,9 +1,9 @@
 #pragma once
 
+#include "larkspan/platform/base/Descriptor.h"
+
 #include <optional>
 #include <string>
-
-#include "larkspan/platform/base/Descriptor.h"
 
 #include <sys/types.h>
 

@@ -1,16 +1,16 @@
 #include "larkspan/platform/process/Spawner.h"
 
-#include <algorithm>
+#include "larkspan/platform/dispatch/Thread.h"
+
 #include <cerrno>
 #include <condition_variable>
 #include <csignal>
 #include <cstddef>
 #include <deque>
 #include <mutex>
-#include <thread>
+#include <utility>
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -20,13 +20,20 @@
 
 // How a child is born
 //
-// clone(2) with CLONE_VM and CLONE_VFORK: the child borrows this process's memory while the thread that made it
-// sleeps, until it calls execve(2) or ends. No page table is copied, however large the host is, and the child tells what
-// failed by writing it into the plan's memory. The price is that the child must not disturb what it borrows: it makes
-// system calls directly, past the C library and the sanitizers that watch it, and the thread that makes children
-// has all signals blocked, so that no handler of the host runs in the child.
+// clone(2) with CLONE_VM and CLONE_VFORK: the child borrows this process's memory while the thread that made
+// it sleeps, until it calls execve(2) or ends. No page table is copied, however large the host is, and the
+// child tells what failed by writing it into the plan's memory. The price is that the child must not disturb
+// what it borrows: it makes system calls directly, past the C library and the sanitizers that watch it, and
+// the thread that makes children has all signals blocked (see startThread), so that no handler of the host
+// runs in the child.
 //
-// That thread lasts as long as the process, because PR_SET_PDEATHSIG fires when the thread ends that made the child.
+// That thread lasts as long as the process, because PR_SET_PDEATHSIG fires when the thread ends that made the
+// child.
+
+// The C library's clone(2) under its second name: the thread sanitizer takes a call of the first for a
+// fork(2), after which it allows no further thread.
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+extern "C" int __clone(int (*)(void*), void*, int, void*, ...) noexcept;
 
 namespace larkspan::platform {
 namespace {
@@ -55,10 +62,12 @@ LARKSPAN_IN_CHILD const char* becomeProgram(const SpawnPlan& plan, pid_t parent)
   // All zeros is the kernel's structure for the default action without flags, and the empty set of signals.
   const char zeros[64] = {};
   constexpr std::size_t kSignalSetSize = 8;
-  for (int signal = 1; signal <= 64; ++signal) syscall(SYS_rt_sigaction, signal, zeros, nullptr, kSignalSetSize);
+  for (int signal = 1; signal <= 64; ++signal)
+    syscall(SYS_rt_sigaction, signal, zeros, nullptr, kSignalSetSize);
 
   if (plan.parentDeathSignal != 0) {
-    if (syscall(SYS_prctl, PR_SET_PDEATHSIG, plan.parentDeathSignal, 0, 0, 0) != 0) return "parent death signal";
+    if (syscall(SYS_prctl, PR_SET_PDEATHSIG, plan.parentDeathSignal, 0, 0, 0) != 0)
+      return "parent death signal";
     if (syscall(SYS_getppid) != parent) {
       errno = ESRCH;
       return "parent death signal";
@@ -112,17 +121,12 @@ class SpawnerThread {
 
  private:
   SpawnerThread() {
-    sigset_t all;
-    sigset_t previous;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &previous);
-    std::thread([this] { loop(); }).detach();
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+    startThread("lks-spawn", [this] { loop(); });
   }
 
   void loop() {
-    pthread_setname_np(pthread_self(), "larkspan-spawn");
-    void* stack = mmap(nullptr, kStackSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
+    void* stack =
+        mmap(nullptr, kStackSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
     std::unique_lock lock(mutex_);
     for (;;) {
       arrived_.wait(lock, [&] { return !jobs_.empty(); });
@@ -141,7 +145,7 @@ class SpawnerThread {
     int handle = -1;
     // The stack grows down from its end on every machine that Linux runs on but one.
     const pid_t process =
-        clone(childMain, stack + kStackSize, CLONE_VM | CLONE_VFORK | CLONE_PIDFD | SIGCHLD, &job, &handle);
+        __clone(childMain, stack + kStackSize, CLONE_VM | CLONE_VFORK | CLONE_PIDFD | SIGCHLD, &job, &handle);
     if (process < 0) {
       result.errorNumber = errno;
       result.failedStep = "clone";

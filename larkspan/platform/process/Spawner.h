@@ -6,8 +6,8 @@
 
 namespace larkspan::platform {
 
-/// Everything the child needs, laid out beforehand: between its birth and execve(2) it takes no memory and no lock.
-/// All of it is borrowed until `spawn` returns.
+/// Everything the child needs, laid out beforehand: between its birth and execve(2) it takes no memory and no
+/// lock. All of it is borrowed until `spawn` returns.
 struct SpawnPlan {
   struct Passed {
     int number;  ///< In the child.

@@ -1,0 +1,50 @@
+#include "larkspan/platform/process/Identity.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include <sys/socket.h>
+#include <sys/syscall.h>
+
+namespace larkspan::platform {
+namespace {
+
+TEST(Identity, IsReadOnceAndMayBeReplaced) {
+  EXPECT_EQ(Identity::current().realUser, getuid());
+  EXPECT_EQ(Identity::current().effectiveUser, geteuid());
+  EXPECT_EQ(homeFolderOf(0), "/root");
+  EXPECT_EQ(homeFolderOf(4'000'000'000), "");
+  const std::string home = Identity::current().homeFolder;
+  EXPECT_EQ(home, homeFolderOf(getuid()));
+  {
+    const ScopedIdentity ann({1001, 0, "/home/ann"});
+    EXPECT_EQ(Identity::current().homeFolder, "/home/ann");
+    const ScopedIdentity bob({1002, 1002, "/home/bob"});
+    EXPECT_EQ(Identity::current().realUser, 1002u);
+  }
+  EXPECT_EQ(Identity::current().homeFolder, home);
+}
+
+TEST(Identity, OfAPeerComesFromTheKernel) {
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+  const Descriptor first(ends[0]), second(ends[1]);
+  const auto peer = peerCredentials(first.get());
+  ASSERT_TRUE(peer);
+  EXPECT_EQ(peer->process, getpid());
+  EXPECT_EQ(peer->user, geteuid());
+  EXPECT_EQ(peer->group, getegid());
+  if (peer->processHandle) {
+    EXPECT_EQ(syscall(SYS_pidfd_send_signal, peer->processHandle.get(), 0, nullptr, 0), 0);
+  }
+
+  const Descriptor alone(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  EXPECT_FALSE(peerCredentials(alone.get()));
+  EXPECT_EQ(errno, ENOTCONN);
+  EXPECT_FALSE(peerCredentials(-1));
+  EXPECT_EQ(errno, EBADF);
+}
+
+}  // namespace
+}  // namespace larkspan::platform

@@ -1,0 +1,122 @@
+#include "tests/support/LeakCheck.h"
+
+#include "larkspan/platform/dispatch/DispatchQueue.h"
+#include "larkspan/platform/log/SystemLog.h"
+#include "larkspan/platform/process/Child.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+
+#include <sys/wait.h>
+
+namespace larkspan::tests {
+namespace {
+
+using Names = std::set<std::string>;
+
+std::string firstLine(const std::string& path) {
+  std::string line;
+  std::getline(std::ifstream(path), line);
+  return line;
+}
+
+/// Everything of this process that a test could leave behind.
+Names living() {
+  namespace fs = std::filesystem;
+  Names names;
+  std::error_code gone;
+  Names descriptors;
+  for (const auto& entry : fs::directory_iterator("/proc/self/fd"))
+    descriptors.insert(entry.path().filename());
+  for (const std::string& number : descriptors) {
+    // The one that listed the folder is closed by now.
+    const fs::path target = fs::read_symlink("/proc/self/fd/" + number, gone);
+    if (!gone) names.insert("descriptor " + number + " (" + target.string() + ")");
+  }
+  for (const auto& entry : fs::directory_iterator("/proc/self/task")) {
+    const std::string name = firstLine(entry.path() / "comm");
+    if (!name.empty() && !name.starts_with("lks-")) {
+      names.insert("thread " + entry.path().filename().string() + " (" + name + ")");
+    }
+    std::ifstream children(entry.path() / "children");
+    for (std::string id; children >> id;)
+      names.insert("child " + id + " (" + firstLine("/proc/" + id + "/comm") + ")");
+  }
+  // Kernels without the lists of children still say whether there is one.
+  siginfo_t info{};
+  if (waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT | __WALL) == 0 &&
+      std::none_of(names.begin(), names.end(),
+                   [](const std::string& name) { return name.starts_with("child"); })) {
+    names.insert("a child");
+  }
+  return names;
+}
+
+void wakeLastingThings() {
+  using namespace platform;
+  SystemLog("corvane.storage", "test").isEnabled(LogLevel::standard);
+  mainQueueDescriptor();
+  std::mutex mutex;
+  std::condition_variable changed;
+  int left = 0;
+  const auto done = [&] {
+    std::lock_guard lock(mutex);
+    --left;
+    changed.notify_one();
+  };
+  std::unique_lock lock(mutex);
+  for (const auto quality : {QualityOfService::defaultClass, QualityOfService::utility}) {
+    DispatchQueue::global(quality)->after(std::chrono::nanoseconds(1), done);
+    ++left;
+  }
+  ChildOptions options;
+  options.arguments = {"true"};
+  if (Child::start(options, [&](ExitStatus) { done(); }).index() == 0) ++left;
+  changed.wait(lock, [&] { return left == 0; });
+}
+
+class LeakListener : public testing::EmptyTestEventListener {
+ public:
+  LeakListener() : baseline_(living()) {}
+
+ private:
+  void OnTestEnd(const testing::TestInfo&) override {
+    // What was let go may still be on its way out.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    Names now;
+    Names left;
+    for (;;) {
+      now = living();
+      left.clear();
+      std::set_difference(now.begin(), now.end(), baseline_.begin(), baseline_.end(),
+                          std::inserter(left, left.end()));
+      if (left.empty() || std::chrono::steady_clock::now() > deadline) break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    for (const std::string& name : left) ADD_FAILURE() << "left behind: " << name;
+    baseline_ = std::move(now);
+  }
+
+  Names baseline_;
+};
+
+}  // namespace
+
+void checkForLeaks() {
+  wakeLastingThings();
+  testing::UnitTest::GetInstance()->listeners().Append(new LeakListener);
+}
+
+}  // namespace larkspan::tests
