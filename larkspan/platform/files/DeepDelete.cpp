@@ -90,9 +90,9 @@ class Deletion {
       error = EINVAL;
     } else {
       const std::string parentPath = path.substr(0, nameStart);
-      Directory parent(::open(parentPath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+      Descriptor parent(::open(parentPath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
       struct statx facts;
-      error = parent.isOpen() ? factsAt(parent.descriptor(), "", facts) : errno;
+      error = parent ? factsAt(parent.get(), "", facts) : errno;
       if (!error) stack_.emplace(std::move(parent), parentPath, facts, options_.opening);
     }
     if (error) {

@@ -26,10 +26,6 @@ int openBeneath(int parent, const char* name) {
 
 }  // namespace
 
-void Directory::close() {
-  if (descriptor_ >= 0) ::close(std::exchange(descriptor_, -1));
-}
-
 int factsAt(int folder, const char* name, struct statx& facts) {
   constexpr unsigned kMask = STATX_BASIC_STATS | STATX_BTIME | STATX_MNT_ID;
   constexpr int kFlags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT;
@@ -41,19 +37,19 @@ uint64_t mountOf(const struct statx& facts) {
   return ::makedev(facts.stx_dev_major, facts.stx_dev_minor);
 }
 
-int openFolderAt(int parent, const char* name, uint64_t mount, FolderOpening opening, Directory& result) {
+int openFolderAt(int parent, const char* name, uint64_t mount, FolderOpening opening, Descriptor& result) {
   if (opening == FolderOpening::automatic && hasOpenat2.load(std::memory_order_relaxed)) {
-    result = Directory(openBeneath(parent, name));
-    if (result.isOpen()) return 0;
+    result = Descriptor(openBeneath(parent, name));
+    if (result) return 0;
     if (errno != ENOSYS && errno != EPERM) return errno;
     if (errno == ENOSYS) hasOpenat2.store(false, std::memory_order_relaxed);
   }
-  result = Directory(::openat(parent, name, kOpenFlags));
-  if (!result.isOpen()) return errno;
+  result = Descriptor(::openat(parent, name, kOpenFlags));
+  if (!result) return errno;
   struct statx facts;
-  int error = factsAt(result.descriptor(), "", facts);
+  int error = factsAt(result.get(), "", facts);
   if (!error && mountOf(facts) != mount) error = EXDEV;
-  if (error) result.close();
+  if (error) result.reset();
   return error;
 }
 

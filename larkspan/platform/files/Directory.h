@@ -1,11 +1,11 @@
 #pragma once
 
+#include "larkspan/platform/base/Descriptor.h"
+
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <string_view>
-#include <utility>
 
 #include <dirent.h>
 #include <sys/stat.h>
@@ -19,29 +19,6 @@ enum class FolderOpening : uint8_t {
   components,  ///< openat(2) without following, then a look at the mount of what was opened.
 };
 
-/// An open folder: the descriptor that the calls relative to a folder take.
-/// Owner:  closes the descriptor.
-/// Thread: one at a time.
-class Directory {
- public:
-  Directory() = default;
-  explicit Directory(int descriptor) : descriptor_(descriptor) {}
-  Directory(Directory&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
-  Directory& operator=(Directory&& other) noexcept {
-    std::swap(descriptor_, other.descriptor_);
-    return *this;
-  }
-  ~Directory() { close(); }
-
-  /// -1 when nothing is open.
-  int descriptor() const { return descriptor_; }
-  bool isOpen() const { return descriptor_ >= 0; }
-  void close();
-
- private:
-  int descriptor_ = -1;
-};
-
 /// The facts of one entry of a folder, neither following a link nor waking an automount; of the folder itself
 /// when `name` is empty. Returns 0 or an errno.
 int factsAt(int folder, const char* name, struct statx& facts);
@@ -50,7 +27,7 @@ uint64_t mountOf(const struct statx& facts);
 
 /// Opens the folder `name`, one component, of `parent` for reading. Returns 0 or an errno: ENOTDIR or ELOOP
 /// for what is no folder, EXDEV for one that is not on `mount`.
-int openFolderAt(int parent, const char* name, uint64_t mount, FolderOpening opening, Directory& result);
+int openFolderAt(int parent, const char* name, uint64_t mount, FolderOpening opening, Descriptor& result);
 
 /// Reads the entries of folders, with one buffer for all of them.
 class DirectoryReader {

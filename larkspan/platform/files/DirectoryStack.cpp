@@ -5,7 +5,7 @@
 
 namespace larkspan::platform {
 
-DirectoryStack::DirectoryStack(Directory root, std::string path, const struct statx& facts,
+DirectoryStack::DirectoryStack(Descriptor root, std::string path, const struct statx& facts,
                                FolderOpening opening)
     : path_(std::move(path)), opening_(opening), mount_(mountOf(facts)) {
   levels_.emplace_back().directory = std::move(root);
@@ -22,9 +22,9 @@ std::string DirectoryStack::pathOf(std::string_view name) const {
   return path;
 }
 
-bool DirectoryStack::identify(const Directory& directory, Identity& identity) {
+bool DirectoryStack::identify(const Descriptor& folder, Identity& identity) {
   struct statx facts;
-  if (factsAt(directory.descriptor(), "", facts) != 0) return false;
+  if (factsAt(folder.get(), "", facts) != 0) return false;
   identity = {::makedev(facts.stx_dev_major, facts.stx_dev_minor), facts.stx_ino, mountOf(facts), 0, 0};
   if (facts.stx_mask & STATX_BTIME) {
     identity.birthSeconds = facts.stx_btime.tv_sec;
@@ -33,33 +33,33 @@ bool DirectoryStack::identify(const Directory& directory, Identity& identity) {
   return true;
 }
 
-bool DirectoryStack::is(const Directory& directory, const Identity& identity) {
+bool DirectoryStack::is(const Descriptor& folder, const Identity& identity) {
   Identity found;
-  return directory.isOpen() && identify(directory, found) && found == identity;
+  return folder && identify(folder, found) && found == identity;
 }
 
 void DirectoryStack::close(Level& level) {
   // A level that cannot be told from others later has to stay open.
-  if (level.directory.isOpen() && identify(level.directory, level.identity)) level.directory.close();
+  if (level.directory && identify(level.directory, level.identity)) level.directory.reset();
 }
 
 int DirectoryStack::top() {
   Level& level = levels_.back();
-  if (!level.directory.isOpen() && !level.isLost) level.isLost = !reopenTop();
-  return level.directory.descriptor();
+  if (!level.directory && !level.isLost) level.isLost = !reopenTop();
+  return level.directory.get();
 }
 
 bool DirectoryStack::reopenTop() {
   std::size_t open = levels_.size() - 1;
-  while (!levels_[open].directory.isOpen()) --open;
-  Directory reached;
-  int folder = levels_[open].directory.descriptor();
+  while (!levels_[open].directory) --open;
+  Descriptor reached;
+  int folder = levels_[open].directory.get();
   for (std::size_t i = open + 1; i < levels_.size(); ++i) {
-    Directory next;
+    Descriptor next;
     if (openFolderAt(folder, levels_[i].name.c_str(), mount_, opening_, next) != 0) return false;
     if (!is(next, levels_[i].identity)) return false;
     reached = std::move(next);
-    folder = reached.descriptor();
+    folder = reached.get();
   }
   levels_.back().directory = std::move(reached);
   return true;
@@ -72,7 +72,7 @@ int DirectoryStack::enter(const std::string& name, struct statx& facts) {
   if (const int error = factsAt(parent, name.c_str(), facts)) return error;
   if (mountOf(facts) != mount_) return EXDEV;
   if (!S_ISDIR(facts.stx_mode)) return ENOTDIR;
-  Directory directory;
+  Descriptor directory;
   int error = openFolderAt(parent, name.c_str(), mount_, opening_, directory);
   if (error == EMFILE || error == ENFILE) {
     for (std::size_t i = 1; i + 1 < levels_.size(); ++i) close(levels_[i]);
@@ -90,8 +90,8 @@ void DirectoryStack::leave() {
   const Level child = std::move(levels_.back());
   levels_.pop_back();
   Level& parent = levels_.back();
-  if (parent.directory.isOpen() || !child.directory.isOpen()) return;
-  Directory above(::openat(child.directory.descriptor(), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (parent.directory || !child.directory) return;
+  Descriptor above(::openat(child.directory.get(), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (is(above, parent.identity)) parent.directory = std::move(above);
 }
 

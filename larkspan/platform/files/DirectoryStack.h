@@ -25,7 +25,7 @@ class DirectoryStack {
 
   /// Starts at `root`, whose facts are `facts`; `path` only serves reports. A folder opened with O_PATH will
   /// do if it is not read.
-  DirectoryStack(Directory root, std::string path, const struct statx& facts, FolderOpening opening);
+  DirectoryStack(Descriptor root, std::string path, const struct statx& facts, FolderOpening opening);
 
   /// Number of levels, the start included.
   std::size_t depth() const { return levels_.size(); }
@@ -56,14 +56,14 @@ class DirectoryStack {
     bool operator==(const Identity&) const = default;
   };
   struct Level {
-    Directory directory;
+    Descriptor directory;
     Identity identity;  // Known once `directory` has been closed.
     std::string name;
     std::string pending;  // Names, each preceded by a NUL.
     bool isLost = false;
   };
-  static bool identify(const Directory& directory, Identity& identity);
-  static bool is(const Directory& directory, const Identity& identity);
+  static bool identify(const Descriptor& folder, Identity& identity);
+  static bool is(const Descriptor& folder, const Identity& identity);
   static void close(Level& level);
   bool reopenTop();
 

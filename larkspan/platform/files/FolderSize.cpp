@@ -27,7 +27,8 @@ struct InodeHash {
 /// One walk of one thread.
 class Sizing {
  public:
-  Sizing(const std::string& path, Directory root, const struct statx& facts, const FolderSizeOptions& options)
+  Sizing(const std::string& path, Descriptor root, const struct statx& facts,
+         const FolderSizeOptions& options)
       : exclusions_(path, options.excluded),
         progress_(options.progress),
         stack_(std::move(root), path, facts, FolderOpening::automatic) {}
@@ -131,9 +132,9 @@ FolderSizeResult sizeFolder(const URL& folder, const FolderSizeOptions& options)
     failure.status = EINVAL;
     return failure;
   }
-  Directory root(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC));
+  Descriptor root(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC));
   struct statx facts;
-  failure.status = root.isOpen() ? factsAt(root.descriptor(), "", facts) : errno;
+  failure.status = root ? factsAt(root.get(), "", facts) : errno;
   if (failure.status) return failure;
   return Sizing(path, std::move(root), facts, options).run();
 }

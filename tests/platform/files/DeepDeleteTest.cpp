@@ -85,7 +85,7 @@ TEST_P(DeepDelete, NeverCrossesAMount) {
 }
 
 TEST_P(DeepDelete, RemovesAnyDepthWithFewDescriptorsAndASmallStack) {
-  TestTree tree;
+  TestTree tree(TestTree::kInMemory);
   tree.chain("chain", 20'000);
   runStarved([&] {
     const DeepDeleteResult result = remove({tree.url("chain")});
@@ -96,41 +96,49 @@ TEST_P(DeepDelete, RemovesAnyDepthWithFewDescriptorsAndASmallStack) {
 }
 
 TEST_P(DeepDelete, NeverLeavesATreeWhoseFoldersAreSwappedForLinks) {
-  TestTree outside, tree;
+  constexpr int kRounds = 150, kFolders = 40;
+  TestTree outside(TestTree::kInMemory), tree(TestTree::kInMemory);
   for (const char* name : {"s", "s/t"}) outside.folder(name);
   for (const char* name : {"f", "s/f", "s/t/f"}) outside.file(name);
-  ASSERT_EQ(0, ::symlink(outside.path().c_str(), (tree / "link").c_str()));
   const std::string before = outside.list();
-  std::atomic<bool> done = false;
+  const auto victim = [&](int round, int i) { return std::to_string(round) + "/v/" + std::to_string(i); };
+  const auto link = [&](int round, int i) { return std::to_string(round) + "/" + std::to_string(i); };
+  const int at = ::open(tree.path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  // The round the attacker swaps in, and the one in which it has begun.
+  std::atomic<int> wanted = -1, begun = -1;
+  int64_t swaps = 0, removed = 0;
   std::thread attacker([&] {
-    while (!done) {
-      for (const char* victim : {"v", "v/s", "v/s/t"}) {
-        for (int i = 0; i < 2; ++i) {
-          ::renameat2(AT_FDCWD, (tree / victim).c_str(), AT_FDCWD, (tree / "link").c_str(), RENAME_EXCHANGE);
+    for (int round; (round = wanted) < kRounds; begun = round) {
+      for (int i = 0; i < kFolders && round >= 0; ++i) {
+        const std::string folder = victim(round, i), other = link(round, i);
+        for (int swap = 0; swap < 8; ++swap) {
+          swaps += ::renameat2(at, folder.c_str(), at, other.c_str(), RENAME_EXCHANGE) == 0;
         }
       }
     }
   });
-  int64_t removed = 0;
-  for (int round = 0; round < 1500; ++round) {
-    // The attacker may have left anything at either name.
-    for (const char* name : {"v", "v/s", "v/s/t"}) ::mkdir((tree / name).c_str(), 0755);
-    for (const char* name : {"v/f", "v/s/f", "v/s/t/f"}) {
-      const int at = ::open((tree / "v").c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-      ::close(::openat(at, name + 2, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
-      ::close(at);
+  for (int round = 0; round < kRounds; ++round) {
+    tree.folder(std::to_string(round));
+    tree.folder(std::to_string(round) + "/v");
+    for (int i = 0; i < kFolders; ++i) {
+      tree.folder(victim(round, i));
+      tree.file(victim(round, i) + "/f", "");
+      ASSERT_EQ(0, ::symlink(outside.path().c_str(), (tree / link(round, i)).c_str()));
     }
-    removed += remove({tree.url("v")}).removed;
-    if (!tree.has("link")) ::symlink(outside.path().c_str(), (tree / "link").c_str());
+    wanted = round;
+    while (begun != round) std::this_thread::yield();
+    removed += remove({tree.url(std::to_string(round) + "/v")}).removed;
   }
-  done = true;
+  wanted = kRounds;
   attacker.join();
-  EXPECT_GT(removed, 1500);
+  ::close(at);
+  EXPECT_GT(removed, kRounds * kFolders);
+  EXPECT_GT(swaps, kRounds * kFolders);
   EXPECT_EQ(before, outside.list());
 }
 
 TEST_P(DeepDelete, StopsWhenCancelled) {
-  TestTree tree;
+  TestTree tree(TestTree::kInMemory);
   tree.folder("a");
   for (int i = 0; i < 20'000; ++i) tree.file("a/" + std::to_string(i), "");
   WalkProgress progress;

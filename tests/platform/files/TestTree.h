@@ -31,7 +31,13 @@ inline std::string shell(const std::string& command) {
 /// A temporary folder whose content goes with it.
 class TestTree {
  public:
+  /// In /dev/shm, where many entries cost little, rather than on a disk.
+  enum InMemory { kInMemory };
+
   TestTree() { EXPECT_NE(nullptr, ::mkdtemp(path_.data())); }
+  explicit TestTree(InMemory) : path_("/dev/shm/larkspan-test-XXXXXX") {
+    EXPECT_NE(nullptr, ::mkdtemp(path_.data()));
+  }
   ~TestTree() {
     if (mounted_) ::umount2((*this / "mount").c_str(), MNT_DETACH);
     shell("rm -rf " + path_);
@@ -70,7 +76,9 @@ class TestTree {
       const int next = ::openat(at, "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
       ::close(std::exchange(at, next));
     }
-    ::close(::openat(at, "lowest", O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+    const int file = ::openat(at, "lowest", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    ASSERT_EQ(1, ::write(file, "x", 1));
+    ::close(file);
     ::close(at);
   }
 
