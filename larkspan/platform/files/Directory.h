@@ -1,0 +1,58 @@
+#pragma once
+
+#include "larkspan/platform/base/Descriptor.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+namespace larkspan::platform {
+
+/// How a folder is opened beneath another.
+enum class FolderOpening : uint8_t {
+  automatic,   ///< openat2(2), which refuses links and mounts itself; as `components` where the kernel lacks
+               ///< it.
+  components,  ///< openat(2) without following, then a look at the mount of what was opened.
+};
+
+/// The facts of one entry of a folder, neither following a link nor waking an automount; of the folder itself
+/// when `name` is empty. Returns 0 or an errno.
+int factsAt(int folder, const char* name, struct statx& facts);
+/// Tells mounts apart: the mount's id, or the device where the kernel (before 5.8) tells no mount ids.
+uint64_t mountOf(const struct statx& facts);
+
+/// Opens the folder `name`, one component, of `parent` for reading. Returns 0 or an errno: ENOTDIR or ELOOP
+/// for what is no folder, EXDEV for one that is not on `mount`.
+int openFolderAt(int parent, const char* name, uint64_t mount, FolderOpening opening, Descriptor& result);
+
+/// Reads the entries of folders, with one buffer for all of them.
+class DirectoryReader {
+ public:
+  /// Calls `entry(name, type)` for each entry but "." and "..", from the descriptor's position on; `type` is
+  /// a DT_ constant, DT_UNKNOWN where the file system does not say. Ends early when `entry` answers false.
+  /// Returns 0 or the errno of getdents64(2).
+  template <typename F>
+  int read(int folder, F&& entry) {
+    for (;;) {
+      const ssize_t size = ::getdents64(folder, buffer_.get(), kBufferSize);
+      if (size <= 0) return size < 0 ? errno : 0;
+      for (ssize_t at = 0; at < size;) {
+        const auto* record = reinterpret_cast<const dirent64*>(buffer_.get() + at);
+        at += record->d_reclen;
+        const char* name = record->d_name;
+        const bool isDots = name[0] == '.' && (!name[1] || (name[1] == '.' && !name[2]));
+        if (!isDots && !entry(name, record->d_type)) return 0;
+      }
+    }
+  }
+
+ private:
+  static constexpr std::size_t kBufferSize = 256 * 1024;
+  std::unique_ptr<char[]> buffer_ = std::make_unique_for_overwrite<char[]>(kBufferSize);
+};
+
+}  // namespace larkspan::platform

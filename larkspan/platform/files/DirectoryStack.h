@@ -1,0 +1,76 @@
+#pragma once
+
+#include "larkspan/platform/files/Directory.h"
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace larkspan::platform {
+
+/// The folders between the start of a walk and where it is now: the common ground of sizing and deletion.
+///
+/// A walk reads a folder to its end, keeps the names of the folders in it as pending, and enters them one
+/// after another, so that no read position has to survive. Only the start and the lowest few levels stay
+/// open; a level that was closed is reached again through ".." of the level beneath, or by its names from the
+/// nearest open one, and in both cases only if device, inode, mount and birth time are still the same. So a
+/// tree may be any number of levels deep, and a folder that somebody moves or swaps meanwhile leads the walk
+/// nowhere else.
+///
+/// Thread: one at a time.
+/// Limits: at most `kOpenLevels` + 3 descriptors; memory for the names on the way and those pending.
+class DirectoryStack {
+ public:
+  static constexpr std::size_t kOpenLevels = 16;
+
+  /// Starts at `root`, whose facts are `facts`; `path` only serves reports. A folder opened with O_PATH will
+  /// do if it is not read.
+  DirectoryStack(Descriptor root, std::string path, const struct statx& facts, FolderOpening opening);
+
+  /// Number of levels, the start included.
+  std::size_t depth() const { return levels_.size(); }
+  /// The path of the entry `name` of the top folder, of the top folder itself if that is empty, for reports.
+  std::string pathOf(std::string_view name) const;
+  /// The top folder's name in the one above it.
+  const std::string& name() const { return levels_.back().name; }
+  uint64_t mount() const { return mount_; }
+
+  /// The top folder's descriptor, or -1 when it had to be closed and is no longer where it was.
+  int top();
+  /// Opens the folder `name` of the top folder and puts it on top; `facts` become its facts. Returns 0 or an
+  /// errno as `openFolderAt` does, ESTALE if the top folder is lost.
+  int enter(const std::string& name, struct statx& facts);
+  /// Takes the top level away; not for the start.
+  void leave();
+
+  /// Notes the name of a folder of the top folder for later.
+  void addPending(const char* name);
+  /// Moves one pending name of the top folder to `name`; false when there is none.
+  bool takePending(std::string& name);
+
+ private:
+  struct Identity {
+    uint64_t device = 0, inode = 0, mount = 0;
+    int64_t birthSeconds = 0;
+    uint32_t birthNanoseconds = 0;
+    bool operator==(const Identity&) const = default;
+  };
+  struct Level {
+    Descriptor directory;
+    Identity identity;  // Known once `directory` has been closed.
+    std::string name;
+    std::string pending;  // Names, each preceded by a NUL.
+    bool isLost = false;
+  };
+  static bool identify(const Descriptor& folder, Identity& identity);
+  static bool is(const Descriptor& folder, const Identity& identity);
+  static void close(Level& level);
+  bool reopenTop();
+
+  const std::string path_;
+  const FolderOpening opening_;
+  const uint64_t mount_;
+  std::vector<Level> levels_;
+};
+
+}  // namespace larkspan::platform

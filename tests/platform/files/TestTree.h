@@ -1,0 +1,108 @@
+#pragma once
+
+#include "larkspan/platform/base/URL.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <utility>
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace larkspan::platform {
+
+/// What a shell command prints.
+inline std::string shell(const std::string& command) {
+  std::string output;
+  FILE* pipe = ::popen(command.c_str(), "re");
+  char buffer[4096];
+  while (const std::size_t size = ::fread(buffer, 1, sizeof buffer, pipe)) output.append(buffer, size);
+  EXPECT_EQ(0, ::pclose(pipe)) << command;
+  return output;
+}
+
+/// A temporary folder whose content goes with it.
+class TestTree {
+ public:
+  /// In /dev/shm, where many entries cost little, rather than on a disk.
+  enum InMemory { kInMemory };
+
+  TestTree() { EXPECT_NE(nullptr, ::mkdtemp(path_.data())); }
+  explicit TestTree(InMemory) : path_("/dev/shm/larkspan-test-XXXXXX") {
+    EXPECT_NE(nullptr, ::mkdtemp(path_.data()));
+  }
+  ~TestTree() {
+    if (mounted_) ::umount2((*this / "mount").c_str(), MNT_DETACH);
+    shell("rm -rf " + path_);
+  }
+
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+  const std::string& path() const { return path_; }
+  URL url(const std::string& name = {}) const { return URL::file(name.empty() ? path_ : *this / name); }
+
+  void folder(const std::string& name) const { ASSERT_EQ(0, ::mkdir((*this / name).c_str(), 0755)) << name; }
+  void file(const std::string& name, const std::string& content = "x") const {
+    const int file = ::open((*this / name).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    ASSERT_GE(file, 0) << name;
+    ASSERT_EQ(static_cast<ssize_t>(content.size()), ::write(file, content.data(), content.size()));
+    ::close(file);
+  }
+  bool has(const std::string& name) const {
+    struct stat facts;
+    return ::lstat((*this / name).c_str(), &facts) == 0;
+  }
+  /// The names in it and beneath, sorted, one after another.
+  std::string list() const { return shell("cd " + path_ + " && find . -mindepth 1 | sort | tr '\\n' ' '"); }
+  /// Mounts a volume with a file on the folder "mount"; false without the privilege.
+  bool mountVolume() {
+    folder("mount");
+    mounted_ = ::mount("none", (*this / "mount").c_str(), "tmpfs", 0, "size=1m") == 0;
+    if (mounted_) file("mount/inside", std::string(100000, 'x'));
+    return mounted_;
+  }
+  /// Nests `levels` folders in `name`, with a file in the lowest.
+  void chain(const std::string& name, int levels) const {
+    folder(name);
+    int at = ::open((*this / name).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    for (int i = 1; i < levels; ++i) {
+      ASSERT_EQ(0, ::mkdirat(at, "d", 0755));
+      const int next = ::openat(at, "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+      ::close(std::exchange(at, next));
+    }
+    const int file = ::openat(at, "lowest", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    ASSERT_EQ(1, ::write(file, "x", 1));
+    ::close(file);
+    ::close(at);
+  }
+
+ private:
+  std::string path_ = "/tmp/larkspan-test-XXXXXX";
+  bool mounted_ = false;
+};
+
+/// Runs `body` on a thread with a stack of 64 KiB while the process may have 64 descriptors.
+template <typename F>
+void runStarved(F body) {
+  struct rlimit before, scarce;
+  ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
+  scarce = {64, before.rlim_max};
+  ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &scarce));
+  pthread_attr_t attributes;
+  ::pthread_attr_init(&attributes);
+  ::pthread_attr_setstacksize(&attributes, 64 * 1024);
+  pthread_t thread;
+  const auto run = [](void* argument) -> void* { return (*static_cast<F*>(argument))(), nullptr; };
+  EXPECT_EQ(0, ::pthread_create(&thread, &attributes, run, &body));
+  ::pthread_join(thread, nullptr);
+  ::pthread_attr_destroy(&attributes);
+  ::setrlimit(RLIMIT_NOFILE, &before);
+}
+
+}  // namespace larkspan::platform
