@@ -13,8 +13,9 @@ namespace larkspan {
 
 /// Says where a host finds an icon, since images themselves do not travel: a named image, a file or bundle,
 /// or an application's identifier. Making an image of it is the host's business. Nothing is validated: a host
-/// must tolerate absent fields and unknown types. Owner:  std::shared_ptr. Thread: the two fields may be read
-/// and set from different threads.
+/// must tolerate absent fields and unknown types.
+/// Owner:  std::shared_ptr.
+/// Thread: the two fields may be read and set from different threads.
 class LKSIconConstructor final : public platform::Archivable {
  public:
   /// Part of the archive format.

@@ -24,7 +24,9 @@ void MessageItem::setUserInfoObject(Value object, Key key) {
 void MessageItem::addUserInfoObjectsFromDict(const Dictionary& dictionary) {
   if (dictionary.empty()) return;
   Dictionary merged = dictionary;
-  for (const auto& entry : userInfo()) merged.set(entry.key(), entry.value);
+  for (const auto& entry : userInfo()) {
+    if (!entry.value.isNone()) merged.set(entry.key(), entry.value);
+  }
   setUserInfo(std::move(merged));
 }
 

@@ -23,8 +23,9 @@ using OptionalText = std::optional<std::string_view>;
 /// only state. Copying a view shares the item, and two views are equal when they show the same item. The
 /// kinds of item (LKSResource, LKSTipMessage, …) are views with more accessors and can be made from any
 /// MessageItem. Getters hand on what is stored: absent or of another type reads as nothing, 0 or false unless
-/// said otherwise. Setters of objects store nothing by removing the key. Owner:  the item lives as long as a
-/// view shows it. Thread: one item is not to be changed from two threads at a time.
+/// said otherwise. Setters of objects store nothing by removing the key.
+/// Owner:  the item lives as long as a view shows it.
+/// Thread: one item is not to be changed from two threads at a time.
 class MessageItem {
  public:
   /// A new item without a dictionary.

@@ -8,8 +8,9 @@
 namespace larkspan::platform {
 
 /// A file URL that travels with a statement of what it may be used for. On Linux access is a matter of the
-/// file's permissions, so the flag informs and does not enforce. Owner:  std::shared_ptr; immutable. Thread:
-/// any.
+/// file's permissions, so the flag informs and does not enforce.
+/// Owner:  std::shared_ptr; immutable.
+/// Thread: any.
 class SecurityScopedURLWrapper final : public Archivable {
  public:
   static std::shared_ptr<SecurityScopedURLWrapper> initWithURL(URL url, bool readonly);

@@ -20,7 +20,8 @@ struct Date {
   /// From seconds since the reference date, 2001-01-01T00:00:00Z; not a number reads as the reference date,
   /// and what lies beyond 64 bits saturates.
   static Date sinceReferenceDate(double seconds);
-  /// Reads "2026-11-22T20:38:41.5Z", with any offset (RFC 3339); nothing when malformed.
+  /// Reads "2026-11-22T20:38:41.5Z", with any offset (RFC 3339); nothing when malformed. Decimals beyond the
+  /// ninth are cut off; second 60 reads as the second after it.
   static std::optional<Date> parse(std::string_view rfc3339);
 
   /// Seconds since 2001-01-01T00:00:00Z.

@@ -4,6 +4,8 @@
 #include "larkspan/platform/base/Value.h"
 
 #include <algorithm>
+#include <atomic>
+#include <vector>
 
 namespace larkspan::platform {
 
@@ -27,48 +29,57 @@ auto findEntry(Entries& entries, std::string_view key) {
 
 }  // namespace
 
+/// Not a std::shared_ptr, whose use_count() orders nothing: whoever writes in place must have seen the last
+/// reader on another thread leave.
+struct Dictionary::Storage {
+  std::atomic<std::size_t> shares{1};
+  std::vector<Entry> entries;
+};
+
+Dictionary::Dictionary(const Dictionary& other) noexcept : storage_(other.storage_) {
+  if (storage_) storage_->shares.fetch_add(1, std::memory_order_relaxed);
+}
+
+Dictionary::~Dictionary() {
+  if (storage_ && storage_->shares.fetch_sub(1, std::memory_order_acq_rel) == 1) delete storage_;
+}
+
 Dictionary Dictionary::withCapacity(std::size_t capacity) {
   Dictionary result;
-  result.writable().reserve(capacity);
+  result.writable().entries.reserve(capacity);
   return result;
 }
 
 Dictionary::Dictionary(std::initializer_list<std::pair<Key, Value>> entries) {
-  writable().reserve(entries.size());
+  writable().entries.reserve(entries.size());
   for (const auto& [key, value] : entries) set(key, value);
 }
 
-std::size_t Dictionary::size() const { return entries_ ? entries_->size() : 0; }
-std::size_t Dictionary::capacity() const { return entries_ ? entries_->capacity() : 0; }
-const Dictionary::Entry* Dictionary::begin() const { return entries_ ? entries_->data() : nullptr; }
-const Dictionary::Entry* Dictionary::end() const {
-  return entries_ ? entries_->data() + entries_->size() : nullptr;
-}
+std::size_t Dictionary::size() const { return storage_ ? storage_->entries.size() : 0; }
+std::size_t Dictionary::capacity() const { return storage_ ? storage_->entries.capacity() : 0; }
+const Dictionary::Entry* Dictionary::begin() const { return storage_ ? storage_->entries.data() : nullptr; }
+const Dictionary::Entry* Dictionary::end() const { return begin() + size(); }
 
-bool Dictionary::contains(std::string_view key) const {
-  return entries_ && findEntry(*entries_, key) != entries_->end();
-}
+bool Dictionary::contains(std::string_view key) const { return findEntry(*this, key) != end(); }
 
 Value Dictionary::get(std::string_view key) const {
-  if (!entries_) return {};
-  const auto entry = findEntry(*entries_, key);
-  return entry == entries_->end() ? Value() : entry->value;
+  const Entry* entry = findEntry(*this, key);
+  return entry == end() ? Value() : entry->value;
 }
 
-Dictionary::Entries& Dictionary::writable() {
-  if (!entries_) {
-    entries_ = std::make_shared<Entries>();
-  } else if (entries_.use_count() > 1) {
-    auto copy = std::make_shared<Entries>();
-    copy->reserve(std::max(entries_->capacity(), entries_->size() + 1));
-    copy->assign(entries_->begin(), entries_->end());
-    entries_ = std::move(copy);
+Dictionary::Storage& Dictionary::writable() {
+  if (!storage_) {
+    storage_ = new Storage;
+  } else if (storage_->shares.load(std::memory_order_acquire) > 1) {
+    Dictionary copy = withCapacity(std::max(capacity(), size() + 1));
+    copy.storage_->entries.assign(begin(), end());
+    *this = std::move(copy);
   }
-  return *entries_;
+  return *storage_;
 }
 
 void Dictionary::set(Key key, Value value) {
-  Entries& entries = writable();
+  auto& entries = writable().entries;
   const auto entry = findEntry(entries, key);
   if (entry != entries.end()) {
     entry->value = std::move(value);
@@ -79,7 +90,7 @@ void Dictionary::set(Key key, Value value) {
 
 void Dictionary::set(std::string_view key, Value value) {
   if (!isValidUtf8(key)) return set(std::string_view(repairedUtf8(key)), std::move(value));
-  Entries& entries = writable();
+  auto& entries = writable().entries;
   const auto entry = findEntry(entries, key);
   if (entry != entries.end()) {
     entry->value = std::move(value);
@@ -88,11 +99,13 @@ void Dictionary::set(std::string_view key, Value value) {
   }
 }
 
-void Dictionary::append(Slice key, Value value) { writable().push_back({std::move(key), std::move(value)}); }
+void Dictionary::append(Slice key, Value value) {
+  writable().entries.push_back({std::move(key), std::move(value)});
+}
 
 void Dictionary::remove(std::string_view key) {
   if (!contains(key)) return;
-  Entries& entries = writable();
+  auto& entries = writable().entries;
   entries.erase(findEntry(entries, key));
 }
 
@@ -105,7 +118,7 @@ Dictionary Dictionary::deepCopy() const {
 std::string Dictionary::description() const { return Value(*this).description(); }
 
 bool operator==(const Dictionary& a, const Dictionary& b) {
-  if (a.entries_ == b.entries_) return true;
+  if (a.storage_ == b.storage_) return true;
   if (a.size() != b.size()) return false;
   const auto left = sorted(a);
   const auto right = sorted(b);

@@ -4,11 +4,9 @@
 
 #include <cstddef>
 #include <initializer_list>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 namespace larkspan::platform {
 
@@ -36,6 +34,13 @@ class Dictionary {
   struct Entry;
 
   Dictionary() noexcept = default;
+  Dictionary(const Dictionary& other) noexcept;
+  Dictionary(Dictionary&& other) noexcept : storage_(std::exchange(other.storage_, nullptr)) {}
+  Dictionary& operator=(Dictionary other) noexcept {
+    std::swap(storage_, other.storage_);
+    return *this;
+  }
+  ~Dictionary();
   /// Room for `capacity` entries, taken at once.
   static Dictionary withCapacity(std::size_t capacity);
   Dictionary(std::initializer_list<std::pair<Key, Value>> entries);
@@ -62,7 +67,7 @@ class Dictionary {
   Dictionary deepCopy() const;
   /// Tells copies apart: equal exactly while two dictionaries share their storage; null for one never
   /// written.
-  const void* storage() const { return entries_.get(); }
+  const void* storage() const { return storage_; }
   std::size_t capacity() const;
   std::string description() const;
 
@@ -70,9 +75,9 @@ class Dictionary {
   friend bool operator==(const Dictionary& a, const Dictionary& b);
 
  private:
-  using Entries = std::vector<Entry>;
-  Entries& writable();
-  std::shared_ptr<Entries> entries_;
+  struct Storage;
+  Storage& writable();
+  Storage* storage_ = nullptr;
 };
 
 }  // namespace larkspan::platform

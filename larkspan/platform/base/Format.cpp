@@ -86,7 +86,7 @@ std::string FormatArgument::asText() const {
     case Kind::unsignedInteger:
       return std::to_string(bits_);
     case Kind::real:
-      return printed("%g", real_);
+      return Value(real_).description();
     case Kind::pointer:
       return printed("%p", reinterpret_cast<const void*>(static_cast<uintptr_t>(bits_)));
     case Kind::text:

@@ -73,7 +73,8 @@ std::string formatArguments(std::string_view format, const FormatArgument* argum
 /// and positions ("%2$ld"), and "%@" for objects, which print their description. The length is ignored, a
 /// conversion that does not fit its argument prints the argument as "%@" does, a missing argument prints as
 /// "(null)", and an unknown conversion prints itself: a wrong text in a translation misprints but never
-/// misreads. Limits: width and precision above 255 are cut to 255.
+/// misreads. Precision applies to numbers; widths count bytes.
+/// Limits: width and precision above 255 are cut to 255.
 template <typename... Arguments>
 std::string format(std::string_view text, const Arguments&... arguments) {
   if constexpr (sizeof...(Arguments) == 0) {

@@ -1,8 +1,9 @@
 #include "larkspan/platform/base/URL.h"
 
-#include <cctype>
+#include <algorithm>
 #include <cstdlib>
 
+#include <arpa/inet.h>
 #include <unistd.h>
 
 namespace larkspan::platform {
@@ -11,6 +12,11 @@ namespace {
 
 constexpr std::string_view kUnreserved = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~";
 constexpr std::string_view kSubDelimiters = "!$&'()*+,;=";
+
+// Not those of <cctype>: they follow the locale, and a URL does not.
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+char lowered(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+bool isLetter(char c) { return lowered(c) >= 'a' && lowered(c) <= 'z'; }
 
 bool isOneOf(char c, std::string_view set) { return set.find(c) != std::string_view::npos; }
 
@@ -40,11 +46,9 @@ bool holdsOnly(std::string_view text, std::string_view extra) {
 }
 
 bool isScheme(std::string_view text) {
-  if (text.empty() || !std::isalpha(static_cast<unsigned char>(text[0]))) return false;
-  for (char c : text) {
-    if (!std::isalnum(static_cast<unsigned char>(c)) && !isOneOf(c, "+-.")) return false;
-  }
-  return true;
+  return !text.empty() && isLetter(text[0]) && std::all_of(text.begin(), text.end(), [](char c) {
+    return isLetter(c) || isDigit(c) || isOneOf(c, "+-.");
+  });
 }
 
 struct Authority {
@@ -67,15 +71,26 @@ Authority splitAuthority(std::string_view text) {
   return parts;
 }
 
+/// What may stand between the brackets of a host: an IPv6 address, or "v", a hexadecimal version, "." and
+/// text.
+bool isIPLiteral(std::string_view text) {
+  if (!holdsOnly(text, ":") || isOneOf('%', text)) return false;
+  if (!text.empty() && lowered(text.front()) == 'v') {
+    const auto dot = text.find('.');
+    const std::string_view version = text.substr(1, dot - 1);
+    return dot != text.npos && dot > 1 && dot + 1 < text.size() &&
+           std::all_of(version.begin(), version.end(), [](char c) { return hexValue(c) >= 0; });
+  }
+  in6_addr address;
+  return ::inet_pton(AF_INET6, std::string(text).c_str(), &address) == 1;
+}
+
 bool isAuthority(std::string_view text) {
   const Authority parts = splitAuthority(text);
   if (!holdsOnly(parts.userInformation, ":")) return false;
-  for (char c : parts.port) {
-    if (!std::isdigit(static_cast<unsigned char>(c))) return false;
-  }
-  if (!parts.host.empty() && parts.host.front() == '[') {
-    if (parts.host.size() < 4 || parts.host.back() != ']') return false;
-    return holdsOnly(parts.host.substr(1, parts.host.size() - 2), ":");
+  if (!std::all_of(parts.port.begin(), parts.port.end(), isDigit)) return false;
+  if (parts.host.starts_with('[')) {
+    return parts.host.ends_with(']') && isIPLiteral(parts.host.substr(1, parts.host.size() - 2));
   }
   return holdsOnly(parts.host, "");
 }
@@ -109,7 +124,7 @@ std::string withoutDotSegments(std::string_view path) {
 
 std::string lowered(std::string_view text) {
   std::string result(text);
-  for (char& c : result) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  for (char& c : result) c = lowered(c);
   return result;
 }
 
@@ -174,7 +189,13 @@ URL::Parts URL::split(std::string_view text) {
 std::string URL::join(const Parts& parts) {
   std::string text;
   if (!parts.scheme.empty()) text.append(parts.scheme).append(":");
-  if (parts.hasAuthority) text.append("//").append(parts.authority);
+  if (parts.hasAuthority) {
+    text.append("//").append(parts.authority);
+  } else if (parts.path.starts_with("//")) {
+    text.append("/.");  // else the path would read as an authority
+  } else if (parts.scheme.empty() && parts.path.find(':') < parts.path.find('/')) {
+    text.append("./");  // else its first segment would read as a scheme
+  }
   text.append(parts.path);
   if (parts.hasQuery) text.append("?").append(parts.query);
   if (parts.hasFragment) text.append("#").append(parts.fragment);
@@ -185,8 +206,7 @@ std::optional<URL> URL::parse(std::string_view text) {
   if (text.size() > kMaximumLength) return std::nullopt;
   const Parts parts = split(text);
   if (!parts.scheme.empty() && !isScheme(parts.scheme)) return std::nullopt;
-  // A colon in the first segment without a scheme before it ("://x") is no relative path.
-  if (parts.scheme.empty() && !parts.hasAuthority && text.starts_with(":")) return std::nullopt;
+  if (text.starts_with(':')) return std::nullopt;  // neither a scheme nor a relative path
   if (!isAuthority(parts.authority) || !holdsOnly(parts.path, "/:@") || !holdsOnly(parts.query, "/?:@") ||
       !holdsOnly(parts.fragment, "/?:@")) {
     return std::nullopt;
@@ -201,9 +221,10 @@ URL URL::file(std::string_view path, bool isDirectory) {
   std::string absolute;
   if (path.empty() || path.front() != '/') {
     char* directory = ::getcwd(nullptr, 0);
-    absolute = directory ? directory : "";
+    // Nothing lies below a device: in a working directory that was removed no path names a file.
+    absolute = directory ? directory : "/dev/null";
     std::free(directory);
-    if (!path.empty()) absolute += '/';
+    if (!path.empty() && absolute != "/") absolute += '/';
   }
   absolute += path;
   if (isDirectory && !absolute.ends_with('/')) absolute += '/';
@@ -267,7 +288,7 @@ std::string URL::lastPathComponent() const {
 URL URL::appending(std::string_view component, bool isDirectory) const {
   Parts parts = split(text_.view());
   std::string path(parts.path);
-  if (!path.ends_with('/')) path += '/';
+  if (!path.ends_with('/') && (parts.hasAuthority || !path.empty())) path += '/';
   path += percentEncoded(component.substr(0, component.find('\0')), "!$&'()*+,=:@");
   if (isDirectory && !path.ends_with('/')) path += '/';
   parts.path = path;

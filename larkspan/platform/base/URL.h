@@ -19,7 +19,7 @@ class URL {
   /// or is a file URL whose path holds a NUL.
   static std::optional<URL> parse(std::string_view text);
   /// The file URL (RFC 8089) of a path of any bytes but NUL, which ends the path. A relative path is taken
-  /// from the working directory. A directory's URL ends in "/".
+  /// from the working directory, and names no file when that was removed. A directory's URL ends in "/".
   static URL file(std::string_view path, bool isDirectory = false);
 
   static constexpr std::size_t kMaximumLength = 64 * 1024;
@@ -31,10 +31,10 @@ class URL {
   std::string scheme() const;
   /// User information, host and port as they stand; nothing when there is no "//".
   std::optional<std::string> authority() const;
-  /// Without brackets' removal; empty when absent.
+  /// An IPv6 address keeps its brackets; empty when absent.
   std::string host() const;
   std::optional<unsigned> port() const;
-  /// The path's bytes with percent-encoding undone, less a trailing "/" unless it is the root.
+  /// The path's bytes with percent-encoding undone, less trailing "/"s unless it is the root.
   std::string path() const;
   std::optional<std::string> query() const;
   std::optional<std::string> fragment() const;
@@ -47,7 +47,8 @@ class URL {
   std::string lastPathComponent() const;
   /// This URL's path and one more component of any bytes; query and fragment are dropped.
   URL appending(std::string_view component, bool isDirectory = false) const;
-  /// The URL that `reference` means when it stands in a document at this one (RFC 3986, section 5.2).
+  /// The URL that `reference` means when it stands in a document at this one (RFC 3986, section 5.2). Where a
+  /// path came to begin with what reads as an authority or a scheme, "/." or "./" keeps them apart.
   URL resolve(const URL& reference) const;
 
   friend bool operator==(const URL& a, const URL& b) { return a.text_ == b.text_; }

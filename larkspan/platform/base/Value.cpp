@@ -6,6 +6,7 @@
 #include <bit>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <limits>
 
 namespace larkspan::platform {
@@ -29,9 +30,15 @@ int64_t saturated(double number) {
   return static_cast<int64_t>(number);
 }
 
-std::string describeFloat(double number, int digits) {
+/// With as few digits as read back as the same number.
+template <typename T>
+std::string describeFloat(T number) {
   char text[40];
-  std::snprintf(text, sizeof text, "%.*g", digits, number);
+  for (int digits = std::numeric_limits<T>::digits10; digits <= std::numeric_limits<T>::max_digits10;
+       ++digits) {
+    std::snprintf(text, sizeof text, "%.*g", digits, static_cast<double>(number));
+    if (static_cast<T>(std::strtod(text, nullptr)) == number) break;
+  }
   return text;
 }
 
@@ -72,8 +79,13 @@ bool operator==(const Array& a, const Array& b) {
 
 Set::Set(std::vector<Value> values) {
   std::sort(values.begin(), values.end(), [](const Value& a, const Value& b) { return order(a, b) < 0; });
-  values.erase(std::unique(values.begin(), values.end()), values.end());
+  const auto same = [](const Value& a, const Value& b) { return order(a, b) == 0; };
+  values.erase(std::unique(values.begin(), values.end(), same), values.end());
   members_ = Array(std::move(values));
+}
+
+bool operator==(const Set& a, const Set& b) {
+  return orderAll(a.members_.begin(), a.members_.end(), b.members_.begin(), b.members_.end()) == 0;
 }
 
 bool Set::contains(const Value& value) const {
@@ -141,7 +153,7 @@ std::string Value::description() const {
   const auto list = [&](const Array& array, const char* open, const char* close) {
     std::string text = open;
     for (const Value& member : array) {
-      if (text.size() > 1) text += ", ";
+      if (&member != array.begin()) text += ", ";
       text += member.description();
     }
     return text + close;
@@ -154,9 +166,9 @@ std::string Value::description() const {
     case Kind::integer:
       return std::to_string(std::get<int64_t>(content_));
     case Kind::float32:
-      return describeFloat(doubleValue(), std::numeric_limits<float>::max_digits10);
+      return describeFloat(std::get<float>(content_));
     case Kind::float64:
-      return describeFloat(doubleValue(), std::numeric_limits<double>::max_digits10);
+      return describeFloat(std::get<double>(content_));
     case Kind::string:
       return std::string(text());
     case Kind::data:

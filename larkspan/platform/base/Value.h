@@ -37,6 +37,7 @@ class Array {
 
   std::size_t size() const;
   bool empty() const { return size() == 0; }
+  /// The index must be below `size()`.
   const Value& operator[](std::size_t index) const;
   const Value* begin() const;
   const Value* end() const;
@@ -46,7 +47,8 @@ class Array {
   std::shared_ptr<const std::vector<Value>> values_;
 };
 
-/// Values without order or repetition; immutable, copies share the elements.
+/// Values without order or repetition; immutable, copies share the elements. Objects within a set are the
+/// same only when they are identical, whatever their `isEqual` says.
 class Set {
  public:
   Set() = default;
@@ -56,7 +58,7 @@ class Set {
   bool contains(const Value& value) const;
   /// The members in an order of the set's own.
   const Array& members() const { return members_; }
-  friend bool operator==(const Set& a, const Set& b) { return a.members_ == b.members_; }
+  friend bool operator==(const Set& a, const Set& b);
 
  private:
   Array members_;

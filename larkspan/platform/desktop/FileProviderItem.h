@@ -10,7 +10,9 @@
 namespace larkspan::platform {
 
 /// A file that a provider (a cloud folder, a phone) looks after: its identifier there, and where it lies on
-/// this machine if it does. Owner:  std::shared_ptr; immutable. Thread: any.
+/// this machine if it does.
+/// Owner:  std::shared_ptr; immutable.
+/// Thread: any.
 class FileProviderItem final : public Archivable {
  public:
   static std::shared_ptr<FileProviderItem> make(std::string identifier, std::optional<URL> fileURL);
