@@ -41,7 +41,7 @@ std::shared_ptr<LKSHostExtensionContext> LKSHostExtensionContext::make(
 }
 
 const ClassSet& LKSHostExtensionContext::extensionItemClasses() {
-  static const ClassSet& classes = [] -> const ClassSet& {
+  static const ClassSet& classes = []() -> const ClassSet& {
     std::vector<platform::Key> keys;
     for (const VocabularyEntry& entry : vocabulary()) keys.push_back(entry.key);
     platform::internKeys(keys);

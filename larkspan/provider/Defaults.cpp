@@ -65,7 +65,9 @@ std::optional<LKSConfirmPanel> LKSExtension::confirmationTextForSummaryAction(
 std::optional<std::string> LKSExtension::localizedHeaderButtonTitle() {
   const auto application = representedApplication();
   if (!application) return "";
-  std::string name = platform::localizedName(*application);
+  platform::ResourceValues values;
+  platform::FileFacts::current().read(*application, values);
+  std::string name = values.localizedName;
   constexpr std::string_view kEnding = ".app";
   if (name.ends_with(kEnding)) name.resize(name.size() - kEnding.size());
   if (name.empty()) return LKSLocalizedStringFromFramework("DM_OPEN");

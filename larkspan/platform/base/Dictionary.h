@@ -20,6 +20,7 @@ class Key {
   consteval Key(const char (&literal)[size]) : text_(literal, size - 1) {}
   constexpr operator std::string_view() const { return text_; }
   friend constexpr bool operator==(const Key&, const Key&) = default;
+  friend constexpr bool operator==(const Key& key, std::string_view text) { return key.text_ == text; }
 
  private:
   std::string_view text_;
