@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace larkspan::platform {
+
+/// What an extension says about itself: a key file (text/KeyFile.h) `IDENTIFIER.extension` with the group
+/// "Extension".
+/// Owner:  the caller; a value.
+/// Limits: identifier and extension point have at most `kMaxIdentifier` bytes; otherwise those of a key file.
+struct Manifest {
+  static constexpr std::size_t kMaxIdentifier = 128;
+
+  std::string path;            ///< Where it was read.
+  std::string identifier;      ///< `Identifier`; the file name without ".extension".
+  std::string extensionPoint;  ///< `ExtensionPoint`
+  std::string name;            ///< `Name`, in the locale of messages.
+  /// `Exec`, taken apart. A program without a slash is to be looked up in PATH, any other stands here with
+  /// its folder.
+  std::vector<std::string> exec;
+  std::string icon;  ///< `Icon`; may be empty.
+  bool hidden =
+      false;  ///< `Hidden`: switched off. The other texts may then be empty, except path and identifier.
+
+  /// The bundle is the manifest: two are the same extension when their path is.
+  friend bool operator==(const Manifest& a, const Manifest& b) { return a.path == b.path; }
+};
+
+/// The manifest at `path`, or the reason in English why it is not one.
+/// Links are followed; the file that they lead to must be regular. It and the folder of `path` must be
+/// trustworthy (see `reasonForDistrust`). `Identifier`, `ExtensionPoint`, `Name` and `Exec` must be there
+/// unless `Hidden` is true; whether the program exists is for the launch to find out. `Identifier` and
+/// `ExtensionPoint` are made of letters, digits, '.',
+/// '-' and '_' and start with a letter or digit.
+/// Thread: any; reads files.
+std::variant<Manifest, std::string> readManifest(const std::string& path);
+
+}  // namespace larkspan::platform

@@ -1,0 +1,233 @@
+#include "larkspan/platform/appext/ExtensionMatcher.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <future>
+#include <mutex>
+#include <thread>
+
+#include <sched.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "tests/support/CapturedLog.h"
+#include "tests/support/ManifestTree.h"
+
+namespace larkspan::platform {
+namespace {
+
+using std::filesystem::create_symlink;
+using std::filesystem::rename;
+using tests::ManifestTree;
+using tests::ScopedVariable;
+using Texts = std::vector<std::string>;
+
+const std::string kHome = "home/larkspan/extensions/", kSystem = "system/larkspan/extensions/";
+
+/// A matcher of the point "p" over one tree: own/ comes first, then home/ and system/ as data folders. Keeps
+/// what is delivered: sets as "IDENTIFIER=NAME " each, errors as "!CODE".
+class Matched {
+ public:
+  explicit Matched(const ManifestTree& tree) {
+    const ScopedVariable own("LARKSPAN_EXTENSION_PATH", tree.path("own").c_str());
+    const ScopedVariable home("XDG_DATA_HOME", tree.path("home").c_str());
+    const ScopedVariable system("XDG_DATA_DIRS", tree.path("system").c_str());
+    matcher_.emplace("p", [this](const auto& extensions, const auto& error) {
+      std::string text = error ? "!" + std::to_string(error->code()) : "";
+      for (const auto& m : extensions.value_or(std::vector<Manifest>()))
+        text += m.identifier + "=" + m.name + " ";
+      const std::lock_guard lock(mutex_);
+      all_.push_back(text);
+      changed_.notify_all();
+    });
+  }
+  /// Whether the newest delivery is, or within a second becomes, `expected`.
+  testing::AssertionResult delivers(const std::string& expected) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, std::chrono::seconds(1),
+                      [&] { return !all_.empty() && all_.back() == expected; });
+    if (!all_.empty() && all_.back() == expected) return testing::AssertionSuccess();
+    return testing::AssertionFailure()
+           << "delivered: " << (all_.empty() ? "nothing" : all_.back().substr(0, 200));
+  }
+  Texts all() {
+    const std::lock_guard lock(mutex_);
+    return all_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  Texts all_;
+  std::optional<ExtensionMatcher> matcher_;  // Ends first.
+};
+
+TEST(ExtensionMatcher, DeliversTheWholeSetAndEachChangeOfFilesInIt) {
+  const ManifestTree tree;
+  tree.add(kSystem + "b.extension", "system");
+  tree.add(kSystem + "a.extension", "first");
+  Matched m(tree);
+  EXPECT_TRUE(m.delivers("a=first b=system "));
+  tree.add("own/b.extension", "own");  // own/ comes into being with it.
+  EXPECT_TRUE(m.delivers("a=first b=own "));
+  tree.add(kHome + "b.extension", "home");
+  tree.add("own/b.extension", "own", "Hidden=true\n");
+  EXPECT_TRUE(m.delivers("a=first ")) << "hides those after it";
+  tree.write("own/b.extension", "[Extension]\nIdentifier=b\nExtensionPoint=q\nName=N\nExec=x\n");
+  tree.add(kSystem + "c.extension");
+  EXPECT_TRUE(m.delivers("a=first c=N ")) << "of another point, it wins all the same";
+  unlink(tree.path("own/b.extension").c_str());
+  EXPECT_TRUE(m.delivers("a=first b=home c=N "));
+  tree.add(kSystem + "a.extension", "newer");  // Of the same size.
+  EXPECT_TRUE(m.delivers("a=newer b=home c=N "));
+  rename(tree.path(kSystem + "a.extension"), tree.path("gone"));
+  EXPECT_TRUE(m.delivers("b=home c=N "));
+  chmod(tree.path(kHome + "b.extension").c_str(), 0646);
+  EXPECT_TRUE(m.delivers("b=system c=N ")) << "refused, it hides nothing";
+}
+
+TEST(ExtensionMatcher, FollowsFoldersAndLinksThatComeGoAndAreReplaced) {
+  const ManifestTree tree;
+  Matched m(tree);
+  EXPECT_TRUE(m.delivers(""));
+  tree.add(kHome + "a.extension");
+  EXPECT_TRUE(m.delivers("a=N "));
+  rename(tree.path("home"), tree.path("elsewhere"));
+  EXPECT_TRUE(m.delivers(""));
+  rename(tree.path("elsewhere"), tree.path("home"));
+  EXPECT_TRUE(m.delivers("a=N "));
+  std::filesystem::remove_all(tree.path("home/larkspan"));
+  EXPECT_TRUE(m.delivers(""));
+  // A data folder behind two links, one of which is switched over as profiles are.
+  tree.add("1/larkspan/extensions/b.extension", "one");
+  tree.add("2/larkspan/extensions/b.extension", "two");
+  create_symlink("1", tree.path("profile"));
+  create_symlink(tree.path("own/../profile/."), tree.path("system"));
+  std::filesystem::create_directory(tree.path("own"));  // Only now the link leads anywhere.
+  EXPECT_TRUE(m.delivers("b=one "));
+  create_symlink("2", tree.path("next"));
+  rename(tree.path("next"), tree.path("profile"));
+  EXPECT_TRUE(m.delivers("b=two "));
+  // A manifest that is a link.
+  tree.add("package/deep/c.extension", "linked");
+  create_symlink("../package/deep/c.extension", tree.path("own/c.extension"));
+  EXPECT_TRUE(m.delivers("b=two c=linked "));
+  tree.add("package/deep/c.extension", "again");
+  EXPECT_TRUE(m.delivers("b=two c=again "));
+  rename(tree.path("package"), tree.path("unpacked"));
+  EXPECT_TRUE(m.delivers("b=two "));
+}
+
+TEST(ExtensionMatcher, TakesAThousandAtOnceInFewDeliveries) {
+  const ManifestTree tree;
+  Matched m(tree);
+  ASSERT_TRUE(m.delivers(""));
+  std::string all;
+  const auto start = std::chrono::steady_clock::now();
+  for (int i = 1000; i < 2000; ++i) {
+    const std::string identifier = "x" + std::to_string(i);
+    tree.add("own/" + identifier + ".extension");
+    all += identifier + "=N ";
+  }
+  const auto taken = std::chrono::steady_clock::now() - start;
+  EXPECT_TRUE(m.delivers(all));
+  EXPECT_LE(m.all().size(), 4 + taken / std::chrono::milliseconds(80));
+}
+
+TEST(ExtensionMatcher, LogsWhatItSkipsOnceForEachStateOfIt) {
+  const tests::CapturedLog log;
+  const ManifestTree tree;
+  const std::string bad = tree.write("own/bad.extension", "[Extension]\n"),
+                    loose = tree.add("own/loose.extension");
+  chmod(loose.c_str(), 0666);
+  tree.add(kSystem + "a.extension");
+  const std::string folder = tree.path("system/larkspan/extensions");
+  chmod(folder.c_str(), 0777);
+  Matched m(tree);
+  EXPECT_TRUE(m.delivers(""));
+  for (const std::string name : {"one", "two", "three"}) {  // A look each.
+    tree.add("own/a.extension", name);
+    EXPECT_TRUE(m.delivers("a=" + name + " "));
+  }
+  tree.write("own/bad.extension", "[Extension]\nIdentifier=bad\n");
+  chmod(loose.c_str(), 0644);
+  EXPECT_TRUE(m.delivers("a=three loose=N "));
+  Texts lines = log.system();
+  std::sort(lines.begin(), lines.end());
+  EXPECT_EQ(lines, (Texts{"Skipped extension folder " + folder + ": writable by everybody",
+                          "Skipped extension manifest " + bad + ": no ExtensionPoint",
+                          "Skipped extension manifest " + bad + ": no Identifier",
+                          "Skipped extension manifest " + loose + ": writable by everybody"}));
+  EXPECT_EQ(log.lines().at(0).subsystem + "/" + log.lines().at(0).category, "corvane.storage/extensions");
+}
+
+TEST(ExtensionMatcher, DeliversNothingAfterItsEnd) {
+  const ManifestTree tree;
+  const ScopedVariable own("LARKSPAN_EXTENSION_PATH", tree.path("own").c_str());
+  for (int i = 0; i < 100; ++i) {  // From outside, before, during or after the first delivery.
+    std::promise<void> started;
+    auto held = std::make_shared<std::thread::id>(std::this_thread::get_id());
+    const std::weak_ptr<std::thread::id> watched = held;
+    ExtensionMatcher matcher("p", [&started, held = std::move(held)](const auto&, const auto&) {
+      EXPECT_NE(std::this_thread::get_id(), *held);
+      started.set_value();
+      std::this_thread::yield();
+    });
+    if (i % 2) started.get_future().wait();
+    matcher.end();
+    EXPECT_TRUE(watched.expired()) << "not under way and never again";
+  }
+  std::promise<void> begun, ended;  // From the delivery itself, which also drops the matcher.
+  std::unique_ptr<ExtensionMatcher> matcher;
+  matcher =
+      std::make_unique<ExtensionMatcher>("p", [&, held = std::string("kept")](const auto&, const auto&) {
+        begun.get_future().wait();
+        matcher = nullptr;
+        tree.add("own/a.extension");
+        EXPECT_EQ(held, "kept");
+        ended.set_value();  // Throws the second time.
+      });
+  begun.set_value();
+  ended.get_future().wait();
+  Matched later(tree);
+  tree.add("own/b.extension");
+  EXPECT_TRUE(later.delivers("a=N b=N ")) << "by now the other would have delivered too";
+}
+
+/// In a user namespace with limits of its own: what a matcher does at the limit `name`. 0 is well.
+int runAtLimit(const char* name, const std::string& error) {
+  const auto put = [](const char* path, const std::string& text) { std::ofstream(path) << text; };
+  const std::string user = "0 " + std::to_string(geteuid()) + " 1";
+  if (unshare(CLONE_NEWUSER) != 0) return 77;
+  put("/proc/self/uid_map", user);
+  put(name, "0");
+  const ManifestTree tree;
+  tree.add("own/a.extension");
+  Matched m(tree);
+  if (!m.delivers(error) || m.all() != Texts{"a=N ", error}) return 1;
+  tree.add("own/b.extension");
+  if (!m.delivers("a=N b=N ")) return 2;  // By looking again and again.
+  put(name, "1000");
+  tree.add("own/c.extension");
+  return m.delivers("a=N b=N c=N ") && m.all().size() == 4 ? 0 : 3;
+}
+
+TEST(ExtensionMatcherDeathTest, ReportsALimitOfTheKernelOnceAndLooksEachSecond) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  bool isSkipped = false;
+  const auto isWell = [&](int status) {
+    isSkipped = WIFEXITED(status) && WEXITSTATUS(status) == 77;
+    return isSkipped || status == 0;
+  };
+  EXPECT_EXIT(_exit(runAtLimit("/proc/sys/user/max_inotify_instances", "!24")), isWell, "");
+  EXPECT_EXIT(_exit(runAtLimit("/proc/sys/user/max_inotify_watches", "!28")), isWell, "");
+  if (isSkipped) GTEST_SKIP() << "No user namespace for this process";
+}
+
+}  // namespace
+}  // namespace larkspan::platform

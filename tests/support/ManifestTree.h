@@ -1,0 +1,49 @@
+#pragma once
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <string>
+
+namespace larkspan::tests {
+
+/// Sets an environment variable, or takes it away, for as long as it lives.
+class ScopedVariable {
+ public:
+  ScopedVariable(const char* name, const char* value) : name_(name) {
+    if (const char* before = getenv(name)) before_ = before;
+    value ? setenv(name, value, 1) : unsetenv(name);
+  }
+  ~ScopedVariable() { before_ ? setenv(name_, before_->c_str(), 1) : unsetenv(name_); }
+  ScopedVariable(const ScopedVariable&) = delete;
+
+ private:
+  const char* const name_;
+  std::optional<std::string> before_;
+};
+
+/// A temporary folder for manifests, removed with all that is in it. Names are relative to it.
+struct ManifestTree {
+  std::string root = "/tmp/larkspan-manifests-XXXXXX";
+
+  ManifestTree() { root = mkdtemp(root.data()); }
+  ~ManifestTree() { std::filesystem::remove_all(root); }
+  ManifestTree(const ManifestTree&) = delete;
+
+  std::string path(const std::string& below) const { return root + '/' + below; }
+  std::string write(const std::string& below, const std::string& text) const {
+    const std::filesystem::path file = path(below);
+    std::filesystem::create_directories(file.parent_path());
+    std::ofstream(file) << text;
+    return file;
+  }
+  /// A sound manifest of the point "p" with that name.
+  std::string add(const std::string& below, const std::string& name = "N", const char* more = "") const {
+    const std::string identifier = std::filesystem::path(below).stem();
+    return write(below, "[Extension]\nExtensionPoint=p\nExec=x\nIdentifier=" + identifier + "\nName=" + name +
+                            '\n' + more);
+  }
+};
+
+}  // namespace larkspan::tests
