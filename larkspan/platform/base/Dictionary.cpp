@@ -50,7 +50,7 @@ Dictionary Dictionary::withCapacity(std::size_t capacity) {
   return result;
 }
 
-Dictionary::Dictionary(std::initializer_list<std::pair<Key, Value>> entries) {
+Dictionary::Dictionary(std::initializer_list<NewEntry> entries) {
   writable().entries.reserve(entries.size());
   for (const auto& [key, value] : entries) set(key, value);
 }
@@ -98,6 +98,8 @@ void Dictionary::set(std::string_view key, Value value) {
     entries.push_back({Slice::copy(key), std::move(value)});
   }
 }
+
+void Dictionary::set(const char* key, Value value) { set(std::string_view(key), std::move(value)); }
 
 void Dictionary::append(Slice key, Value value) {
   writable().entries.push_back({std::move(key), std::move(value)});

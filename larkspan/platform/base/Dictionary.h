@@ -33,6 +33,7 @@ class Key {
 class Dictionary {
  public:
   struct Entry;
+  struct NewEntry;
 
   Dictionary() noexcept = default;
   Dictionary(const Dictionary& other) noexcept;
@@ -44,7 +45,7 @@ class Dictionary {
   ~Dictionary();
   /// Room for `capacity` entries, taken at once.
   static Dictionary withCapacity(std::size_t capacity);
-  Dictionary(std::initializer_list<std::pair<Key, Value>> entries);
+  Dictionary(std::initializer_list<NewEntry> entries);
 
   std::size_t size() const;
   bool empty() const { return size() == 0; }
@@ -56,6 +57,7 @@ class Dictionary {
   void set(Key key, Value value);
   /// The same with a key that is copied; malformed UTF-8 in it is repaired (U+FFFD).
   void set(std::string_view key, Value value);
+  void set(const char* key, Value value);
   /// Appends an entry whose key is known to be well-formed and not present: for decoders.
   void append(Slice key, Value value);
   /// Removes the key if it is there.

@@ -39,8 +39,8 @@ struct NotificationCenter::Token::Registration {
       Registration& registration;
       ~Return() {
         const std::lock_guard lock(registration.mutex);
-        auto& running = registration.running;
-        running.erase(std::find(running.begin(), running.end(), std::this_thread::get_id()));
+        auto& threads = registration.running;
+        threads.erase(std::find(threads.begin(), threads.end(), std::this_thread::get_id()));
         registration.returned.notify_all();
       }
     } const atEnd{*this};

@@ -171,6 +171,13 @@ class Value {
   Content content_;
 };
 
+/// How a dictionary is written down: `Dictionary{{"key", 1}, {kOther, "text"}}`. No std::pair, whose
+/// constructor would hide from the compiler that the key is a literal.
+struct Dictionary::NewEntry {
+  Key key;
+  Value value;
+};
+
 struct Dictionary::Entry {
   Slice name;
   Value value;
