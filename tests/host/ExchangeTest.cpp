@@ -1,0 +1,315 @@
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "larkspan/host/LKSCallbackManager.h"
+#include "larkspan/host/LKSExtensionOperation.h"
+#include "larkspan/items/LKSCommand.h"
+#include "larkspan/platform/base/NotificationCenter.h"
+#include "larkspan/platform/dispatch/ManualClock.h"
+#include "larkspan/platform/ipc/TransportError.h"
+#include "larkspan/runtime/LKSOperationQueue.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/Collector.h"
+#include "tests/support/InProcessExtension.h"
+
+namespace larkspan::tests {
+namespace {
+
+using platform::Error;
+using platform::Notification;
+using platform::NotificationCenter;
+using platform::TransportErrorCode;
+using platform::Value;
+
+/// Answers each operation in a way that tells it from the others.
+class Provider : public LKSExtension {
+ public:
+  std::vector<LKSResource> resourceItems() override {
+    if (beforeResources) beforeResources();
+    LKSResource a = LKSResource::initLKSResourceItemWithName("A");
+    a.setLks_size(int64_t{1} << 40);
+    return {a, LKSResource::initLKSResourceItemWithName("B")};
+  }
+  std::vector<LKSTipMessage> tipItems() override { return {*LKSTipMessage::initLKSTipWithTitle("Tip")}; }
+  std::optional<Error> deleteResourceItems(const std::vector<LKSResource>& items) override {
+    return Error("test", static_cast<int64_t>(items.size()), "cannot delete " + *items.at(0).lks_name());
+  }
+  std::optional<Error> showResourceItems(const std::vector<LKSResource>&) override { return std::nullopt; }
+  std::optional<Error> performTipAction(const LKSTipMessage&) override { return std::nullopt; }
+  std::optional<Error> performSummaryAction(const std::optional<LKSSummaryResource>& item) override {
+    if (item) return std::nullopt;
+    return Error("test", 7);
+  }
+  int64_t totalSpaceUsed() override { return 42; }
+
+  std::function<void()> beforeResources;
+};
+
+struct Exchange : testing::Test {
+  std::shared_ptr<Provider> provider = std::make_shared<Provider>();
+  std::shared_ptr<InProcessExtension> launcher = std::make_shared<InProcessExtension>(provider);
+  platform::ScopedLauncher installed{launcher};
+  std::shared_ptr<LKSOpaqueExtension> handle =
+      handleFor(testing::UnitTest::GetInstance()->current_test_info()->name());
+  struct Outcome {
+    std::optional<Items> items;
+    std::optional<Error> error;
+  };
+  Collector<Outcome> outcomes;
+
+  ~Exchange() override { LKSCallbackManager::sharedInstance().setContext(nullptr); }
+
+  void send(std::string_view command, const std::shared_ptr<LKSOpaqueExtension>& to) {
+    to->processInputItems({*LKSCommand::initLKSCommandItem(command)},
+                          [this](const auto& items, const auto& error) { outcomes.push({items, error}); });
+  }
+  template <typename Operation>
+  std::shared_ptr<Operation> run(std::optional<Items> input = std::nullopt) {
+    auto operation = LKSOperation::makeOperation<Operation>();
+    operation->setExtension(handle);
+    operation->setInputItems(std::move(input));
+    LKSOperationQueue::concurrentBackgroundQueue()->addOperation(operation);
+    operation->waitUntilFinished();
+    return operation;
+  }
+};
+
+TEST_F(Exchange, EachCommandTravelsAsOneOperationAndComesBackAsItemsOrItsError) {
+  const Items resources{LKSResource::initLKSResourceItemWithName("A")};
+  const Items tip{*LKSTipMessage::initLKSTipWithTitle("Tip")};
+  const Items summary{LKSSummaryResource::initLKSSummaryResource()};
+
+  const auto info = run<LKSFetchExtensionInfoOperation>()->returnedItems();
+  ASSERT_TRUE(info && info->size() == 1);
+  EXPECT_EQ(info->front().userInfo().get(kSizeKey), Value(42));
+  EXPECT_TRUE(info->front().userInfo().get(kItemKindKey).isNone());
+
+  const auto fetched = run<LKSFetchResourcesOperation>()->returnedItems();
+  ASSERT_TRUE(fetched && fetched->size() == 2);
+  EXPECT_EQ(fetched->front().lks_size(), int64_t{1} << 40);
+  EXPECT_EQ(fetched->back().lks_name(), "B");
+  EXPECT_EQ(run<LKSFetchRecommendationsOperation>()->returnedItems()->front().lks_name(), "Tip");
+
+  const auto refused = run<LKSDeleteResourcesOperation>(resources);
+  ASSERT_TRUE(refused->error());
+  EXPECT_EQ(refused->error()->domain(), "test");
+  EXPECT_EQ(refused->error()->code(), 1);
+  EXPECT_EQ(refused->error()->localizedDescription(), "cannot delete A");
+  EXPECT_FALSE(refused->returnedItems());
+
+  for (const auto& done : {std::shared_ptr<LKSExtensionOperation>(run<LKSShowResourceOperation>(resources)),
+                           std::shared_ptr<LKSExtensionOperation>(run<LKSPerformRecommendationOperation>(tip)),
+                           std::shared_ptr<LKSExtensionOperation>(run<LKSPerformHeaderActionOperation>()),
+                           std::shared_ptr<LKSExtensionOperation>(run<LKSPerformSummaryActionOperation>(summary))}) {
+    EXPECT_FALSE(done->error()) << done->commandName();
+    EXPECT_TRUE(done->returnedItems() && done->returnedItems()->empty()) << done->commandName();
+  }
+  EXPECT_EQ(run<LKSPerformSummaryActionOperation>()->error(), Error("test", 7));
+
+  const auto titleOf = [](const auto& operation) {
+    const auto items = operation->returnedItems();
+    return items && items->size() == 1 ? LKSConfirmPanel(items->front()).lks_confirmTitle() : std::nullopt;
+  };
+  EXPECT_EQ(titleOf(run<LKSFetchDeleteResourcesConfirmationOperation>(resources)), "Delete “A”?");
+  EXPECT_EQ(titleOf(run<LKSFetchPerformRecommendationConfirmationOperation>(tip)), "Apply This Recommendation?");
+  EXPECT_EQ(titleOf(run<LKSFetchPerformSummaryActionConfirmationOperation>(summary)), "Perform This Action?");
+  EXPECT_TRUE(run<LKSFetchDeleteResourcesConfirmationOperation>()->returnedItems()->empty());
+  EXPECT_EQ(launcher->launches, 1) << "one process serves every exchange";
+}
+
+TEST(ExtensionOperation, SendsTheCommandFirstAndTakesTheHeaderForTheOutcome) {
+  const auto operation = LKSOperation::makeOperation<LKSFetchResourcesOperation>();
+  const MessageItem a = LKSResource::initLKSResourceItemWithName("A");
+  const MessageItem b = LKSResource::initLKSResourceItemWithName("B");
+  operation->setInputItems(Items{a, b});
+  const Items sent = operation->allInputItems();
+  ASSERT_EQ(sent.size(), 3u);
+  EXPECT_EQ(sent[0].userInfo(), (platform::Dictionary{{"_KIND_", "COMMAND"}, {"\u2022" "COMMAND", "RESOURCES?"}}));
+  EXPECT_TRUE(sent[1] == a && sent[2] == b);
+
+  LKSCommand header(operation->commandInputItem());
+  operation->finishWithItems({header, a});
+  EXPECT_EQ(operation->returnedItems(), Items{a});
+  EXPECT_FALSE(operation->error());
+  header.setLks_error(Error("test", 3));
+  operation->finishWithItems({header, b});
+  EXPECT_EQ(operation->error(), Error("test", 3));
+  EXPECT_EQ(operation->returnedItems(), Items{a}) << "an error leaves earlier items alone";
+  EXPECT_THROW(operation->finishWithItems({}), std::out_of_range);
+
+  // Neither a class without a command nor one without an extension can run.
+  for (const auto& incomplete : {LKSOperation::makeOperation<LKSExtensionOperation>(),
+                                 std::shared_ptr<LKSExtensionOperation>(operation)}) {
+    auto fresh = incomplete == operation ? LKSOperation::makeOperation<LKSFetchResourcesOperation>() : incomplete;
+    fresh->start();
+    ASSERT_TRUE(fresh->isFinished() && fresh->error());
+    EXPECT_EQ(fresh->error()->domain(), "LKSExtensionOperationErrorDomain");
+  }
+  try {
+    LKSExtensionOperation().commandInputItem();
+    FAIL();
+  } catch (const std::invalid_argument& error) {
+    EXPECT_STREQ(error.what(), "You must override +commandName and return a string appropriate for your subclass.");
+  }
+}
+
+TEST_F(Exchange, OneRequestServesUntilItIsInvalidatedAndInterruptionKeepsIt) {
+  CapturedLog log;
+  send(kCmdTips, handle);
+  ASSERT_EQ(outcomes.waitFor(1).at(0).items->size(), 2u);
+  const auto first = handle->context();
+  send(kCmdTips, handle);
+  outcomes.waitFor(2);
+  EXPECT_TRUE(first && handle->context() == first);
+  EXPECT_EQ(launcher->launches, 1);
+
+  // A crash in the middle of an exchange fails that one, once; the next starts the extension again.
+  std::promise<void> reached, released;
+  provider->beforeResources = [&] {
+    reached.set_value();
+    released.get_future().wait();
+  };
+  send(kCmdResources, handle);
+  reached.get_future().wait();
+  launcher->crash();
+  const Outcome failed = outcomes.waitFor(3).at(2);
+  EXPECT_FALSE(failed.items);
+  EXPECT_EQ(failed.error->code(), static_cast<int64_t>(TransportErrorCode::interrupted));
+  released.set_value();
+  provider->beforeResources = nullptr;
+  send(kCmdTips, handle);
+  ASSERT_TRUE(outcomes.waitFor(4).at(3).items);
+  EXPECT_EQ(handle->context(), first) << "an interruption keeps the request";
+  EXPECT_EQ(launcher->launches, 2);
+
+  first->auxiliaryConnection()->invalidate();
+  EXPECT_EQ(handle->context(), nullptr);
+  send(kCmdTips, handle);
+  ASSERT_TRUE(outcomes.waitFor(5).at(4).items);
+  EXPECT_NE(handle->context(), first);
+  EXPECT_EQ(outcomes.now().size(), 5u);
+
+  const auto lines = log.system();
+  const auto count = [&](const std::string& text) {
+    return std::count_if(lines.begin(), lines.end(), [&](auto& line) { return line.find(text) != line.npos; });
+  };
+  EXPECT_EQ(count("communication error with <Extension test.extension"), 1);
+  EXPECT_EQ(count("interrupted"), 2) << "the error's text and the handler's line";
+  EXPECT_EQ(count("result count 2, error (null)"), 4);
+}
+
+TEST_F(Exchange, FailsOnceAndWithoutARequestWhenTheExtensionCannotBeStarted) {
+  CapturedLog log;
+  launcher->failure = Error("test", 5, "no such program");
+  send(kCmdTips, handle);
+  const Outcome outcome = outcomes.waitFor(1).at(0);
+  EXPECT_FALSE(outcome.items);
+  EXPECT_EQ(outcome.error->domain(), "LKSExtensionOperationErrorDomain");
+  EXPECT_EQ(outcome.error->localizedDescription(), "test.extension could not be started: no such program");
+  EXPECT_EQ(handle->context(), nullptr);
+  EXPECT_TRUE(std::any_of(log.lines().begin(), log.lines().end(), [](auto&) { return true; }));
+  launcher->failure.reset();
+  send(kCmdTips, handle);
+  EXPECT_TRUE(outcomes.waitFor(2).at(1).items) << "a program that could not be started may be tried again at once";
+}
+
+TEST_F(Exchange, SimultaneousBeginsOfEqualHandlesShareOneProcess) {
+  const auto other = handleFor(handle->underlyingExtension()->extensionBundle());
+  const auto stranger = handleFor("another path");
+  EXPECT_TRUE(handle->isEqual(*other) && handle->hash() == other->hash());
+  EXPECT_FALSE(handle->isEqual(*stranger));
+  EXPECT_EQ(mergeHandles({other, stranger}, {handle}), (std::vector{handle, stranger}));
+  const std::string description = handle->description();
+  EXPECT_TRUE(description.starts_with("<LKSOpaqueExtension:0x")) << description;
+  EXPECT_TRUE(description.ends_with(" " + handle->underlyingExtension()->description() + ">")) << description;
+
+  for (int i = 0; i < 20; ++i) send(kCmdTips, i % 2 ? handle : other);
+  for (const Outcome& outcome : outcomes.waitFor(20)) EXPECT_TRUE(outcome.items);
+  EXPECT_EQ(launcher->launches, 1);
+}
+
+TEST_F(Exchange, CountsStartsThatEndBeforeAnAnswerAndThenWaits) {
+  platform::ManualClock clock;
+  provider->beforeResources = [&] { launcher->crash(); };
+  for (std::size_t i = 1; i <= 5; ++i) {
+    send(kCmdResources, handle);
+    EXPECT_EQ(outcomes.waitFor(i).at(i - 1).error->code(), static_cast<int64_t>(TransportErrorCode::interrupted));
+  }
+  const auto next = [&] {
+    const std::size_t before = outcomes.now().size();
+    send(kCmdResources, handle);
+    return outcomes.waitFor(before + 1).at(before);
+  };
+  EXPECT_EQ(next().error->code(), static_cast<int64_t>(TransportErrorCode::launchDelayed));
+  EXPECT_EQ(launcher->launches, 5);
+  provider->beforeResources = nullptr;
+  clock.advance(std::chrono::seconds(179));
+  EXPECT_FALSE(next().items);
+  clock.advance(std::chrono::seconds(1));
+  EXPECT_TRUE(next().items) << "works again once the delay has passed";
+}
+
+TEST_F(Exchange, CallbacksBecomeNotificationsAboutTheHandleInOrderAndWithCopies) {
+  Collector<Notification> heard;
+  const auto token =
+      NotificationCenter::defaultCenter().addObserver(std::nullopt, nullptr, [&](const Notification& notification) {
+        if (notification.name.starts_with("LKSOpaqueExtension")) heard.push(notification);
+      });
+  provider->beforeResources = [] {
+    auto& manager = LKSCallbackManager::sharedInstance();
+    for (const char* name : {"1", "2", "3"}) {
+      LKSResource item = LKSResource::initLKSResourceItemWithName(name);
+      manager.sendPartialResourceItems({item});
+      item.setLks_name("changed later");
+    }
+    manager.notifyResourcesDidChange(Items(5));
+    manager.notifyTipsDidChange({});
+    manager.notifyTotalSpaceUsedDidChange(7);
+  };
+  send(kCmdResources, handle);
+  const auto notifications = heard.waitFor(6);
+  ASSERT_EQ(notifications.size(), 6u);
+  for (std::size_t i = 0; i < 6; ++i) EXPECT_EQ(notifications[i].object, handle) << i;
+  for (std::size_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(notifications[i].name, LKSOpaqueExtensionResourceEnumerationProgressNotification);
+    const Items items = itemsFromValue(notifications[i].userInfo.get(LKSOpaqueExtensionAddedResourcesKey));
+    ASSERT_EQ(items.size(), 1u);
+    EXPECT_EQ(items[0].lks_name(), std::to_string(i + 1));
+  }
+  EXPECT_EQ(notifications[3].name, LKSOpaqueExtensionResourcesDidChangeNotification);
+  EXPECT_EQ(notifications[4].name, LKSOpaqueExtensionRecommendationsDidChangeNotification);
+  EXPECT_EQ(notifications[5].name, LKSOpaqueExtensionBytesUsedDidChangeNotification);
+  for (std::size_t i = 3; i < 6; ++i) EXPECT_TRUE(notifications[i].userInfo.empty()) << i;
+  outcomes.waitFor(1);
+
+  // Once the handle is gone, what an exchange under way still says has no object.
+  std::promise<void> dropped;
+  provider->beforeResources = [&] {
+    dropped.get_future().wait();
+    LKSCallbackManager::sharedInstance().notifyTipsDidChange({});
+  };
+  send(kCmdResources, handle);
+  handle.reset();
+  dropped.set_value();
+  EXPECT_EQ(heard.waitFor(7).at(6).object, nullptr);
+  EXPECT_TRUE(outcomes.waitFor(2).at(1).items);
+}
+
+TEST_F(Exchange, AbandoningEndsWhatIsUnderWayAtOnce) {
+  std::promise<void> reached, released;
+  provider->beforeResources = [&] {
+    reached.set_value();
+    released.get_future().wait();
+  };
+  send(kCmdResources, handle);
+  reached.get_future().wait();
+  handle->abandon();
+  EXPECT_TRUE(outcomes.waitFor(1).at(0).error);
+  EXPECT_EQ(handle->context(), nullptr);
+  released.set_value();
+  EXPECT_EQ(outcomes.now().size(), 1u);
+}
+
+}  // namespace
+}  // namespace larkspan::tests

@@ -1,0 +1,324 @@
+#include "larkspan/platform/ipc/Connection.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <thread>
+
+#include "larkspan/platform/archive/Cbor.h"
+#include "larkspan/platform/base/Limits.h"
+#include "larkspan/platform/ipc/TransportError.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/Collector.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+namespace larkspan::tests {
+namespace {
+
+using namespace platform;
+
+const std::string kHello("\x00\x00\x00\x2D\x82\x00\xA3\x68protocol\x68larkspan\x67version\x01\x6C" "capabilities\x80", 49);
+
+/// A frame of these bytes.
+std::string framed(const std::string& item) {
+  std::string frame;
+  for (int shift = 24; shift >= 0; shift -= 8) frame += static_cast<char>(item.size() >> shift);
+  return frame + item;
+}
+std::string bytes(std::initializer_list<int> list) { return {list.begin(), list.end()}; }
+
+std::shared_ptr<const Interface> echoInterface() {
+  const ClassSet any = ClassSet::allValues();
+  return std::make_shared<Interface>(
+      "Echo", std::vector<Interface::Method>{{"echo", {any}, std::vector<ClassSet>{any}},
+                                             {"number", {{ValueClass::number}}, std::vector<ClassSet>{{ValueClass::number}}},
+                                             {"note", {any}, std::nullopt}});
+}
+
+/// A connection whose peer is this test, which writes and reads raw bytes.
+struct RawPeer : testing::Test {
+  struct Outcome {
+    std::vector<Value> values;
+    std::optional<Error> error;
+    int64_t code() const { return error ? error->code() : 0; }
+  };
+  CapturedLog log;
+  Collector<Outcome> outcomes;
+  Collector<std::string> events;
+  Descriptor peer;
+  std::shared_ptr<Transport> transport;
+  int connects = 0;
+  std::shared_ptr<Connection> connection = Connection::make([this](Connection::Connected connected) {
+    ++connects;
+    int sockets[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets), 0);
+    peer = Descriptor(sockets[1]);
+    Transport::Handlers handlers;
+    handlers.onClose = [this](const Error& error) { events.push("closed: " + error.localizedDescription()); };
+    transport = Transport::make(Descriptor(sockets[0]), "peer", std::move(handlers));
+    connected(transport, std::nullopt);
+  });
+
+  RawPeer() {
+    connection->setRemoteInterface(echoInterface());
+    connection->setInterruptionHandler([this] { events.push("interrupted"); });
+    connection->setInvalidationHandler([this] { events.push("invalidated"); });
+  }
+  ~RawPeer() override {
+    // The close is the last thing to run, after which nothing refers to this test.
+    if (transport) transport->close(Error("test", 0));
+    if (transport) closedEvents();
+  }
+  void closedEvents() {
+    for (std::size_t count = 1;; ++count) {
+      const auto all = events.waitFor(count);
+      if (all.size() < count || std::any_of(all.begin(), all.end(), [](auto& e) { return e.starts_with("closed"); })) return;
+    }
+  }
+  void call(std::string_view method, const Value& argument) {
+    connection->call(method, {argument}, [this](const auto& values, const auto& error) { outcomes.push({values, error}); });
+  }
+  void write(const std::string& data) {
+    ASSERT_EQ(send(peer.get(), data.data(), data.size(), MSG_NOSIGNAL), static_cast<ssize_t>(data.size()));
+  }
+  /// Reads whole frames up to one of that type and returns its item.
+  std::string readFrame(FrameType type) {
+    for (;;) {
+      std::string item(4, '\0');
+      if (recv(peer.get(), item.data(), 4, MSG_WAITALL) != 4) return {};
+      const auto at = [&](int i) { return static_cast<uint32_t>(static_cast<unsigned char>(item[i])); };
+      const uint32_t length = at(0) << 24 | at(1) << 16 | at(2) << 8 | at(3);
+      item.resize(length);
+      if (recv(peer.get(), item.data(), length, MSG_WAITALL) != length) return {};
+      if (item[1] == static_cast<char>(type)) return item;
+    }
+  }
+  /// The bytes of the call's envelope after the type: channel and number, one byte each in these tests.
+  std::string address(const std::string& item) {
+    const auto frame = std::get<Frame>(Frame::parse(Slice::copy(item)));
+    std::string out;
+    CborWriter writer(out);
+    writer.integer(frame.channel);
+    writer.integer(frame.id);
+    return out;
+  }
+};
+
+TEST_F(RawPeer, HasExactlyOneOutcomePerCallWhateverThePeerAnswers) {
+  struct Case {
+    const char* what;
+    std::string answer;  // After [type, channel, id …; the array's head and type come first.
+    bool reply;
+    int64_t code;
+    bool ends;  // The connection.
+  };
+  const auto violation = static_cast<int64_t>(TransportErrorCode::violation);
+  const Case cases[] = {
+      {"a value", bytes({0x81, 0x05}), true, 0, false},
+      {"none", bytes({0x81, 0xF6}), true, 0, false},
+      {"a failure", "\xD8\x1B\x82\x65" "Error\xA2\x66" "domain\x61t\x64" "code\x09", false, 9, false},
+      {"too few values", bytes({0x80}), true, violation, true},
+      {"too many values", bytes({0x82, 0x01, 0x02}), true, violation, true},
+      {"a forbidden class", bytes({0x81, 0x61, 'x'}), true, violation, true},
+      {"a failure without an error", bytes({0x01}), false, violation, true},
+      {"an answer that is no array", bytes({0x05}), true, violation, true},
+  };
+  std::size_t calls = 0;
+  for (const Case& c : cases) {
+    call("number", 1);
+    write(kHello);
+    const std::string item = readFrame(FrameType::call);
+    ASSERT_FALSE(item.empty());
+    write(framed(bytes({0x84, c.reply ? 5 : 6}) + address(item) + c.answer));
+    const auto all = outcomes.waitFor(++calls);
+    ASSERT_EQ(all.size(), calls) << c.what;
+    EXPECT_EQ(all.back().code(), c.code) << c.what;
+    EXPECT_EQ(all.back().error.has_value(), c.code != 0) << c.what;
+    if (!c.ends) transport->close(Error("test", 0));
+    closedEvents();
+    events.waitFor(events.now().size());
+    EXPECT_TRUE(connection->isValid()) << c.what;
+  }
+  EXPECT_EQ(connects, static_cast<int>(std::size(cases))) << "each new call finds a new transport";
+  EXPECT_EQ(outcomes.now().size(), calls);
+}
+
+TEST_F(RawPeer, EndsOnceWithOneLineForEachBreachOfTheProtocol) {
+  const std::string deep = bytes({0x84, 5, 1, 1}) + std::string(100, '\x81') + bytes({0x01});
+  const std::pair<const char*, std::string> cases[] = {
+      {"no hello first", framed(bytes({0x84, 5, 1, 1, 0x80}))},
+      {"another protocol", framed(bytes({0x82, 0, 0xA1, 0x61, 'x', 1}))},
+      {"a second hello", kHello + kHello},
+      {"a frame of 1 GiB in four bytes", kHello + bytes({0x40, 0, 0, 0, 1})},
+      {"a claim of 1 GiB within a frame", kHello + framed(bytes({0x84, 5, 1, 1, 0x9A, 0x40, 0, 0, 0}))},
+      {"an empty frame", kHello + framed("")},
+      {"no array", kHello + framed(bytes({0x05}))},
+      {"an unknown type", kHello + framed(bytes({0x82, 9, 1}))},
+      {"a wrong member count", kHello + framed(bytes({0x83, 5, 1, 1}))},
+      {"a channel out of range", kHello + framed(bytes({0x82, 2, 0x1B, 0, 0, 0, 1, 0, 0, 0, 0}))},
+      {"an answer to no call", ""},
+      {"an answer given twice", ""},
+      {"too deep", kHello + framed(deep)},
+      {"invalid UTF-8", kHello + framed(bytes({0x84, 4, 1, 0x61, 0xFF, 0x80}))},
+      {"trailing bytes", kHello + framed(bytes({0x82, 2, 1, 0}))},
+      {"a channel that the peer may not open", kHello + framed(bytes({0x82, 1, 77}))},
+      {"an end inside a frame", kHello + bytes({0, 0, 0, 9, 1})},
+  };
+  std::size_t calls = 0;
+  for (const auto& [what, data] : cases) {
+    SCOPED_TRACE(what);
+    const std::size_t lines = log.system().size();
+    const std::size_t earlier = events.now().size();
+    call("number", 1);
+    ++calls;
+    const std::string item = readFrame(FrameType::call);
+    if (data.empty()) {
+      std::string number = address(item);
+      if (what == std::string("an answer to no call")) number.back() = 0;
+      const std::string answer = framed(bytes({0x84, 5}) + number + bytes({0x81, 1}));
+      write(kHello + answer + answer);
+    } else {
+      write(data);
+    }
+    shutdown(peer.get(), SHUT_WR);
+    ASSERT_EQ(outcomes.waitFor(calls).size(), calls);
+    const auto all = events.waitFor(earlier + 2);
+    ASSERT_EQ(all.size(), earlier + 2);
+    EXPECT_EQ(all[earlier], "interrupted");
+    const auto logged = log.system();
+    ASSERT_EQ(logged.size(), lines + 1);
+    EXPECT_TRUE(logged.back().starts_with("Connection to peer ended: ")) << logged.back();
+  }
+}
+
+TEST_F(RawPeer, TakesFramesInAnyPieces) {
+  call("echo", "x");
+  const std::string item = readFrame(FrameType::call);
+  const std::string answer = kHello + framed(bytes({0x84, 5}) + address(item) + bytes({0x81, 0x63, 'a', 'b', 'c'}));
+  for (const char byte : answer) write({byte});
+  EXPECT_EQ(outcomes.waitFor(1).at(0).values, std::vector<Value>{"abc"});
+}
+
+TEST_F(RawPeer, InterruptsAPeerThatDoesNotReadAndFailsWhatIsTooLargeAlone) {
+  call("echo", Data::copy(std::string(limits::kMaximumFrame, 'x')));
+  EXPECT_EQ(outcomes.waitFor(1).at(0).error->domain(), "Archive") << "too large to send";
+  EXPECT_EQ(connects, 0);
+  const Value large = Data::copy(std::string(limits::kMaximumFrame / 2, 'x'));
+  for (int i = 0; i < 5; ++i) call("echo", large);
+  for (const Outcome& outcome : outcomes.waitFor(6)) EXPECT_TRUE(outcome.error);
+  EXPECT_EQ(outcomes.now().back().code(), static_cast<int64_t>(TransportErrorCode::notReading));
+}
+
+TEST_F(RawPeer, InvalidationFailsCallsAtOnceAndForGood) {
+  call("echo", 1);
+  ASSERT_FALSE(readFrame(FrameType::call).empty());
+  connection->invalidate();
+  EXPECT_EQ(outcomes.now().at(0).code(), static_cast<int64_t>(TransportErrorCode::invalidated));
+  EXPECT_EQ(events.now().at(0), "invalidated");
+  EXPECT_FALSE(readFrame(FrameType::close).empty()) << "the peer is told";
+  call("echo", 2);
+  EXPECT_EQ(outcomes.now().at(1).code(), static_cast<int64_t>(TransportErrorCode::invalidated));
+  EXPECT_TRUE(connection->post("note", {1}));
+  connection->invalidate();
+  EXPECT_EQ(std::count(events.now().begin(), events.now().end(), "invalidated"), 1);
+}
+
+/// Two connections over a real socket, the far one answering.
+struct Answering : testing::Test, ExportedObject {
+  std::shared_ptr<Transport> near, far;
+  std::shared_ptr<Connection> connection, accepted;
+  Collector<std::optional<Error>> outcomes;
+  Collector<Value> notes;
+  Collector<int> closed;
+  std::function<void(Reply)> answer;
+
+  void receive(std::string_view method, const std::vector<Value>& arguments, Reply reply) override {
+    if (method == "note") return notes.push(arguments[0]);
+    answer(std::move(reply));
+  }
+  Answering() {
+    int sockets[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets), 0);
+    Transport::Handlers handlers;
+    std::promise<void> ready;
+    const auto made = ready.get_future().share();
+    handlers.onOpen = [this, made](uint32_t channel) {
+      made.wait();
+      accepted = Connection::accept(far, channel);
+      kept = std::shared_ptr<ExportedObject>(this, [](auto*) {});
+      accepted->setExported(echoInterface(), kept);
+      return accepted;
+    };
+    handlers.onClose = [this](const Error&) { closed.push(1); };
+    far = Transport::make(Descriptor(sockets[1]), "near", std::move(handlers));
+    ready.set_value();
+    Transport::Handlers ours;
+    ours.onClose = [this](const Error&) { closed.push(2); };
+    near = Transport::make(Descriptor(sockets[0]), "far", std::move(ours));
+    connection = Connection::make([this](Connection::Connected connected) { connected(near, std::nullopt); });
+    connection->setRemoteInterface(echoInterface());
+  }
+  ~Answering() override {
+    near->close(Error("test", 0));
+    closed.waitFor(2);
+  }
+  int64_t ask(std::string_view method, const Value& argument = 1) {
+    const std::size_t before = outcomes.now().size();
+    connection->call(method, {argument}, [this](const auto&, const auto& error) { outcomes.push(error); });
+    const auto error = outcomes.waitFor(before + 1).at(before);
+    return error ? error->code() : 0;
+  }
+  std::shared_ptr<ExportedObject> kept;
+};
+
+TEST_F(Answering, EveryCallEndsHoweverTheAnswerFails) {
+  CapturedLog log;
+  const auto code = [](TransportErrorCode value) { return static_cast<int64_t>(value); };
+  answer = [](const Reply& reply) { reply({Value(1)}); };
+  EXPECT_EQ(ask("echo"), 0);
+  answer = [](const Reply&) {};
+  EXPECT_EQ(ask("echo"), code(TransportErrorCode::notAnswered));
+  answer = [](const Reply& reply) { std::thread([reply] { reply.fail(Error("test", 12)); }).join(); };
+  EXPECT_EQ(ask("echo"), 12);
+  answer = [](const Reply& reply) { reply({Data::copy(std::string(limits::kMaximumFrame, 'x'))}); };
+  EXPECT_EQ(outcomes.now().size(), 3u);
+  EXPECT_NE(ask("echo"), 0) << "a reply too large to send fails that call";
+  answer = [](const Reply& reply) {
+    reply({Value(1)});
+    reply({Value(2)});
+  };
+  EXPECT_EQ(ask("echo"), 0);
+  EXPECT_EQ(log.console().size(), 1u) << "the second answer is said and dropped";
+  EXPECT_EQ(ask("no such method"), code(TransportErrorCode::unknownMethod));
+  EXPECT_EQ(ask("note"), code(TransportErrorCode::unknownMethod)) << "no reply to be had";
+  for (int i = 0; i < 100; ++i) EXPECT_FALSE(connection->post("note", {i}));
+  const auto all = notes.waitFor(100);
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(all.at(static_cast<std::size_t>(i)), Value(i));
+  EXPECT_TRUE(log.system().empty()) << "none of this ends the connection";
+
+  kept.reset();
+  EXPECT_EQ(ask("echo"), code(TransportErrorCode::notAnswered)) << "the exported object is gone";
+  EXPECT_EQ(ask("number", "no number"), code(TransportErrorCode::violation));
+  EXPECT_EQ(closed.waitFor(2).size(), 2u) << "a forbidden argument ends the connection";
+}
+
+TEST_F(Answering, ManyThreadsCallAtOnce) {
+  answer = [](const Reply& reply) { reply({Value(1)}); };
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&] {
+      for (int j = 0; j < 200; ++j) {
+        connection->call("echo", {Value(j)}, [this](const auto&, const auto& error) { outcomes.push(error); });
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  const auto all = outcomes.waitFor(800);
+  EXPECT_EQ(all.size(), 800u);
+  EXPECT_EQ(std::count(all.begin(), all.end(), std::nullopt), 800);
+}
+
+}  // namespace
+}  // namespace larkspan::tests

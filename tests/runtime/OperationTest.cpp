@@ -1,0 +1,221 @@
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "larkspan/platform/base/NotificationCenter.h"
+#include "larkspan/platform/dispatch/ManualClock.h"
+#include "larkspan/platform/process/HostFacts.h"
+#include "larkspan/runtime/HostFacts.h"
+#include "larkspan/runtime/LKSBlockOperation.h"
+#include "larkspan/runtime/LKSOperationQueue.h"
+#include "larkspan/runtime/LocalizedStrings.h"
+#include "larkspan/runtime/Log.h"
+#include "tests/support/CapturedLog.h"
+
+namespace larkspan::tests {
+namespace {
+
+using platform::Error;
+using platform::KeyChange;
+using platform::Notification;
+using platform::NotificationCenter;
+
+constexpr std::chrono::milliseconds kFinishDelay{10};
+
+/// Writes down everything that happens to one operation.
+struct Recorded : LKSOperation {
+  std::vector<std::string> steps;
+  std::vector<platform::NotificationCenter::Token> tokens;
+  std::vector<platform::KeyObservation> observations;
+
+  static std::shared_ptr<Recorded> make() {
+    auto operation = makeOperation<Recorded>();
+    auto& o = *operation;
+    for (const platform::Key name : {LKSOperationWillStartNotification, LKSOperationDidFinishNotification}) {
+      o.tokens.push_back(NotificationCenter::defaultCenter().addObserver(
+          std::string(name), operation.get(), [&o](const Notification& notification) {
+            o.steps.push_back(notification.name + (notification.userInfo.empty() ? "" : " with information"));
+          }));
+    }
+    for (const char* key : {"isExecuting", "isFinished"}) {
+      o.observations.push_back(o.observe(key, [&o, key](KeyChange change) {
+        o.steps.push_back((change == KeyChange::will ? "will " : "did ") + std::string(key));
+      }));
+    }
+    return operation;
+  }
+  void main() override { steps.push_back("main"); }
+  void willEnqueueInOperationQueue(const std::shared_ptr<platform::OperationQueue>& queue) override {
+    steps.push_back(queue ? "enqueue" : "enqueue in none");
+  }
+  void willDequeueFromOperationQueue(const std::shared_ptr<platform::OperationQueue>& queue) override {
+    steps.push_back(queue ? "dequeue" : "dequeue from none");
+  }
+};
+
+using Steps = std::vector<std::string>;
+
+TEST(LKSOperation, TakesItsStepsInOrderAndPostsItsEndOnTheMainQueueLater) {
+  platform::ManualClock clock;
+  CapturedLog log;
+  const auto operation = Recorded::make();
+  EXPECT_TRUE(operation->isAsynchronous());
+  EXPECT_EQ(operation->duration(), 0);
+  operation->start();
+  EXPECT_EQ(operation->steps, (Steps{"LKSOperationWillStartNotification", "will isExecuting", "did isExecuting", "main"}));
+  EXPECT_TRUE(operation->isExecuting() && !operation->isFinished());
+  EXPECT_EQ(operation->startTime(), 1704067200 - 978307200) << "seconds since 2001";
+  EXPECT_EQ(operation->duration(), 0);
+  EXPECT_EQ(operation->operationQueue(), nullptr);
+  EXPECT_THROW(operation->start(), std::invalid_argument) << "while executing";
+
+  operation->steps.clear();
+  clock.advance(std::chrono::seconds(2));
+  operation->finishWithError(Error("test", 1, "why"));
+  EXPECT_EQ(operation->steps, (Steps{"dequeue from none", "will isExecuting", "did isExecuting", "will isFinished",
+                                     "did isFinished"}));
+  EXPECT_EQ(operation->duration(), 2);
+  EXPECT_EQ(log.system(), Steps{"LKSOperation - finishWithError: Error Domain=test Code=1 \"why\""});
+  clock.advance(kFinishDelay - std::chrono::nanoseconds(1));
+  EXPECT_EQ(operation->steps.back(), "did isFinished");
+  clock.advance(std::chrono::nanoseconds(1));
+  EXPECT_EQ(operation->steps.back(), "LKSOperationDidFinishNotification");
+
+  // Nothing guards against a second end: it overwrites, and posts again, without a further change.
+  operation->steps.clear();
+  operation->finishWithError(std::nullopt);
+  EXPECT_FALSE(operation->error());
+  clock.advance(kFinishDelay);
+  EXPECT_EQ(operation->steps, (Steps{"dequeue from none", "LKSOperationDidFinishNotification"}));
+  EXPECT_EQ(log.system().size(), 1u) << "success is not logged";
+  try {
+    operation->start();
+    FAIL();
+  } catch (const std::invalid_argument& error) {
+    EXPECT_STREQ(error.what(), "You can't start an operation more than once.");
+  }
+}
+
+TEST(LKSOperation, ThatIsCancelledFinishesWithoutRunningAsOftenAsItIsStarted) {
+  platform::ManualClock clock;
+  const auto operation = Recorded::make();
+  operation->cancel();
+  for (int i = 0; i < 2; ++i) operation->start();
+  clock.advance(kFinishDelay);
+  EXPECT_EQ(operation->steps,
+            (Steps{"dequeue from none", "will isFinished", "did isFinished", "dequeue from none",
+                   "LKSOperationDidFinishNotification", "LKSOperationDidFinishNotification"}));
+  EXPECT_TRUE(operation->isFinished() && !operation->error());
+  EXPECT_EQ(operation->startTime(), 0);
+  EXPECT_EQ(operation->duration(), 0);
+}
+
+TEST(LKSOperation, FinishesWithAnErrorWhenItsWorkThrows) {
+  struct Throwing : LKSOperation {
+    void main() override { throw std::runtime_error("broken"); }
+  };
+  const auto operation = LKSOperation::makeOperation<Throwing>();
+  LKSOperationQueue::serialBackgroundQueue()->addOperation(operation);
+  operation->waitUntilFinished();
+  ASSERT_TRUE(operation->error());
+  EXPECT_EQ(operation->error()->domain(), "LKSExtensionOperationErrorDomain");
+  EXPECT_EQ(operation->error()->localizedDescription(), "broken");
+}
+
+TEST(LKSOperationQueue, TellsOperationsThatTheyAreQueuedAndWhichQueueRanThem) {
+  platform::ManualClock clock;
+  const auto queue = std::make_shared<LKSOperationQueue>();
+  const auto first = Recorded::make();
+  const auto plain = std::make_shared<platform::Operation>();
+  const auto block = std::make_shared<LKSBlockOperation>();
+  bool ran = false;
+  const auto later = std::make_shared<LKSBlockOperation>([&](LKSBlockOperation& self) {
+    ran = true;
+    std::thread([&self, keep = self.shared_from_this()] { self.finishWithError(Error("test", 2)); }).join();
+  });
+  queue->setSuspended(true);
+  queue->addOperations({first, plain, block, later});
+  EXPECT_EQ(first->steps, Steps{"enqueue"});
+  queue->setSuspended(false);
+  for (const auto& operation : {std::shared_ptr<platform::Operation>(plain), std::shared_ptr<platform::Operation>(block),
+                                std::shared_ptr<platform::Operation>(later)}) {
+    operation->waitUntilFinished();
+  }
+  EXPECT_TRUE(ran && !block->error());
+  EXPECT_EQ(later->error(), Error("test", 2));
+  EXPECT_EQ(later->operationQueue(), queue);
+  while (!first->isExecuting()) std::this_thread::yield();
+  first->finishWithError(std::nullopt);
+  queue->waitUntilAllOperationsAreFinished();
+  EXPECT_EQ(std::count(first->steps.begin(), first->steps.end(), "dequeue"), 1);
+
+  const auto unhooked = Recorded::make();
+  unhooked->cancel();
+  queue->addOperations({unhooked}, true);
+  EXPECT_EQ(std::count(unhooked->steps.begin(), unhooked->steps.end(), "enqueue"), 0);
+  clock.advance(kFinishDelay);
+}
+
+TEST(LKSOperationQueue, SharesTwoQueuesPerProcess) {
+  const auto& concurrent = LKSOperationQueue::concurrentBackgroundQueue();
+  EXPECT_EQ(concurrent, LKSOperationQueue::concurrentBackgroundQueue());
+  EXPECT_EQ(concurrent->maxConcurrentOperationCount(), 2 * platform::HostFacts::current().processorCount);
+  EXPECT_EQ(static_cast<int>(concurrent->qualityOfService()), -1);
+  const auto& serial = LKSOperationQueue::serialBackgroundQueue();
+  EXPECT_EQ(serial, LKSOperationQueue::serialBackgroundQueue());
+  EXPECT_EQ(serial->maxConcurrentOperationCount(), 1);
+  EXPECT_EQ(static_cast<int>(serial->qualityOfService()), 17);
+}
+
+TEST(Log, WritesWholeMessagesToOneChannel) {
+  CapturedLog log;
+  LKSLog("%@ and %ld", "text", 5);
+  LKSLogFault("secret %@", std::string(3000, 'x'));
+  LKSLogDuration("Sizing", 12345.678);
+  LKSLogDuration("Sizing", 0);
+  LKSLogSize(1'500'000, "Documents");
+  ASSERT_EQ(log.system(), (Steps{"text and 5", "secret " + std::string(3000, 'x'), "Sizing completed in 12345.68 sec",
+                                 "Sizing completed in 0.00 sec", "1.5 MB: Documents"}));
+  EXPECT_EQ(log.lines()[0].subsystem, "corvane.storage");
+  EXPECT_EQ(log.lines()[0].category, "log");
+  EXPECT_EQ(log.lines()[0].level, platform::LogLevel::standard);
+  EXPECT_EQ(log.lines()[1].level, platform::LogLevel::fault);
+  EXPECT_EQ(LKSLocalizedStringFromFramework("DM_CANCEL"), "Cancel");
+  EXPECT_EQ(LKSLocalizedStringFromFramework("no such key"), "no such key");
+}
+
+TEST(HostFacts, AreWhatTheMachineSaysAndErrorsFlattenToTheirTexts) {
+  {
+    const platform::ScopedHostFacts facts({4, true, "12.1", std::nullopt});
+    EXPECT_TRUE(LKSStorageIsInternalInstall());
+    EXPECT_EQ(LKSStorageProductVersion(), "12.1");
+    EXPECT_EQ(LKSStorageProductType(), std::nullopt);
+  }
+  EXPECT_EQ(LKSStorageProductVersion(), LKSStorageProductVersion());
+  const std::string release = "# comment\nNAME='It''s'\nVERSION_ID=\"12 \\\"x\\\"\"\nVERSION_IDX=1\nEMPTY=\nPLAIN=a\\ b\n";
+  EXPECT_EQ(platform::osReleaseValue(release, "VERSION_ID"), "12 \"x\"");
+  EXPECT_EQ(platform::osReleaseValue(release, "PLAIN"), "a b");
+  EXPECT_EQ(platform::osReleaseValue(release, "EMPTY"), std::nullopt);
+  EXPECT_EQ(platform::osReleaseValue(release, "ABSENT"), std::nullopt);
+
+  EXPECT_TRUE(LKSStorageIsUserVolumeMountPath("/System/Volumes/Data/ann"));
+  EXPECT_TRUE(LKSStorageIsUserVolumeMountPath("/System/Volumes/Database"));
+  for (const char* other : {"/", "", "/system/volumes/data", "/Volumes/Data"}) {
+    EXPECT_FALSE(LKSStorageIsUserVolumeMountPath(other)) << other;
+  }
+
+  using platform::Dictionary;
+  EXPECT_EQ(LKSConvertNSErrorToDictionary(Error("d", 1, "what")),
+            (Dictionary{{platform::kLocalizedDescriptionKey, "what"}}));
+  EXPECT_EQ(LKSConvertNSErrorToDictionary(Error("d", 1)).size(), 1u) << "there is always a description";
+  const Dictionary all{{platform::kLocalizedDescriptionKey, "what"},
+                       {platform::kLocalizedFailureReasonKey, "why"},
+                       {platform::kLocalizedRecoverySuggestionKey, "what now"},
+                       {platform::kHelpAnchorKey, "where"}};
+  Dictionary more = all;
+  more.set("other", 1);
+  EXPECT_EQ(LKSConvertNSErrorToDictionary(Error("d", 1, more)), all);
+}
+
+}  // namespace
+}  // namespace larkspan::tests
