@@ -27,7 +27,7 @@ std::variant<std::vector<std::string>, std::string> parseExecLine(std::string_vi
           return "a backslash in Exec before a character that needs none";
         }
       } else if ((isQuoted ? kEscapedInQuotes : kReserved).find(c) != kReserved.npos) {
-        return std::string("an unquoted ") + c + " in Exec";
+        return std::string(isQuoted ? "an unescaped " : "an unquoted ") + c + " in Exec";
       } else if (c == '%' && (++i == line.size() || line[i] != '%')) {
         return "a field code in Exec";
       }

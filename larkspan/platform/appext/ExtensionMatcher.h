@@ -17,12 +17,11 @@ namespace larkspan::platform {
 /// manifest or folder costs one line in the system log (subsystem "corvane.storage", category "extensions")
 /// until it changes. Owner:   the caller; dropping it ends the matching. Thread:  any; the completion runs on
 /// a serial queue of the matcher's own. Failure: where the kernel cannot watch (a limit of inotify(7)) or a
-/// folder cannot be read for want of descriptors or
-///          memory, the completion gets the set as far as it is known, then the error, once; from then on the
-///          folders are looked at each second until all is well again.
+/// folder cannot be read just now, the
+///          completion gets the set as far as it is known, then the error, once; from then on the folders are
+///          looked at each second until all is well again.
 /// Limits:  a change is noticed within a second, many at once together. Not noticed are a file system mounted
-/// over
-///          a folder, a change made through a second hard link or on another machine, and what happens
+///          over a folder, a change made through a second hard link or on another machine, and what happens
 ///          beneath a folder that may not be read.
 class ExtensionMatcher {
  public:

@@ -22,8 +22,8 @@ struct Manifest {
   /// its folder.
   std::vector<std::string> exec;
   std::string icon;  ///< `Icon`; may be empty.
-  bool hidden =
-      false;  ///< `Hidden`: switched off. The other texts may then be empty, except path and identifier.
+  /// `Hidden`: switched off. Extension point, name and exec may then be empty.
+  bool hidden = false;
 
   /// The bundle is the manifest: two are the same extension when their path is.
   friend bool operator==(const Manifest& a, const Manifest& b) { return a.path == b.path; }
@@ -33,8 +33,7 @@ struct Manifest {
 /// Links are followed; the file that they lead to must be regular. It and the folder of `path` must be
 /// trustworthy (see `reasonForDistrust`). `Identifier`, `ExtensionPoint`, `Name` and `Exec` must be there
 /// unless `Hidden` is true; whether the program exists is for the launch to find out. `Identifier` and
-/// `ExtensionPoint` are made of letters, digits, '.',
-/// '-' and '_' and start with a letter or digit.
+/// `ExtensionPoint` are made of ASCII letters, digits, '.', '-' and '_' and start with a letter or digit.
 /// Thread: any; reads files.
 std::variant<Manifest, std::string> readManifest(const std::string& path);
 

@@ -15,8 +15,9 @@
 namespace larkspan::platform {
 
 /// The manifests of one folder, kept up to date by looking again. An unchanged file is not read again, and
-/// what is wrong with a file or with the folder is logged once until it changes. Owner:  the caller. Thread:
-/// one at a time.
+/// what is wrong with a file or with the folder is logged once until it changes.
+/// Owner:  the caller.
+/// Thread: one at a time.
 class ManifestFolder {
  public:
   explicit ManifestFolder(std::string path) : path_(std::move(path)) {}
