@@ -1,20 +1,19 @@
 #pragma once
 
-#include <memory>
-#include <mutex>
-#include <string>
-
 #include "larkspan/host/LKSExtensionProtocols.h"
 #include "larkspan/host/LKSRemoteExtensionContext.h"
 #include "larkspan/platform/dispatch/DispatchQueue.h"
 
+#include <memory>
+#include <mutex>
+#include <string>
+
 namespace larkspan {
 
-/// How an extension pushes partial results and change notices to its host: in the order of the calls, over the
-/// connection of the latest request.
-/// Owner:   `sharedInstance` lives as long as the process.
-/// Thread:  any; nothing here blocks. Items are copied before the call returns.
-/// Failure: what cannot be delivered is logged and dropped, silently when there is no request.
+/// How an extension pushes partial results and change notices to its host: in the order of the calls, over
+/// the connection of the latest request. Owner:   `sharedInstance` lives as long as the process. Thread: any;
+/// nothing here blocks. Items are copied before the call returns. Failure: what cannot be delivered is logged
+/// and dropped, silently when there is no request.
 class LKSCallbackManager {
  public:
   static LKSCallbackManager& sharedInstance();

@@ -1,14 +1,14 @@
 #pragma once
 
-#include <memory>
-#include <mutex>
-#include <optional>
-#include <vector>
-
 #include "larkspan/host/LKSOpaqueExtension.h"
 #include "larkspan/platform/appext/ExtensionMatcher.h"
 #include "larkspan/platform/base/Dictionary.h"
 #include "larkspan/platform/dispatch/DispatchQueue.h"
+
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
 
 namespace larkspan {
 
@@ -17,13 +17,14 @@ class LKSExtensionNotifier;
 /// The key of the matching attributes under which the extension point stands.
 inline constexpr platform::Key kExtensionPointNameKey = "ExtensionPointName";
 
-/// Who hears of the extensions. Both are called on the thread that delivers matching results, never on the main queue.
+/// Who hears of the extensions. Both are called on the thread that delivers matching results, never on the
+/// main queue.
 class LKSExtensionNotifierDelegate {
  public:
   virtual ~LKSExtensionNotifierDelegate() = default;
   /// The complete current set, each in a new handle; see `mergeHandles`.
-  virtual void extensionNotifierDidGetExtensions(LKSExtensionNotifier& notifier,
-                                                 const std::vector<std::shared_ptr<LKSOpaqueExtension>>& extensions) = 0;
+  virtual void extensionNotifierDidGetExtensions(
+      LKSExtensionNotifier& notifier, const std::vector<std::shared_ptr<LKSOpaqueExtension>>& extensions) = 0;
   virtual void extensionNotifierDidError(LKSExtensionNotifier&, const platform::Error&) {}
 };
 

@@ -1,10 +1,10 @@
 #include "larkspan/host/LKSExtensionOperation.h"
 
-#include <stdexcept>
-
 #include "larkspan/items/LKSCommand.h"
 #include "larkspan/platform/ipc/TransportError.h"
 #include "larkspan/runtime/Log.h"
+
+#include <stdexcept>
 
 namespace larkspan {
 
@@ -12,7 +12,8 @@ using platform::Error;
 using platform::TransportErrorCode;
 
 std::string_view LKSExtensionOperation::commandName() const {
-  throw std::invalid_argument("You must override +commandName and return a string appropriate for your subclass.");
+  throw std::invalid_argument(
+      "You must override +commandName and return a string appropriate for your subclass.");
 }
 
 std::shared_ptr<LKSOpaqueExtension> LKSExtensionOperation::extension() const {
@@ -63,12 +64,13 @@ void LKSExtensionOperation::main() {
   LKSLog("Sending %@ to extension %@", items, handle);
   if (!handle) throw std::logic_error("The operation has no extension.");
   const auto self = std::static_pointer_cast<LKSExtensionOperation>(shared_from_this());
-  handle->processInputItems(items, [self](const std::optional<Items>& reply, const std::optional<Error>& error) {
-    if (reply && !reply->empty()) return self->finishWithItems(*reply);
-    self->finishWithError(
-        !reply && error ? *error
-                        : platform::transportError(TransportErrorCode::noReply, "The extension's reply is empty"));
-  });
+  handle->processInputItems(
+      items, [self](const std::optional<Items>& reply, const std::optional<Error>& error) {
+        if (reply && !reply->empty()) return self->finishWithItems(*reply);
+        self->finishWithError(!reply && error ? *error
+                                              : platform::transportError(TransportErrorCode::noReply,
+                                                                         "The extension's reply is empty"));
+      });
 }
 
 void LKSExtensionOperation::finishWithItems(const Items& reply) {

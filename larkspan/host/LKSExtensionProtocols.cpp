@@ -20,11 +20,13 @@ void LKSExtensionCallbackProxy::post(std::string_view method, std::string_view e
   if (error) errorHandler_(*error);
 }
 
-void LKSExtensionCallbackProxy::extensionPartialResourceItems(std::string_view extension, const Items& items) {
+void LKSExtensionCallbackProxy::extensionPartialResourceItems(std::string_view extension,
+                                                              const Items& items) {
   post(kPartialResourceItems, extension, arrayFromItems(items));
 }
 
-void LKSExtensionCallbackProxy::extensionNotifyResourcesDidChange(std::string_view extension, const Items& items) {
+void LKSExtensionCallbackProxy::extensionNotifyResourcesDidChange(std::string_view extension,
+                                                                  const Items& items) {
   post(kNotifyResourcesDidChange, extension, arrayFromItems(items));
 }
 
@@ -32,7 +34,8 @@ void LKSExtensionCallbackProxy::extensionNotifyTipsDidChange(std::string_view ex
   post(kNotifyTipsDidChange, extension, arrayFromItems(items));
 }
 
-void LKSExtensionCallbackProxy::extensionNotifyTotalSpaceUsedDidChange(std::string_view extension, int64_t bytes) {
+void LKSExtensionCallbackProxy::extensionNotifyTotalSpaceUsedDidChange(std::string_view extension,
+                                                                       int64_t bytes) {
   post(kNotifyTotalSpaceUsedDidChange, extension, bytes);
 }
 

@@ -1,20 +1,20 @@
 #pragma once
 
+#include "larkspan/items/MessageItem.h"
+#include "larkspan/platform/base/Error.h"
+#include "larkspan/platform/ipc/Connection.h"
+
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string_view>
 
-#include "larkspan/items/MessageItem.h"
-#include "larkspan/platform/base/Error.h"
-#include "larkspan/platform/ipc/Connection.h"
-
 /// The two directions of the connection between a host and an extension, and the callers' ends of both.
 namespace larkspan {
 
-/// The outcome of one exchange: the reply's items and the error that came with them; without items, the error that
-/// stopped it.
+/// The outcome of one exchange: the reply's items and the error that came with them; without items, the error
+/// that stopped it.
 using ItemsCompletion =
     std::function<void(const std::optional<Items>& items, const std::optional<platform::Error>& error)>;
 

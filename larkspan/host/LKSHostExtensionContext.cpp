@@ -15,15 +15,17 @@ using platform::ValueClass;
 namespace {
 
 /// The methods whose argument 1 holds items.
-constexpr std::string_view kItemMethods[] = {kPartialResourceItems, kNotifyResourcesDidChange, kNotifyTipsDidChange};
+constexpr std::string_view kItemMethods[] = {kPartialResourceItems, kNotifyResourcesDidChange,
+                                             kNotifyTipsDidChange};
 
 Interface makeHostProtocol() {
   const ClassSet identifier{ValueClass::string};
-  Interface interface("LKSExtensionCallbackProtocol",
-                      {{std::string(kPartialResourceItems), {identifier, {}}, std::nullopt},
-                       {std::string(kNotifyResourcesDidChange), {identifier, {}}, std::nullopt},
-                       {std::string(kNotifyTipsDidChange), {identifier, {}}, std::nullopt},
-                       {std::string(kNotifyTotalSpaceUsedDidChange), {identifier, {ValueClass::number}}, std::nullopt}});
+  Interface interface(
+      "LKSExtensionCallbackProtocol",
+      {{std::string(kPartialResourceItems), {identifier, {}}, std::nullopt},
+       {std::string(kNotifyResourcesDidChange), {identifier, {}}, std::nullopt},
+       {std::string(kNotifyTipsDidChange), {identifier, {}}, std::nullopt},
+       {std::string(kNotifyTotalSpaceUsedDidChange), {identifier, {ValueClass::number}}, std::nullopt}});
   for (const std::string_view method : kItemMethods) {
     interface.setClasses(LKSHostExtensionContext::extensionItemClasses(), method, 1, false);
   }
@@ -51,7 +53,8 @@ const ClassSet& LKSHostExtensionContext::extensionItemClasses() {
 }
 
 const std::shared_ptr<const Interface>& LKSHostExtensionContext::extensionAuxiliaryHostProtocol() {
-  static const auto* interface = new std::shared_ptr<const Interface>(std::make_shared<Interface>(makeHostProtocol()));
+  static const auto* interface =
+      new std::shared_ptr<const Interface>(std::make_shared<Interface>(makeHostProtocol()));
   return *interface;
 }
 
@@ -65,7 +68,8 @@ std::shared_ptr<const Interface> LKSHostExtensionContext::extensionAuxiliaryVend
 
 std::shared_ptr<const Interface> LKSHostExtensionContext::derivedExtensionAuxiliaryHostProtocol() const {
   auto interface = std::make_shared<Interface>(*extensionAuxiliaryHostProtocol());
-  for (const std::string_view method : kItemMethods) interface->setClasses(extensionItemClasses(), method, 1, false);
+  for (const std::string_view method : kItemMethods)
+    interface->setClasses(extensionItemClasses(), method, 1, false);
   return interface;
 }
 
@@ -89,7 +93,8 @@ void LKSHostExtensionContext::extensionPartialResourceItems(std::string_view ext
        {{LKSOpaqueExtensionAddedResourcesKey, arrayFromItems(items)}});
 }
 
-void LKSHostExtensionContext::extensionNotifyResourcesDidChange(std::string_view extension, const Items& items) {
+void LKSHostExtensionContext::extensionNotifyResourcesDidChange(std::string_view extension,
+                                                                const Items& items) {
   LKSLog("%@ sent resourcesDidChange with %ld items", extension, items.size());
   post(LKSOpaqueExtensionResourcesDidChangeNotification);
 }
@@ -99,12 +104,14 @@ void LKSHostExtensionContext::extensionNotifyTipsDidChange(std::string_view exte
   post(LKSOpaqueExtensionRecommendationsDidChangeNotification);
 }
 
-void LKSHostExtensionContext::extensionNotifyTotalSpaceUsedDidChange(std::string_view extension, int64_t bytes) {
+void LKSHostExtensionContext::extensionNotifyTotalSpaceUsedDidChange(std::string_view extension,
+                                                                     int64_t bytes) {
   LKSLog("%@ sent totalSpaceUsedDidChange : %@", extension, bytes);
   post(LKSOpaqueExtensionBytesUsedDidChangeNotification);
 }
 
-void LKSHostExtensionContext::receive(std::string_view method, const std::vector<Value>& arguments, platform::Reply) {
+void LKSHostExtensionContext::receive(std::string_view method, const std::vector<Value>& arguments,
+                                      platform::Reply) {
   const std::string_view sender = arguments[0].text();
   if (method == kNotifyTotalSpaceUsedDidChange) {
     return extensionNotifyTotalSpaceUsedDidChange(sender, arguments[1].integerValue());

@@ -1,19 +1,19 @@
 #pragma once
 
-#include <memory>
-#include <mutex>
-
 #include "larkspan/host/LKSExtensionProtocols.h"
 #include "larkspan/platform/appext/ExtensionContext.h"
 #include "larkspan/platform/ipc/Interface.h"
+
+#include <memory>
+#include <mutex>
 
 namespace larkspan {
 
 class LKSOpaqueExtension;
 
-// What an extension tells its host is posted on the default notification centre under these names; the object is the
-// LKSOpaqueExtension that the request belongs to, or null once that is gone. Except for the partial items a host fetches
-// the new state itself.
+// What an extension tells its host is posted on the default notification centre under these names; the object
+// is the LKSOpaqueExtension that the request belongs to, or null once that is gone. Except for the partial
+// items a host fetches the new state itself.
 
 /// Resource items that an extension found while it still builds its reply.
 inline constexpr platform::Key LKSOpaqueExtensionResourceEnumerationProgressNotification =
@@ -32,7 +32,8 @@ inline constexpr platform::Key LKSInfoStorageUsageReportingBytesUsedDidChangeNot
 
 /// The host's end of one request: turns what the extension calls into notifications.
 /// Owner:  the handle, and the exchanges under way.
-/// Thread: the callbacks run on the connection's delivery queue, and so do the observers: hop to the main queue yourself.
+/// Thread: the callbacks run on the connection's delivery queue, and so do the observers: hop to the main
+/// queue yourself.
 class LKSHostExtensionContext final : public platform::ExtensionContext,
                                       public platform::ExportedObject,
                                       public LKSExtensionCallbackProtocol {
@@ -41,7 +42,8 @@ class LKSHostExtensionContext final : public platform::ExtensionContext,
   static std::shared_ptr<LKSHostExtensionContext> make(platform::UUID uuid,
                                                        std::shared_ptr<platform::Connection> connection);
 
-  /// The classes of message items and what they may hold; the one set that every list of items is decoded against.
+  /// The classes of message items and what they may hold; the one set that every list of items is decoded
+  /// against.
   static const platform::ClassSet& extensionItemClasses();
   /// What the extension may call, built once.
   static const std::shared_ptr<const platform::Interface>& extensionAuxiliaryHostProtocol();
@@ -59,7 +61,8 @@ class LKSHostExtensionContext final : public platform::ExtensionContext,
   void extensionNotifyTipsDidChange(std::string_view extension, const Items& items) override;
   void extensionNotifyTotalSpaceUsedDidChange(std::string_view extension, int64_t bytes) override;
 
-  void receive(std::string_view method, const std::vector<platform::Value>& arguments, platform::Reply reply) override;
+  void receive(std::string_view method, const std::vector<platform::Value>& arguments,
+               platform::Reply reply) override;
 
  private:
   using ExtensionContext::ExtensionContext;

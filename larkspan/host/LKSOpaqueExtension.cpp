@@ -1,9 +1,9 @@
 #include "larkspan/host/LKSOpaqueExtension.h"
 
+#include "larkspan/runtime/Log.h"
+
 #include <algorithm>
 #include <functional>
-
-#include "larkspan/runtime/Log.h"
 
 namespace larkspan {
 
@@ -44,7 +44,8 @@ void LKSOpaqueExtension::processInputItems(const Items& items, ItemsCompletion c
   // The items never travel as the request's input; they go over its connection.
   underlyingExtension_->beginExtensionRequestWithInputItems(
       {}, &LKSHostExtensionContext::make,
-      [self, items, completionHandler](const std::optional<platform::UUID>& uuid, const std::optional<Error>& error) {
+      [self, items, completionHandler](const std::optional<platform::UUID>& uuid,
+                                       const std::optional<Error>& error) {
         if (!uuid) {
           LKSLog("%@ failed to begin extension request to %@: %@", self, self->underlyingExtension_, error);
           return completionHandler(std::nullopt, error);
@@ -79,9 +80,10 @@ void LKSOpaqueExtension::exchange(const std::shared_ptr<LKSHostExtensionContext>
         completionHandler(std::nullopt, error);
       });
   // The reply holds the context too, which goes on posting what the extension says meanwhile.
-  proxy.processInputItems(items, [name, items, context, completionHandler](const std::optional<Items>& reply,
-                                                                           const std::optional<Error>& error) {
-    LKSLog("%@ finished processing %@: result count %ld, error %@", name, items, reply ? reply->size() : 0, error);
+  proxy.processInputItems(items, [name, items, context, completionHandler](
+                                     const std::optional<Items>& reply, const std::optional<Error>& error) {
+    LKSLog("%@ finished processing %@: result count %ld, error %@", name, items, reply ? reply->size() : 0,
+           error);
     completionHandler(reply, error);
   });
 }
@@ -96,7 +98,8 @@ std::vector<std::shared_ptr<LKSOpaqueExtension>> mergeHandles(
     const std::vector<std::shared_ptr<LKSOpaqueExtension>>& held) {
   std::vector<std::shared_ptr<LKSOpaqueExtension>> merged = discovered;
   for (auto& handle : merged) {
-    const auto known = std::find_if(held.begin(), held.end(), [&](const auto& one) { return one->isEqual(*handle); });
+    const auto known =
+        std::find_if(held.begin(), held.end(), [&](const auto& one) { return one->isEqual(*handle); });
     if (known != held.end()) handle = *known;
   }
   return merged;

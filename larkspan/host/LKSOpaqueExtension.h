@@ -1,26 +1,28 @@
 #pragma once
 
+#include "larkspan/host/LKSHostExtensionContext.h"
+#include "larkspan/platform/appext/Extension.h"
+
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "larkspan/host/LKSHostExtensionContext.h"
-#include "larkspan/platform/appext/Extension.h"
-
 namespace larkspan {
 
-/// A host's handle on one discovered extension, and the object of every notification about it. Two handles are equal
-/// when their extensions have the same manifest.
-/// Owner:   the caller; dropping it lets outstanding replies arrive and be forgotten.
-/// Thread:  any. Completions arrive on the connection's delivery queue, where they must not wait for another exchange
+/// A host's handle on one discovered extension, and the object of every notification about it. Two handles
+/// are equal when their extensions have the same manifest. Owner:   the caller; dropping it lets outstanding
+/// replies arrive and be forgotten. Thread:  any. Completions arrive on the connection's delivery queue,
+/// where they must not wait for another exchange
 ///          with the same extension; what fails at once is told on the calling thread.
-/// Failure: interrupted: the exchanges under way fail, the next one starts the extension again. Invalidated: `context()`
-///          is null and the next exchange begins a new request. Nothing is retried, and an extension that does not
-///          answer is waited for until it ends or `abandon` is called.
+/// Failure: interrupted: the exchanges under way fail, the next one starts the extension again. Invalidated:
+/// `context()`
+///          is null and the next exchange begins a new request. Nothing is retried, and an extension that
+///          does not answer is waited for until it ends or `abandon` is called.
 class LKSOpaqueExtension final : public platform::Object {
  public:
-  static std::shared_ptr<LKSOpaqueExtension> initWithExtension(std::shared_ptr<platform::Extension> extension);
+  static std::shared_ptr<LKSOpaqueExtension> initWithExtension(
+      std::shared_ptr<platform::Extension> extension);
 
   /// The extension's identifier, from its manifest.
   const std::string& identifier() const { return underlyingExtension()->identifier(); }
@@ -34,12 +36,12 @@ class LKSOpaqueExtension final : public platform::Object {
   std::shared_ptr<LKSHostExtensionContext> context() const;
   void setContext(std::shared_ptr<LKSHostExtensionContext> context);
 
-  /// One exchange: sends the items and calls back exactly once, with the reply's items and the error that came with
-  /// them, or without items and the error that stopped the exchange.
+  /// One exchange: sends the items and calls back exactly once, with the reply's items and the error that
+  /// came with them, or without items and the error that stopped the exchange.
   void processInputItems(const Items& items, ItemsCompletion completionHandler);
 
-  /// Gives up what is under way, for a host whose patience has a limit: the request ends, and the extension's process is
-  /// killed. Outstanding completions get an error.
+  /// Gives up what is under way, for a host whose patience has a limit: the request ends, and the extension's
+  /// process is killed. Outstanding completions get an error.
   void abandon();
 
  private:
@@ -53,7 +55,8 @@ class LKSOpaqueExtension final : public platform::Object {
   std::shared_ptr<LKSHostExtensionContext> context_;
 };
 
-/// The discovered handles, each replaced by an equal one that is already held, if any, so that its request goes on.
+/// The discovered handles, each replaced by an equal one that is already held, if any, so that its request
+/// goes on.
 std::vector<std::shared_ptr<LKSOpaqueExtension>> mergeHandles(
     const std::vector<std::shared_ptr<LKSOpaqueExtension>>& discovered,
     const std::vector<std::shared_ptr<LKSOpaqueExtension>>& held);

@@ -27,16 +27,19 @@ std::shared_ptr<LKSRemoteExtensionContextProtocol> LKSRemoteExtensionContext::st
   return storageProvider_;
 }
 
-void LKSRemoteExtensionContext::setStorageProvider(std::shared_ptr<LKSRemoteExtensionContextProtocol> provider) {
+void LKSRemoteExtensionContext::setStorageProvider(
+    std::shared_ptr<LKSRemoteExtensionContextProtocol> provider) {
   const std::lock_guard lock(mutex_);
   storageProvider_.swap(provider);
 }
 
 void LKSRemoteExtensionContext::processInputItems(const Items& items, ItemsCompletion completionHandler) {
-  if (const auto provider = storageProvider()) provider->processInputItems(items, std::move(completionHandler));
+  if (const auto provider = storageProvider())
+    provider->processInputItems(items, std::move(completionHandler));
 }
 
-void LKSRemoteExtensionContext::receive(std::string_view, const std::vector<Value>& arguments, platform::Reply reply) {
+void LKSRemoteExtensionContext::receive(std::string_view, const std::vector<Value>& arguments,
+                                        platform::Reply reply) {
   processInputItems(itemsFromValue(arguments[0]),
                     [reply](const std::optional<Items>& items, const std::optional<platform::Error>& error) {
                       reply({items ? Value(arrayFromItems(*items)) : Value(), error});

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <memory>
-#include <mutex>
-
 #include "larkspan/host/LKSExtensionProtocols.h"
 #include "larkspan/platform/appext/ExtensionContext.h"
+
+#include <memory>
+#include <mutex>
 
 namespace larkspan {
 
@@ -30,7 +30,8 @@ class LKSRemoteExtensionContext final : public platform::ExtensionContext,
   /// Forwards to the storage provider; without one the host hears that the call was not answered.
   void processInputItems(const Items& items, ItemsCompletion completionHandler) override;
 
-  void receive(std::string_view method, const std::vector<platform::Value>& arguments, platform::Reply reply) override;
+  void receive(std::string_view method, const std::vector<platform::Value>& arguments,
+               platform::Reply reply) override;
 
  private:
   using ExtensionContext::ExtensionContext;

@@ -1,7 +1,5 @@
 #include "larkspan/items/LKSResource.h"
 
-#include <stdexcept>
-
 #include "larkspan/platform/base/Format.h"
 #include "larkspan/platform/dispatch/DispatchQueue.h"
 #include "larkspan/platform/files/DeepDelete.h"
@@ -12,6 +10,8 @@
 #include "larkspan/platform/process/Identity.h"
 #include "larkspan/runtime/Log.h"
 
+#include <stdexcept>
+
 namespace larkspan {
 
 using platform::Date;
@@ -20,7 +20,8 @@ using platform::ResourceValues;
 
 namespace {
 
-/// "~" expanded, empty and "." components removed, ".." resolved against the component before it in an absolute path.
+/// "~" expanded, empty and "." components removed, ".." resolved against the component before it in an
+/// absolute path.
 std::string standardized(std::string_view path) {
   std::string expanded(path);
   if (path == "~" || path.starts_with("~/")) {
@@ -134,7 +135,9 @@ int64_t LKSResource::lks_calculateSizeOfFolderAtPath(std::string_view path) {
 
 void LKSResource::lks_deleteItemAtURL(const platform::URL& url) { deleteInBackground({url}); }
 
-void LKSResource::lks_deleteItemsAtURLs(std::vector<platform::URL> urls) { deleteInBackground(std::move(urls)); }
+void LKSResource::lks_deleteItemsAtURLs(std::vector<platform::URL> urls) {
+  deleteInBackground(std::move(urls));
+}
 
 void LKSResource::lks_deleteResourceItems(const std::vector<LKSResource>& items) {
   std::vector<platform::URL> urls;

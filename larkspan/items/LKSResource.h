@@ -75,14 +75,14 @@ class LKSResource : public MessageItem {
   /// A folder's last use as the desktop knows it, else the modification date, else the creation date.
   static std::optional<platform::Date> lks_lastOpenedDateForURL(const platform::URL& url);
 
-  /// Allocated bytes of a file, or of everything in a folder; 0 also when the file cannot be read. Blocks for the whole
-  /// walk.
+  /// Allocated bytes of a file, or of everything in a folder; 0 also when the file cannot be read. Blocks for
+  /// the whole walk.
   static int64_t lks_calculateSizeOfItemAtURL(const platform::URL& url);
   /// Allocated bytes of everything in the folder; 0 and a line in the log when it cannot be read.
   static int64_t lks_calculateSizeOfFolderAtPath(std::string_view path);
 
-  // Deletion, with everything beneath: for good, in the background, in no particular order. These return at once and
-  // tell nothing of the outcome; what fails is said on the console. A resource without a URL throws
+  // Deletion, with everything beneath: for good, in the background, in no particular order. These return at
+  // once and tell nothing of the outcome; what fails is said on the console. A resource without a URL throws
   // std::invalid_argument before anything is deleted.
   static void lks_deleteItemAtURL(const platform::URL& url);
   static void lks_deleteItemsAtURLs(std::vector<platform::URL> urls);
@@ -136,8 +136,12 @@ class LKSResource : public MessageItem {
   static std::optional<platform::Date> lastOpenedDateForURL(const platform::URL& url) {
     return lks_lastOpenedDateForURL(url);
   }
-  static int64_t calculateSizeOfItemAtURL(const platform::URL& url) { return lks_calculateSizeOfItemAtURL(url); }
-  static int64_t calculateSizeOfFolderAtPath(std::string_view path) { return lks_calculateSizeOfFolderAtPath(path); }
+  static int64_t calculateSizeOfItemAtURL(const platform::URL& url) {
+    return lks_calculateSizeOfItemAtURL(url);
+  }
+  static int64_t calculateSizeOfFolderAtPath(std::string_view path) {
+    return lks_calculateSizeOfFolderAtPath(path);
+  }
   static void deleteItemAtURL(const platform::URL& url) { lks_deleteItemAtURL(url); }
   static void deleteItemsAtURLs(std::vector<platform::URL> urls) { lks_deleteItemsAtURLs(std::move(urls)); }
   static void deleteResourceItems(const std::vector<LKSResource>& items) { lks_deleteResourceItems(items); }

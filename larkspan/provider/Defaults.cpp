@@ -1,12 +1,12 @@
 // The default operations of LKSExtension that do more than answer a constant.
 
-#include <algorithm>
-
 #include "larkspan/platform/base/Format.h"
 #include "larkspan/platform/files/ResourceValues.h"
 #include "larkspan/platform/text/SizeText.h"
 #include "larkspan/provider/LKSExtension.h"
 #include "larkspan/runtime/LocalizedStrings.h"
+
+#include <algorithm>
 
 namespace larkspan {
 
@@ -30,7 +30,8 @@ int64_t knownSize(const LKSResource& item) { return std::max<int64_t>(0, item.lk
 
 std::string LKSExtension::localizedFileSize(int64_t bytes) { return platform::sizeText(bytes); }
 
-std::optional<LKSConfirmPanel> LKSExtension::confirmationTextForDelete(const std::vector<LKSResource>& items) {
+std::optional<LKSConfirmPanel> LKSExtension::confirmationTextForDelete(
+    const std::vector<LKSResource>& items) {
   if (items.empty()) return std::nullopt;
   const auto text = &LKSLocalizedStringFromFramework;
   const auto name = items.front().lks_name();
@@ -50,7 +51,8 @@ std::optional<LKSConfirmPanel> LKSExtension::confirmationTextForDelete(const std
                    "DM_REMOVE");
 }
 
-std::optional<LKSConfirmPanel> LKSExtension::confirmationTextForTipAction(const std::optional<LKSTipMessage>& tip) {
+std::optional<LKSConfirmPanel> LKSExtension::confirmationTextForTipAction(
+    const std::optional<LKSTipMessage>& tip) {
   if (!tip) return std::nullopt;
   return panelWith("Apply This Recommendation?",
                    "Please implement confirmationTextForTipAction for this recommendation.", "DM_OK");
@@ -59,7 +61,8 @@ std::optional<LKSConfirmPanel> LKSExtension::confirmationTextForTipAction(const 
 std::optional<LKSConfirmPanel> LKSExtension::confirmationTextForSummaryAction(
     const std::optional<LKSSummaryResource>& item) {
   if (!item) return std::nullopt;
-  return panelWith("Perform This Action?", "Please implement confirmationTextForSummaryAction for this item.", "DM_OK");
+  return panelWith("Perform This Action?", "Please implement confirmationTextForSummaryAction for this item.",
+                   "DM_OK");
 }
 
 std::optional<std::string> LKSExtension::localizedHeaderButtonTitle() {

@@ -33,7 +33,8 @@ platform::Array arrayOf(const std::vector<std::string>& strings) {
 }  // namespace
 
 LKSExtension::LKSExtension()
-    : queue_(platform::DispatchQueue::makeSerial("LKSExtension", platform::QualityOfService::userInitiated)) {}
+    : queue_(platform::DispatchQueue::makeSerial("LKSExtension", platform::QualityOfService::userInitiated)) {
+}
 
 bool LKSExtension::isHidden() { return false; }
 std::vector<std::string> LKSExtension::categories() { return {}; }
@@ -49,6 +50,8 @@ std::optional<std::string> LKSExtension::localizedRevealButtonTitle() { return s
 std::string LKSExtension::localizedStringForCategory(const std::string& identifier) { return identifier; }
 std::vector<std::string> LKSExtension::managedPaths() { return {}; }
 
+std::optional<Error> LKSExtension::performHeaderAction() { return std::nullopt; }
+
 std::optional<Error> LKSExtension::performSummaryAction(const std::optional<LKSSummaryResource>&) {
   platform::consoleLog("Error: Extension has not implemented performSummaryAction method");
   return std::nullopt;
@@ -62,12 +65,14 @@ std::optional<Error> LKSExtension::performTipAction(const LKSTipMessage&) {
 std::optional<platform::URL> LKSExtension::representedApplication() { return std::nullopt; }
 std::vector<LKSResource> LKSExtension::resourceItems() { return {}; }
 bool LKSExtension::showItemPaths() { return false; }
+std::optional<Error> LKSExtension::showResourceItems(const std::vector<LKSResource>&) { return std::nullopt; }
 bool LKSExtension::showRevealButton() { return true; }
 bool LKSExtension::showsSummaryPanel() { return false; }
 std::vector<LKSTipMessage> LKSExtension::tipItems() { return {}; }
 int64_t LKSExtension::totalSpaceUsed() { return 0; }
 
-void LKSExtension::beginRequestWithExtensionContext(const std::shared_ptr<LKSRemoteExtensionContext>& context) {
+void LKSExtension::beginRequestWithExtensionContext(
+    const std::shared_ptr<LKSRemoteExtensionContext>& context) {
   context->setStorageProvider(shared_from_this());
   LKSCallbackManager::sharedInstance().setContext(context);
   const std::lock_guard lock(mutex_);

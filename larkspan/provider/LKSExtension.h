@@ -1,12 +1,5 @@
 #pragma once
 
-#include <cstdint>
-#include <memory>
-#include <mutex>
-#include <optional>
-#include <string>
-#include <vector>
-
 #include "larkspan/host/LKSExtensionProtocols.h"
 #include "larkspan/host/LKSRemoteExtensionContext.h"
 #include "larkspan/items/LKSConfirmPanel.h"
@@ -16,22 +9,33 @@
 #include "larkspan/platform/base/Error.h"
 #include "larkspan/platform/dispatch/DispatchQueue.h"
 
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
 namespace larkspan {
 
 /// Domain and code of the error "not implemented".
 inline constexpr std::string_view kExtensionErrorDomain = "corvane.larkspan";
 inline constexpr int64_t kNotImplementedErrorCode = INT64_MAX;
 
-/// Base of every storage extension: override what the extension manages, and hand the class to `extensionMain`.
+/// Base of every storage extension: override what the extension manages, and hand the class to
+/// `extensionMain`.
 ///
-/// The host's commands run one after another on the extension's own serial queue, each by calling the operation below
-/// that answers it; an operation may block, and the next command waits. What an operation returns as an error travels
-/// to the host with the reply. An operation that takes long may push what it finds through LKSCallbackManager.
+/// The host's commands run one after another on the extension's own serial queue, each by calling the
+/// operation below that answers it; an operation may block, and the next command waits. What an operation
+/// returns as an error travels to the host with the reply. An operation that takes long may push what it
+/// finds through LKSCallbackManager.
 ///
 /// Owner:   `extensionMain`, for the life of the process.
 /// Thread:  the operations run on the queue "LKSExtension", everything else on any thread.
-/// Failure: an exception that leaves an operation ends the process; the host starts it again with its next command.
-class LKSExtension : public LKSRemoteExtensionContextProtocol, public std::enable_shared_from_this<LKSExtension> {
+/// Failure: an exception that leaves an operation ends the process; the host starts it again with its next
+/// command.
+class LKSExtension : public LKSRemoteExtensionContextProtocol,
+                     public std::enable_shared_from_this<LKSExtension> {
  public:
   LKSExtension();
 
@@ -41,11 +45,13 @@ class LKSExtension : public LKSRemoteExtensionContextProtocol, public std::enabl
   virtual bool isHidden();
   /// Identifiers of the categories that resources name. Default: none.
   virtual std::vector<std::string> categories();
-  /// The panel that asks before these resources are deleted, or nothing. Default: how many, and how much that frees.
+  /// The panel that asks before these resources are deleted, or nothing. Default: how many, and how much that
+  /// frees.
   virtual std::optional<LKSConfirmPanel> confirmationTextForDelete(const std::vector<LKSResource>& items);
   virtual std::optional<LKSConfirmPanel> confirmationTextForSummaryAction(
       const std::optional<LKSSummaryResource>& item);
-  virtual std::optional<LKSConfirmPanel> confirmationTextForTipAction(const std::optional<LKSTipMessage>& tip);
+  virtual std::optional<LKSConfirmPanel> confirmationTextForTipAction(
+      const std::optional<LKSTipMessage>& tip);
   /// Never asked for; icons do not travel. Default: null.
   virtual std::shared_ptr<platform::Object> customHeaderIcon();
   /// Deletes the resources. Default: the error "not implemented".
@@ -54,7 +60,8 @@ class LKSExtension : public LKSRemoteExtensionContextProtocol, public std::enabl
   virtual std::optional<std::string> localizedHeaderButtonTitle();
   /// Default: empty.
   virtual std::optional<std::string> localizedHeaderMessage();
-  /// Title of the button that shows resources in the file manager; nothing leaves it to the host. Default: nothing.
+  /// Title of the button that shows resources in the file manager; nothing leaves it to the host. Default:
+  /// nothing.
   virtual std::optional<std::string> localizedRevealButtonTitle();
   /// The name that people read. Default: the identifier.
   virtual std::string localizedStringForCategory(const std::string& identifier);
@@ -87,9 +94,9 @@ class LKSExtension : public LKSRemoteExtensionContextProtocol, public std::enabl
 
   /// A request begins: the context hands its items to this extension, and callbacks go to its host.
   void beginRequestWithExtensionContext(const std::shared_ptr<LKSRemoteExtensionContext>& context);
-  /// Runs the command that the first item names and completes with that item, which carries the error if there is one,
-  /// and the answer. Returns at once; completes once, on the extension's queue, or on the calling thread for a request
-  /// that does not begin with a command item.
+  /// Runs the command that the first item names and completes with that item, which carries the error if
+  /// there is one, and the answer. Returns at once; completes once, on the extension's queue, or on the
+  /// calling thread for a request that does not begin with a command item.
   void processInputItems(const Items& items, ItemsCompletion completionHandler) override;
 
   /// The size as people read it, such as "1.5 GB".

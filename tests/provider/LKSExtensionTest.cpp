@@ -1,10 +1,10 @@
+#include "larkspan/items/LKSCommand.h"
+#include "larkspan/platform/files/Installed.h"
+#include "larkspan/platform/files/ResourceValues.h"
 #include "larkspan/provider/LKSExtension.h"
 
 #include <gtest/gtest.h>
 
-#include "larkspan/items/LKSCommand.h"
-#include "larkspan/platform/files/Installed.h"
-#include "larkspan/platform/files/ResourceValues.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/Collector.h"
 
@@ -22,7 +22,9 @@ struct Answer {
 
 Answer ask(const std::shared_ptr<LKSExtension>& extension, const Items& items) {
   Collector<Answer> answers;
-  extension->processInputItems(items, [&](const auto& reply, const auto& error) { answers.push({reply, error}); });
+  extension->processInputItems(items, [&](const auto& reply, const auto& error) {
+    answers.push({reply, error});
+  });
   const auto all = answers.waitFor(1);
   return all.empty() ? Answer() : all.front();
 }
@@ -77,7 +79,11 @@ TEST(ExtensionDefaults, AnswerEveryCommandAndSayWhatIsNotImplemented) {
   const Case cases[] = {
       {"INFO?", {}, 1, false, {}},
       {"RESOURCES?", {}, 0, false, {}},
-      {"RESOURCE_DELETE", resource, 0, true, {"Error: Extension has not implemented deleteResourceItems method"}},
+      {"RESOURCE_DELETE",
+       resource,
+       0,
+       true,
+       {"Error: Extension has not implemented deleteResourceItems method"}},
       {"RESOURCE_SHOW", resource, 0, false, {}},
       {"TIPS?", {}, 0, false, {}},
       {"TIP_PERFORM", tips({"x"}), 0, true, {"Error: Extension has not implemented performTipAction method"}},
@@ -100,17 +106,19 @@ TEST(ExtensionDefaults, AnswerEveryCommandAndSayWhatIsNotImplemented) {
     ASSERT_TRUE(answer.items) << c.name;
     EXPECT_FALSE(answer.error);
     EXPECT_EQ(answer.items->size(), 1 + c.answers) << c.name;
-    EXPECT_EQ(answer.items->front(), request.front()) << "the reply begins with the request's own command item";
+    EXPECT_EQ(answer.items->front(), request.front())
+        << "the reply begins with the request's own command item";
     const auto error = LKSCommand(answer.items->front()).lks_error();
     EXPECT_EQ(error, c.fails ? std::optional(Error("corvane.larkspan", INT64_MAX)) : std::nullopt) << c.name;
     EXPECT_EQ(log.console(), c.console) << c.name;
   }
-  EXPECT_EQ(ask(extension, command("INFO?")).items->at(1).userInfo(), (Dictionary{{"_HEADER_BUTTON_", ""},
-                                                                                  {"_HEADER_MESSAGE_", ""},
-                                                                                  {"_HIDDEN_", false},
-                                                                                  {"_APPPATHS_", platform::Array()},
-                                                                                  {"_SIZE_", 0},
-                                                                                  {"_HIDE_PATHS_", true}}));
+  EXPECT_EQ(ask(extension, command("INFO?")).items->at(1).userInfo(),
+            (Dictionary{{"_HEADER_BUTTON_", ""},
+                        {"_HEADER_MESSAGE_", ""},
+                        {"_HIDDEN_", false},
+                        {"_APPPATHS_", platform::Array()},
+                        {"_SIZE_", 0},
+                        {"_HIDE_PATHS_", true}}));
 }
 
 TEST(ExtensionInformation, CarriesEveryAnswerUnderItsKeyAndFlagsOnlyWhereTheySaySomething) {
@@ -121,7 +129,9 @@ TEST(ExtensionInformation, CarriesEveryAnswerUnderItsKeyAndFlagsOnlyWhereTheySay
     std::optional<std::string> localizedHeaderMessage() override { return std::nullopt; }
     std::optional<std::string> localizedRevealButtonTitle() override { return "Show"; }
     std::vector<std::string> managedPaths() override { return {"/x"}; }
-    std::optional<platform::URL> representedApplication() override { return platform::URL::file("/opt/Draw.app"); }
+    std::optional<platform::URL> representedApplication() override {
+      return platform::URL::file("/opt/Draw.app");
+    }
     bool showItemPaths() override { return true; }
     bool showRevealButton() override { return false; }
     bool showsSummaryPanel() override { return true; }
@@ -137,17 +147,16 @@ TEST(ExtensionInformation, CarriesEveryAnswerUnderItsKeyAndFlagsOnlyWhereTheySay
   const platform::Installed<platform::FileFacts> installed(facts);
   const auto extension = std::make_shared<Everything>();
   const Dictionary information = ask(extension, command("INFO?")).items->at(1).userInfo();
-  EXPECT_EQ(information,
-            (Dictionary{{"_CATEGORIES_", platform::Array{"b", "a"}},
-                        {"_CATEGORY_NAMES_", Dictionary{{"b", "Name of b"}, {"a", "Name of a"}}},
-                        {"_HEADER_BUTTON_", "Open Draw"},
-                        {"_HIDDEN_", true},
-                        {"_APPURL_", platform::URL::file("/opt/Draw.app")},
-                        {"_APPPATHS_", platform::Array{"/x"}},
-                        {"_ISSUMMARY_", true},
-                        {"_SIZE_", LKSExtensionTotalSpaceUsedUnknown},
-                        {"_HIDE_REVEAL_", true},
-                        {"_REVEAL_TITLE_", "Show"}}));
+  EXPECT_EQ(information, (Dictionary{{"_CATEGORIES_", platform::Array{"b", "a"}},
+                                     {"_CATEGORY_NAMES_", Dictionary{{"b", "Name of b"}, {"a", "Name of a"}}},
+                                     {"_HEADER_BUTTON_", "Open Draw"},
+                                     {"_HIDDEN_", true},
+                                     {"_APPURL_", platform::URL::file("/opt/Draw.app")},
+                                     {"_APPPATHS_", platform::Array{"/x"}},
+                                     {"_ISSUMMARY_", true},
+                                     {"_SIZE_", LKSExtensionTotalSpaceUsedUnknown},
+                                     {"_HIDE_REVEAL_", true},
+                                     {"_REVEAL_TITLE_", "Show"}}));
   facts.name = ".app";
   EXPECT_EQ(extension->localizedHeaderButtonTitle(), "Open");
 }
@@ -172,7 +181,8 @@ TEST(ExtensionCommands, TryEveryTipAndKeepTheLastErrorAndRunOneAtATime) {
 
   Collector<int> done;
   for (int i = 0; i < 50; ++i) {
-    extension->processInputItems(command("TIP_PERFORM", tips({"good"})), [&, i](const auto&, const auto&) { done.push(i); });
+    extension->processInputItems(command("TIP_PERFORM", tips({"good"})),
+                                 [&, i](const auto&, const auto&) { done.push(i); });
   }
   const auto order = done.waitFor(50);
   EXPECT_TRUE(order.size() == 50 && std::is_sorted(order.begin(), order.end())) << "in the order of arrival";

@@ -1,7 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <thread>
-
 #include "larkspan/platform/base/NotificationCenter.h"
 #include "larkspan/platform/dispatch/ManualClock.h"
 #include "larkspan/platform/process/HostFacts.h"
@@ -10,6 +6,11 @@
 #include "larkspan/runtime/LKSOperationQueue.h"
 #include "larkspan/runtime/LocalizedStrings.h"
 #include "larkspan/runtime/Log.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
 #include "tests/support/CapturedLog.h"
 
 namespace larkspan::tests {
@@ -62,7 +63,8 @@ TEST(LKSOperation, TakesItsStepsInOrderAndPostsItsEndOnTheMainQueueLater) {
   EXPECT_TRUE(operation->isAsynchronous());
   EXPECT_EQ(operation->duration(), 0);
   operation->start();
-  EXPECT_EQ(operation->steps, (Steps{"LKSOperationWillStartNotification", "will isExecuting", "did isExecuting", "main"}));
+  EXPECT_EQ(operation->steps,
+            (Steps{"LKSOperationWillStartNotification", "will isExecuting", "did isExecuting", "main"}));
   EXPECT_TRUE(operation->isExecuting() && !operation->isFinished());
   EXPECT_EQ(operation->startTime(), 1704067200 - 978307200) << "seconds since 2001";
   EXPECT_EQ(operation->duration(), 0);
@@ -72,8 +74,8 @@ TEST(LKSOperation, TakesItsStepsInOrderAndPostsItsEndOnTheMainQueueLater) {
   operation->steps.clear();
   clock.advance(std::chrono::seconds(2));
   operation->finishWithError(Error("test", 1, "why"));
-  EXPECT_EQ(operation->steps, (Steps{"dequeue from none", "will isExecuting", "did isExecuting", "will isFinished",
-                                     "did isFinished"}));
+  EXPECT_EQ(operation->steps, (Steps{"dequeue from none", "will isExecuting", "did isExecuting",
+                                     "will isFinished", "did isFinished"}));
   EXPECT_EQ(operation->duration(), 2);
   EXPECT_EQ(log.system(), Steps{"LKSOperation - finishWithError: Error Domain=test Code=1 \"why\""});
   clock.advance(kFinishDelay - std::chrono::nanoseconds(1));
@@ -137,8 +139,9 @@ TEST(LKSOperationQueue, TellsOperationsThatTheyAreQueuedAndWhichQueueRanThem) {
   queue->addOperations({first, plain, block, later});
   EXPECT_EQ(first->steps, Steps{"enqueue"});
   queue->setSuspended(false);
-  for (const auto& operation : {std::shared_ptr<platform::Operation>(plain), std::shared_ptr<platform::Operation>(block),
-                                std::shared_ptr<platform::Operation>(later)}) {
+  for (const auto& operation :
+       {std::shared_ptr<platform::Operation>(plain), std::shared_ptr<platform::Operation>(block),
+        std::shared_ptr<platform::Operation>(later)}) {
     operation->waitUntilFinished();
   }
   EXPECT_TRUE(ran && !block->error());
@@ -174,8 +177,9 @@ TEST(Log, WritesWholeMessagesToOneChannel) {
   LKSLogDuration("Sizing", 12345.678);
   LKSLogDuration("Sizing", 0);
   LKSLogSize(1'500'000, "Documents");
-  ASSERT_EQ(log.system(), (Steps{"text and 5", "secret " + std::string(3000, 'x'), "Sizing completed in 12345.68 sec",
-                                 "Sizing completed in 0.00 sec", "1.5 MB: Documents"}));
+  ASSERT_EQ(log.system(),
+            (Steps{"text and 5", "secret " + std::string(3000, 'x'), "Sizing completed in 12345.68 sec",
+                   "Sizing completed in 0.00 sec", "1.5 MB: Documents"}));
   EXPECT_EQ(log.lines()[0].subsystem, "corvane.storage");
   EXPECT_EQ(log.lines()[0].category, "log");
   EXPECT_EQ(log.lines()[0].level, platform::LogLevel::standard);
@@ -192,7 +196,8 @@ TEST(HostFacts, AreWhatTheMachineSaysAndErrorsFlattenToTheirTexts) {
     EXPECT_EQ(LKSStorageProductType(), std::nullopt);
   }
   EXPECT_EQ(LKSStorageProductVersion(), LKSStorageProductVersion());
-  const std::string release = "# comment\nNAME='It''s'\nVERSION_ID=\"12 \\\"x\\\"\"\nVERSION_IDX=1\nEMPTY=\nPLAIN=a\\ b\n";
+  const std::string release =
+      "# comment\nNAME='It''s'\nVERSION_ID=\"12 \\\"x\\\"\"\nVERSION_IDX=1\nEMPTY=\nPLAIN=a\\ b\n";
   EXPECT_EQ(platform::osReleaseValue(release, "VERSION_ID"), "12 \"x\"");
   EXPECT_EQ(platform::osReleaseValue(release, "PLAIN"), "a b");
   EXPECT_EQ(platform::osReleaseValue(release, "EMPTY"), std::nullopt);

@@ -1,5 +1,10 @@
 #pragma once
 
+#include "larkspan/host/LKSOpaqueExtension.h"
+#include "larkspan/host/LKSRemoteExtensionContext.h"
+#include "larkspan/platform/appext/Launcher.h"
+#include "larkspan/provider/LKSExtension.h"
+
 #include <atomic>
 #include <map>
 #include <memory>
@@ -8,25 +13,20 @@
 #include <string>
 #include <utility>
 
-#include "larkspan/host/LKSOpaqueExtension.h"
-#include "larkspan/host/LKSRemoteExtensionContext.h"
-#include "larkspan/platform/appext/Launcher.h"
-#include "larkspan/provider/LKSExtension.h"
-
 namespace larkspan::tests {
 
-/// "Starts" an extension within this process, at the other end of a real socket: everything is encoded, checked and
-/// decoded as between two processes.
-class InProcessExtension : public platform::Launcher, public std::enable_shared_from_this<InProcessExtension> {
+/// "Starts" an extension within this process, at the other end of a real socket: everything is encoded,
+/// checked and decoded as between two processes.
+class InProcessExtension : public platform::Launcher,
+                           public std::enable_shared_from_this<InProcessExtension> {
  public:
   explicit InProcessExtension(std::shared_ptr<LKSExtension> provider) : provider_(std::move(provider)) {}
 
   std::atomic<int> launches{0};
   std::optional<platform::Error> failure;
 
-  std::variant<std::shared_ptr<platform::LaunchedProcess>, platform::Error> launch(const platform::Manifest&,
-                                                                                   platform::Descriptor socket,
-                                                                                   ExitHandler) override {
+  std::variant<std::shared_ptr<platform::LaunchedProcess>, platform::Error> launch(
+      const platform::Manifest&, platform::Descriptor& socket, ExitHandler) override {
     ++launches;
     if (failure) return *failure;
     auto process = std::make_shared<Process>();
@@ -48,8 +48,9 @@ class InProcessExtension : public platform::Launcher, public std::enable_shared_
       (*contexts)[channel] = context;
       return connection;
     };
-    process->transport = platform::Transport::make(std::move(socket), "host", std::move(handlers));
-    *own = process->transport;
+    handlers.onClose = [process](const platform::Error&) { process->hold(nullptr); };
+    process->hold(platform::Transport::make(std::move(socket), "host", std::move(handlers)));
+    *own = process->held();
     const std::lock_guard guard(mutex_);
     process_ = process;
     return process;
@@ -63,8 +64,19 @@ class InProcessExtension : public platform::Launcher, public std::enable_shared_
 
  private:
   struct Process : platform::LaunchedProcess {
-    std::shared_ptr<platform::Transport> transport;
-    void kill() override { transport->close(platform::Error("test", 1, "killed")); }
+    void kill() override {
+      if (const auto transport = held()) transport->close(platform::Error("test", 1, "killed"));
+    }
+    std::shared_ptr<platform::Transport> held() {
+      const std::lock_guard lock(mutex);
+      return current;
+    }
+    void hold(std::shared_ptr<platform::Transport> other) {
+      const std::lock_guard lock(mutex);
+      current.swap(other);
+    }
+    std::mutex mutex;
+    std::shared_ptr<platform::Transport> current;
   };
 
   const std::shared_ptr<LKSExtension> provider_;

@@ -1,6 +1,7 @@
 #include "tests/support/LeakCheck.h"
 
 #include "larkspan/platform/dispatch/DispatchQueue.h"
+#include "larkspan/platform/dispatch/ManualClock.h"
 #include "larkspan/platform/log/SystemLog.h"
 #include "larkspan/platform/process/Child.h"
 
@@ -68,6 +69,7 @@ void wakeLastingThings() {
   using namespace platform;
   SystemLog("corvane.storage", "test").isEnabled(LogLevel::standard);
   mainQueueDescriptor();
+  ManualClock().advance(std::chrono::nanoseconds(0));
   std::mutex mutex;
   std::condition_variable changed;
   int left = 0;

@@ -11,7 +11,8 @@ std::string Extension::description() const {
 void Extension::beginExtensionRequestWithInputItems(const std::vector<std::shared_ptr<ExtensionItem>>&,
                                                     ContextMaker makeContext, Begun completion) {
   const auto process = ExtensionProcess::forManifest(manifest_);
-  auto connection = Connection::make([process](Connection::Connected connected) { process->transport(connected); });
+  auto connection =
+      Connection::make([process](Connection::Connected connected) { process->transport(connected); });
   const UUID uuid = UUID::random();
   auto context = makeContext(uuid, connection);
   {

@@ -1,17 +1,17 @@
 #pragma once
 
+#include "larkspan/platform/appext/ExtensionContext.h"
+#include "larkspan/platform/appext/ExtensionItem.h"
+#include "larkspan/platform/appext/Manifest.h"
+#include "larkspan/platform/base/Object.h"
+#include "larkspan/platform/base/UUID.h"
+
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-
-#include "larkspan/platform/appext/ExtensionContext.h"
-#include "larkspan/platform/appext/ExtensionItem.h"
-#include "larkspan/platform/appext/Manifest.h"
-#include "larkspan/platform/base/Object.h"
-#include "larkspan/platform/base/UUID.h"
 
 namespace larkspan::platform {
 
@@ -34,8 +34,8 @@ class Extension : public Object {
   /// "<Extension IDENTIFIER (MANIFEST)>".
   std::string description() const override;
 
-  /// Begins a request, starting the extension if it does not run; calls back once. There is no limit on the time that a
-  /// start may take.
+  /// Begins a request, starting the extension if it does not run; calls back once. There is no limit on the
+  /// time that a start may take.
   void beginExtensionRequestWithInputItems(const std::vector<std::shared_ptr<ExtensionItem>>& inputItems,
                                            ContextMaker makeContext, Begun completion);
   /// The context of a request that has begun and is still held by somebody.

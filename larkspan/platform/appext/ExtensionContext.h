@@ -1,10 +1,10 @@
 #pragma once
 
-#include <memory>
-
 #include "larkspan/platform/base/Object.h"
 #include "larkspan/platform/base/UUID.h"
 #include "larkspan/platform/ipc/Connection.h"
+
+#include <memory>
 
 namespace larkspan::platform {
 
@@ -13,7 +13,8 @@ namespace larkspan::platform {
 /// Thread: any.
 class ExtensionContext : public Object {
  public:
-  ExtensionContext(UUID uuid, std::shared_ptr<Connection> connection) : uuid_(uuid), connection_(std::move(connection)) {}
+  ExtensionContext(UUID uuid, std::shared_ptr<Connection> connection)
+      : uuid_(uuid), connection_(std::move(connection)) {}
 
   /// Known on this side only.
   const UUID& uuid() const { return uuid_; }

@@ -1,16 +1,16 @@
 #include "larkspan/platform/appext/ExtensionMain.h"
 
+#include "larkspan/platform/appext/Launcher.h"
+#include "larkspan/platform/base/Descriptor.h"
+#include "larkspan/platform/dispatch/DispatchQueue.h"
+#include "larkspan/platform/ipc/Transport.h"
+
 #include <cerrno>
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <mutex>
-
-#include "larkspan/platform/appext/Launcher.h"
-#include "larkspan/platform/base/Descriptor.h"
-#include "larkspan/platform/dispatch/DispatchQueue.h"
-#include "larkspan/platform/ipc/Transport.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -40,7 +40,8 @@ std::string mainBundleIdentifier() {
   return identifier ? identifier : ::program_invocation_short_name;
 }
 
-int runExtension(std::function<std::shared_ptr<ExtensionContext>(UUID, std::shared_ptr<Connection>)> makeContext) {
+int runExtension(
+    std::function<std::shared_ptr<ExtensionContext>(UUID, std::shared_ptr<Connection>)> makeContext) {
   if (!isSocket(kExtensionDescriptor)) {
     std::fprintf(stderr, "%s: this is a storage extension; it is started by a host such as larkspan\n",
                  ::program_invocation_short_name);

@@ -1,13 +1,13 @@
 #include "larkspan/platform/appext/ExtensionProcess.h"
 
-#include <map>
-#include <utility>
-
 #include "larkspan/platform/base/Format.h"
 #include "larkspan/platform/base/Limits.h"
 #include "larkspan/platform/dispatch/DispatchQueue.h"
 #include "larkspan/platform/ipc/TransportError.h"
 #include "larkspan/platform/log/SystemLog.h"
+
+#include <map>
+#include <utility>
 
 #include <errno.h>
 #include <sys/socket.h>
@@ -51,10 +51,13 @@ std::shared_ptr<ExtensionProcess> ExtensionProcess::forManifest(const Manifest& 
 
 void ExtensionProcess::transport(Connection::Connected completion) {
   std::unique_lock lock(mutex_);
-  if (ready_) {
-    const auto transport = transport_;
+  if (const auto transport = transport_; transport && ready_) {
+    const auto reason = transport->closeReason();
     lock.unlock();
-    return completion(transport, std::nullopt);
+    if (!reason) return completion(transport, std::nullopt);
+    // Its end has not come round yet.
+    closed(transport, *reason);
+    lock.lock();
   }
   if (!transport_) {
     if (const auto error = begin()) {
@@ -67,12 +70,15 @@ void ExtensionProcess::transport(Connection::Connected completion) {
 
 std::optional<Error> ExtensionProcess::delayError() {
   const MonotonicTime now = Clock::current().monotonicNow();
-  while (!failedStarts_.empty() && now - failedStarts_.front() >= limits::kStartWindow) failedStarts_.pop_front();
+  while (!failedStarts_.empty() && now - failedStarts_.front() >= limits::kStartWindow)
+    failedStarts_.pop_front();
   if (failedStarts_.size() < limits::kMaximumFailedStarts) return std::nullopt;
-  const auto wait = std::chrono::ceil<std::chrono::seconds>(failedStarts_.front() + limits::kStartWindow - now);
-  return transportError(TransportErrorCode::launchDelayed,
-                        format("%@ ended %zu times right after its start; it is not started again for %lld seconds",
-                               manifest_.identifier, failedStarts_.size(), static_cast<long long>(wait.count())));
+  const auto wait =
+      std::chrono::ceil<std::chrono::seconds>(failedStarts_.front() + limits::kStartWindow - now);
+  return transportError(
+      TransportErrorCode::launchDelayed,
+      format("%@ ended %zu times right after its start; it is not started again for %lld seconds",
+             manifest_.identifier, failedStarts_.size(), static_cast<long long>(wait.count())));
 }
 
 /// Makes the connection and sees to the launch; with the lock held.
@@ -80,11 +86,12 @@ std::optional<Error> ExtensionProcess::begin() {
   if (auto error = delayError()) return error;
   int sockets[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets) != 0) {
-    return transportError(TransportErrorCode::launchFailed,
-                          Error::posix(errno, "Connecting to " + manifest_.identifier).localizedDescription());
+    return transportError(
+        TransportErrorCode::launchFailed,
+        Error::posix(errno, "Connecting to " + manifest_.identifier).localizedDescription());
   }
-  // The handlers find their transport through a weak reference that is filled before the first of them can run: they
-  // take the lock.
+  // The handlers find their transport through a weak reference that is filled before the first of them can
+  // run: they take the lock.
   const auto own = std::make_shared<std::weak_ptr<Transport>>();
   const auto on = [weak = weak_from_this(), own](auto member) {
     return [weak, own, member](const auto&... arguments) {
@@ -116,13 +123,14 @@ void ExtensionProcess::launch(const std::shared_ptr<Transport>& transport, Descr
     const std::lock_guard lock(mutex_);
     if (transport_ != transport) return;
   }
-  const auto onExit = [identifier = manifest_.identifier, weak = std::weak_ptr(transport)](const std::string& how) {
+  const auto onExit = [identifier = manifest_.identifier,
+                       weak = std::weak_ptr(transport)](const std::string& how) {
     const std::string text = format("%@ ended: %@", identifier, how);
     extensionLog().write(LogLevel::standard, text);
     // The socket may stay open in a process that the extension left behind.
     if (const auto gone = weak.lock()) gone->peerEnded(transportError(TransportErrorCode::interrupted, text));
   };
-  auto launched = Launcher::current()->launch(manifest_, std::move(socket), onExit);
+  auto launched = Launcher::current()->launch(manifest_, socket, onExit);
   if (const auto* error = std::get_if<Error>(&launched)) {
     return transport->close(transportError(
         TransportErrorCode::launchFailed,
@@ -154,7 +162,8 @@ void ExtensionProcess::closed(const std::shared_ptr<Transport>& transport, const
   ready_ = false;
   const auto process = std::exchange(process_, nullptr);
   const auto waiters = std::exchange(waiters_, {});
-  if (process && !transport->hasReplied()) failedStarts_.push_back(Clock::current().monotonicNow());
+  const bool started = reason.code() != static_cast<int64_t>(TransportErrorCode::launchFailed);
+  if (started && !transport->hasReplied()) failedStarts_.push_back(Clock::current().monotonicNow());
   lock.unlock();
   // It may have closed its end and still run, or have broken the protocol.
   if (process) killAfterGrace(process);
@@ -169,7 +178,8 @@ void ExtensionProcess::letGo(const std::shared_ptr<Transport>& transport) {
   ready_ = false;
   const auto process = std::exchange(process_, nullptr);
   lock.unlock();
-  transport->close(transportError(TransportErrorCode::invalidated, "The host has let go of " + manifest_.identifier));
+  transport->close(
+      transportError(TransportErrorCode::invalidated, "The host has let go of " + manifest_.identifier));
   if (process) killAfterGrace(process);
 }
 
@@ -181,7 +191,8 @@ void ExtensionProcess::end() {
   ready_ = false;
   lock.unlock();
   if (process) process->kill();
-  const Error reason = transportError(TransportErrorCode::interrupted, "The host has ended " + manifest_.identifier);
+  const Error reason =
+      transportError(TransportErrorCode::interrupted, "The host has ended " + manifest_.identifier);
   if (transport) transport->close(reason);
   for (const auto& waiter : waiters) waiter(nullptr, reason);
 }

@@ -1,23 +1,23 @@
 #pragma once
 
-#include <deque>
-#include <memory>
-#include <mutex>
-#include <vector>
-
 #include "larkspan/platform/appext/Launcher.h"
 #include "larkspan/platform/appext/Manifest.h"
 #include "larkspan/platform/base/Clock.h"
 #include "larkspan/platform/ipc/Connection.h"
 #include "larkspan/platform/ipc/Transport.h"
 
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <vector>
+
 namespace larkspan::platform {
 
-/// The one process that a host has of an extension. It is started when somebody needs it, serves all requests to its
-/// manifest, and is let go with the last of them: it sees end of file, and is killed if it stays.
+/// The one process that a host has of an extension. It is started when somebody needs it, serves all requests
+/// to its manifest, and is let go with the last of them: it sees end of file, and is killed if it stays.
 ///
-/// A process that ends before it answered anything counts as a failed start; after five within three minutes no more
-/// are made until the oldest is three minutes old. Ends by the host's own hand do not count.
+/// A process that ends before it answered anything counts as a failed start; after five within three minutes
+/// no more are made until the oldest is three minutes old. Ends by the host's own hand do not count.
 ///
 /// Owner:  kept for the life of the host, one per manifest, because it remembers the failed starts.
 /// Thread: any; transports are handed out on any thread.
@@ -25,8 +25,9 @@ class ExtensionProcess : public std::enable_shared_from_this<ExtensionProcess> {
  public:
   static std::shared_ptr<ExtensionProcess> forManifest(const Manifest& manifest);
 
-  /// Calls back once with a transport to the running extension, starting it first if need be, or with the reason why
-  /// there is none. An extension that starts and never says hello is waited for without a limit; see `end`.
+  /// Calls back once with a transport to the running extension, starting it first if need be, or with the
+  /// reason why there is none. An extension that starts and never says hello is waited for without a limit;
+  /// see `end`.
   void transport(Connection::Connected completion);
   /// Ends the process at once: calls under way and starts that are waited for fail.
   void end();

@@ -1,10 +1,10 @@
 #include "larkspan/platform/appext/Launcher.h"
 
-#include <mutex>
-#include <utility>
-
 #include "larkspan/platform/log/SystemLog.h"
 #include "larkspan/platform/process/Child.h"
+
+#include <mutex>
+#include <utility>
 
 #include <signal.h>
 #include <unistd.h>
@@ -29,7 +29,7 @@ class ChildProcess final : public LaunchedProcess {
 
 class ProcessLauncher final : public Launcher {
  public:
-  std::variant<std::shared_ptr<LaunchedProcess>, Error> launch(const Manifest& manifest, Descriptor socket,
+  std::variant<std::shared_ptr<LaunchedProcess>, Error> launch(const Manifest& manifest, Descriptor& socket,
                                                                ExitHandler onExit) override {
     ChildOptions options;
     options.arguments = manifest.exec;
@@ -47,7 +47,8 @@ class ProcessLauncher final : public Launcher {
     options.standardErrorLine = [identifier](std::string_view line) {
       extensionLog().write(LogLevel::standard, identifier + ": " + std::string(line));
     };
-    auto child = Child::start(options, [onExit = std::move(onExit)](ExitStatus status) { onExit(status.description()); });
+    auto child = Child::start(
+        options, [onExit = std::move(onExit)](ExitStatus status) { onExit(status.description()); });
     if (auto* error = std::get_if<Error>(&child)) return std::move(*error);
     return std::make_shared<ChildProcess>(std::get<std::shared_ptr<Child>>(std::move(child)));
   }
@@ -75,7 +76,8 @@ std::shared_ptr<Launcher> Launcher::current() {
   return installed().launcher;
 }
 
-ScopedLauncher::ScopedLauncher(std::shared_ptr<Launcher> launcher) : previous_(install(std::move(launcher))) {}
+ScopedLauncher::ScopedLauncher(std::shared_ptr<Launcher> launcher)
+    : previous_(install(std::move(launcher))) {}
 ScopedLauncher::~ScopedLauncher() { install(std::move(previous_)); }
 
 }  // namespace larkspan::platform

@@ -1,14 +1,14 @@
 #pragma once
 
+#include "larkspan/platform/appext/Manifest.h"
+#include "larkspan/platform/base/Descriptor.h"
+#include "larkspan/platform/base/Error.h"
+
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
 #include <variant>
-
-#include "larkspan/platform/appext/Manifest.h"
-#include "larkspan/platform/base/Descriptor.h"
-#include "larkspan/platform/base/Error.h"
 
 namespace larkspan::platform {
 
@@ -21,15 +21,18 @@ class LaunchedProcess {
 };
 
 /// Starts extensions.
-/// Thread: any; `launch` may block until the program runs, and `onExit` is called once, on any thread, for each launch
+/// Thread: any; `launch` may block until the program runs, and `onExit` is called once, on any thread, for
+/// each launch
 ///         that succeeded.
 class Launcher {
  public:
   using ExitHandler = std::function<void(const std::string& how)>;
 
   virtual ~Launcher() = default;
-  /// Starts the manifest's program with `socket` as its descriptor 3.
-  virtual std::variant<std::shared_ptr<LaunchedProcess>, Error> launch(const Manifest& manifest, Descriptor socket,
+  /// Starts the manifest's program with `socket` as its descriptor 3. The caller closes its own end of that
+  /// when this returns; it may also be moved from on success.
+  virtual std::variant<std::shared_ptr<LaunchedProcess>, Error> launch(const Manifest& manifest,
+                                                                       Descriptor& socket,
                                                                        ExitHandler onExit) = 0;
 
   /// The launcher in use: one that starts processes, unless a test has installed another.

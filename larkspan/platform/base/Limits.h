@@ -17,12 +17,12 @@ inline constexpr std::size_t kMaximumElements = 2'000'000;
 /// which would slow each look-up.
 inline constexpr std::size_t kMaximumInternedKeys = 1024;
 
-/// Bytes that wait to be sent to one peer: stops a peer that does not read from making us keep everything. Room for
-/// two of the largest frames.
+/// Bytes that wait to be sent to one peer: stops a peer that does not read from making us keep everything.
+/// Room for two of the largest frames.
 inline constexpr std::size_t kMaximumOutbound = 2 * kMaximumFrame + 1024;
 
-/// Starts of an extension that end before it answers anything, within `kStartWindow`: stops one that is broken from
-/// being started over and over.
+/// Starts of an extension that end before it answers anything, within `kStartWindow`: stops one that is
+/// broken from being started over and over.
 inline constexpr std::size_t kMaximumFailedStarts = 5;
 inline constexpr std::chrono::minutes kStartWindow{3};
 

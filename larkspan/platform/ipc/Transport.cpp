@@ -94,7 +94,7 @@ void Transport::watch() {
 
 void Transport::readAvailable() {
   // Left uninitialised on purpose: recv(2) fills what is read of it.
-  static thread_local std::array<char, kReadSize> buffer;
+  std::array<char, kReadSize> buffer;
   for (;;) {
     {
       const std::lock_guard lock(mutex_);
@@ -281,6 +281,11 @@ void Transport::forget(uint32_t number) {
   });
 }
 
+std::optional<Error> Transport::closeReason() const {
+  const std::lock_guard lock(mutex_);
+  return closeReason_;
+}
+
 void Transport::peerEnded(const Error& reason) {
   queue_->async([self = shared_from_this(), reason] {
     self->readAvailable();
@@ -304,6 +309,7 @@ void Transport::close(const Error& reason) {
     const std::lock_guard lock(mutex_);
     if (closed_) return;
     closed_ = true;
+    closeReason_ = reason;
     source = std::exchange(source_, nullptr);
     outbound_.clear();
     outboundBytes_ = 0;
@@ -316,11 +322,11 @@ void Transport::close(const Error& reason) {
       const std::lock_guard lock(self->mutex_);
       channels.swap(self->channels_);
     }
+    const Handlers handlers = std::exchange(self->handlers_, {});
+    if (handlers.onClose) handlers.onClose(reason);
     for (const auto& [number, weak] : channels) {
       if (const auto channel = weak.lock()) channel->closed(reason, false);
     }
-    const Handlers handlers = std::exchange(self->handlers_, {});
-    if (handlers.onClose) handlers.onClose(reason);
   });
 }
 

@@ -50,7 +50,7 @@ class Transport : public std::enable_shared_from_this<Transport> {
     std::function<std::shared_ptr<Channel>(uint32_t channel)> onOpen;
     /// The last channel has been closed, by either side.
     std::function<void()> onLastChannel;
-    /// The last callback; the handlers are dropped after it.
+    /// The last callback, before the channels are told; the handlers are dropped after it.
     std::function<void(const Error& error)> onClose;
   };
 
@@ -74,6 +74,9 @@ class Transport : public std::enable_shared_from_this<Transport> {
   void fail(const Error& reason);
 
   const std::string& name() const { return name_; }
+  /// Why the transport has closed; nothing as long as it has not. It may be some time until the callbacks
+  /// hear of it.
+  std::optional<Error> closeReason() const;
   /// Whether the peer has answered a call since the transport was made.
   bool hasReplied() const { return replied_; }
 
@@ -94,7 +97,7 @@ class Transport : public std::enable_shared_from_this<Transport> {
   const std::string name_;
   const std::shared_ptr<DispatchQueue> queue_;
 
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
   std::shared_ptr<IoSource> source_;
   std::deque<std::string> outbound_;
   std::size_t outboundOffset_ = 0;  // Written of the first.
@@ -103,6 +106,7 @@ class Transport : public std::enable_shared_from_this<Transport> {
   bool reading_ = false;      // A read is under way on the delivery queue.
   bool writeBroken_ = false;  // The peer takes nothing more; what it sent before may still be read.
   bool closed_ = false;
+  std::optional<Error> closeReason_;
 
   // On the delivery queue only:
   Handlers handlers_;
