@@ -7,7 +7,6 @@
 #include <cstdio>
 
 #include "cli/Ending.h"
-#include "cli/Text.h"
 
 namespace larkspan::cli {
 
@@ -17,7 +16,7 @@ using platform::Error;
 namespace {
 
 std::optional<std::string> textOf(const std::optional<Error>& error) {
-  return error ? std::optional(printable(error->localizedDescription())) : std::nullopt;
+  return error ? std::optional(error->localizedDescription()) : std::nullopt;
 }
 
 /// Moves what is found to the main queue.

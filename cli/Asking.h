@@ -18,7 +18,7 @@ namespace larkspan::cli {
 
 using Handle = std::shared_ptr<LKSOpaqueExtension>;
 
-/// What became of a question: items, or printable text that says why there are none. An extension's own error
+/// What became of a question: items, or the reason in English why there are none. An extension's own error
 /// may come with items.
 struct Answer {
   std::optional<Items> items;

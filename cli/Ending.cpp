@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include "cli/Progress.h"
+#include "cli/Text.h"
 
 namespace larkspan::cli {
 
@@ -110,7 +111,7 @@ void finish(int status) {
 void complain(std::string_view message) {
   Progress::erase();
   std::string line = "larkspan: ";
-  line.append(message).append("\n");
+  line.append(printable(message)).append("\n");
   // There is nobody to tell that it failed.
   [[maybe_unused]] const ssize_t count = write(STDERR_FILENO, line.data(), line.size());
 }

@@ -18,7 +18,7 @@ void endWithProgram(std::shared_ptr<LKSOpaqueExtension> extension);
 
 /// Ends the program; extensions get a moment to leave by themselves. Any thread.
 [[noreturn]] void finish(int status);
-/// Says "larkspan: MESSAGE" on standard error and ends the program. The message is printable already.
+/// Says "larkspan: MESSAGE" on standard error and ends the program. The message may hold anything.
 [[noreturn]] void fail(std::string_view message, int status = 1);
 /// Just says it.
 void complain(std::string_view message);

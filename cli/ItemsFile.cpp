@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include "cli/Json.h"
-#include "cli/Text.h"
 
 namespace larkspan::cli {
 
@@ -33,7 +32,7 @@ std::variant<std::string, const char*> readAll(int descriptor) {
 
 std::variant<Items, std::string> readItemsFile(const std::string& path) {
   const bool isInput = path == "-";
-  const std::string place = (isInput ? "standard input" : printable(path)) + ": ";
+  const std::string place = (isInput ? "standard input" : path) + ": ";
   const int descriptor = isInput ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (descriptor < 0) return place + std::strerror(errno);
   const auto content = readAll(descriptor);

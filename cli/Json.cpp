@@ -241,7 +241,7 @@ Kind kindOf(std::string_view key) {
 MessageItem itemFrom(const json& object) {
   Dictionary userInfo = Dictionary::withCapacity(object.size());
   for (const auto& [key, node] : object.items()) {
-    const std::string place = printable(key) + " ";
+    const std::string place = key + " ";
     const Kind kind = kindOf(key);
     try {
       auto value = typedValue(node, kind);
@@ -270,7 +270,7 @@ std::variant<Items, std::string> itemsFromJson(std::string_view text) {
   } catch (const json::exception& exception) {
     // "[json.exception.parse_error.101] parse error at line 1, column 5: …"
     const std::string_view reason = exception.what();
-    return "not JSON: " + printable(reason.substr(std::min(reason.find("] ") + 2, reason.size())));
+    return "not JSON: " + std::string(reason.substr(std::min(reason.find("] ") + 2, reason.size())));
   }
   if (!root.is_array()) return "must be an array of objects";
   Items items;

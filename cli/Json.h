@@ -15,7 +15,7 @@ namespace larkspan::cli {
 /// Printable, without a line end; on several lines if `indented`.
 std::string jsonText(const platform::Value& value, bool indented);
 
-/// The items of a JSON array of objects, or the reason in English, printable, why it is none. The kind of a
+/// The items of a JSON array of objects, or the reason in English why it is none. The kind of a
 /// value is that of its key in the vocabulary; other keys take what the JSON looks like.
 std::variant<Items, std::string> itemsFromJson(std::string_view text);
 

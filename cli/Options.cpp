@@ -4,7 +4,6 @@
 
 #include "cli/Ending.h"
 #include "cli/Output.h"
-#include "cli/Text.h"
 
 namespace larkspan::cli {
 
@@ -88,7 +87,7 @@ Options parseArguments(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     const auto subcommands = app.get_subcommands();
     const std::string name = subcommands.empty() ? "" : " " + subcommands[0]->get_name();
-    fail(printable(error.what()) + " (see larkspan" + name + " --help)", 2);
+    fail(error.what() + (" (see larkspan" + name + " --help)"), 2);
   }
   return options;
 }

@@ -23,11 +23,11 @@ using Command = Options::Command;
 
 namespace {
 
-/// Where extensions were looked for, a folder a line.
-std::string foldersText() {
-  std::string text;
-  for (const std::string& folder : platform::extensionDirectories()) text += "  " + printable(folder) + "\n";
-  return text;
+/// Says where there was nothing, a folder a line.
+std::string noExtensionsText() {
+  std::string text = "No extensions in";
+  for (const std::string& folder : platform::extensionDirectories()) text += "\n  " + printable(folder);
+  return text + "\n";
 }
 
 /// The extension that is called so, or whose identifier alone ends so; there is no return if there is none.
@@ -42,9 +42,9 @@ Handle select(const std::vector<Handle>& extensions, const std::string& ending) 
     names += (names.empty() ? "" : ", ") + identifier;
   }
   if (fitting.size() == 1) return fitting[0];
-  const std::string quoted = "\"" + printable(ending) + "\"";
+  const std::string quoted = "\"" + ending + "\"";
   if (!fitting.empty()) fail(quoted + " may be any of " + names);
-  fail("there is no extension " + quoted + "; larkspan extensions lists those that there are");
+  fail("there is no extension " + quoted + "; larkspan extensions says which there are");
 }
 
 Array dictionariesOf(const std::vector<Handle>& extensions) {
@@ -108,8 +108,7 @@ class Run {
       writeOutput(jsonText(dictionariesOf(extensions), !options_.watch) + "\n");
     } else {
       if (found_) writeOutput("\n");
-      writeOutput(extensions.empty() ? "No extensions in\n" + foldersText()
-                                     : extensionsText(extensions, outputWidth()));
+      writeOutput(extensions.empty() ? noExtensionsText() : extensionsText(extensions, outputWidth()));
     }
     found_ = true;
     if (!options_.watch) finish(0);
@@ -197,7 +196,7 @@ class Run {
       if (!isHidden) text += (text.empty() ? "" : "\n") + overviewText(overview, outputWidth());
     }
     if (options_.json) text = jsonText(Array(std::move(dictionaries)), true) + "\n";
-    if (text.empty()) text = "No extensions in\n" + foldersText();
+    if (text.empty()) text = noExtensionsText();
     writeOutput(text);
     if (!isWorthwhile) fail("no extension answered");
     finish(0);

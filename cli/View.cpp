@@ -200,7 +200,7 @@ std::string overviewText(const Overview& overview, std::size_t width) {
     if (sorted.size() > shown)
       text += std::string(14, ' ') + "… and " + std::to_string(sorted.size() - shown) + " more\n";
   }
-  if (overview.error) text += "  failed: " + *overview.error + "\n";
+  if (overview.error) text += "  failed: " + printable(*overview.error) + "\n";
   return text;
 }
 
