@@ -23,11 +23,12 @@ using Command = Options::Command;
 
 namespace {
 
-/// Says where there was nothing, a folder a line.
+/// Says where there is nothing.
 std::string noExtensionsText() {
-  std::string text = "No extensions in";
-  for (const std::string& folder : platform::extensionDirectories()) text += "\n  " + printable(folder);
-  return text + "\n";
+  std::string text;
+  for (const std::string& folder : platform::extensionDirectories())
+    text += (text.empty() ? "" : ", ") + folder;
+  return printable("there are no extensions in " + text);
 }
 
 /// The extension that is called so, or whose identifier alone ends so; there is no return if there is none.
@@ -43,6 +44,7 @@ Handle select(const std::vector<Handle>& extensions, const std::string& ending) 
   }
   if (fitting.size() == 1) return fitting[0];
   const std::string quoted = "\"" + ending + "\"";
+  if (extensions.empty()) fail(noExtensionsText());
   if (!fitting.empty()) fail(quoted + " may be any of " + names);
   fail("there is no extension " + quoted + "; larkspan extensions says which there are");
 }
@@ -108,7 +110,7 @@ class Run {
       writeOutput(jsonText(dictionariesOf(extensions), !options_.watch) + "\n");
     } else {
       if (found_) writeOutput("\n");
-      writeOutput(extensions.empty() ? noExtensionsText() : extensionsText(extensions, outputWidth()));
+      writeOutput(extensions.empty() ? noExtensionsText() + "\n" : extensionsText(extensions, outputWidth()));
     }
     found_ = true;
     if (!options_.watch) finish(0);
@@ -196,7 +198,7 @@ class Run {
       if (!isHidden) text += (text.empty() ? "" : "\n") + overviewText(overview, outputWidth());
     }
     if (options_.json) text = jsonText(Array(std::move(dictionaries)), true) + "\n";
-    if (text.empty()) text = noExtensionsText();
+    if (overviews_.empty() && !options_.json) text = noExtensionsText() + "\n";
     writeOutput(text);
     if (!isWorthwhile) fail("no extension answered");
     finish(0);

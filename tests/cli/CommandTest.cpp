@@ -24,11 +24,12 @@ std::string flat(std::string json) {
 TEST(Command, ListsTheExtensionsBesideItAndFindsOneByItsEnding) {
   Program program;
   EXPECT_EQ(program.run({"extensions", "--json"}).output, "[]\n");
-  const auto none = program.run({});
-  EXPECT_EQ(none.code(), 0);
-  EXPECT_NE(none.output.find(program.tree().path("share/larkspan/extensions\n")), std::string::npos)
-      << none.output;
-
+  for (const Words& words : {Words(), {"extensions"}, {"info", "x"}}) {
+    const auto none = program.run(words);
+    EXPECT_EQ(none.code(), words.size() == 2 ? 1 : 0);
+    const std::string folder = program.tree().path("share/larkspan/extensions\n");
+    EXPECT_TRUE((none.output + none.error).ends_with(folder)) << none.output << none.error;
+  }
   program.add("b.caches", "kinds");
   program.add("a.caches", "kinds");
   program.add("caches", "kinds");
