@@ -66,10 +66,13 @@ void waitForChildren(std::chrono::milliseconds patience) {
 }  // namespace
 
 void watchSignals() {
-  // What is ignored, as under nohup(1), stays ignored.
   sigset_t signals;
   sigemptyset(&signals);
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, signal);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  // Under nohup(1) it stays ignored, which a blocked signal is not.
+  struct sigaction hangUp;
+  if (sigaction(SIGHUP, nullptr, &hangUp) == 0 && hangUp.sa_handler != SIG_IGN) sigaddset(&signals, SIGHUP);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   std::signal(SIGPIPE, SIG_IGN);
   const int descriptor = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);

@@ -8,9 +8,9 @@
 /// How the program ends. However it does, no extension that it started outlives it.
 namespace larkspan::cli {
 
-/// Takes SIGINT, SIGTERM and SIGHUP from the threads to come: to be called before there are any. From then on
-/// the first of these signals ends the program within a moment, whatever its threads wait for, with status
-/// 128 + signal; the second ends it on the spot.
+/// Takes SIGINT, SIGTERM and, unless it is ignored, SIGHUP from the threads to come: to be called before
+/// there are any. From then on the first of these signals ends the program within a moment, whatever its
+/// threads wait for, with status 128 + signal; the second ends it on the spot.
 void watchSignals();
 
 /// Names an extension whose process is to end with the program. Any thread.
