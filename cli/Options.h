@@ -1,0 +1,24 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace larkspan::cli {
+
+/// What the person asked for.
+struct Options {
+  enum class Command { overview, extensions, info, resources, tips, ask };
+
+  Command command = Command::overview;
+  std::string identifier;  ///< Of the extension, or its ending.
+  std::string askCommand;
+  std::optional<std::string> itemsFile;  ///< "-" is standard input.
+  bool json = false;
+  bool watch = false;
+  double timeout = 60;  ///< Seconds.
+};
+
+/// Reads the command line; ends the program where that asks for help or cannot be understood.
+Options parseArguments(int argc, char** argv);
+
+}  // namespace larkspan::cli

@@ -1,0 +1,71 @@
+#include "cli/Progress.h"
+
+#include "larkspan/host/LKSHostExtensionContext.h"
+#include "larkspan/items/MessageItem.h"
+#include "larkspan/platform/dispatch/DispatchQueue.h"
+#include "larkspan/platform/text/SizeText.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include <unistd.h>
+
+#include "cli/Sum.h"
+
+namespace larkspan::cli {
+
+namespace {
+
+constexpr std::chrono::milliseconds kRedrawInterval{100};
+constexpr std::string_view kEraseLine = "\r\x1b[K";
+
+std::atomic<bool> shown = false;
+
+void writeLine(std::string_view text) {
+  [[maybe_unused]] const ssize_t count = write(STDERR_FILENO, text.data(), text.size());
+}
+
+bool canShow() {
+  const char* terminal = std::getenv("TERM");
+  return isatty(STDERR_FILENO) && terminal && std::string_view(terminal) != "dumb";
+}
+
+struct Found {
+  std::mutex mutex;
+  Sum sum;
+  bool drawing = false;  // A redraw is on its way.
+};
+
+}  // namespace
+
+Progress::Progress() {
+  if (!canShow()) return;
+  const auto found = std::make_shared<Found>();
+  token_ = platform::NotificationCenter::defaultCenter().addObserver(
+      std::string(std::string_view(LKSOpaqueExtensionResourceEnumerationProgressNotification)), nullptr,
+      [found](const platform::Notification& notification) {
+        const Items items = itemsFromValue(notification.userInfo.get(LKSOpaqueExtensionAddedResourcesKey));
+        const std::lock_guard lock(found->mutex);
+        for (const MessageItem& item : items) found->sum.add(item.lks_size());
+        if (std::exchange(found->drawing, true)) return;
+        platform::DispatchQueue::main()->after(kRedrawInterval, [weak = std::weak_ptr(found)] {
+          const auto current = weak.lock();
+          if (!current) return;
+          const std::lock_guard again(current->mutex);
+          current->drawing = false;
+          shown = true;
+          writeLine(std::string(kEraseLine) + "… " + std::to_string(current->sum.count) + " items, " +
+                    platform::sizeText(current->sum.bytes));
+        });
+      });
+}
+
+void Progress::erase() {
+  if (shown.exchange(false)) writeLine(kEraseLine);
+}
+
+}  // namespace larkspan::cli

@@ -1,0 +1,142 @@
+#include "tests/cli/Program.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace larkspan::tests {
+
+namespace fs = std::filesystem;
+
+int Outcome::code() const { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
+
+Program::Program() {
+  fs::create_directories(tree_.path("bin"));
+  const fs::path real = LARKSPAN_TEST_BIN "/larkspan";
+  std::error_code otherVolume;
+  fs::create_hard_link(real, tree_.path("bin/larkspan"), otherVolume);
+  if (otherVolume) fs::copy_file(real, tree_.path("bin/larkspan"));
+  mkfifo(fifo().c_str(), 0600);
+}
+
+void Program::add(const std::string& identifier, const std::string& behaviour) {
+  tree_.write("share/larkspan/extensions/" + identifier + ".extension",
+              "[Extension]\nExtensionPoint=corvane.larkspan\nIdentifier=" + identifier + "\nName=The " +
+                  behaviour + "\nExec=" LARKSPAN_TEST_BIN "/fixtures/fixture_extension " + behaviour + ' ' +
+                  tree_.path(identifier + ".pid") + ' ' + fifo() + '\n');
+}
+
+void Program::start(const std::vector<std::string>& arguments, const std::string& input, bool terminal,
+                    const char* outputFile) {
+  std::vector<std::string> words{tree_.path("bin/larkspan")};
+  words.insert(words.end(), arguments.begin(), arguments.end());
+  std::vector<char*> argumentPointers;
+  for (std::string& word : words) argumentPointers.push_back(word.data());
+  argumentPointers.push_back(nullptr);
+  std::string environment[] = {"LARKSPAN_LOG=none",
+                               "TZ=UTC",
+                               "TERM=xterm",
+                               "PATH=/usr/bin:/bin",
+                               "XDG_DATA_HOME=" + tree_.path("none"),
+                               "XDG_DATA_DIRS=" + tree_.path("none")};
+  std::vector<char*> environmentPointers;
+  for (std::string& entry : environment) environmentPointers.push_back(entry.data());
+  environmentPointers.push_back(nullptr);
+
+  int output[2], error[2];
+  ASSERT_EQ(pipe2(output, O_CLOEXEC), 0);
+  if (terminal) {
+    error[0] = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_EQ(grantpt(error[0]) | unlockpt(error[0]), 0);
+    error[1] = open(ptsname(error[0]), O_RDWR | O_NOCTTY | O_CLOEXEC);
+  } else {
+    ASSERT_EQ(pipe2(error, O_CLOEXEC), 0);
+  }
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, tree_.write("input", input).c_str(), O_RDONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, output[1], 1);
+  if (outputFile) posix_spawn_file_actions_addopen(&actions, 1, outputFile, O_WRONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, error[1], 2);
+  ASSERT_EQ(posix_spawn(&process_, words[0].c_str(), &actions, nullptr, argumentPointers.data(),
+                        environmentPointers.data()),
+            0);
+  posix_spawn_file_actions_destroy(&actions);
+  close(output[1]);
+  close(error[1]);
+  output_ = output[0];
+  error_ = error[0];
+  outcome_ = {};
+}
+
+void Program::read(int& descriptor, std::string& text) {
+  char buffer[65536];
+  const ssize_t count = ::read(descriptor, buffer, sizeof buffer);
+  if (count > 0) {
+    text.append(buffer, static_cast<std::size_t>(count));
+  } else {
+    close(std::exchange(descriptor, -1));
+  }
+}
+
+void Program::waitForError(const std::string& text) {
+  while (error_ >= 0 && outcome_.error.find(text) == std::string::npos) read(error_, outcome_.error);
+}
+
+std::string Program::readLine() {
+  while (output_ >= 0 && outcome_.output.find('\n') == std::string::npos) read(output_, outcome_.output);
+  const std::size_t size = std::min(outcome_.output.find('\n') + 1, outcome_.output.size());
+  const std::string line = outcome_.output.substr(0, size);
+  outcome_.output.erase(0, size);
+  return line;
+}
+
+void Program::closeOutput() { close(std::exchange(output_, -1)); }
+
+Outcome Program::finish() {
+  while (output_ >= 0 || error_ >= 0) {
+    pollfd ready[] = {{output_, POLLIN, 0}, {error_, POLLIN, 0}};
+    poll(ready, 2, -1);
+    if (ready[0].revents) read(output_, outcome_.output);
+    if (ready[1].revents) read(error_, outcome_.error);
+  }
+  waitpid(process_, &outcome_.status, 0);
+  return std::exchange(outcome_, {});
+}
+
+Outcome Program::run(const std::vector<std::string>& arguments, const std::string& input) {
+  start(arguments, input);
+  return finish();
+}
+
+pid_t Program::extension(const std::string& identifier) {
+  pid_t process = 0;
+  // Written under another name first: what is there is complete. A command that ends early ends the wait.
+  for (siginfo_t ended{};
+       ended.si_pid == 0 && !(std::ifstream(tree_.path(identifier + ".pid")) >> process);) {
+    sched_yield();
+    waitid(P_PID, static_cast<id_t>(process_), &ended, WEXITED | WNOHANG | WNOWAIT);
+  }
+  return process;
+}
+
+bool Program::isGone(const std::string& identifier) {
+  std::ifstream file(tree_.path(identifier + ".pid"));
+  pid_t process = 0;
+  if (!(file >> process)) ADD_FAILURE() << identifier << " never ran";
+  fs::remove(tree_.path(identifier + ".pid"));
+  std::string number, name, state;
+  std::ifstream status("/proc/" + std::to_string(process) + "/stat");
+  // A zombie waits for whoever inherited it.
+  return !(status >> number >> name >> state) || state == "Z";
+}
+
+}  // namespace larkspan::tests

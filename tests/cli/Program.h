@@ -1,0 +1,59 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+#include "tests/support/ManifestTree.h"
+
+namespace larkspan::tests {
+
+/// What a program said and how it ended.
+struct Outcome {
+  int status = -1;  ///< Of wait(2).
+  std::string output, error;
+
+  /// -1 when a signal ended it.
+  int code() const;
+};
+
+/// The command, installed below a folder of its own with extensions beside it.
+class Program {
+ public:
+  Program();
+
+  /// Installs an extension that behaves so (fixtures/fixture_extension.cpp).
+  void add(const std::string& identifier, const std::string& behaviour);
+  /// Runs the command to its end.
+  Outcome run(const std::vector<std::string>& arguments, const std::string& input = "");
+
+  /// Starts it. With `terminal` its standard error is one; `outputFile` replaces the pipe that takes its
+  /// output.
+  void start(const std::vector<std::string>& arguments, const std::string& input = "", bool terminal = false,
+             const char* outputFile = nullptr);
+  pid_t process() const { return process_; }
+  /// Waits until it has written that to standard error.
+  void waitForError(const std::string& text);
+  /// Waits for the next line of standard output.
+  std::string readLine();
+  void closeOutput();
+  Outcome finish();
+
+  /// The process of an extension once it runs.
+  pid_t extension(const std::string& identifier);
+  /// Whether the process of an extension that was started has ended.
+  bool isGone(const std::string& identifier);
+  std::string fifo() const { return tree_.path("fifo"); }
+  const ManifestTree& tree() const { return tree_; }
+
+ private:
+  void read(int& descriptor, std::string& text);
+
+  ManifestTree tree_;
+  pid_t process_ = -1;
+  int output_ = -1, error_ = -1;
+  Outcome outcome_;
+};
+
+}  // namespace larkspan::tests
