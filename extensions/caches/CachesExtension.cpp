@@ -54,13 +54,13 @@ Error failure(const std::string& text) { return Error(kCachesErrorDomain, 1, tex
 /// A tip's reference says what to do: a date, to delete the thumbnails not used since; a URL, to empty that
 /// folder.
 LKSTipMessage tipWith(const std::string& title, const std::string& secondary, const char* action,
-                      const char* information, int64_t bytes, platform::Value reference) {
+                      const char* information, int64_t bytes, std::string_view reference) {
   auto tip = LKSTipMessage::initLKSTipWithTitle(title).value();
   tip.setLks_secondaryTitle(secondary);
   tip.setLks_actionButtonTitle(action);
   tip.setLks_infoText(information);
   tip.setLks_size(bytes);
-  tip.setLks_reference(std::move(reference));
+  tip.setLks_reference(reference);
   return tip;
 }
 
@@ -154,7 +154,7 @@ std::vector<LKSTipMessage> CachesExtension::tipItems() {
                            format("%@ in %lld previews that nothing has used for %lld days",
                                   localizedFileSize(old.bytes), old.count, kThumbnailAgeInDays),
                            "Delete", "A preview is made again when its file is next shown.", old.bytes,
-                           limit));
+                           limit.description()));
   }
   for (const CacheEntry& entry : entries()) {
     if (!isLarge(entry)) continue;
@@ -162,7 +162,7 @@ std::vector<LKSTipMessage> CachesExtension::tipItems() {
         tipWith(format("Empty the cache “%@”", entry.name),
                 format("It has grown to %@", localizedFileSize(entry.bytes)), "Empty",
                 "The application makes or downloads again what it needs, and may be slower until then.",
-                entry.bytes, entry.url));
+                entry.bytes, entry.url.absoluteString()));
   }
   return tips;
 }
@@ -171,14 +171,14 @@ std::optional<LKSConfirmPanel> CachesExtension::confirmationTextForTipAction(
     const std::optional<LKSTipMessage>& tip) {
   if (!tip) return std::nullopt;
   const auto reference = tip->lks_reference();
-  if (const auto date = reference.date()) {
+  if (const auto date = platform::Date::parse(reference.text())) {
     const auto old = oldThumbnails(directory_, thumbnailLimit(*date));
     return panelWith(format("Delete %lld old thumbnails?", old.count),
                      format("This frees %@. A preview is made again when its file is next shown.",
                             localizedFileSize(old.bytes)),
                      "Delete");
   }
-  const auto url = reference.url();
+  const auto url = URL::parse(reference.text());
   const auto entry = url ? directory_.entry(*url) : std::nullopt;
   if (!entry) return std::nullopt;
   return panelWith(
@@ -197,8 +197,9 @@ std::optional<Error> CachesExtension::performTipAction(const LKSTipMessage& tip)
 }
 
 std::optional<Error> CachesExtension::perform(const platform::Value& reference) {
-  if (const auto date = reference.date()) return removeOldThumbnails(directory_, thumbnailLimit(*date)).error;
-  const auto url = reference.url();
+  if (const auto date = platform::Date::parse(reference.text()))
+    return removeOldThumbnails(directory_, thumbnailLimit(*date)).error;
+  const auto url = URL::parse(reference.text());
   if (!url) return failure("This recommendation is none of this extension's.");
   // What was offered for its size and has shrunk since is not to go.
   const auto entry = directory_.entry(*url);
