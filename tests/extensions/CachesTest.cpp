@@ -33,7 +33,10 @@ class Caches : public testing::Test {
           changed.notify_all();
         });
   }
-  ~Caches() override { handle->abandon(); }
+  ~Caches() override {
+    handle->abandon();
+    ::umount2((cache + "/mount").c_str(), MNT_DETACH);
+  }
 
   /// The answer; why there is none is then in `error`.
   template <typename Operation>
@@ -149,7 +152,6 @@ TEST_F(Caches, RefusesToDeleteAnythingElse) {
   ask<LKSDeleteResourcesOperation>(all);
   EXPECT_TRUE(error.starts_with(std::to_string(bad.size() + 1) + " of ")) << error;
   EXPECT_FALSE(tree.has("cache/fine/x")) << "one that is refused stops nothing";
-  if (isMounted) ::umount2(mount.c_str(), MNT_DETACH);
 }
 
 TEST_F(Caches, OffersOldThumbnailsAndDeletesExactlyThese) {
