@@ -89,8 +89,9 @@ void LKSOpaqueExtension::exchange(const std::shared_ptr<LKSHostExtensionContext>
 }
 
 void LKSOpaqueExtension::abandon() {
-  if (const auto current = context()) current->auxiliaryConnection()->invalidate();
+  // The process first: letting go of the request might leave it time to leave by itself.
   underlyingExtension_->endProcess();
+  if (const auto current = context()) current->auxiliaryConnection()->invalidate();
 }
 
 std::vector<std::shared_ptr<LKSOpaqueExtension>> mergeHandles(

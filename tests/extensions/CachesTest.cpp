@@ -1,0 +1,214 @@
+#include "larkspan/host/LKSExtensionOperation.h"
+#include "larkspan/items/LKSConfirmPanel.h"
+#include "larkspan/items/LKSResource.h"
+#include "larkspan/items/LKSTipMessage.h"
+#include "larkspan/platform/base/NotificationCenter.h"
+#include "larkspan/platform/files/CacheDirTag.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <map>
+
+#include "tests/platform/files/TestTree.h"
+#include "tests/support/ManifestTree.h"
+
+namespace larkspan::tests {
+namespace {
+
+using platform::URL;
+
+/// The extension's own process over a cache directory in a temporary folder, as a host meets it.
+class Caches : public testing::Test {
+ protected:
+  Caches() {
+    shell("mkdir cache outside && touch outside/precious");
+    observer = platform::NotificationCenter::defaultCenter().addObserver(
+        std::nullopt, handle.get(), [this](const platform::Notification& notification) {
+          const std::lock_guard lock(mutex);
+          heard.push_back(notification.name);
+          const Items added = itemsFromValue(notification.userInfo.get(LKSOpaqueExtensionAddedResourcesKey));
+          if (isAsking) early.insert(early.end(), added.begin(), added.end());
+          changed.notify_all();
+        });
+  }
+  ~Caches() override {
+    handle->abandon();
+    ::umount2((cache + "/mount").c_str(), MNT_DETACH);
+  }
+
+  /// The answer; why there is none is then in `error`.
+  template <typename Operation>
+  Items ask(Items input = {}) {
+    const auto operation = LKSOperation::makeOperation<Operation>();
+    operation->setExtension(handle);
+    operation->setInputItems(std::move(input));
+    // It finishes on the queue that also delivers the notices.
+    const auto ended = operation->observe("isFinished", [this](auto&&...) { isAsking = false; });
+    isAsking = true;
+    operation->start();
+    operation->waitUntilFinished();
+    error = operation->error() ? operation->error()->localizedDescription() : "";
+    return operation->returnedItems().value_or(Items());
+  }
+  std::map<std::string, LKSResource> resources() {
+    std::map<std::string, LKSResource> result;
+    for (const auto& item : ask<LKSFetchResourcesOperation>()) result.emplace(*item.lks_name(), item);
+    return result;
+  }
+  long count(std::string_view name) { return std::count(heard.begin(), heard.end(), name); }
+  void expectNotice(std::string_view name) {
+    std::unique_lock lock(mutex);
+    EXPECT_TRUE(changed.wait_for(lock, std::chrono::seconds(20), [&] { return count(name) > 0; })) << name;
+    EXPECT_EQ(1, count(name)) << name;
+  }
+  std::string shell(const std::string& command) {
+    return platform::shell("cd " + tree.path() + " && set -e && " + command);
+  }
+  std::string list() { return shell("find cache outside | sort | tr '\\n' ' '"); }
+
+  platform::TestTree tree;
+  const std::string cache = tree / "cache";
+  const ScopedVariable home{"XDG_CACHE_HOME", cache.c_str()};
+  const std::shared_ptr<LKSOpaqueExtension> handle = LKSOpaqueExtension::initWithExtension(
+      std::make_shared<platform::Extension>(std::get<platform::Manifest>(platform::readManifest(
+          LARKSPAN_TEST_BIN "/../share/larkspan/extensions/corvane.larkspan.caches.extension"))));
+  std::string error;
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::vector<std::string> heard;
+  Items early;
+  std::atomic<bool> isAsking = false;
+  platform::NotificationCenter::Token observer;
+};
+
+const std::string kWriteTag =
+    "printf '" + std::string(platform::kCacheDirTagSignature) + "' >cache/tagged/CACHEDIR.TAG;";
+
+TEST_F(Caches, ListsWhatLiesInTheCacheDirectoryWithItsSizeAndCategory) {
+  shell(
+      "mkdir outside/x; cd cache; mkdir -p app/deep tagged falsely thumbnails/normal 'odd %2F' empty;"
+      "mkfifo pipe; ln -s ../outside link; ln -s nothing dangling; ln -s ../../outside app/link;"
+      "head -c 70000 /dev/zero >app/deep/f; ln app/deep/f app/again; echo Signature >falsely/CACHEDIR.TAG;"
+      "head -c 5000 /dev/zero | tee loose.db thumbnails/normal/a.png >'odd %2F/x'; cd ..;" +
+      kWriteTag);
+  const auto found = resources();
+  int64_t total = 0;
+  std::string listed;
+  for (const auto& [name, resource] : found) {
+    listed += name + ":" + resource.lks_category().value_or("") + " ";
+    const std::string own = name == "loose.db" ? "0" : "$(stat -c '%b * %B' 'cache/" + name + "')";
+    const std::string du = shell("echo -n $(($(du -xsB1 'cache/" + name + "' | cut -f1) - " + own + "))");
+    EXPECT_EQ(du, std::to_string(resource.lks_size())) << name;
+    EXPECT_EQ(URL::file(cache + "/" + name), resource.lks_URL());
+    total += resource.lks_size();
+  }
+  const std::string folders = "app:applications empty:applications falsely:applications ";
+  EXPECT_EQ(folders + "loose.db:applications odd %2F:applications tagged:tagged thumbnails:thumbnails ",
+            listed);
+  const auto information = ask<LKSFetchExtensionInfoOperation>().at(0).userInfo();
+  EXPECT_EQ(total, information.get(kSizeKey).integerValue());
+}
+
+TEST_F(Caches, EmptiesWhatIsItsOwnAndTellsTheHost) {
+  shell(
+      "mkdir -p cache/app/deep cache/tagged/deep; touch cache/app/deep/x cache/tagged/x cache/loose;"
+      "ln -s ../../outside cache/app/way;" +
+      kWriteTag);
+  const auto before = resources();
+  ask<LKSDeleteResourcesOperation>({before.at("app"), before.at("tagged"), before.at("loose")});
+  EXPECT_EQ("", error);
+  EXPECT_EQ("cache cache/app cache/tagged cache/tagged/CACHEDIR.TAG outside outside/precious ", list());
+  expectNotice(LKSOpaqueExtensionBytesUsedDidChangeNotification);
+  expectNotice(LKSOpaqueExtensionResourcesDidChangeNotification);
+  EXPECT_EQ(0, resources().at("app").lks_size()) << "the walk from before the deletion is not used again";
+}
+
+TEST_F(Caches, RefusesToDeleteAnythingElse) {
+  shell("cd cache; mkdir -p app/inner fine mount; touch app/inner/x fine/x; ln -s ../outside link");
+  const std::string mount = cache + "/mount";
+  const bool isMounted = ::mount("none", mount.c_str(), "tmpfs", 0, "size=1m") == 0;
+  if (isMounted) tree.file("cache/mount/inside");
+  std::vector<std::string> bad = {"https://a.org" + cache + "/app", "file://a" + cache + "/app",
+                                  cache + "/app"};
+  for (const char* end :
+       {"", "/", "//", "/.", "/..", "/app/..", "/../outside", "/..%2Foutside", "/%2e%2e/outside",
+        "/app/../../outside", "/app%2Finner", "/app/inner", "/app/./inner", "/link", "/link/",
+        "/link/precious", "/nothing", "x/app", "/mount"}) {
+    if (isMounted || std::string_view(end) != "/mount") bad.push_back("file://" + cache + end);
+  }
+  const std::string before = list();
+  Items all{LKSResource::initLKSResourceItemWithName("without a URL")};
+  for (const std::string& url : bad) {
+    all.push_back(LKSResource::initLKSResourceItemWithName("x"));
+    LKSResource(all.back()).setLks_URL(URL::parse(url).value());
+    ask<LKSDeleteResourcesOperation>({all.back()});
+    EXPECT_TRUE(error.starts_with("1 of 1 caches could not be emptied: ")) << url << " " << error;
+    ASSERT_EQ(before, list()) << url;
+  }
+  EXPECT_EQ(isMounted ? 0u : 1u, resources().count("mount"));
+  all.push_back(LKSResource::initLKSResourceItemWithFilePath(cache + "/fine").value());
+  ask<LKSDeleteResourcesOperation>(all);
+  EXPECT_TRUE(error.starts_with(std::to_string(bad.size() + 1) + " of ")) << error;
+  EXPECT_FALSE(tree.has("cache/fine/x")) << "one that is refused stops nothing";
+}
+
+TEST_F(Caches, OffersOldThumbnailsAndDeletesExactlyThese) {
+  shell(
+      "mkdir -p cache/thumbnails/normal cache/thumbnails/fail/program; cd cache/thumbnails;"
+      "ln -s ../../outside large; touch normal/new.png normal/read.png normal/notes.txt fail/program/new.png;"
+      "for f in normal/old.png fail/program/old.png ../../outside/old.png; do fallocate -l 6M $f; done;"
+      "touch -d '40 days ago' */old.png */*/old.png normal/notes.txt;"
+      "touch -m -d '40 days ago' normal/read.png");
+  const Items tips = ask<LKSFetchRecommendationsOperation>();
+  ASSERT_EQ(1u, tips.size());
+  EXPECT_EQ(12 << 20, tips[0].lks_size());
+  const LKSConfirmPanel panel(ask<LKSFetchPerformRecommendationConfirmationOperation>(tips).at(0));
+  EXPECT_TRUE(panel.lks_confirmMessage()->starts_with("This frees 12.6 MB. "));
+  // A forged date reaches no further than what is old.
+  LKSTipMessage(tips[0]).setLks_reference("9000-01-01T00:00:00Z");
+  std::string left = list();
+  ask<LKSPerformRecommendationOperation>(tips);
+  for (const std::string folder : {"normal", "fail/program"}) {
+    const std::string gone = "cache/thumbnails/" + folder + "/old.png ";
+    left.erase(left.find(gone), gone.size());
+  }
+  EXPECT_EQ(left, list());
+  expectNotice(LKSOpaqueExtensionRecommendationsDidChangeNotification);
+  expectNotice(LKSOpaqueExtensionResourcesDidChangeNotification);
+  EXPECT_TRUE(ask<LKSFetchRecommendationsOperation>().empty());
+}
+
+TEST_F(Caches, OffersToEmptyAVeryLargeCacheAndChecksAgainBeforeItDoes) {
+  shell("mkdir cache/huge cache/small; touch cache/small/x");
+  if (shell("fallocate -l 1G cache/huge/x || echo no") == "no\n") GTEST_SKIP() << "no room for 1 GiB";
+  const Items tips = ask<LKSFetchRecommendationsOperation>();
+  ASSERT_EQ(1u, tips.size());
+  const LKSConfirmPanel panel(ask<LKSFetchPerformRecommendationConfirmationOperation>(tips).at(0));
+  EXPECT_TRUE(panel.lks_confirmMessage()->starts_with("This frees 1.07 GB. "));
+  for (const char* forged : {"/cache/small", "/cache/../outside", "/outside"}) {
+    LKSTipMessage tip(MessageItem{});
+    tip.setLks_reference("file://" + tree.path() + forged);
+    ask<LKSPerformRecommendationOperation>({tip});
+    EXPECT_TRUE(error.ends_with("is no large cache any more.")) << forged << error;
+  }
+  ask<LKSPerformRecommendationOperation>(tips);
+  EXPECT_EQ("", error);
+  EXPECT_EQ("cache cache/huge cache/small cache/small/x outside outside/precious ", list());
+}
+
+TEST_F(Caches, SendsWhatItFindsWhileItStillWalks) {
+  const platform::TestTree many(platform::TestTree::kInMemory);
+  const ScopedVariable elsewhere("XDG_CACHE_HOME", many.path().c_str());
+  shell("cd " + many.path() + "; mkdir $(seq 10000)");
+  const auto found = resources();
+  EXPECT_EQ(10000u, found.size());
+  const std::lock_guard lock(mutex);
+  EXPECT_FALSE(early.empty());
+  EXPECT_LT(count(LKSOpaqueExtensionResourceEnumerationProgressNotification), 500) << "many in a message";
+  for (const MessageItem& item : early) EXPECT_TRUE(found.contains(*item.lks_name()));
+}
+
+}  // namespace
+}  // namespace larkspan::tests
