@@ -56,7 +56,7 @@ Array dictionariesOf(const std::vector<Handle>& extensions) {
     result.push_back(Dictionary{{"identifier", manifest.identifier},
                                 {"name", manifest.name},
                                 {"manifest", manifest.path},
-                                {"executable", manifest.exec[0]}});
+                                {"executable", executableOf(manifest)}});
   }
   return Array(std::move(result));
 }

@@ -110,11 +110,19 @@ std::string countText(std::size_t count, const char* one) {
 
 std::string knownSizeText(int64_t bytes) { return bytes < 0 ? kUnknown : platform::sizeText(bytes); }
 
+std::string executableOf(const platform::Manifest& manifest) {
+  const std::string& program = manifest.exec[0];
+  char* const resolved = program.find('/') == program.npos ? nullptr : ::realpath(program.c_str(), nullptr);
+  std::string result = resolved ? resolved : program;
+  std::free(resolved);
+  return result;
+}
+
 std::string extensionsText(const std::vector<Handle>& extensions, std::size_t width) {
   Table table({{"NAME"}, {"IDENTIFIER"}, {"PROGRAM"}, {"MANIFEST"}});
   for (const Handle& handle : extensions) {
     const auto& manifest = handle->underlyingExtension()->manifest();
-    table.add({manifest.name, manifest.identifier, manifest.exec[0], manifest.path});
+    table.add({manifest.name, manifest.identifier, executableOf(manifest), manifest.path});
   }
   return table.text(width);
 }

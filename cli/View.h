@@ -9,6 +9,8 @@
 /// What people read. Each ends in a line end; `width` is that of the terminal, or 0.
 namespace larkspan::cli {
 
+/// The program that a manifest starts, without the detours of its spelling where it exists.
+std::string executableOf(const platform::Manifest& manifest);
 std::string extensionsText(const std::vector<Handle>& extensions, std::size_t width);
 /// What the extension says about itself, a line for each field that is not empty.
 std::string infoText(const MessageItem& item);

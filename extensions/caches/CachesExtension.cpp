@@ -150,11 +150,11 @@ std::vector<LKSTipMessage> CachesExtension::tipItems() {
   const auto limit = thumbnailAgeLimit();
   const auto old = oldThumbnails(directory_, limit);
   if (old.bytes >= kManyThumbnails) {
-    tips.push_back(tipWith("Delete old thumbnails",
-                           format("%@ in %lld previews that nothing has used for %lld days",
-                                  localizedFileSize(old.bytes), old.count, kThumbnailAgeInDays),
-                           "Delete", "A preview is made again when its file is next shown.", old.bytes,
-                           limit.description()));
+    tips.push_back(tipWith(
+        "Delete old thumbnails",
+        format("%@ in %@ that nothing has used for %lld days", localizedFileSize(old.bytes),
+               old.count == 1 ? "one preview" : format("%lld previews", old.count), kThumbnailAgeInDays),
+        "Delete", "A preview is made again when its file is next shown.", old.bytes, limit.description()));
   }
   for (const CacheEntry& entry : entries()) {
     if (!isLarge(entry)) continue;
@@ -173,10 +173,11 @@ std::optional<LKSConfirmPanel> CachesExtension::confirmationTextForTipAction(
   const auto reference = tip->lks_reference();
   if (const auto date = platform::Date::parse(reference.text())) {
     const auto old = oldThumbnails(directory_, thumbnailLimit(*date));
-    return panelWith(format("Delete %lld old thumbnails?", old.count),
-                     format("This frees %@. A preview is made again when its file is next shown.",
-                            localizedFileSize(old.bytes)),
-                     "Delete");
+    return panelWith(
+        old.count == 1 ? "Delete one old thumbnail?" : format("Delete %lld old thumbnails?", old.count),
+        format("This frees %@. A preview is made again when its file is next shown.",
+               localizedFileSize(old.bytes)),
+        "Delete");
   }
   const auto url = URL::parse(reference.text());
   const auto entry = url ? directory_.entry(*url) : std::nullopt;
