@@ -227,7 +227,7 @@ TEST_F(RawPeer, InvalidationFailsCallsAtOnceAndForGood) {
   EXPECT_EQ(outcomes.now().at(1).code(), static_cast<int64_t>(TransportErrorCode::invalidated));
   EXPECT_TRUE(connection->post("note", {1}));
   connection->invalidate();
-  EXPECT_EQ(std::count(events.now().begin(), events.now().end(), "invalidated"), 1);
+  EXPECT_EQ(events.now(), std::vector<std::string>{"invalidated"});
 }
 
 /// Two connections over a real socket, the far one answering.
@@ -295,8 +295,8 @@ TEST_F(Answering, EveryCallEndsHoweverTheAnswerFails) {
     reply({Value(2)});
   };
   EXPECT_EQ(ask("echo"), 0);
-  EXPECT_EQ(log.console().size(), 1u) << "the second answer is said and dropped";
   EXPECT_EQ(ask("no such method"), code(TransportErrorCode::unknownMethod));
+  EXPECT_EQ(log.console().size(), 1u) << "the second answer is said and dropped";
   EXPECT_EQ(ask("note"), code(TransportErrorCode::unknownMethod)) << "no reply to be had";
   for (int i = 0; i < 100; ++i) EXPECT_FALSE(connection->post("note", {i}));
   const auto all = notes.waitFor(100);
