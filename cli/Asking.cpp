@@ -1,12 +1,11 @@
 #include "cli/Asking.h"
 
+#include "cli/Ending.h"
 #include "larkspan/items/LKSCommand.h"
 #include "larkspan/platform/base/Clock.h"
 #include "larkspan/platform/dispatch/DispatchQueue.h"
 
 #include <cstdio>
-
-#include "cli/Ending.h"
 
 namespace larkspan::cli {
 
@@ -96,7 +95,7 @@ void Asking::expire() {
   // Whoever is answered may ask again; that question comes too late as well.
   while (!open_.empty()) {
     const auto& [question, open] = *open_.begin();
-    open.extension->underlyingExtension()->endProcess();
+    open.extension->abandon();
     answer(question, {std::nullopt, open.extension->identifier() + " did not answer " + limitText()});
   }
   late_();

@@ -29,8 +29,7 @@ struct Answer {
 /// Owner:   the program, for its life.
 /// Thread:  the main queue's; that is where it calls back, too.
 /// Failure: each question has one answer; those that are open when the time has passed are answered with an
-/// error that
-///          names the extension, whose process is killed.
+///          error that names the extension, whose process is killed.
 class Asking {
  public:
   using Done = std::function<void(Answer)>;

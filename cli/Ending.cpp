@@ -1,8 +1,11 @@
 #include "cli/Ending.h"
 
+#include "cli/Progress.h"
+#include "cli/Text.h"
 #include "larkspan/platform/dispatch/DispatchQueue.h"
 #include "larkspan/platform/dispatch/IoSource.h"
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -15,9 +18,6 @@
 #include <sys/signalfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include "cli/Progress.h"
-#include "cli/Text.h"
 
 namespace larkspan::cli {
 
@@ -56,9 +56,18 @@ void waitForChildren(std::chrono::milliseconds patience) {
   }
 }
 
+/// Set once a signal ends the program.
+std::atomic<bool> interrupted{false};
+
+/// What fails because extensions are being killed is nobody's business, and decides no exit status.
+void keepQuietWhenInterrupted() {
+  while (interrupted) pause();
+}
+
 [[noreturn]] void endNow(int status) {
+  interrupted = true;
   Progress::erase();
-  for (const auto& handle : allExtensions()) handle->underlyingExtension()->endProcess();
+  for (const auto& handle : allExtensions()) handle->abandon();
   waitForChildren(kKillPatience);
   _exit(status);
 }
@@ -98,13 +107,14 @@ void endWithProgram(std::shared_ptr<LKSOpaqueExtension> extension) {
 }
 
 void finish(int status) {
+  keepQuietWhenInterrupted();
   Progress::erase();
   for (const auto& handle : allExtensions()) {
     // Its process sees end of file. One that is still starting has no context yet.
     if (const auto context = handle->context()) {
       context->auxiliaryConnection()->invalidate();
     } else {
-      handle->underlyingExtension()->endProcess();
+      handle->abandon();
     }
   }
   waitForChildren(kLeavePatience);
@@ -112,6 +122,7 @@ void finish(int status) {
 }
 
 void complain(std::string_view message) {
+  keepQuietWhenInterrupted();
   Progress::erase();
   std::string line = "larkspan: ";
   line.append(printable(message)).append("\n");

@@ -1,12 +1,12 @@
 #include "cli/ItemsFile.h"
 
+#include "cli/Json.h"
+
 #include <cerrno>
 #include <cstring>
 
 #include <fcntl.h>
 #include <unistd.h>
-
-#include "cli/Json.h"
 
 namespace larkspan::cli {
 

@@ -1,12 +1,12 @@
 #include "cli/Json.h"
 
+#include "cli/Base64.h"
+#include "cli/Text.h"
+
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <charconv>
-
-#include "cli/Base64.h"
-#include "cli/Text.h"
 
 namespace larkspan::cli {
 
@@ -25,8 +25,6 @@ constexpr unsigned kMaximumDepth = 32;
 constexpr const char* kDomain = "domain";
 constexpr const char* kCode = "code";
 constexpr const char* kDescription = "description";
-
-// --- To JSON
 
 ordered_json jsonFrom(const Value& value);
 
@@ -89,8 +87,6 @@ ordered_json jsonFrom(const Value& value) {
   }
   return value.description();
 }
-
-// --- From JSON
 
 /// Why the JSON is refused.
 struct Refusal {

@@ -1,9 +1,9 @@
 #include "cli/Options.h"
 
-#include <CLI/CLI.hpp>
-
 #include "cli/Ending.h"
 #include "cli/Output.h"
+
+#include <CLI/CLI.hpp>
 
 namespace larkspan::cli {
 

@@ -1,5 +1,7 @@
 #include "cli/Output.h"
 
+#include "cli/Ending.h"
+
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -7,8 +9,6 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
-
-#include "cli/Ending.h"
 
 namespace larkspan::cli {
 

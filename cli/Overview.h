@@ -1,9 +1,9 @@
 #pragma once
 
+#include "cli/Asking.h"
+
 #include <optional>
 #include <string>
-
-#include "cli/Asking.h"
 
 namespace larkspan::cli {
 

@@ -1,5 +1,6 @@
 #include "cli/Progress.h"
 
+#include "cli/Sum.h"
 #include "larkspan/host/LKSHostExtensionContext.h"
 #include "larkspan/items/MessageItem.h"
 #include "larkspan/platform/dispatch/DispatchQueue.h"
@@ -13,8 +14,6 @@
 #include <string_view>
 
 #include <unistd.h>
-
-#include "cli/Sum.h"
 
 namespace larkspan::cli {
 

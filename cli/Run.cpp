@@ -1,10 +1,5 @@
 #include "cli/Run.h"
 
-#include "larkspan/platform/appext/ExtensionDirectories.h"
-#include "larkspan/platform/dispatch/DispatchQueue.h"
-
-#include <algorithm>
-
 #include "cli/Ending.h"
 #include "cli/ItemsFile.h"
 #include "cli/Json.h"
@@ -12,6 +7,10 @@
 #include "cli/Progress.h"
 #include "cli/Text.h"
 #include "cli/View.h"
+#include "larkspan/platform/appext/ExtensionDirectories.h"
+#include "larkspan/platform/dispatch/DispatchQueue.h"
+
+#include <algorithm>
 
 namespace larkspan::cli {
 

@@ -1,8 +1,8 @@
 #include "cli/Table.h"
 
-#include <algorithm>
-
 #include "cli/Text.h"
+
+#include <algorithm>
 
 namespace larkspan::cli {
 

@@ -1,15 +1,14 @@
 #include "cli/View.h"
 
+#include "cli/Sum.h"
+#include "cli/Table.h"
+#include "cli/Text.h"
 #include "larkspan/items/LKSResource.h"
 #include "larkspan/items/LKSTipMessage.h"
 #include "larkspan/platform/text/SizeText.h"
 
 #include <algorithm>
 #include <ctime>
-
-#include "cli/Sum.h"
-#include "cli/Table.h"
-#include "cli/Text.h"
 
 namespace larkspan::cli {
 

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <cstddef>
-#include <string>
-
 #include "cli/Asking.h"
 #include "cli/Overview.h"
+
+#include <cstddef>
+#include <string>
 
 /// What people read. Each ends in a line end; `width` is that of the terminal, or 0.
 namespace larkspan::cli {

@@ -1,3 +1,6 @@
+#include "cli/Ending.h"
+#include "cli/Options.h"
+#include "cli/Run.h"
 #include "larkspan/platform/dispatch/DispatchQueue.h"
 
 #include <climits>
@@ -7,10 +10,6 @@
 
 #include <langinfo.h>
 #include <unistd.h>
-
-#include "cli/Ending.h"
-#include "cli/Options.h"
-#include "cli/Run.h"
 
 namespace {
 

@@ -34,8 +34,9 @@ struct CacheEntry {
 
 /// The user's cache directory (freedesktop.org's XDG Base Directory Specification). Its entries are the
 /// folders and regular files in it; links are not followed, and neither they nor what something is mounted on
-/// are entries. Thread:  any; all but `path` read the disk and block. Failure: a directory that cannot be
-/// read has no entries.
+/// are entries.
+/// Thread:  any; all but `path` read the disk and block.
+/// Failure: a directory that cannot be read has no entries.
 class CacheDirectory {
  public:
   /// $XDG_CACHE_HOME if that is absolute, else .cache in $HOME or, without that, in the home folder of the

@@ -1,12 +1,11 @@
 #include "extensions/caches/CachesExtension.h"
 
+#include "extensions/caches/PartialItems.h"
+#include "extensions/caches/Thumbnails.h"
 #include "larkspan/host/LKSCallbackManager.h"
 #include "larkspan/platform/base/Format.h"
 
 #include <algorithm>
-
-#include "extensions/caches/PartialItems.h"
-#include "extensions/caches/Thumbnails.h"
 
 namespace larkspan::caches {
 

@@ -1,9 +1,8 @@
 #pragma once
 
+#include "extensions/caches/CacheDirectory.h"
 #include "larkspan/platform/base/Clock.h"
 #include "larkspan/provider/LKSExtension.h"
-
-#include "extensions/caches/CacheDirectory.h"
 
 namespace larkspan::caches {
 

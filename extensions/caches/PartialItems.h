@@ -11,7 +11,8 @@ namespace larkspan::caches {
 
 /// Pushes items to the host while a long walk goes on: what is found first at once, the rest gathered for a
 /// tenth of a second each, so that a window fills up and no message is sent for each item. What waits when
-/// this ends is dropped, as the reply has it. Thread: any.
+/// this ends is dropped, as the reply has it.
+/// Thread: any.
 class PartialItems {
  public:
   ~PartialItems();

@@ -1,8 +1,7 @@
 #pragma once
 
-#include "larkspan/platform/base/Date.h"
-
 #include "extensions/caches/CacheDirectory.h"
+#include "larkspan/platform/base/Date.h"
 
 namespace larkspan::caches {
 

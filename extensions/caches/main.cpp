@@ -1,5 +1,4 @@
-#include "larkspan/provider/ExtensionMain.h"
-
 #include "extensions/caches/CachesExtension.h"
+#include "larkspan/provider/ExtensionMain.h"
 
 int main() { return larkspan::extensionMain<larkspan::caches::CachesExtension>(); }

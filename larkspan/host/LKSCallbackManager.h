@@ -11,9 +11,10 @@
 namespace larkspan {
 
 /// How an extension pushes partial results and change notices to its host: in the order of the calls, over
-/// the connection of the latest request. Owner:   `sharedInstance` lives as long as the process. Thread: any;
-/// nothing here blocks. Items are copied before the call returns. Failure: what cannot be delivered is logged
-/// and dropped, silently when there is no request.
+/// the connection of the latest request.
+/// Owner:   `sharedInstance` lives as long as the process.
+/// Thread:  any; nothing here blocks. Items are copied before the call returns.
+/// Failure: what cannot be delivered is logged and dropped, silently when there is no request.
 class LKSCallbackManager {
  public:
   static LKSCallbackManager& sharedInstance();

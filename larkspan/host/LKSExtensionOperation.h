@@ -13,7 +13,8 @@
 namespace larkspan {
 
 /// Sends one command to an extension and finishes with its answer. There is one subclass per command; a host
-/// makes one, sets `extension` and `inputItems`, and adds it to an operation queue. Owner:   std::shared_ptr.
+/// makes one, sets `extension` and `inputItems`, and adds it to an operation queue.
+/// Owner:   std::shared_ptr.
 /// Thread:  the accessors on any; the operation finishes on the thread of the handle's completion.
 /// Failure: `error` is the extension's own, or that of the transport; then there are no `returnedItems`.
 class LKSExtensionOperation : public LKSOperation {

@@ -33,7 +33,7 @@ inline constexpr platform::Key LKSInfoStorageUsageReportingBytesUsedDidChangeNot
 /// The host's end of one request: turns what the extension calls into notifications.
 /// Owner:  the handle, and the exchanges under way.
 /// Thread: the callbacks run on the connection's delivery queue, and so do the observers: hop to the main
-/// queue yourself.
+///         queue yourself.
 class LKSHostExtensionContext final : public platform::ExtensionContext,
                                       public platform::ExportedObject,
                                       public LKSExtensionCallbackProtocol {

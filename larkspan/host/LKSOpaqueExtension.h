@@ -11,14 +11,13 @@
 namespace larkspan {
 
 /// A host's handle on one discovered extension, and the object of every notification about it. Two handles
-/// are equal when their extensions have the same manifest. Owner:   the caller; dropping it lets outstanding
-/// replies arrive and be forgotten. Thread:  any. Completions arrive on the connection's delivery queue,
-/// where they must not wait for another exchange
-///          with the same extension; what fails at once is told on the calling thread.
+/// are equal when their extensions have the same manifest.
+/// Owner:   the caller; dropping it lets outstanding replies arrive and be forgotten.
+/// Thread:  any. Completions arrive on the connection's delivery queue, where they must not wait for another
+///          exchange with the same extension; what fails at once is told on the calling thread.
 /// Failure: interrupted: the exchanges under way fail, the next one starts the extension again. Invalidated:
-/// `context()`
-///          is null and the next exchange begins a new request. Nothing is retried, and an extension that
-///          does not answer is waited for until it ends or `abandon` is called.
+///          `context()` is null and the next exchange begins a new request. Nothing is retried, and an
+///          extension that does not answer is waited for until it ends or `abandon` is called.
 class LKSOpaqueExtension final : public platform::Object {
  public:
   static std::shared_ptr<LKSOpaqueExtension> initWithExtension(

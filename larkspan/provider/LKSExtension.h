@@ -33,13 +33,13 @@ inline constexpr int64_t kNotImplementedErrorCode = INT64_MAX;
 /// Owner:   `extensionMain`, for the life of the process.
 /// Thread:  the operations run on the queue "LKSExtension", everything else on any thread.
 /// Failure: an exception that leaves an operation ends the process; the host starts it again with its next
-/// command.
+///          command.
 class LKSExtension : public LKSRemoteExtensionContextProtocol,
                      public std::enable_shared_from_this<LKSExtension> {
  public:
   LKSExtension();
 
-  // --- What an extension may override
+  // What an extension may override.
 
   /// Hosts are not to list this extension. Default: false.
   virtual bool isHidden();
@@ -48,6 +48,8 @@ class LKSExtension : public LKSRemoteExtensionContextProtocol,
   /// The panel that asks before these resources are deleted, or nothing. Default: how many, and how much that
   /// frees.
   virtual std::optional<LKSConfirmPanel> confirmationTextForDelete(const std::vector<LKSResource>& items);
+  /// The panel that asks before the summary is acted on, or nothing. Default: one that tells the author to write it; so
+  /// does the next.
   virtual std::optional<LKSConfirmPanel> confirmationTextForSummaryAction(
       const std::optional<LKSSummaryResource>& item);
   virtual std::optional<LKSConfirmPanel> confirmationTextForTipAction(
@@ -90,7 +92,7 @@ class LKSExtension : public LKSRemoteExtensionContextProtocol,
   /// Bytes, or LKSExtensionTotalSpaceUsedUnknown. Default: 0.
   virtual int64_t totalSpaceUsed();
 
-  // --- What calls them
+  // What calls them.
 
   /// A request begins: the context hands its items to this extension, and callbacks go to its host.
   void beginRequestWithExtensionContext(const std::shared_ptr<LKSRemoteExtensionContext>& context);

@@ -24,7 +24,7 @@ inline constexpr platform::Key LKSOperationDidFinishNotification = "LKSOperation
 ///          `finishWithError` may be called from any thread, but not while `start` is still deciding whether
 ///          to run.
 /// Failure: an exception that leaves `main` finishes the operation with an error of
-/// "LKSExtensionOperationErrorDomain".
+///          "LKSExtensionOperationErrorDomain".
 class LKSOperation : public platform::Operation {
  public:
   LKSOperation() = default;

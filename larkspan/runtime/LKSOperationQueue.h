@@ -9,7 +9,8 @@ namespace larkspan {
 
 /// An operation queue that tells each LKSOperation that it is about to be queued, and the library's two
 /// shared queues. Operations that are no LKSOperation are taken without that hook, and so are those that come
-/// in by the base class's `addOperations(operations, waitUntilFinished)`. Thread: any.
+/// in by the base class's `addOperations(operations, waitUntilFinished)`.
+/// Thread: any.
 class LKSOperationQueue : public platform::OperationQueue {
  public:
   /// Shared by the process: up to twice as many operations at once as the machine has processors, default

@@ -24,8 +24,8 @@ std::shared_ptr<platform::Timer> StartedDispatchTimer(bool repeats,
 
 /// Runs `block` on the main queue once no other call with the same key has arrived there for `delay` seconds
 /// (and up to a second more, as above): of a burst only the last block runs; the others are destroyed.
-/// Without a key the block is dropped and a line says so in the console log. Returns at once. Thread: any. A
-/// program that never runs its main queue never runs the block.
+/// Without a key the block is dropped and a line says so in the console log. Returns at once.
+/// Thread: any. A program that never runs its main queue never runs the block.
 void ThrottleOnMainQueue(std::optional<std::string> key, platform::Task block, double delay);
 
 }  // namespace larkspan

@@ -1,3 +1,5 @@
+#include "tests/cli/Program.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -5,8 +7,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
-
-#include "tests/cli/Program.h"
 
 namespace larkspan::tests {
 namespace {

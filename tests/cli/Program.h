@@ -1,11 +1,11 @@
 #pragma once
 
+#include "tests/support/ManifestTree.h"
+
 #include <string>
 #include <vector>
 
 #include <sys/types.h>
-
-#include "tests/support/ManifestTree.h"
 
 namespace larkspan::tests {
 

@@ -1,6 +1,6 @@
-#include <gtest/gtest.h>
-
 #include "tests/platform/files/TestTree.h"
+
+#include <gtest/gtest.h>
 
 namespace larkspan::platform {
 namespace {

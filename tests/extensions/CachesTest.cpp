@@ -4,15 +4,14 @@
 #include "larkspan/items/LKSTipMessage.h"
 #include "larkspan/platform/base/NotificationCenter.h"
 #include "larkspan/platform/files/CacheDirTag.h"
+#include "tests/platform/files/TestTree.h"
+#include "tests/support/ManifestTree.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <condition_variable>
 #include <map>
-
-#include "tests/platform/files/TestTree.h"
-#include "tests/support/ManifestTree.h"
 
 namespace larkspan::tests {
 namespace {

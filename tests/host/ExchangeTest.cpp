@@ -5,14 +5,13 @@
 #include "larkspan/platform/dispatch/ManualClock.h"
 #include "larkspan/platform/ipc/TransportError.h"
 #include "larkspan/runtime/LKSOperationQueue.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/Collector.h"
+#include "tests/support/InProcessExtension.h"
 
 #include <gtest/gtest.h>
 
 #include <future>
-
-#include "tests/support/CapturedLog.h"
-#include "tests/support/Collector.h"
-#include "tests/support/InProcessExtension.h"
 
 namespace larkspan::tests {
 namespace {

@@ -1,13 +1,12 @@
 #include "larkspan/items/LKSIconConstructor.h"
 #include "larkspan/items/MessageItem.h"
 #include "larkspan/platform/base/Format.h"
+#include "tests/support/CapturedLog.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <utility>
-
-#include "tests/support/CapturedLog.h"
 
 namespace larkspan {
 namespace {

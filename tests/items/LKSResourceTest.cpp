@@ -3,11 +3,10 @@
 #include "larkspan/platform/files/Installed.h"
 #include "larkspan/platform/files/LastUsed.h"
 #include "larkspan/platform/files/ResourceValues.h"
-
-#include <gtest/gtest.h>
-
 #include "tests/support/CapturedLog.h"
 #include "tests/support/ManifestTree.h"
+
+#include <gtest/gtest.h>
 
 namespace larkspan::tests {
 namespace {

@@ -2,11 +2,10 @@
 #include "larkspan/platform/files/Installed.h"
 #include "larkspan/platform/files/ResourceValues.h"
 #include "larkspan/provider/LKSExtension.h"
-
-#include <gtest/gtest.h>
-
 #include "tests/support/CapturedLog.h"
 #include "tests/support/Collector.h"
+
+#include <gtest/gtest.h>
 
 namespace larkspan::tests {
 namespace {

@@ -11,13 +11,13 @@
 
 namespace larkspan::platform {
 
-/// Finds the installed extensions of one extension point and keeps finding them.
-/// For each file name the first folder of `extensionDirectories()` that has a sound manifest wins, whatever
-/// its extension point; one that is hidden hides those after it, one that is refused does not. A refused
-/// manifest or folder costs one line in the system log (subsystem "corvane.storage", category "extensions")
-/// until it changes. Owner:   the caller; dropping it ends the matching. Thread:  any; the completion runs on
-/// a serial queue of the matcher's own. Failure: where the kernel cannot watch (a limit of inotify(7)) or a
-/// folder cannot be read just now, the
+/// Finds the installed extensions of one extension point and keeps finding them. For each file name the first
+/// folder of `extensionDirectories()` that has a sound manifest wins, whatever its extension point; one that
+/// is hidden hides those after it, one that is refused does not. A refused manifest or folder costs one line
+/// in the system log (subsystem "corvane.storage", category "extensions") until it changes.
+/// Owner:   the caller; dropping it ends the matching.
+/// Thread:  any; the completion runs on a serial queue of the matcher's own.
+/// Failure: where the kernel cannot watch (a limit of inotify(7)) or a folder cannot be read just now, the
 ///          completion gets the set as far as it is known, then the error, once; from then on the folders are
 ///          looked at each second until all is well again.
 /// Limits:  a change is noticed within a second, many at once together. Not noticed are a file system mounted

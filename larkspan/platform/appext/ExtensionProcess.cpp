@@ -1,10 +1,10 @@
 #include "larkspan/platform/appext/ExtensionProcess.h"
 
+#include "larkspan/platform/appext/ExtensionLog.h"
 #include "larkspan/platform/base/Format.h"
 #include "larkspan/platform/base/Limits.h"
 #include "larkspan/platform/dispatch/DispatchQueue.h"
 #include "larkspan/platform/ipc/TransportError.h"
-#include "larkspan/platform/log/SystemLog.h"
 
 #include <map>
 #include <utility>
@@ -27,11 +27,6 @@ struct Registry {
 Registry& registry() {
   static auto* value = new Registry;
   return *value;
-}
-
-const SystemLog& extensionLog() {
-  static const auto* log = new SystemLog("corvane.storage", "extensions");
-  return *log;
 }
 
 /// Its socket is closed, so it sees end of file; it gets some time to leave.
@@ -195,15 +190,6 @@ void ExtensionProcess::end() {
       transportError(TransportErrorCode::interrupted, "The host has ended " + manifest_.identifier);
   if (transport) transport->close(reason);
   for (const auto& waiter : waiters) waiter(nullptr, reason);
-}
-
-void ExtensionProcess::endAll() {
-  std::vector<std::shared_ptr<ExtensionProcess>> processes;
-  {
-    const std::lock_guard lock(registry().mutex);
-    for (const auto& [path, process] : registry().processes) processes.push_back(process);
-  }
-  for (const auto& process : processes) process->end();
 }
 
 }  // namespace larkspan::platform

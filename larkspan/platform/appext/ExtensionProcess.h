@@ -31,8 +31,6 @@ class ExtensionProcess : public std::enable_shared_from_this<ExtensionProcess> {
   void transport(Connection::Connected completion);
   /// Ends the process at once: calls under way and starts that are waited for fail.
   void end();
-  /// The same for all extensions of this host, for a program that is about to exit.
-  static void endAll();
 
  private:
   explicit ExtensionProcess(Manifest manifest) : manifest_(std::move(manifest)) {}

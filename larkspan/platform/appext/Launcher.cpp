@@ -1,6 +1,6 @@
 #include "larkspan/platform/appext/Launcher.h"
 
-#include "larkspan/platform/log/SystemLog.h"
+#include "larkspan/platform/appext/ExtensionLog.h"
 #include "larkspan/platform/process/Child.h"
 
 #include <mutex>
@@ -12,11 +12,6 @@
 namespace larkspan::platform {
 
 namespace {
-
-const SystemLog& extensionLog() {
-  static const auto* log = new SystemLog("corvane.storage", "extensions");
-  return *log;
-}
 
 class ChildProcess final : public LaunchedProcess {
  public:

@@ -22,8 +22,7 @@ class LaunchedProcess {
 
 /// Starts extensions.
 /// Thread: any; `launch` may block until the program runs, and `onExit` is called once, on any thread, for
-/// each launch
-///         that succeeded.
+///         each launch that succeeded.
 class Launcher {
  public:
   using ExitHandler = std::function<void(const std::string& how)>;

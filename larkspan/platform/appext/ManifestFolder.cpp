@@ -1,10 +1,10 @@
 #include "larkspan/platform/appext/ManifestFolder.h"
 
+#include "larkspan/platform/appext/ExtensionLog.h"
 #include "larkspan/platform/appext/Trust.h"
 #include "larkspan/platform/base/Clock.h"
 #include "larkspan/platform/base/Format.h"
 #include "larkspan/platform/base/Utf8.h"
-#include "larkspan/platform/log/SystemLog.h"
 
 #include <cerrno>
 #include <chrono>
@@ -20,11 +20,6 @@ namespace {
 /// Time stamps of files advance in steps of up to 10 ms: a file that changed less than this before it was
 /// read may change once more and keep its time stamp.
 constexpr std::chrono::milliseconds kStampStep{50};
-
-const SystemLog& extensionLog() {
-  static const auto* log = new SystemLog("corvane.storage", "extensions");
-  return *log;
-}
 
 int64_t nanoseconds(const timespec& time) { return int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec; }
 

@@ -14,8 +14,8 @@ namespace larkspan::platform {
 /// Tells that something may have changed at any of a set of paths, whether they exist or not (inotify(7)).
 /// Every component of a path is watched for being moved or removed, each symbolic link on the way itself and
 /// what it leads to; where a component is missing, the folder that it would stand in is watched for it. What
-/// changed is not said: the caller looks at everything again, so that a lost event costs nothing.
-/// Use: `begin()`, `add()` each path and read what is there afterwards, `finish()`; after each change again.
+/// changed is not said: the caller looks at everything again, so that a lost event costs nothing. Use:
+/// `begin()`, `add()` each path and read what is there afterwards, `finish()`; after each change again.
 /// Owner:   the caller.
 /// Thread:  one at a time; the handler runs on the input/output thread and must not block.
 /// Failure: `finish()` gives the errno of what could not be watched for want of memory or for a limit. Paths

@@ -12,12 +12,12 @@ namespace larkspan::platform {
 /// The classes of values that are no objects. A number is a boolean, an integer or a float.
 enum class ValueClass : uint8_t { array, dictionary, set, string, number, data, date, url, error };
 
-/// The classes that a decoder may make: nothing outside the set is made, whatever the bytes say.
-/// Each value must be of a class in the set, and so must the members of containers, at any depth. None needs
-/// no admission, nor do the keys of dictionaries, nor what an error holds. A set of nothing but container
+/// The classes that a decoder may make: nothing outside the set is made, whatever the bytes say. Each value
+/// must be of a class in the set, and so must the members of containers, at any depth. None needs no
+/// admission, nor do the keys of dictionaries, nor what an error holds. A set of nothing but container
 /// classes admits strings within the containers. What an object holds is admitted by the sets with which its
-/// class reads its fields.
-/// A value. Thread: as std::vector.
+/// class reads its fields. A value.
+/// Thread: as std::vector.
 class ClassSet {
  public:
   ClassSet() = default;

@@ -13,9 +13,9 @@ namespace larkspan::platform {
 
 /// Writes values and objects as CBOR (RFC 8949): numbers, text, bytes, arrays and maps as they are, dates,
 /// URLs, sets and objects under their `CborTag`. An error is the object "Error" with the keys "domain",
-/// "code" and "userInfo"; objects in its user information are written as their descriptions, so that no
-/// error is lost over what decorates it.
-/// Objects get one to write their fields to, each key once, in any order: this is what `encode…` is for.
+/// "code" and "userInfo"; objects in its user information are written as their descriptions, so that no error
+/// is lost over what decorates it. Objects get one to write their fields to, each key once, in any order:
+/// this is what `encode…` is for.
 /// Thread:  one at a time.
 /// Failure: the first one makes the whole archive fail: an object that is not `Archivable`, or what exceeds
 ///          the limits.

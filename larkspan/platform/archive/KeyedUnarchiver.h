@@ -14,9 +14,9 @@
 
 namespace larkspan::platform {
 
-/// Reads what `KeyedArchiver` writes, and makes only what the reader's class sets admit.
-/// The decode function of an object's class gets one to read its fields from, in any order; reading in the
-/// order of writing is fastest. Fields nobody asks for are passed over.
+/// Reads what `KeyedArchiver` writes, and makes only what the reader's class sets admit. The decode function
+/// of an object's class gets one to read its fields from, in any order; reading in the order of writing is
+/// fastest. Fields nobody asks for are passed over.
 /// Thread:  one at a time; decode functions run on the thread that unarchives.
 /// Failure: the first one makes the whole archive fail; what is read after it is none or 0.
 /// Limits:  as `checkWellFormed`.

@@ -27,8 +27,8 @@ class Key {
 };
 
 /// Text keys to values, in the order in which the keys were first set. Meant for the small dictionaries of
-/// messages: a flat vector, searched from the front.
-/// A value: copies share their storage until one of them is changed (copy on write).
+/// messages: a flat vector, searched from the front. A value: copies share their storage until one of them is
+/// changed (copy on write).
 /// Thread: as std::vector; copies may be used from different threads.
 class Dictionary {
  public:

@@ -20,8 +20,8 @@ struct Notification {
 
 /// Tells observers what happened, on the thread that posts and before `post` returns.
 /// Owner:   `defaultCenter()` lives as long as the process; others belong to their maker.
-/// Thread:  any. Observers may come, go and post while a notification is delivered: one that registers
-///          during a post hears the next one. Two posts on two threads may run one handler twice at a time.
+/// Thread:  any. Observers may come, go and post while a notification is delivered: one that registers during
+///          a post hears the next one. Two posts on two threads may run one handler twice at a time.
 /// Failure: an exception of a handler leaves `post`; later observers are not told.
 class NotificationCenter {
  public:

@@ -9,9 +9,9 @@
 
 namespace larkspan::platform {
 
-/// An absolute or relative URL reference as RFC 3986 defines it, kept in the spelling it came in.
-/// A value: comparable by spelling, cheap to copy. Odd file names survive: the bytes of a path live in
-/// percent-encoded form.
+/// An absolute or relative URL reference as RFC 3986 defines it, kept in the spelling it came in. A value:
+/// comparable by spelling, cheap to copy. Odd file names survive: the bytes of a path live in percent-encoded
+/// form.
 /// Thread: as std::string.
 class URL {
  public:

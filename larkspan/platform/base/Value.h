@@ -65,8 +65,8 @@ class Set {
 };
 
 /// One value of the kinds that can travel between processes. A number remembers what it holds and converts on
-/// reading; a typed getter that meets another kind answers 0, false or nothing and never fails.
-/// Strings are well-formed UTF-8 always: what is not is repaired (U+FFFD) on the way in.
+/// reading; a typed getter that meets another kind answers 0, false or nothing and never fails. Strings are
+/// well-formed UTF-8 always: what is not is repaired (U+FFFD) on the way in.
 /// Thread: as std::string; copies may be used from different threads.
 class Value {
  public:

@@ -18,16 +18,15 @@ enum class QualityOfService : int {
   background = 9,  ///< Runs with the utility work.
 };
 
-/// A queue of tasks over the process's worker pool.
-/// A serial queue runs one task at a time in the order of submission; a concurrent queue starts tasks in
-/// order and runs them side by side. What a task of a serial queue captured is destroyed before the next
-/// task starts.
+/// A queue of tasks over the process's worker pool. A serial queue runs one task at a time in the order of
+/// submission; a concurrent queue starts tasks in order and runs them side by side. What a task of a serial
+/// queue captured is destroyed before the next task starts.
 /// Owner:   whoever submits; queued tasks run even if every handle on the queue is dropped.
 /// Thread:  tasks run on pool threads (main queue: on the initial thread; `sync`: perhaps on the caller's).
 ///          Submission from any thread.
 /// Failure: an exception that leaves a task ends the program.
 /// Limits:  64 normal and 64 utility tasks may block at once; work queued behind so many waits for one of
-/// them.
+///          them.
 class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {
  public:
   static std::shared_ptr<DispatchQueue> makeSerial(std::string label,

@@ -8,9 +8,9 @@ namespace larkspan::platform {
 
 /// Watches one descriptor on the process's single input/output thread (epoll, see epoll(7)).
 /// Owner:  the caller, and the input/output thread while the handler runs. Dropping the last reference
-/// cancels. Thread: the handler runs on the input/output thread and must not block; every function may be
-/// called
-///         from any thread.
+///         cancels.
+/// Thread: the handler runs on the input/output thread and must not block; every function may be called from
+///         any thread.
 /// Limits: the descriptor is borrowed and must stay open until `cancel()` has returned. One source a
 ///         descriptor (EEXIST); regular files cannot be watched (EPERM).
 class IoSource {

@@ -26,7 +26,8 @@ enum class QueuePriority : int { veryLow = -8, low = -4, normal = 0, high = 4, v
 ///
 /// Owner:   std::shared_ptr; the queue holds an operation from its addition to its end.
 /// Thread:  any; `start()` and `main()` run on the thread that the queue gives the operation, or on the
-/// caller's. Failure: an exception that leaves `main()` under a queue ends the program.
+///          caller's.
+/// Failure: an exception that leaves `main()` under a queue ends the program.
 class Operation : public Object {
  public:
   Operation() = default;

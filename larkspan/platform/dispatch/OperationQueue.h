@@ -16,9 +16,9 @@ namespace larkspan::platform {
 
 /// Runs operations side by side: of those that are ready the higher priority first, and within a priority in
 /// the order they were added.
-/// Owner:   std::shared_ptr (it must be owned by one); operations in the queue hold it too, so they all run
-///          although the caller drops it. What is in a queue that is dropped suspended stays forever.
-/// Thread:  any; operations run on pool threads of the queue's quality of service.
+/// Owner:  std::shared_ptr (it must be owned by one); operations in the queue hold it too, so they all run
+///         although the caller drops it. What is in a queue that is dropped suspended stays forever.
+/// Thread: any; operations run on pool threads of the queue's quality of service.
 class OperationQueue : public Object {
  public:
   static constexpr int kUnlimited = -1;

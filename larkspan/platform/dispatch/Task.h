@@ -8,9 +8,9 @@
 
 namespace larkspan::platform {
 
-/// A move-only `void()` callable: what queues and timers run. It may be called more than once.
-/// A callable of at most `kInlineSize` bytes that moves without throwing lives inside the task; a larger
-/// one costs an allocation.
+/// A move-only `void()` callable: what queues and timers run. It may be called more than once. A callable of
+/// at most `kInlineSize` bytes that moves without throwing lives inside the task; a larger one costs an
+/// allocation.
 /// Thread:  as any value.
 /// Failure: calling an empty task is undefined.
 class Task {

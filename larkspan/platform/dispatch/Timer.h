@@ -8,11 +8,11 @@
 
 namespace larkspan::platform {
 
-/// Runs a handler on a queue once a delay has passed, and again at each interval if it repeats.
-/// The times are those of the clock that was current when the timer was made. A timer never fires early. With
-/// leeway it may fire later, by as much, in order to join another timer; alone it fires at its time. Whatever
-/// holds a queue up may make it later still; a repeating timer then leaves out the times it missed and keeps
-/// to its grid. A handler never overlaps itself.
+/// Runs a handler on a queue once a delay has passed, and again at each interval if it repeats. The times are
+/// those of the clock that was current when the timer was made. A timer never fires early. With leeway it may
+/// fire later, by as much, in order to join another timer; alone it fires at its time. Whatever holds a queue
+/// up may make it later still; a repeating timer then leaves out the times it missed and keeps to its grid. A
+/// handler never overlaps itself.
 /// Owner:  the caller: dropping the last reference cancels. While the handler runs the timer is held, so that
 ///         the handler may drop it.
 /// Thread: the handler runs as a task of the queue; every function may be called from any thread.

@@ -22,12 +22,12 @@ class PooledQueue : public DispatchQueue {
 
 /// The worker threads: one pool for normal work, one for utility and background work.
 ///
-/// A pool keeps as many workers as there are processors. Only when work waits and no worker has taken any
-/// for some milliseconds does the pool's monitor look at the workers, and adds one for each processor that
-/// they leave unused because they are blocked, up to `kMaxWorkers`. A worker without work looks for some for
+/// A pool keeps as many workers as there are processors. Only when work waits and no worker has taken any for
+/// some milliseconds does the pool's monitor look at the workers, and adds one for each processor that they
+/// leave unused because they are blocked, up to `kMaxWorkers`. A worker without work looks for some for
 /// microseconds, sleeps on its own condition for seconds, then ends. At most one worker is on its way to the
-/// work at a time, and it wakes the next when it finds more than it takes: a burst of tasks does not wake
-/// the whole pool, and a task posted while a worker is looking costs no system call.
+/// work at a time, and it wakes the next when it finds more than it takes: a burst of tasks does not wake the
+/// whole pool, and a task posted while a worker is looking costs no system call.
 ///
 /// Limits: `kMaxWorkers` tasks that are all blocked on tasks queued behind them wait forever.
 class WorkerPool {

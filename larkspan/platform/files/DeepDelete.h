@@ -46,12 +46,12 @@ struct DeepDeleteOptions {
 /// one name in it, never along a path and never through a link. A folder that is swapped for a link meanwhile
 /// cannot lead the walk out of the tree: the link itself goes. Mounts are not crossed, and what something is
 /// mounted on stays, as do "/", and items that end in "." or "..". After an entry that cannot go the rest
-/// goes on; entries that appear meanwhile go too, within reason. Thread:  blocks the caller for the whole
-/// walk. Failure: one error for the batch. An item that is not there, or is no file URL, is a failure; an
-/// entry of
+/// goes on; entries that appear meanwhile go too, within reason.
+/// Thread:  blocks the caller for the whole walk.
+/// Failure: one error for the batch. An item that is not there, or is no file URL, is a failure; an entry of
 ///          the tree that somebody else removes first is not.
 /// Limits:  any depth, number and names; some 20 descriptors. The path of an item itself is bounded by
-/// PATH_MAX.
+///          PATH_MAX.
 DeepDeleteResult deepDelete(std::span<const URL> items, const DeepDeleteOptions& options = {});
 
 /// As `deepDelete` for everything in a folder but the folder itself and its entries of the names in `keep`.

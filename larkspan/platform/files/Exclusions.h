@@ -12,10 +12,9 @@
 namespace larkspan::platform {
 
 /// A collection of URLs to leave out of one folder's walk, arranged so that only folders with an excluded
-/// entry somewhere beneath them cost a look-up.
-/// An entry is excluded when its URL equals a member in spelling; its URL is the file URL of the folder's
-/// path,
-/// "/" and the names down to it, without a trailing slash. A member that no entry's URL can equal is dropped.
+/// entry somewhere beneath them cost a look-up. An entry is excluded when its URL equals a member in
+/// spelling; its URL is the file URL of the folder's path, "/" and the names down to it, without a trailing
+/// slash. A member that no entry's URL can equal is dropped.
 /// Thread: any, immutable.
 class Exclusions {
  public:

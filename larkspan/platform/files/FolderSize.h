@@ -41,10 +41,11 @@ struct FolderSizeOptions {
 /// Sums the allocated sizes of everything under a folder. An inode with several links counts once. Symbolic
 /// links count themselves and are not followed, except that `folder` may be a link to a folder. The walk
 /// stays on the folder's mount: an entry that something is mounted on is left out. Access times aside,
-/// nothing is changed; a tree that changes meanwhile is counted as the walk meets it. Thread:  blocks the
-/// caller for the whole walk. Failure: see `FolderSizeResult::status`; EINVAL for what is no file URL.
+/// nothing is changed; a tree that changes meanwhile is counted as the walk meets it.
+/// Thread:  blocks the caller for the whole walk.
+/// Failure: see `FolderSizeResult::status`; EINVAL for what is no file URL.
 /// Limits:  any depth, number and names; some 20 descriptors. The path of `folder` itself is bounded by
-/// PATH_MAX.
+///          PATH_MAX.
 FolderSizeResult sizeFolder(const URL& folder, const FolderSizeOptions& options = {});
 
 }  // namespace larkspan::platform

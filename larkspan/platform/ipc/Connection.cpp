@@ -44,8 +44,6 @@ std::variant<std::vector<Value>, Error> decodeValues(const Frame& frame,
 
 }  // namespace
 
-// --- Reply
-
 struct Reply::State {
   std::shared_ptr<Transport> transport;
   uint32_t channel;
@@ -83,8 +81,6 @@ void Reply::operator()(const std::vector<Value>& values) const {
 void Reply::fail(const Error& error) const {
   if (state_ && state_->answer()) state_->sendFailure(error);
 }
-
-// --- Connection
 
 Connection::Connection(Connector connector, std::shared_ptr<Transport> transport, uint32_t channel)
     : connector_(std::move(connector)), channel_(channel), transport_(std::move(transport)) {}

@@ -50,11 +50,10 @@ class ExportedObject {
 ///
 /// Owner:   std::shared_ptr. Calls under way keep it alive; otherwise it ends with its last reference.
 /// Thread:  every function from any thread. Replies, incoming calls and handlers run on the transport's
-/// delivery queue,
-///          one at a time: blocking there holds up everything from this peer. What fails at once is told on
-///          the calling thread.
+///          delivery queue, one at a time: blocking there holds up everything from this peer. What fails at
+///          once is told on the calling thread.
 /// Failure: each call has exactly one outcome. Errors have the domain `kTransportErrorDomain`, or are the
-/// peer's own.
+///          peer's own.
 class Connection : public Transport::Channel, public std::enable_shared_from_this<Connection> {
  public:
   using Connected = std::function<void(std::shared_ptr<Transport>, std::optional<Error>)>;

@@ -9,14 +9,13 @@ namespace larkspan::platform {
 
 namespace {
 
-constexpr std::size_t kLengthSize = 4;
 /// The frame's own array and that of its arguments.
 constexpr unsigned kEnvelopeDepth = 2;
 
 void writeLength(std::string& frame) {
-  const std::size_t length = frame.size() - kLengthSize;
-  for (std::size_t i = 0; i < kLengthSize; ++i) {
-    frame[i] = static_cast<char>(length >> (8 * (kLengthSize - 1 - i)));
+  const std::size_t length = frame.size() - kFrameLengthSize;
+  for (std::size_t i = 0; i < kFrameLengthSize; ++i) {
+    frame[i] = static_cast<char>(length >> (8 * (kFrameLengthSize - 1 - i)));
   }
 }
 
@@ -67,7 +66,7 @@ std::variant<std::string, Error> encodeFrame(FrameType type, uint32_t channel, i
                                              std::string_view method, const std::vector<Value>& values) {
   const bool named = type == FrameType::call || type == FrameType::post;
   const bool numbered = type != FrameType::post;
-  std::string frame(kLengthSize, '\0');
+  std::string frame(kFrameLengthSize, '\0');
   CborWriter writer(frame);
   writer.array(2 + named + numbered + 1);
   writer.integer(static_cast<int64_t>(type));
@@ -86,7 +85,7 @@ std::variant<std::string, Error> encodeFrame(FrameType type, uint32_t channel, i
 }
 
 std::string encodeHello() {
-  std::string frame(kLengthSize, '\0');
+  std::string frame(kFrameLengthSize, '\0');
   CborWriter writer(frame);
   writer.array(2);
   writer.integer(static_cast<int64_t>(FrameType::hello));
@@ -102,7 +101,7 @@ std::string encodeHello() {
 }
 
 std::string encodeChannelFrame(FrameType type, uint32_t channel) {
-  std::string frame(kLengthSize, '\0');
+  std::string frame(kFrameLengthSize, '\0');
   CborWriter writer(frame);
   writer.array(2);
   writer.integer(static_cast<int64_t>(type));

@@ -3,6 +3,7 @@
 #include "larkspan/platform/base/Slice.h"
 #include "larkspan/platform/base/Value.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -23,6 +24,9 @@ enum class FrameType : int64_t {
   reply = 5,    ///< [5, channel, id, [values]]
   failure = 6,  ///< [6, channel, id, error]: the call was not carried out
 };
+
+/// Bytes of the length in front of each frame.
+inline constexpr std::size_t kFrameLengthSize = 4;
 
 /// The version of the protocol spoken here, and its name in the hello.
 inline constexpr int64_t kProtocolVersion = 1;

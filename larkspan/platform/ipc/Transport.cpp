@@ -19,7 +19,6 @@ namespace larkspan::platform {
 namespace {
 
 constexpr std::size_t kReadSize = 64 * 1024;
-constexpr std::size_t kLengthSize = 4;
 
 const SystemLog& transportLog() {
   static const auto* log = new SystemLog("corvane.storage", "transport");
@@ -31,7 +30,8 @@ Error violation(std::string_view what) { return transportError(TransportErrorCod
 /// The length that stands at the front of a frame.
 std::size_t frameLength(std::string_view bytes) {
   std::size_t length = 0;
-  for (std::size_t i = 0; i < kLengthSize; ++i) length = length << 8 | static_cast<unsigned char>(bytes[i]);
+  for (std::size_t i = 0; i < kFrameLengthSize; ++i)
+    length = length << 8 | static_cast<unsigned char>(bytes[i]);
   return length;
 }
 
@@ -122,16 +122,16 @@ void Transport::readAvailable() {
 /// Cuts the bytes into frames. False when the transport is closed.
 bool Transport::takeBytes(std::string_view bytes) {
   while (!bytes.empty()) {
-    if (partial_.empty() && bytes.size() >= kLengthSize) {
+    if (partial_.empty() && bytes.size() >= kFrameLengthSize) {
       const std::size_t length = frameLength(bytes);
-      if (length <= bytes.size() - kLengthSize) {
-        receive(Slice::copy(bytes.substr(kLengthSize, length)));
-        bytes.remove_prefix(kLengthSize + length);
+      if (length <= bytes.size() - kFrameLengthSize) {
+        receive(Slice::copy(bytes.substr(kFrameLengthSize, length)));
+        bytes.remove_prefix(kFrameLengthSize + length);
         continue;
       }
     }
-    std::size_t wanted = kLengthSize;
-    if (partial_.size() >= kLengthSize) {
+    std::size_t wanted = kFrameLengthSize;
+    if (partial_.size() >= kFrameLengthSize) {
       const std::size_t length = frameLength(partial_);
       if (length > limits::kMaximumFrame) {
         fail(violation(
@@ -143,10 +143,10 @@ bool Transport::takeBytes(std::string_view bytes) {
     const std::string_view taken = bytes.substr(0, wanted - partial_.size());
     partial_.append(taken);
     bytes.remove_prefix(taken.size());
-    if (partial_.size() == wanted && wanted > kLengthSize) {
-      receive(Slice::copy(std::string_view(partial_).substr(kLengthSize)));
+    if (partial_.size() == wanted && wanted > kFrameLengthSize) {
+      receive(Slice::copy(std::string_view(partial_).substr(kFrameLengthSize)));
       partial_.clear();
-    } else if (partial_.size() == kLengthSize && frameLength(partial_) == 0) {
+    } else if (partial_.size() == kFrameLengthSize && frameLength(partial_) == 0) {
       receive({});
       partial_.clear();
     }

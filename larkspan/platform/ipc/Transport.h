@@ -29,8 +29,7 @@ namespace larkspan::platform {
 /// Owner:   std::shared_ptr; what is watched and delivered holds it. It closes when the last reference goes.
 /// Thread:  every function from any thread; callbacks on the delivery queue.
 /// Failure: a peer that breaks the protocol, or does not read, ends the transport: said once in the log, and
-/// then
-///          once to each channel and to `onClose`.
+///          then to `onClose` and once to each channel.
 class Transport : public std::enable_shared_from_this<Transport> {
  public:
   /// One end of a channel. Both functions run on the delivery queue.
@@ -90,7 +89,6 @@ class Transport : public std::enable_shared_from_this<Transport> {
   void receive(Slice item);
   void route(const Frame& frame);
   void flush();
-  bool writeSome();
   void forget(uint32_t number);
 
   const Descriptor socket_;

@@ -13,7 +13,7 @@ namespace larkspan::platform {
 /// travels in a sealed memfd.
 /// Thread:  any; never blocks.
 /// Failure: a message that is not taken is dropped; the next one that is says in LARKSPAN_DROPPED= how many
-/// were.
+///          were.
 class JournalSink : public LogSink {
  public:
   explicit JournalSink(std::string_view socketPath = "/run/systemd/journal/socket");

@@ -6,7 +6,9 @@ namespace larkspan::platform {
 
 /// Writes each message as one line with one write(2): "2026-11-22T20:46:54.123Z PROGRAM[PID] MESSAGE", and
 /// for the system log "SUBSYSTEM:CATEGORY LEVEL: " before the message. Control characters are escaped as \n,
-/// \t, \xHH. Owner:  borrows the descriptor unless told to close it. Thread: any.
+/// \t, \xHH.
+/// Owner:  borrows the descriptor unless told to close it.
+/// Thread: any.
 class StreamSink : public LogSink {
  public:
   enum class Closes { no, yes };

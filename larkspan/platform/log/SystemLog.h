@@ -8,9 +8,9 @@
 
 namespace larkspan::platform {
 
-/// A handle on the machine's log for one subsystem and category.
-/// Messages go to the journal; the environment variable LARKSPAN_LOG, read once, sends them elsewhere (see
-/// `makeSystemLogSink`). Without a journal they are discarded.
+/// A handle on the machine's log for one subsystem and category. Messages go to the journal; the environment
+/// variable LARKSPAN_LOG, read once, sends them elsewhere (see `makeSystemLogSink`). Without a journal they
+/// are discarded.
 /// Owner:   the caller.
 /// Thread:  any.
 /// Failure: never blocks on the journal; what it does not take is dropped and counted.

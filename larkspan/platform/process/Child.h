@@ -61,10 +61,12 @@ struct ChildOptions {
 /// A process that this one started. Its standard input is /dev/null, its standard output goes to its standard
 /// error, it has no other descriptor than those passed, every signal has its default action and none is
 /// blocked. It is reaped through its pidfd as soon as it ends, whether anybody holds this object or not; no
-/// SIGCHLD handler is installed. Owner:   the caller; dropping it does not end the process. Thread:  any;
-/// handlers run on the input/output thread and must not block. Failure: starting gives an error that names
-/// the step; the exit handler is called once for every child that started. Limits:  Linux 5.9 or later; a
-/// line of standard error longer than 4096 bytes comes in pieces.
+/// SIGCHLD handler is installed.
+/// Owner:   the caller; dropping it does not end the process.
+/// Thread:  any; handlers run on the input/output thread and must not block.
+/// Failure: starting gives an error that names the step; the exit handler is called once for every child that
+///          started.
+/// Limits:  Linux 5.9 or later; a line of standard error longer than 4096 bytes comes in pieces.
 class Child {
  public:
   using ExitHandler = std::function<void(ExitStatus)>;

@@ -16,7 +16,8 @@ struct HostFacts {
   /// The firmware's product name (/sys/class/dmi/id), or the device tree's model.
   std::optional<std::string> productType;
 
-  /// Read once, on first use, and kept. Thread: any.
+  /// Read once, on first use, and kept.
+  /// Thread: any.
   static HostFacts current();
 };
 

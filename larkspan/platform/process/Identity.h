@@ -16,7 +16,8 @@ struct Identity {
   /// From the password database's entry of the real user, whatever HOME says; empty where there is no entry.
   std::string homeFolder;
 
-  /// Read once, on first use, and kept. Thread: any.
+  /// Read once, on first use, and kept.
+  /// Thread: any.
   static Identity current();
 };
 

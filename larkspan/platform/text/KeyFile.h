@@ -14,8 +14,8 @@ struct KeyFileError {
   std::string reason;    ///< In English, for the log.
 };
 
-/// A key file in the desktop-entry format of freedesktop.org: groups, comments, localized keys, escapes
-/// and lists. Read strictly: anything malformed refuses the file.
+/// A key file in the desktop-entry format of freedesktop.org: groups, comments, localized keys, escapes and
+/// lists. Read strictly: anything malformed refuses the file.
 /// Owner:   the caller; a value.
 /// Failure: parsing gives nothing and says line and reason; a key that is not there reads as nothing.
 /// Limits:  64 KiB, 4096 bytes a line, 512 keys.

@@ -15,9 +15,10 @@ struct StringTableEntry {
 /// Localized texts by key. English is compiled in; other languages come from gettext catalogues
 /// (`FOLDER/LANGUAGE/LC_MESSAGES/DOMAIN.mo`) that hold the English text in the context of its key, as
 /// pgettext does. The language is the one that the program chose with setlocale(3) for messages, and
-/// LANGUAGE; a program that chose none sees English. Owner:   the caller; the entries must outlive it.
-/// Thread:  any.
-/// Limits:  a table is searched in sequence.
+/// LANGUAGE; a program that chose none sees English.
+/// Owner:  the caller; the entries must outlive it.
+/// Thread: any.
+/// Limits: a table is searched in sequence.
 class StringTable {
  public:
   /// `folder` null: the C library's own catalogue folder.

@@ -1,4 +1,6 @@
 #include "larkspan/platform/appext/ExtensionMatcher.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/ManifestTree.h"
 
 #include <gtest/gtest.h>
 
@@ -14,9 +16,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include "tests/support/CapturedLog.h"
-#include "tests/support/ManifestTree.h"
 
 namespace larkspan::platform {
 namespace {

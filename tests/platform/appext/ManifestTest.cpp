@@ -2,13 +2,12 @@
 #include "larkspan/platform/appext/ExtensionDirectories.h"
 #include "larkspan/platform/appext/Manifest.h"
 #include "larkspan/platform/process/Identity.h"
+#include "tests/support/ManifestTree.h"
 
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include "tests/support/ManifestTree.h"
 
 namespace larkspan::platform {
 namespace {

@@ -3,6 +3,7 @@
 #include "larkspan/platform/archive/KeyedUnarchiver.h"
 #include "larkspan/platform/archive/ValueCoding.h"
 #include "larkspan/platform/base/Limits.h"
+#include "tests/platform/archive/Bytes.h"
 
 #include <gtest/gtest.h>
 
@@ -11,8 +12,6 @@
 #include <random>
 #include <string>
 #include <vector>
-
-#include "tests/platform/archive/Bytes.h"
 
 namespace larkspan::platform {
 namespace {

@@ -1,6 +1,7 @@
 #include "larkspan/platform/archive/ArchiveError.h"
 #include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/base/Limits.h"
+#include "tests/platform/archive/Bytes.h"
 
 #include <gtest/gtest.h>
 
@@ -11,8 +12,6 @@
 
 #include <sys/resource.h>
 #include <unistd.h>
-
-#include "tests/platform/archive/Bytes.h"
 
 namespace larkspan::platform {
 namespace {

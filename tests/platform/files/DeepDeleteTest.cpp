@@ -1,12 +1,11 @@
 #include "larkspan/platform/base/Value.h"
 #include "larkspan/platform/files/DeepDelete.h"
+#include "tests/platform/files/TestTree.h"
 
 #include <gtest/gtest.h>
 
 #include <thread>
 #include <vector>
-
-#include "tests/platform/files/TestTree.h"
 
 namespace larkspan::platform {
 namespace {

@@ -1,8 +1,7 @@
 #include "larkspan/platform/files/DirectoryStack.h"
+#include "tests/platform/files/TestTree.h"
 
 #include <gtest/gtest.h>
-
-#include "tests/platform/files/TestTree.h"
 
 namespace larkspan::platform {
 namespace {

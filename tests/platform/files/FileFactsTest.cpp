@@ -2,10 +2,9 @@
 #include "larkspan/platform/files/Installed.h"
 #include "larkspan/platform/files/LastUsed.h"
 #include "larkspan/platform/files/ResourceValues.h"
+#include "tests/platform/files/TestTree.h"
 
 #include <gtest/gtest.h>
-
-#include "tests/platform/files/TestTree.h"
 
 namespace larkspan::platform {
 namespace {

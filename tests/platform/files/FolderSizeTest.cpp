@@ -1,10 +1,9 @@
 #include "larkspan/platform/files/FolderSize.h"
+#include "tests/platform/files/TestTree.h"
 
 #include <gtest/gtest.h>
 
 #include <thread>
-
-#include "tests/platform/files/TestTree.h"
 
 namespace larkspan::platform {
 namespace {

@@ -2,6 +2,8 @@
 #include "larkspan/platform/base/Limits.h"
 #include "larkspan/platform/ipc/Connection.h"
 #include "larkspan/platform/ipc/TransportError.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/Collector.h"
 
 #include <gtest/gtest.h>
 
@@ -10,9 +12,6 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-
-#include "tests/support/CapturedLog.h"
-#include "tests/support/Collector.h"
 
 namespace larkspan::tests {
 namespace {

@@ -2,6 +2,7 @@
 #include "larkspan/platform/log/JournalSink.h"
 #include "larkspan/platform/log/StreamSink.h"
 #include "larkspan/platform/log/SystemLog.h"
+#include "tests/support/CapturedLog.h"
 
 #include <gtest/gtest.h>
 
@@ -17,8 +18,6 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
-
-#include "tests/support/CapturedLog.h"
 
 namespace larkspan::platform {
 namespace {
