@@ -14,17 +14,28 @@ LKSCallbackManager::LKSCallbackManager()
     : bundleIdentifier_(platform::mainBundleIdentifier()),
       queue_(platform::DispatchQueue::makeSerial("corvane.Larkspan.LKSCallbackManager")) {}
 
-std::shared_ptr<LKSRemoteExtensionContext> LKSCallbackManager::context() const {
+std::shared_ptr<LKSRemoteExtensionContext> LKSCallbackManager::context() {
   const std::lock_guard lock(mutex_);
+  const auto isOpen = [](const auto& context) {
+    return context && context->auxiliaryConnection()->isValid();
+  };
+  while (!isOpen(context_) && !earlier_.empty()) {
+    const auto previous = earlier_.back().lock();
+    earlier_.pop_back();
+    if (isOpen(previous)) context_ = previous;
+  }
   return context_;
 }
 
 void LKSCallbackManager::setContext(std::shared_ptr<LKSRemoteExtensionContext> context) {
   const std::lock_guard lock(mutex_);
+  std::erase_if(earlier_, [&](const auto& one) { return !context || one.expired(); });
+  if (context && context_) earlier_.push_back(context_);
+  // The replaced context goes after the lock.
   context_.swap(context);
 }
 
-std::shared_ptr<LKSExtensionCallbackProtocol> LKSCallbackManager::hostProxy() const {
+std::shared_ptr<LKSExtensionCallbackProtocol> LKSCallbackManager::hostProxy() {
   const auto current = context();
   if (!current) return nullptr;
   return std::make_shared<LKSExtensionCallbackProxy>(

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace larkspan {
 
@@ -18,7 +19,6 @@ namespace larkspan {
 class LKSCallbackManager {
  public:
   static LKSCallbackManager& sharedInstance();
-  LKSCallbackManager();
 
   /// Resource items found so far, while the reply to "RESOURCES?" is still being built.
   void sendPartialResourceItems(const Items& items);
@@ -27,8 +27,9 @@ class LKSCallbackManager {
   void notifyTotalSpaceUsedDidChange(int64_t bytes);
 
   /// The host at the other end of the current context's connection; null without a context.
-  std::shared_ptr<LKSExtensionCallbackProtocol> hostProxy() const;
-  std::shared_ptr<LKSRemoteExtensionContext> context() const;
+  std::shared_ptr<LKSExtensionCallbackProtocol> hostProxy();
+  std::shared_ptr<LKSRemoteExtensionContext> context();
+  /// Null forgets earlier ones too; otherwise the host is still reached through an earlier request when this one ends.
   void setContext(std::shared_ptr<LKSRemoteExtensionContext> context);
 
   /// The extension's own identifier, which every callback carries.
@@ -36,13 +37,15 @@ class LKSCallbackManager {
   const std::shared_ptr<platform::DispatchQueue>& queue() const { return queue_; }
 
  private:
+  LKSCallbackManager();
   using ItemsMessage = void (LKSExtensionCallbackProtocol::*)(std::string_view, const Items&);
   void send(ItemsMessage message, const Items& items);
 
   const std::string bundleIdentifier_;
   const std::shared_ptr<platform::DispatchQueue> queue_;
-  mutable std::mutex mutex_;
+  std::mutex mutex_;
   std::shared_ptr<LKSRemoteExtensionContext> context_;
+  std::vector<std::weak_ptr<LKSRemoteExtensionContext>> earlier_;  // The latest last.
 };
 
 }  // namespace larkspan

@@ -53,14 +53,16 @@ class LKSExtensionNotifier : public std::enable_shared_from_this<LKSExtensionNot
   /// What matching runs under; null while it does not.
   std::shared_ptr<platform::ExtensionMatcher> matchingContext() const;
 
- private:
-  LKSExtensionNotifier();
+  // The steps of the above, for hosts that schedule them themselves.
   void beginMatchingExtensions();
   void stopMatchingExtensions();
   void handleMatchingResponse(const std::optional<std::vector<platform::Manifest>>& extensions,
                               const std::optional<platform::Error>& error);
   void handleMatchingExtensions(const std::vector<platform::Manifest>& extensions);
   void handleError(const platform::Error& error);
+
+ private:
+  LKSExtensionNotifier();
 
   const std::shared_ptr<platform::DispatchQueue> serialAccessQueue_;
   mutable std::mutex mutex_;

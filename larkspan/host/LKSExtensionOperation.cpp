@@ -66,10 +66,12 @@ void LKSExtensionOperation::main() {
   const auto self = std::static_pointer_cast<LKSExtensionOperation>(shared_from_this());
   handle->processInputItems(
       items, [self](const std::optional<Items>& reply, const std::optional<Error>& error) {
-        if (reply && !reply->empty()) return self->finishWithItems(*reply);
-        self->finishWithError(!reply && error ? *error
-                                              : platform::transportError(TransportErrorCode::noReply,
-                                                                         "The extension's reply is empty"));
+        if (!reply) return self->finishWithError(error);
+        if (reply->empty()) {
+          return self->finishWithError(
+              platform::transportError(TransportErrorCode::noReply, "The extension's reply is empty"));
+        }
+        self->guarded([&] { self->finishWithItems(*reply); });
       });
 }
 

@@ -1,5 +1,6 @@
 #include "larkspan/host/LKSOpaqueExtension.h"
 
+#include "larkspan/platform/ipc/TransportError.h"
 #include "larkspan/runtime/Log.h"
 
 #include <algorithm>
@@ -15,16 +16,27 @@ std::shared_ptr<LKSOpaqueExtension> LKSOpaqueExtension::initWithExtension(
 }
 
 std::string LKSOpaqueExtension::description() const {
-  return platform::format("<%@:%p %@>", className(), static_cast<const void*>(this), underlyingExtension_);
+  return platform::format("<%@:%p %@>", className(), static_cast<const void*>(this), underlyingExtension());
 }
 
 bool LKSOpaqueExtension::isEqual(const platform::Object& other) const {
   const auto* handle = dynamic_cast<const LKSOpaqueExtension*>(&other);
-  return handle && handle->underlyingExtension_->extensionBundle() == underlyingExtension_->extensionBundle();
+  return handle &&
+         handle->underlyingExtension()->extensionBundle() == underlyingExtension()->extensionBundle();
 }
 
 std::size_t LKSOpaqueExtension::hash() const {
-  return std::hash<std::string>()(underlyingExtension_->extensionBundle());
+  return std::hash<std::string>()(underlyingExtension()->extensionBundle());
+}
+
+std::shared_ptr<platform::Extension> LKSOpaqueExtension::underlyingExtension() const {
+  const std::lock_guard lock(mutex_);
+  return underlyingExtension_;
+}
+
+void LKSOpaqueExtension::setUnderlyingExtension(std::shared_ptr<platform::Extension> extension) {
+  const std::lock_guard lock(mutex_);
+  underlyingExtension_.swap(extension);
 }
 
 std::shared_ptr<LKSHostExtensionContext> LKSOpaqueExtension::context() const {
@@ -40,20 +52,42 @@ void LKSOpaqueExtension::setContext(std::shared_ptr<LKSHostExtensionContext> con
 
 void LKSOpaqueExtension::processInputItems(const Items& items, ItemsCompletion completionHandler) {
   const auto self = std::static_pointer_cast<LKSOpaqueExtension>(shared_from_this());
-  if (const auto current = context()) return exchange(current, items, completionHandler);
+  const auto current = context();
+  if (current && current->auxiliaryConnection()->isValid())
+    return exchange(current, items, completionHandler);
+  unsigned abandonments;
+  {
+    const std::lock_guard lock(mutex_);
+    abandonments = abandonments_;
+  }
+  const auto underlying = underlyingExtension();
+  // The context knows its handle before the extension knows of the request: it may call back at once.
+  const auto makeContext = [self](platform::UUID uuid, std::shared_ptr<platform::Connection> connection) {
+    auto context = LKSHostExtensionContext::make(uuid, std::move(connection));
+    context->setExtension(self);
+    return context;
+  };
   // The items never travel as the request's input; they go over its connection.
-  underlyingExtension_->beginExtensionRequestWithInputItems(
-      {}, &LKSHostExtensionContext::make,
-      [self, items, completionHandler](const std::optional<platform::UUID>& uuid,
-                                       const std::optional<Error>& error) {
+  underlying->beginExtensionRequestWithInputItems(
+      {}, makeContext,
+      [self, underlying, abandonments, items, completionHandler](const std::optional<platform::UUID>& uuid,
+                                                                 const std::optional<Error>& error) {
         if (!uuid) {
-          LKSLog("%@ failed to begin extension request to %@: %@", self, self->underlyingExtension_, error);
+          LKSLog("%@ failed to begin extension request to %@: %@", self, underlying, error);
           return completionHandler(std::nullopt, error);
         }
-        const auto begun = std::static_pointer_cast<LKSHostExtensionContext>(
-            self->underlyingExtension_->extensionContextForUUID(*uuid));
+        const auto begun =
+            std::static_pointer_cast<LKSHostExtensionContext>(underlying->extensionContextForUUID(*uuid));
+        std::unique_lock lock(self->mutex_);
+        if (self->abandonments_ != abandonments) {
+          lock.unlock();
+          begun->auxiliaryConnection()->invalidate();
+          return completionHandler(std::nullopt,
+                                   platform::transportError(platform::TransportErrorCode::invalidated,
+                                                            "The request was abandoned"));
+        }
+        lock.unlock();
         self->setContext(begun);
-        begun->setExtension(self);
         self->exchange(begun, items, completionHandler);
       });
 }
@@ -70,12 +104,12 @@ void LKSOpaqueExtension::exchange(const std::shared_ptr<LKSHostExtensionContext>
   });
   connection->setInterruptionHandler([weak] {
     if (const auto self = weak.lock()) {
-      LKSLog("%@ connection to %@ interrupted", self, self->underlyingExtension_);
+      LKSLog("%@ connection to %@ interrupted", self, self->underlyingExtension());
     }
   });
   const std::string name = description();
   LKSRemoteExtensionProxy proxy(
-      connection, [name, underlying = underlyingExtension_, completionHandler](const Error& error) {
+      connection, [name, underlying = underlyingExtension(), completionHandler](const Error& error) {
         LKSLog("%@ communication error with %@: %@", name, underlying, error);
         completionHandler(std::nullopt, error);
       });
@@ -89,8 +123,12 @@ void LKSOpaqueExtension::exchange(const std::shared_ptr<LKSHostExtensionContext>
 }
 
 void LKSOpaqueExtension::abandon() {
+  {
+    const std::lock_guard lock(mutex_);
+    ++abandonments_;
+  }
   // The process first: letting go of the request might leave it time to leave by itself.
-  underlyingExtension_->endProcess();
+  underlyingExtension()->endProcess();
   if (const auto current = context()) current->auxiliaryConnection()->invalidate();
 }
 
@@ -101,7 +139,13 @@ std::vector<std::shared_ptr<LKSOpaqueExtension>> mergeHandles(
   for (auto& handle : merged) {
     const auto known =
         std::find_if(held.begin(), held.end(), [&](const auto& one) { return one->isEqual(*handle); });
-    if (known != held.end()) handle = *known;
+    if (known == held.end()) continue;
+    const auto fresh = handle->underlyingExtension();
+    if ((*known)->underlyingExtension()->manifest().exec != fresh->manifest().exec) {
+      (*known)->setUnderlyingExtension(fresh);
+      (*known)->setContext(nullptr);
+    }
+    handle = *known;
   }
   return merged;
 }

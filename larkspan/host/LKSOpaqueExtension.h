@@ -18,19 +18,21 @@ namespace larkspan {
 /// Failure: interrupted: the exchanges under way fail, the next one starts the extension again. Invalidated:
 ///          `context()` is null and the next exchange begins a new request. Nothing is retried, and an
 ///          extension that does not answer is waited for until it ends or `abandon` is called.
-class LKSOpaqueExtension final : public platform::Object {
+class LKSOpaqueExtension : public platform::Object {
  public:
   static std::shared_ptr<LKSOpaqueExtension> initWithExtension(
       std::shared_ptr<platform::Extension> extension);
 
   /// The extension's identifier, from its manifest.
-  const std::string& identifier() const { return underlyingExtension()->identifier(); }
+  std::string identifier() const { return underlyingExtension()->identifier(); }
   /// "<LKSOpaqueExtension:ADDRESS EXTENSION>".
   std::string description() const override;
   bool isEqual(const platform::Object& other) const override;
   std::size_t hash() const override;
 
-  const std::shared_ptr<platform::Extension>& underlyingExtension() const { return underlyingExtension_; }
+  std::shared_ptr<platform::Extension> underlyingExtension() const;
+  /// For requests that begin from now on; the manifest is to be the same, since it is the handle's identity.
+  void setUnderlyingExtension(std::shared_ptr<platform::Extension> extension);
   /// The request that later exchanges use; null until the first exchange.
   std::shared_ptr<LKSHostExtensionContext> context() const;
   void setContext(std::shared_ptr<LKSHostExtensionContext> context);
@@ -49,13 +51,14 @@ class LKSOpaqueExtension final : public platform::Object {
   void exchange(const std::shared_ptr<LKSHostExtensionContext>& context, const Items& items,
                 const ItemsCompletion& completionHandler);
 
-  const std::shared_ptr<platform::Extension> underlyingExtension_;
   mutable std::mutex mutex_;
+  std::shared_ptr<platform::Extension> underlyingExtension_;
+  unsigned abandonments_ = 0;
   std::shared_ptr<LKSHostExtensionContext> context_;
 };
 
-/// The discovered handles, each replaced by an equal one that is already held, if any, so that its request
-/// goes on.
+/// The discovered handles, each replaced by an equal one that is already held, if any, so that its request goes
+/// on. A held handle whose manifest now names another program gets the discovered extension and begins anew.
 std::vector<std::shared_ptr<LKSOpaqueExtension>> mergeHandles(
     const std::vector<std::shared_ptr<LKSOpaqueExtension>>& discovered,
     const std::vector<std::shared_ptr<LKSOpaqueExtension>>& held);

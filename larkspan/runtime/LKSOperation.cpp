@@ -32,10 +32,19 @@ void LKSOperation::start() {
   platform::NotificationCenter::defaultCenter().post(LKSOperationWillStartNotification, self);
   setFlag(executing_, true, "isExecuting");
   startTime_ = now();
+  guarded([this] { main(); });
+}
+
+void LKSOperation::guarded(const std::function<void()>& work) {
+  const auto fail = [this](const char* what) {
+    finishWithError(platform::transportError(platform::TransportErrorCode::exception, what));
+  };
   try {
-    main();
+    work();
   } catch (const std::exception& exception) {
-    finishWithError(platform::transportError(platform::TransportErrorCode::exception, exception.what()));
+    fail(exception.what());
+  } catch (...) {
+    fail("An exception of an unknown kind");
   }
 }
 

@@ -6,6 +6,7 @@
 #include "larkspan/platform/dispatch/OperationQueue.h"
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -14,7 +15,8 @@ namespace larkspan {
 
 /// Posted on the thread that starts the operation, before it executes; the object is the operation.
 inline constexpr platform::Key LKSOperationWillStartNotification = "LKSOperationWillStartNotification";
-/// Posted on the main queue at least 10 ms after the operation finished; the object is the operation.
+/// Posted on the main queue at least 10 ms after the operation finished; the object is the operation. A program that
+/// does not run its main queue never hears it, and keeps every finished operation.
 inline constexpr platform::Key LKSOperationDidFinishNotification = "LKSOperationDidFinishNotification";
 
 /// An asynchronous operation: it goes on executing after `main` has returned and ends only when somebody
@@ -39,6 +41,9 @@ class LKSOperation : public platform::Operation {
   /// Ends the operation with that outcome; nothing is success. There is no guard against a second call: it
   /// overwrites the outcome and posts once more.
   void finishWithError(const std::optional<platform::Error>& error);
+
+  /// Runs a piece of the operation's work; an exception that leaves it finishes the operation with an error.
+  void guarded(const std::function<void()>& work);
 
   /// Called by LKSOperationQueue before it takes the operation, and by `finishWithError` with the queue that
   /// started it, which may be null.

@@ -4,15 +4,17 @@
 
 namespace larkspan::platform {
 
+Extension::Extension(Manifest manifest)
+    : manifest_(std::move(manifest)), process_(ExtensionProcess::forManifest(manifest_)) {}
+
 std::string Extension::description() const {
   return "<Extension " + manifest_.identifier + " (" + manifest_.path + ")>";
 }
 
 void Extension::beginExtensionRequestWithInputItems(const std::vector<std::shared_ptr<ExtensionItem>>&,
                                                     ContextMaker makeContext, Begun completion) {
-  const auto process = ExtensionProcess::forManifest(manifest_);
-  auto connection =
-      Connection::make([process](Connection::Connected connected) { process->transport(connected); });
+  auto connection = Connection::make(
+      [process = process_](Connection::Connected connected) { process->transport(connected); });
   const UUID uuid = UUID::random();
   auto context = makeContext(uuid, connection);
   {
@@ -32,6 +34,6 @@ std::shared_ptr<ExtensionContext> Extension::extensionContextForUUID(const UUID&
   return found == contexts_.end() ? nullptr : found->second.lock();
 }
 
-void Extension::endProcess() { ExtensionProcess::forManifest(manifest_)->end(); }
+void Extension::endProcess() { process_->end(); }
 
 }  // namespace larkspan::platform

@@ -15,6 +15,8 @@
 
 namespace larkspan::platform {
 
+class ExtensionProcess;
+
 /// An extension that matching found: its manifest, and the way to begin requests to its process.
 /// Owner:  std::shared_ptr.
 /// Thread: any; completions come on any thread, also the caller's.
@@ -25,7 +27,7 @@ class Extension : public Object {
   /// Either the identifier of the request or an error.
   using Begun = std::function<void(std::optional<UUID>, std::optional<Error>)>;
 
-  explicit Extension(Manifest manifest) : manifest_(std::move(manifest)) {}
+  explicit Extension(Manifest manifest);
 
   const std::string& identifier() const { return manifest_.identifier; }
   const Manifest& manifest() const { return manifest_; }
@@ -34,7 +36,7 @@ class Extension : public Object {
   /// "<Extension IDENTIFIER (MANIFEST)>".
   std::string description() const override;
 
-  /// Begins a request, starting the extension if it does not run; calls back once. There is no limit on the
+  /// Begins a request without input items (only an empty list is of use), starting the extension if it does not run; calls back once. There is no limit on the
   /// time that a start may take.
   void beginExtensionRequestWithInputItems(const std::vector<std::shared_ptr<ExtensionItem>>& inputItems,
                                            ContextMaker makeContext, Begun completion);
@@ -45,6 +47,7 @@ class Extension : public Object {
 
  private:
   const Manifest manifest_;
+  const std::shared_ptr<ExtensionProcess> process_;
   mutable std::mutex mutex_;
   std::map<UUID, std::weak_ptr<ExtensionContext>> contexts_;
 };

@@ -39,7 +39,7 @@ void killAfterGrace(const std::shared_ptr<LaunchedProcess>& process) {
 std::shared_ptr<ExtensionProcess> ExtensionProcess::forManifest(const Manifest& manifest) {
   const std::lock_guard lock(registry().mutex);
   auto& process = registry().processes[manifest.path];
-  // A manifest that has been edited stands for another program.
+  // A manifest that has been edited stands for another program; who holds the earlier one may finish with it.
   if (!process || process->manifest_.exec != manifest.exec) process.reset(new ExtensionProcess(manifest));
   return process;
 }
@@ -157,25 +157,21 @@ void ExtensionProcess::closed(const std::shared_ptr<Transport>& transport, const
   ready_ = false;
   const auto process = std::exchange(process_, nullptr);
   const auto waiters = std::exchange(waiters_, {});
-  const bool started = reason.code() != static_cast<int64_t>(TransportErrorCode::launchFailed);
-  if (started && !transport->hasReplied()) failedStarts_.push_back(Clock::current().monotonicNow());
+  // Neither a program that could not be started nor the host's own doing counts.
+  const bool ended = reason.code() != static_cast<int64_t>(TransportErrorCode::launchFailed) &&
+                     reason.code() != static_cast<int64_t>(TransportErrorCode::invalidated);
+  if (ended && !transport->hasReplied()) failedStarts_.push_back(Clock::current().monotonicNow());
   lock.unlock();
   // It may have closed its end and still run, or have broken the protocol.
   if (process) killAfterGrace(process);
   for (const auto& waiter : waiters) waiter(nullptr, reason);
 }
 
-/// Nobody needs the extension any more. What it does now concerns nobody either.
+/// Nobody needs the extension any more, unless somebody has just begun to. The rest is that of an end.
 void ExtensionProcess::letGo(const std::shared_ptr<Transport>& transport) {
-  std::unique_lock lock(mutex_);
-  if (transport_ != transport) return;
-  transport_ = nullptr;
-  ready_ = false;
-  const auto process = std::exchange(process_, nullptr);
-  lock.unlock();
-  transport->close(
-      transportError(TransportErrorCode::invalidated, "The host has let go of " + manifest_.identifier));
-  if (process) killAfterGrace(process);
+  const Error reason =
+      transportError(TransportErrorCode::invalidated, "The host has let go of " + manifest_.identifier);
+  if (transport->closeIfUnused(reason)) closed(transport, reason);
 }
 
 void ExtensionProcess::end() {

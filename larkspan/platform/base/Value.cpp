@@ -1,5 +1,6 @@
 #include "larkspan/platform/base/Value.h"
 
+#include "larkspan/platform/base/Limits.h"
 #include "larkspan/platform/base/Utf8.h"
 
 #include <algorithm>
@@ -16,7 +17,7 @@ namespace {
 /// Deeper values print as an ellipsis: an item may hold itself.
 constexpr int kDescriptionDepth = 32;
 
-/// How many descriptions are under way on this thread, through objects too.
+/// How many descriptions or copies are under way on this thread, through objects too.
 struct Nesting {
   static inline thread_local int current = 0;
   const int depth = ++current;
@@ -198,6 +199,9 @@ std::string Value::description() const {
 }
 
 Value Value::deepCopy() const {
+  // What nests deeper cannot be archived anyway, and an item may hold itself.
+  const Nesting nesting;
+  if (nesting.depth > static_cast<int>(limits::kMaximumDepth)) return *this;
   const auto copied = [](const Array& array) {
     std::vector<Value> members;
     members.reserve(array.size());

@@ -2,8 +2,9 @@
 
 #include "larkspan/platform/archive/ValueCoding.h"
 #include "larkspan/platform/base/Format.h"
+#include "larkspan/platform/base/Limits.h"
 #include "larkspan/platform/ipc/TransportError.h"
-#include "larkspan/platform/log/Console.h"
+#include "larkspan/platform/ipc/TransportLog.h"
 
 #include <atomic>
 #include <utility>
@@ -18,9 +19,16 @@ uint32_t nextChannel() {
   return ++last;
 }
 
+/// How often a transport that has just closed is replaced before that is an error.
+constexpr int kConnectAttempts = 3;
+
 const ClassSet& errorClass() {
   static const auto* classes = new ClassSet{ValueClass::error};
   return *classes;
+}
+
+Error notSendable(const Error& cause) {
+  return transportError(TransportErrorCode::notSendable, cause.localizedDescription());
 }
 
 /// Decodes an array of exactly the values that `classes` describes.
@@ -52,7 +60,7 @@ struct Reply::State {
 
   bool answer() {
     if (!answered.exchange(true)) return true;
-    consoleLog("A call was answered twice; the second answer is dropped");
+    transportLog().write(LogLevel::fault, "A call was answered twice; the second answer is dropped");
     return false;
   }
   void sendFailure(const Error& error) {
@@ -74,7 +82,7 @@ Reply::Reply(std::shared_ptr<Transport> transport, uint32_t channel, int64_t id)
 void Reply::operator()(const std::vector<Value>& values) const {
   if (!state_ || !state_->answer()) return;
   auto frame = encodeFrame(FrameType::reply, state_->channel, state_->id, {}, values);
-  if (const auto* error = std::get_if<Error>(&frame)) return state_->sendFailure(*error);
+  if (const auto* error = std::get_if<Error>(&frame)) return state_->sendFailure(notSendable(*error));
   state_->transport->send(std::get<std::string>(std::move(frame)));
 }
 
@@ -115,8 +123,11 @@ void Connection::setInterruptionHandler(std::function<void()> handler) {
 }
 
 void Connection::setInvalidationHandler(std::function<void()> handler) {
-  const std::lock_guard lock(mutex_);
-  invalidationHandler_.swap(handler);
+  std::unique_lock lock(mutex_);
+  const bool late = invalid_;
+  if (!late) invalidationHandler_.swap(handler);
+  lock.unlock();
+  if (late && handler) handler();
 }
 
 bool Connection::isValid() const {
@@ -144,19 +155,25 @@ void Connection::call(std::string_view method, const std::vector<Value>& argumen
     id = ++lastId_;
   }
   auto frame = encodeFrame(FrameType::call, channel_, id, method, arguments);
-  if (const auto* error = std::get_if<Error>(&frame)) return outcome({}, *error);
+  if (const auto* error = std::get_if<Error>(&frame)) return outcome({}, notSendable(*error));
   std::unique_lock lock(mutex_);
   if (invalid_) {
     lock.unlock();
     return outcome({}, transportError(TransportErrorCode::invalidated, "The connection has ended"));
   }
-  calls_.emplace(id, Call{std::string(method), std::move(outcome), shared_from_this()});
-  submit(std::get<std::string>(std::move(frame)), lock);
+  const auto self = shared_from_this();
+  calls_.emplace(id, Call{std::string(method), std::move(outcome), self});
+  const auto error = submit(std::get<std::string>(std::move(frame)), lock);
+  if (!error || error->code() != static_cast<int64_t>(TransportErrorCode::notReading)) return;
+  lock.lock();
+  const auto call = calls_.extract(id);
+  lock.unlock();
+  if (call) call.mapped().outcome({}, *error);
 }
 
 std::optional<Error> Connection::post(std::string_view method, const std::vector<Value>& arguments) {
   auto frame = encodeFrame(FrameType::post, channel_, 0, method, arguments);
-  if (const auto* error = std::get_if<Error>(&frame)) return *error;
+  if (const auto* error = std::get_if<Error>(&frame)) return notSendable(*error);
   std::unique_lock lock(mutex_);
   return submit(std::get<std::string>(std::move(frame)), lock);
 }
@@ -172,17 +189,25 @@ std::optional<Error> Connection::submit(std::string frame, std::unique_lock<std:
     if (!sent) return transportError(TransportErrorCode::interrupted, "The connection is interrupted");
     return std::nullopt;
   }
+  if (pendingBytes_ + frame.size() > limits::kMaximumOutbound) {
+    lock.unlock();
+    return transportError(TransportErrorCode::notReading, "Too much waits for the connection already");
+  }
+  pendingBytes_ += frame.size();
   if (!frame.empty()) pending_.push_back(std::move(frame));
   const bool begin = !std::exchange(connecting_, true);
   lock.unlock();
   if (begin) {
-    // Held meanwhile: somebody waits for the outcome.
-    connector_([self = shared_from_this()](const std::shared_ptr<Transport>& transport,
-                                           const std::optional<Error>& error) {
-      self->connected(transport, error);
-    });
+    connector_(connectedHandler());
   }
   return std::nullopt;
+}
+
+/// Holds the connection meanwhile: somebody waits for the outcome.
+Connection::Connected Connection::connectedHandler() {
+  return
+      [self = shared_from_this()](const std::shared_ptr<Transport>& transport,
+                                  const std::optional<Error>& error) { self->connected(transport, error); };
 }
 
 void Connection::connected(const std::shared_ptr<Transport>& transport, const std::optional<Error>& error) {
@@ -191,18 +216,27 @@ void Connection::connected(const std::shared_ptr<Transport>& transport, const st
     return;
   }
   std::unique_lock lock(mutex_);
+  if (invalid_) {
+    lock.unlock();
+    transport->closeIfUnused(
+        transportError(TransportErrorCode::invalidated, "Nobody needs the connection any more"));
+    return;
+  }
+  if (!transport->open(channel_, weak_from_this())) {
+    // It closed before it knew of this channel. Nothing has been sent, so nothing has to fail yet.
+    const bool again = ++attempts_ < kConnectAttempts;
+    lock.unlock();
+    if (again) return connector_(connectedHandler());
+    return end(transportError(TransportErrorCode::interrupted, transport->name() + " went away"));
+  }
+  attempts_ = 0;
   connecting_ = false;
-  if (invalid_) return;
   transport_ = transport;
-  const bool open = transport->open(channel_, weak_from_this());
   for (std::string& frame : pending_) transport->send(std::move(frame));
   pending_.clear();
+  pendingBytes_ = 0;
   const auto waiters = std::exchange(connectWaiters_, {});
   lock.unlock();
-  if (!open) {
-    // It closed before it knew of this channel, so nobody else will say so.
-    closed(transportError(TransportErrorCode::interrupted, transport->name() + " went away"), false);
-  }
   for (const auto& waiter : waiters) waiter(std::nullopt);
 }
 
@@ -217,6 +251,7 @@ void Connection::end(const Error& error) {
   connecting_ = false;
   pending_.clear();
   const auto transport = std::exchange(transport_, nullptr);
+  pendingBytes_ = 0;
   const auto calls = std::exchange(calls_, {});
   const auto waiters = std::exchange(connectWaiters_, {});
   const auto interruption = std::exchange(interruptionHandler_, nullptr);
@@ -278,6 +313,7 @@ void Connection::receiveAnswer(const Frame& frame) {
   auto call = calls_.extract(frame.id);
   const auto interface = remoteInterface_;
   lock.unlock();
+  if (call) transport->noteReply();
   if (call.empty()) {
     return transport->fail(
         transportError(TransportErrorCode::violation, "An answer to no call, or a second one"));

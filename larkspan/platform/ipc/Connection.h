@@ -18,7 +18,7 @@
 namespace larkspan::platform {
 
 /// Answers one call of the peer, once, from any thread. Copies share the answer; when the last is dropped
-/// without an answer the caller is told so. A second answer is refused with a line on the console.
+/// without an answer the caller is told so. A second answer is refused with a line in the log.
 class Reply {
  public:
   Reply() = default;
@@ -57,7 +57,7 @@ class ExportedObject {
 class Connection : public Transport::Channel, public std::enable_shared_from_this<Connection> {
  public:
   using Connected = std::function<void(std::shared_ptr<Transport>, std::optional<Error>)>;
-  /// Finds or starts the peer and calls back once, on any thread, with a transport or an error.
+  /// Finds or starts the peer and calls back once, on any thread, with an open transport or an error.
   using Connector = std::function<void(Connected)>;
   /// Either the reply's values (as many as the interface says) or an error.
   using Outcome = std::function<void(const std::vector<Value>& values, const std::optional<Error>& error)>;
@@ -97,6 +97,7 @@ class Connection : public Transport::Channel, public std::enable_shared_from_thi
   void receiveCall(const Frame& frame);
   void receiveAnswer(const Frame& frame);
   void connected(const std::shared_ptr<Transport>& transport, const std::optional<Error>& error);
+  Connected connectedHandler();
   void end(const Error& error);
   std::optional<Error> submit(std::string frame, std::unique_lock<std::mutex>& lock);
 
@@ -115,6 +116,8 @@ class Connection : public Transport::Channel, public std::enable_shared_from_thi
   std::vector<std::string> pending_;  // Frames that wait for a transport.
   std::vector<std::function<void(const std::optional<Error>&)>> connectWaiters_;
   std::unordered_map<int64_t, Call> calls_;
+  std::size_t pendingBytes_ = 0;
+  int attempts_ = 0;  // To connect, since it last went well.
   int64_t lastId_ = 0;
 };
 

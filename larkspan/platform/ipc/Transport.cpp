@@ -5,7 +5,7 @@
 #include "larkspan/platform/base/Format.h"
 #include "larkspan/platform/base/Limits.h"
 #include "larkspan/platform/ipc/TransportError.h"
-#include "larkspan/platform/log/SystemLog.h"
+#include "larkspan/platform/ipc/TransportLog.h"
 
 #include <array>
 #include <utility>
@@ -19,11 +19,11 @@ namespace larkspan::platform {
 namespace {
 
 constexpr std::size_t kReadSize = 64 * 1024;
-
-const SystemLog& transportLog() {
-  static const auto* log = new SystemLog("corvane.storage", "transport");
-  return *log;
-}
+/// Reads in one task of the delivery queue, so that a peer which sends without end does not keep out what else is to
+/// run there.
+constexpr int kReadsAtOnce = 16;
+/// Reads of what a peer that has ended left behind: more than a socket's buffer holds.
+constexpr int kLastReads = 256;
 
 Error violation(std::string_view what) { return transportError(TransportErrorCode::violation, what); }
 
@@ -78,7 +78,7 @@ void Transport::ready(uint32_t events) {
   if (events & EPOLLOUT) flush();
   if ((events & ~static_cast<uint32_t>(EPOLLOUT)) != 0 && !reading_) {
     reading_ = true;
-    queue_->async([self = shared_from_this()] { self->readAvailable(); });
+    queue_->async([self = shared_from_this()] { self->readAvailable(kReadsAtOnce); });
   }
   watch();
 }
@@ -92,10 +92,10 @@ void Transport::watch() {
   source_->setEvents(events);
 }
 
-void Transport::readAvailable() {
+void Transport::readAvailable(int reads) {
   // Left uninitialised on purpose: recv(2) fills what is read of it.
   std::array<char, kReadSize> buffer;
-  for (;;) {
+  for (; reads > 0; --reads) {
     {
       const std::lock_guard lock(mutex_);
       if (closed_) return;
@@ -117,6 +117,7 @@ void Transport::readAvailable() {
           transportError(TransportErrorCode::interrupted, Error::posix(errno, name_).localizedDescription()));
     }
   }
+  queue_->async([self = shared_from_this()] { self->readAvailable(kReadsAtOnce); });
 }
 
 /// Cuts the bytes into frames. False when the transport is closed.
@@ -205,7 +206,6 @@ void Transport::route(const Frame& frame) {
     channel->closed(transportError(TransportErrorCode::invalidated, name_ + " closed the channel"), true);
     return forget(frame.channel);
   }
-  if (frame.type == FrameType::reply) replied_ = true;
   channel->received(frame);
 }
 
@@ -272,11 +272,6 @@ void Transport::forget(uint32_t number) {
   }
   if (!last) return;
   queue_->async([self = shared_from_this()] {
-    {
-      // Another channel may have been opened in between.
-      const std::lock_guard lock(self->mutex_);
-      if (self->closed_ || !self->channels_.empty()) return;
-    }
     if (self->handlers_.onLastChannel) self->handlers_.onLastChannel();
   });
 }
@@ -288,7 +283,7 @@ std::optional<Error> Transport::closeReason() const {
 
 void Transport::peerEnded(const Error& reason) {
   queue_->async([self = shared_from_this(), reason] {
-    self->readAvailable();
+    self->readAvailable(kLastReads);
     self->close(reason);
   });
 }
@@ -303,23 +298,31 @@ void Transport::fail(const Error& reason) {
   close(reason);
 }
 
+bool Transport::closeIfUnused(const Error& reason) {
+  std::unique_lock lock(mutex_);
+  if (closed_ || !channels_.empty()) return false;
+  finishClosing(std::move(lock), reason);
+  return true;
+}
+
 void Transport::close(const Error& reason) {
-  std::shared_ptr<IoSource> source;
-  {
-    const std::lock_guard lock(mutex_);
-    if (closed_) return;
-    closed_ = true;
-    closeReason_ = reason;
-    source = std::exchange(source_, nullptr);
-    outbound_.clear();
-    outboundBytes_ = 0;
-  }
+  std::unique_lock lock(mutex_);
+  if (!closed_) finishClosing(std::move(lock), reason);
+}
+
+void Transport::finishClosing(std::unique_lock<std::mutex> lock, const Error& reason) {
+  closed_ = true;
+  closeReason_ = reason;
+  const auto source = std::exchange(source_, nullptr);
+  outbound_.clear();
+  outboundBytes_ = 0;
+  lock.unlock();
   if (source) source->cancel();
   ::shutdown(socket_.get(), SHUT_RDWR);
   queue_->async([self = shared_from_this(), reason] {
     std::unordered_map<uint32_t, std::weak_ptr<Channel>> channels;
     {
-      const std::lock_guard lock(self->mutex_);
+      const std::lock_guard guard(self->mutex_);
       channels.swap(self->channels_);
     }
     const Handlers handlers = std::exchange(self->handlers_, {});

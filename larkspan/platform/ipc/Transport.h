@@ -47,7 +47,7 @@ class Transport : public std::enable_shared_from_this<Transport> {
     /// The peer opens a channel; answers who is at this end. Without this handler only this side may open
     /// channels.
     std::function<std::shared_ptr<Channel>(uint32_t channel)> onOpen;
-    /// The last channel has been closed, by either side.
+    /// The last channel has been closed, by either side; another may have been opened since: see `closeIfUnused`.
     std::function<void()> onLastChannel;
     /// The last callback, before the channels are told; the handlers are dropped after it.
     std::function<void(const Error& error)> onClose;
@@ -65,6 +65,8 @@ class Transport : public std::enable_shared_from_this<Transport> {
   bool open(uint32_t number, std::weak_ptr<Channel> channel);
   /// Closes a channel from this side: it is told nothing more, and the peer is told.
   void closeChannel(uint32_t number);
+  /// Closes the transport unless it has a channel; false when it has, or is closed already.
+  bool closeIfUnused(const Error& reason);
   /// Ends the transport as if the peer had gone away for this reason. Idempotent.
   void close(const Error& reason);
   /// The peer has ended for this reason: reads what it still said and closes.
@@ -76,15 +78,17 @@ class Transport : public std::enable_shared_from_this<Transport> {
   /// Why the transport has closed; nothing as long as it has not. It may be some time until the callbacks
   /// hear of it.
   std::optional<Error> closeReason() const;
-  /// Whether the peer has answered a call since the transport was made.
+  /// Whether the peer has answered a call since the transport was made; a connection notes that it has.
   bool hasReplied() const { return replied_; }
+  void noteReply() { replied_ = true; }
 
  private:
   Transport(Descriptor socket, std::string name, Handlers handlers);
   void start();
   void ready(uint32_t events);
   void watch();
-  void readAvailable();
+  void readAvailable(int reads);
+  void finishClosing(std::unique_lock<std::mutex> lock, const Error& reason);
   bool takeBytes(std::string_view bytes);
   void receive(Slice item);
   void route(const Frame& frame);

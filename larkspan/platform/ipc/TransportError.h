@@ -19,6 +19,7 @@ enum class TransportErrorCode : int64_t {
   notAnswered,      ///< The peer dropped the call without an answer.
   unknownMethod,    ///< The peer does not know the method.
   notReading,       ///< The peer does not take what is sent to it.
+  notSendable,      ///< A message that is too large, or holds what cannot be archived.
   noReply,          ///< A reply came that carries nothing.
   exception,        ///< An exception left the work of an operation.
 };
