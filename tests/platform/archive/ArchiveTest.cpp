@@ -40,9 +40,9 @@ Code outcome(const Value& value, const ClassSet& classes) {
 /// A record with fixed fields, each read with its own classes.
 class Folder : public Archivable {
  public:
-  Value name, children, owner;
+  Value name, children;
   int64_t size = 0, serial = 0;
-  bool hidden = false, hadName = false;
+  bool hidden = false;
   double share = 0;
   float ratio = 0;
 
@@ -54,7 +54,6 @@ class Folder : public Archivable {
   void encodeWithCoder(KeyedArchiver& coder) const override {
     coder.encodeObject(name, "name");
     coder.encodeObject(children, "children");
-    coder.encodeObject(owner, "owner");
     coder.encodeInt64(size, "size");
     coder.encodeInteger(serial, "serial");
     coder.encodeBool(hidden, "hidden");
@@ -65,10 +64,8 @@ class Folder : public Archivable {
  private:
   static std::shared_ptr<Object> decode(KeyedUnarchiver& coder) {
     auto folder = std::make_shared<Folder>();
-    folder->hadName = coder.containsValue("name");
-    folder->name = coder.decodeObject("name", {ValueClass::string});
+    if (coder.containsValue("name")) folder->name = coder.decodeObject("name", {ValueClass::string});
     folder->children = coder.decodeObject("children", ClassSet{ValueClass::array}.with<Folder>());
-    folder->owner = coder.decodeObject("owner", {ValueClass::number});
     folder->size = coder.decodeInt64("size");
     folder->serial = coder.decodeInteger("serial");
     folder->hidden = coder.decodeBool("hidden");
@@ -122,26 +119,28 @@ std::shared_ptr<Note> noteWith(Dictionary fields) {
 }
 std::shared_ptr<Note> noteWith(Entries entries) { return noteWith(dictionaryOf(entries)); }
 
-/// A value in which every kind stands, in containers and in objects.
-Value richValue() {
+std::shared_ptr<Folder> folderWith(Value children, Value name = "n") {
   auto folder = std::make_shared<Folder>();
-  folder->name = "Bücher";
+  folder->name = std::move(name);
+  folder->children = std::move(children);
+  return folder;
+}
+
+/// A value in which every kind stands, in containers and in objects; with long strings if `isLong`.
+Value richValue(bool isLong) {
+  const std::string text(isLong ? 5000 : 5, 'x');
+  const auto folder = folderWith(Value(), "Bücher");
   folder->size = int64_t{1} << 40;
-  folder->serial = std::numeric_limits<int64_t>::min();
   folder->share = 0.1;
-  auto parent = std::make_shared<Folder>();
-  parent->children = Array{folder, folder};
   Dictionary many;
   for (int i = 0; i < 30; ++i) many.set("key" + std::to_string(i), i * 1000);
   const Error cause("POSIX", 2, dictionaryOf({{"path", *URL::parse("file:///tmp/%FF")}}));
-  const Array numbers{Value(), true, false, 0, -1, 1.5, 1.5F, std::numeric_limits<double>::infinity()};
-  const Array strings{"", "text", std::string(5000, 'x'), Data::copy("\xFF"),
-                      Data::copy(std::string(5000, '\xFE'))};
-  const Array others{Date{-1, 5}, *URL::parse("https://example.com/a?b#c"), Dictionary(), Set(),
-                     Set({1, "one", Array{2}})};
-  const Array objects{Error("Domain", -5, dictionaryOf({{"cause", cause}, {"when", Date{5, 1}}})), parent,
-                      noteWith({{"none", Value()}, {"note", noteWith(many)}, {"dictionary", many}})};
-  return Array{numbers, strings, others, objects, Array()};
+  return listOf(listOf(Value(), true, false, 0, -1, 1.5, 1.5F, std::numeric_limits<double>::infinity()),
+                listOf("", text, Data::copy("\xFF"), Data::copy(text), Date{-1, 5}, Dictionary(), Set(),
+                       *URL::parse("https://example.com/a?b#c"), Set({1, "one", Array{2}})),
+                Error("Domain", -5, dictionaryOf({{"cause", cause}, {"when", Date{5, 1}}})),
+                folderWith(Array{folder, folder}),
+                noteWith({{"none", Value()}, {"note", noteWith(many)}, {"dictionary", many}}));
 }
 
 TEST(Archive, HasTheBytesOfTheStandards) {
@@ -193,23 +192,20 @@ TEST(Archive, ReadsWhatOtherEncodersWrite) {
 TEST(Archive, CopiesShortStringsAndSharesLongOnesAndKnownKeys) {
   static constexpr Key kKnown[] = {"archive test key", "archive test key 2", "archive test key"};
   internKeys(kKnown);
-  const Data archive =
-      Data::copy(archived(dictionaryOf({{kKnown[0], std::string(kSharedLength, 'y')},
-                                        {kKnown[1], std::string(kSharedLength - 1, 'y')},
-                                        {"stranger", Data::copy(std::string(kSharedLength, 'z'))}})));
-  const auto within = [&](const char* at) {
+  const std::string large(kSharedLength, 'y');
+  const Data archive = Data::copy(archived(
+      dictionaryOf({{kKnown[0], large}, {kKnown[1], large.substr(1)}, {"stranger", Data::copy(large)}})));
+  const auto isShared = [&](const char* at) {
     return at >= archive.bytes.data() && at < archive.bytes.data() + archive.bytes.size();
   };
   const Dictionary dictionary = KeyedUnarchiver::unarchivedValue(archive, everything()).value.dictionary();
   ASSERT_EQ(dictionary.size(), 3U);
   const auto* entry = dictionary.begin();
-  EXPECT_EQ(entry[0].key().data(), std::string_view(kKnown[0]).data());
-  EXPECT_EQ(entry[1].key().data(), std::string_view(kKnown[1]).data());
-  EXPECT_EQ(entry[2].key(), "stranger");
-  EXPECT_FALSE(within(entry[2].key().data()));
-  EXPECT_TRUE(within(entry[0].value.text().data()));
-  EXPECT_FALSE(within(entry[1].value.text().data())) << "a short text does not pin its frame";
-  EXPECT_TRUE(within(entry[2].value.data()->view().data()));
+  for (int i : {0, 1}) EXPECT_EQ(entry[i].key().data(), std::string_view(kKnown[i]).data());
+  EXPECT_FALSE(isShared(entry[2].key().data()));
+  EXPECT_TRUE(isShared(entry[0].value.text().data()));
+  EXPECT_FALSE(isShared(entry[1].value.text().data())) << "a short text does not pin its frame";
+  EXPECT_TRUE(isShared(entry[2].value.data()->view().data()));
 }
 
 TEST(Archive, AdmitsAClassOnlyWhereItsSetNamesIt) {
@@ -241,28 +237,20 @@ TEST(Archive, AdmitsAClassOnlyWhereItsSetNamesIt) {
 }
 
 TEST(Archive, ReadsObjectsByTheSetsOfTheirOwnKeys) {
-  const auto folder = [](Value children, Value name = "n") {
-    auto result = std::make_shared<Folder>();
-    result->name = std::move(name);
-    result->children = std::move(children);
-    return result;
-  };
   // Beneath a key its set replaces the outer one: what the outer names is not admitted, what it lacks is.
-  EXPECT_EQ(outcome(folder(Array{folder(Value())}), ClassSet().with<Folder>()), kFine);
-  EXPECT_EQ(outcome(folder(Array{noteWith({})}), everything()), Code::forbiddenClass);
-  EXPECT_EQ(outcome(folder(Array{"text"}), everything()), Code::forbiddenClass);
-  EXPECT_EQ(outcome(folder(Array{folder(Array{folder(Value(), 5)})}), everything()), Code::forbiddenClass);
+  EXPECT_EQ(outcome(folderWith(Array{folderWith(Value())}), ClassSet().with<Folder>()), kFine);
+  for (const Value& child : listOf(noteWith({}), "text", folderWith(Array{folderWith(Value(), 5)}))) {
+    EXPECT_EQ(outcome(folderWith(Array{child}), everything()), Code::forbiddenClass);
+  }
   // An object that passes the outer set on admits no more than that.
   EXPECT_EQ(outcome(noteWith({{"a", "text"}}), ClassSet{ValueClass::string}.with<Note>()), kFine);
-  EXPECT_EQ(outcome(noteWith({{"a", 1}}), ClassSet{ValueClass::string}.with<Note>()), Code::forbiddenClass);
   EXPECT_EQ(outcome(noteWith({{"a", noteWith({{"b", Date()}})}}), ClassSet().with<Note>()),
             Code::forbiddenClass);
 
   const auto only = [](const Value& value) {
     return KeyedUnarchiver::unarchivedObject<Folder>(Data::copy(archived(value)));
   };
-  EXPECT_EQ(only(folder(Array(), "x")).object->name, Value("x"));
-  EXPECT_EQ(codeOf(only(Value()).error), Code::forbiddenClass);
+  EXPECT_EQ(only(folderWith(Array(), "x")).object->name, Value("x"));
   EXPECT_EQ(codeOf(only(noteWith({})).error), Code::forbiddenClass);
 }
 
@@ -273,25 +261,19 @@ TEST(Archive, ReadsFieldsInAnyOrderAndTakesWhatIsMissingForNothing) {
     bytes.replace(bytes.find("dNote"), 5, "fFolder");
     return unarchived(bytes, everything());
   };
-  const Array unknown{1, noteWith({{"size", 9}})};
-  Dictionary fields;
-  for (int i = 0; i < 30; ++i) fields.set("unknown" + std::to_string(i), unknown);
-  const auto keys = words("ratio share hidden serial size children name");
-  const Array values{2, 1, 1, "7", 2.9, Value(), "last"};
-  for (std::size_t i = 0; i < keys.size(); ++i) fields.set(keys[i], values[i]);
+  Dictionary fields =
+      dictionaryOf({{"ratio", 2}, {"share", 1}, {"hidden", 1}, {"serial", "7"}, {"size", 2.9}});
+  for (int i = 0; i < 30; ++i) fields.set("unknown" + std::to_string(i), Array{1, noteWith({{"size", 9}})});
+  fields.set("name", "last");
   const Result result = read(fields);
   ASSERT_FALSE(result.error) << result.error->description();
-  const auto folder = result.value.array()[0].objectOf<Folder>();
   EXPECT_EQ(result.value.array()[1], Value("after"));
-  EXPECT_EQ(folder->ratio, 2.0F);
-  EXPECT_EQ(folder->share, 1.0);
-  EXPECT_TRUE(folder->hidden && folder->hadName);
+  const auto folder = result.value.array()[0].objectOf<Folder>();
+  EXPECT_EQ(folder->ratio + folder->share, 3);
+  EXPECT_TRUE(folder->hidden && folder->children.isNone());
   EXPECT_EQ(folder->serial, 0) << "a string is no number";
   EXPECT_EQ(folder->size, 2);
-  EXPECT_TRUE(folder->children.isNone() && folder->owner.isNone());
   EXPECT_EQ(folder->name, Value("last"));
-  EXPECT_FALSE(read({}).value.array()[0].objectOf<Folder>()->hadName);
-
   EXPECT_EQ(codeOf(read(dictionaryOf({{"size", -1}})).error), Code::malformed);
   EXPECT_EQ(read(dictionaryOf({{"size", -2}})).error->domain(), "Test");
   // The first fault counts, and nothing of the value is handed out.
@@ -334,21 +316,13 @@ TEST(Archive, WritesNothingOfWhatItCannotWrite) {
   // In a frame: what the caller has written and opened counts, and stays.
   std::string frame = "length";
   CborWriter writer(frame);
-  writer.array(2);
+  writer.array(1);
   EXPECT_EQ(codeOf(encodeValue(writer, deepest, 1)), Code::tooDeep);
   EXPECT_EQ(codeOf(encodeValue(writer, most, 1)), Code::tooManyElements);
   EXPECT_EQ(codeOf(encodeValue(writer, large, 1)), Code::tooLarge);
-  EXPECT_EQ(frame, "length\x82");
-  EXPECT_EQ(writer.elements(), 1U);
+  EXPECT_EQ(frame, "length\x81");
   EXPECT_FALSE(encodeValue(writer, "first", 1));
-  EXPECT_FALSE(encodeValue(writer, Array{2}, 1));
-  const Slice received = Slice::copy(frame.substr(6));
-  ASSERT_FALSE(checkWellFormed(received.view()));
-  CborReader reader(received.view());
-  reader.next();
-  EXPECT_EQ(decodeValue(received, reader, {ValueClass::string}).value, Value("first"));
-  EXPECT_EQ(decodeValue(received, reader, everything()).value, Value(Array{2}));
-  EXPECT_TRUE(reader.atEnd());
+  EXPECT_EQ(unarchived(frame.substr(6), everything()).value, Value(Array{"first"}));
 
   // An error travels whatever decorates it.
   const Error decorated("\xFF", 1,
@@ -357,27 +331,23 @@ TEST(Archive, WritesNothingOfWhatItCannotWrite) {
   ASSERT_TRUE(error);
   EXPECT_EQ(error->domain(), "\uFFFD");
   EXPECT_EQ(error->userInfo().get("object").description().substr(0, 8), "<Opaque:");
-  EXPECT_EQ(error->userInfo().get("objects").set().members().size(), 1U);
 }
 
 TEST(Archive, SurvivesTruncationAndAnyDamage) {
-  const std::string rich = archived(richValue());
+  const std::string rich = archived(richValue(true));
   ASSERT_EQ(archived(unarchived(rich, everything()).value), rich);
   for (std::size_t size = 0; size < rich.size(); ++size) {
     ASSERT_EQ(codeOf(checkWellFormed(std::string_view(rich).substr(0, size))), Code::truncated) << size;
   }
   // Without the long strings each byte is worth damaging.
-  const Array parts = richValue().array();
-  const std::string sound = archived(Array{parts[0], parts[2], parts[3]});
+  const std::string sound = archived(richValue(false));
   std::mt19937 random(20'261'122);
   const auto below = [&](std::size_t bound) { return random() % bound; };
   int accepted = 0;
   for (int round = 0; round < 20'000; ++round) {
     std::string damaged = sound;
     for (std::size_t hits = 1 + below(3); hits > 0; --hits) {
-      const std::size_t at = below(damaged.size());
-      const std::size_t length = below(3);
-      damaged.replace(at, length, damaged.substr(below(damaged.size()), below(4)));
+      damaged.replace(below(damaged.size()), below(3), damaged.substr(below(damaged.size()), below(4)));
       damaged[below(damaged.size())] ^= static_cast<char>(below(2) << below(8));
     }
     const Result result = unarchived(damaged, everything());

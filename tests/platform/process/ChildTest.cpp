@@ -7,7 +7,6 @@
 #include <atomic>
 #include <condition_variable>
 #include <csignal>
-#include <cstdlib>
 #include <future>
 #include <mutex>
 #include <stdexcept>
@@ -15,8 +14,9 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
+
+#include "tests/platform/files/TestTree.h"
 
 namespace larkspan::platform {
 namespace {
@@ -24,22 +24,14 @@ namespace {
 using Lines = std::vector<std::string>;
 using namespace std::chrono_literals;
 
-/// Starts a child and collects what comes back.
+/// A child that has been started, and what comes back from it.
 class Started {
  public:
-  explicit Started(ChildOptions options) : seen_(std::make_shared<Seen>()) {
-    if (options.standardErrorLine) {
-      options.standardErrorLine = [seen = seen_](std::string_view line) {
-        std::lock_guard lock(seen->mutex);
-        seen->lines.emplace_back(line);
-        seen->changed.notify_all();
-      };
-    }
+  explicit Started(ChildOptions options) {
+    options.standardErrorLine = [seen = seen_](std::string_view line) { seen->add(seen->lines, line); };
     auto started = Child::start(options, [seen = seen_](ExitStatus status) {
       EXPECT_TRUE(isIoThread());
-      std::lock_guard lock(seen->mutex);
-      seen->exits.push_back(status.description());
-      seen->changed.notify_all();
+      seen->add(seen->exits, status.description());
     });
     if (auto* error = std::get_if<Error>(&started)) {
       failure = error->localizedDescription();
@@ -48,39 +40,38 @@ class Started {
     }
   }
 
-  /// How it ended, once, or why it did not start.
-  std::string end() {
-    if (!child) return failure;
-    std::unique_lock lock(seen_->mutex);
-    seen_->changed.wait_for(lock, 20s, [&] { return !seen_->exits.empty(); });
-    return seen_->exits.size() == 1 ? seen_->exits.front() : std::to_string(seen_->exits.size()) + " ends";
-  }
-  Lines lines(std::size_t atLeast = 0) {
-    std::unique_lock lock(seen_->mutex);
-    seen_->changed.wait_for(lock, 20s, [&] { return seen_->lines.size() >= atLeast; });
-    return seen_->lines;
-  }
+  /// How it ended, each time.
+  Lines ends() { return seen_->wait(seen_->exits, 1); }
+  Lines lines(std::size_t atLeast = 0) { return seen_->wait(seen_->lines, atLeast); }
 
   std::string failure;
   std::shared_ptr<Child> child;
 
  private:
   struct Seen {
+    void add(Lines& to, std::string_view line) {
+      const std::lock_guard lock(mutex);
+      to.emplace_back(line);
+      changed.notify_all();
+    }
+    Lines wait(const Lines& of, std::size_t atLeast) {
+      std::unique_lock lock(mutex);
+      changed.wait_for(lock, 20s, [&] { return of.size() >= atLeast; });
+      return of;
+    }
     std::mutex mutex;
     std::condition_variable changed;
     Lines lines, exits;
   };
-  const std::shared_ptr<Seen> seen_;
+  const std::shared_ptr<Seen> seen_ = std::make_shared<Seen>();
 };
 
-const ChildOptions::LineHandler kCollect = [](std::string_view) {};
-
-ChildOptions shell(const char* script) {
+ChildOptions command(Lines arguments) {
   ChildOptions options;
-  options.arguments = {"sh", "-c", script};
-  options.standardErrorLine = kCollect;
+  options.arguments = std::move(arguments);
   return options;
 }
+ChildOptions script(const std::string& script) { return command({"sh", "-c", script}); }
 
 TEST(Child, GetsWhatItWasPromisedAndNothingElse) {
   // What must not reach the child: an open descriptor, an ignored signal, a blocked one, another environment.
@@ -95,18 +86,16 @@ TEST(Child, GetsWhatItWasPromisedAndNothingElse) {
   const Descriptor ours(ends[0]);
   Descriptor theirs(ends[1]);
 
-  ChildOptions options;
-  options.arguments = {LARKSPAN_TEST_BIN "/fixtures/ChildReport", "a b", ""};
+  ChildOptions options = command({LARKSPAN_TEST_BIN "/fixtures/ChildReport", "a b", ""});
   options.environment = Lines{"LARKSPAN_VALUE=7", "LISTEN_PID=1", "LISTEN_FDS=9"};
   options.workingFolder = "/";
   options.descriptors = {{3, theirs.get()}};
   options.announcesListeners = true;
-  options.standardErrorLine = kCollect;
   options.parentDeathSignal = SIGTERM;
   Started run(options);
   theirs.reset();
   EXPECT_EQ(send(ours.get(), "x", 1, MSG_NOSIGNAL), 1);
-  EXPECT_EQ(run.end(), "exit code 0");
+  EXPECT_EQ(run.ends(), Lines{"exit code 0"});
   std::signal(SIGUSR1, oldHandler);
   pthread_sigmask(SIG_UNBLOCK, &blocked, nullptr);
 
@@ -124,115 +113,88 @@ TEST(Child, KeepsDescriptorsApartWhoseNumbersCross) {
   const Descriptor all[] = {Descriptor(first[0]), Descriptor(first[1]), Descriptor(second[0]),
                             Descriptor(second[1])};
   // Each has the other's number in the child.
-  const std::string script =
-      "echo one >/dev/fd/" + std::to_string(second[1]) + "; echo two >/dev/fd/" + std::to_string(first[1]);
-  ChildOptions options = shell(script.c_str());
+  ChildOptions options = script("echo one >/dev/fd/" + std::to_string(second[1]) + "; echo two >/dev/fd/" +
+                               std::to_string(first[1]));
   options.descriptors = {{second[1], first[1]}, {first[1], second[1]}};
   Started run(options);
-  EXPECT_EQ(run.end(), "exit code 0");
-  char text[8] = {};
-  EXPECT_EQ(read(first[0], text, 4), 4);
-  EXPECT_STREQ(text, "one\n");
-  EXPECT_EQ(read(second[0], text, 4), 4);
-  EXPECT_STREQ(text, "two\n");
+  EXPECT_EQ(run.ends(), Lines{"exit code 0"});
+  char text[9] = {};
+  EXPECT_EQ(read(first[0], text, 4) + read(second[0], text + 4, 4), 8);
+  EXPECT_STREQ(text, "one\ntwo\n");
 }
 
 TEST(Child, SaysWhichStepOfStartingFailed) {
-  char script[] = "/tmp/larkspan-script-XXXXXX";
-  const int file = mkstemp(script);
-  ASSERT_GE(file, 0);
-  ASSERT_EQ(fchmod(file, 0700), 0);
-  ASSERT_EQ(write(file, "no program", 10), 10);
-  close(file);
-  const auto options = [](std::string program, std::string folder = {},
-                          std::vector<ChildOptions::Passed> passed = {}) {
-    ChildOptions result;
-    result.arguments = {std::move(program)};
-    result.workingFolder = std::move(folder);
-    result.descriptors = std::move(passed);
-    return result;
+  const TestTree tree;
+  tree.file("script", "no program");
+  ASSERT_EQ(chmod((tree / "script").c_str(), 0700), 0);
+  const auto passing = [](std::vector<ChildOptions::Passed> descriptors) {
+    ChildOptions options = command({"true"});
+    options.descriptors = std::move(descriptors);
+    return options;
   };
-  const struct {
-    ChildOptions options;
-    std::string failure;
-  } cases[] = {
-      {options("/no/such"), "/no/such: execve: No such file or directory"},
-      {options("larkspan-no-such-program"), "larkspan-no-such-program: No such file or directory"},
-      {options("/"), "/: execve: Permission denied"},
-      {options(script), std::string(script) + ": execve: Exec format error"},
-      {options("true", "/no/such"), "true: working folder: No such file or directory"},
-      {options("true", {}, {{3, 4000}}), "true: passing a descriptor: Bad file descriptor"},
-  };
-  for (const auto& c : cases) EXPECT_EQ(Started(c.options).failure, c.failure);
-  unlink(script);
+  ChildOptions nowhere = command({"true"});
+  nowhere.workingFolder = "/no/such";
+  const std::pair<ChildOptions, std::string> cases[] = {
+      {command({"/no/such"}), "/no/such: execve: No such file or directory"},
+      {command({"larkspan-no-such-program"}), "larkspan-no-such-program: No such file or directory"},
+      {command({"/"}), "/: execve: Permission denied"},
+      {command({tree / "script"}), tree / "script" + ": execve: Exec format error"},
+      {nowhere, "true: working folder: No such file or directory"},
+      {passing({{3, 4000}}), "true: passing a descriptor: Bad file descriptor"}};
+  for (const auto& [options, failure] : cases) EXPECT_EQ(Started(options).failure, failure);
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG | __WALL), -1) << "a child that failed to start is reaped";
 
-  EXPECT_THROW(Child::start({}, nullptr), std::invalid_argument);
-  EXPECT_THROW(Child::start(options("true", {}, {{2, 1}}), nullptr), std::invalid_argument);
-  EXPECT_THROW(Child::start(options("true", {}, {{256, 1}}), nullptr), std::invalid_argument);
-  EXPECT_THROW(Child::start(options("true", {}, {{3, 1}, {3, 2}}), nullptr), std::invalid_argument);
+  for (const auto& options :
+       {ChildOptions(), passing({{2, 1}}), passing({{256, 1}}), passing({{3, 1}, {3, 2}})})
+    EXPECT_THROW(Child::start(options, nullptr), std::invalid_argument);
 }
 
-TEST(Child, EndsByExitBySignalAndByDeadline) {
-  EXPECT_EQ(Started(shell("exit 3")).end(), "exit code 3");
-  EXPECT_EQ(Started(shell("kill -TERM $$")).end(), "signal 15 (Terminated)");
-  {
-    Started run(shell("exec sleep 1000"));
-    EXPECT_EQ(run.child->exitStatus(), std::nullopt);
-    EXPECT_TRUE(run.child->kill(SIGKILL));
-    EXPECT_EQ(run.end(), "signal 9 (Killed)");
-  }
-  {
-    Started run(shell("exec sleep 1000"));
-    run.child->terminate(1h);
-    EXPECT_EQ(run.end(), "signal 15 (Terminated)");
-  }
-  {
-    // The script says when it has switched the signal off.
-    Started run(shell("trap '' TERM; echo ready; exec sleep 1000"));
-    EXPECT_EQ(run.lines(1), Lines{"ready"});
-    run.child->terminate(1ms);
-    EXPECT_EQ(run.end(), "signal 9 (Killed)");
-  }
+TEST(Child, EndsOnceByExitBySignalOrByDeadline) {
+  EXPECT_EQ(Started(script("kill -TERM $$")).ends(), Lines{"signal 15 (Terminated)"});
+  Started killed(script("exec sleep 1000")), asked(script("exec sleep 1000"));
+  EXPECT_EQ(killed.child->exitStatus(), std::nullopt);
+  EXPECT_TRUE(killed.child->kill(SIGKILL));
+  EXPECT_EQ(killed.ends(), Lines{"signal 9 (Killed)"});
+  asked.child->terminate(1h);
+  EXPECT_EQ(asked.ends(), Lines{"signal 15 (Terminated)"});
+  // The script says when it has switched the signal off.
+  Started deaf(script("trap '' TERM; echo ready; exec sleep 1000"));
+  EXPECT_EQ(deaf.lines(1), Lines{"ready"});
+  deaf.child->terminate(1ms);
+  EXPECT_EQ(deaf.ends(), Lines{"signal 9 (Killed)"});
+  // Even where the kernel reaps by itself.
+  const auto oldHandler = std::signal(SIGCHLD, SIG_IGN);
+  EXPECT_EQ(Started(script("exit 3")).ends(), Lines{"unknown"});
+  std::signal(SIGCHLD, oldHandler);
 }
 
 TEST(Child, DeliversItsStandardErrorInLinesOfBoundedLength) {
   const std::string most(Child::kMaxLine, 'x');
   Started run(
-      shell("echo one; echo; echo two >&2; printf '%08192d\\n' 0 | tr 0 x; printf '%04095d\\n' 0 | tr 0 x;"
+      script("echo one; echo; echo two >&2; printf '%08192d\\n' 0 | tr 0 x; printf '%04095d\\n' 0 | tr 0 x;"
             "printf end; exec 1>&- 2>&-; exit 5"));
-  EXPECT_EQ(run.end(), "exit code 5");
+  EXPECT_EQ(run.ends(), Lines{"exit code 5"});
   EXPECT_EQ(run.lines(), (Lines{"one", "", "two", most, most, most.substr(1), "end"}));
 }
 
 TEST(Child, IsReapedThoughNobodyHoldsIt) {
   std::atomic<int> left = 100;
   std::promise<void> done;
+  const auto startMany = [&] {
+    for (int n = 0; n < 25; ++n) {
+      const auto started = Child::start(command({"true"}), [&](ExitStatus status) {
+        EXPECT_EQ(status, (ExitStatus{ExitStatus::Kind::exited, 0}));
+        if (--left == 0) done.set_value();
+      });
+      EXPECT_EQ(started.index(), 0u);
+    }
+  };
   std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&] {
-      for (int n = 0; n < 25; ++n) {
-        ChildOptions options;
-        options.arguments = {"true"};
-        const auto started = Child::start(options, [&](ExitStatus status) {
-          EXPECT_EQ(status, (ExitStatus{ExitStatus::Kind::exited, 0}));
-          if (--left == 0) done.set_value();
-        });
-        EXPECT_EQ(started.index(), 0u);
-      }
-    });
-  }
+  for (int i = 0; i < 4; ++i) threads.emplace_back(startMany);
   for (std::thread& thread : threads) thread.join();
   ASSERT_EQ(done.get_future().wait_for(20s), std::future_status::ready);
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG | __WALL), -1) << "no zombie is left";
   EXPECT_EQ(errno, ECHILD);
-}
-
-TEST(Child, EndsOnceEvenWhereTheKernelReapsByItself) {
-  const auto oldHandler = std::signal(SIGCHLD, SIG_IGN);
-  Started run(shell("exit 3"));
-  EXPECT_EQ(run.end(), "unknown");
-  std::signal(SIGCHLD, oldHandler);
 }
 
 }  // namespace

@@ -2,28 +2,18 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
 #include <sys/socket.h>
 #include <sys/syscall.h>
 
 namespace larkspan::platform {
 namespace {
 
-TEST(Identity, IsReadOnceAndMayBeReplaced) {
+TEST(Identity, IsThatOfTheProcess) {
   EXPECT_EQ(Identity::current().realUser, getuid());
   EXPECT_EQ(Identity::current().effectiveUser, geteuid());
   EXPECT_EQ(homeFolderOf(0), "/root");
   EXPECT_EQ(homeFolderOf(4'000'000'000), "");
-  const std::string home = Identity::current().homeFolder;
-  EXPECT_EQ(home, homeFolderOf(getuid()));
-  {
-    const ScopedIdentity ann({1001, 0, "/home/ann"});
-    EXPECT_EQ(Identity::current().homeFolder, "/home/ann");
-    const ScopedIdentity bob({1002, 1002, "/home/bob"});
-    EXPECT_EQ(Identity::current().realUser, 1002u);
-  }
-  EXPECT_EQ(Identity::current().homeFolder, home);
+  EXPECT_EQ(Identity::current().homeFolder, homeFolderOf(getuid()));
 }
 
 TEST(Identity, OfAPeerComesFromTheKernel) {
@@ -42,8 +32,6 @@ TEST(Identity, OfAPeerComesFromTheKernel) {
   const Descriptor alone(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   EXPECT_FALSE(peerCredentials(alone.get()));
   EXPECT_EQ(errno, ENOTCONN);
-  EXPECT_FALSE(peerCredentials(-1));
-  EXPECT_EQ(errno, EBADF);
 }
 
 }  // namespace
