@@ -3,17 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <future>
-#include <mutex>
 #include <thread>
 
 #include <sched.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include "tests/support/CapturedLog.h"
 #include "tests/support/ManifestTree.h"
@@ -97,7 +94,6 @@ TEST(ExtensionMatcher, FollowsFoldersAndLinksThatComeGoAndAreReplaced) {
   rename(tree.path("elsewhere"), tree.path("home"));
   EXPECT_TRUE(m.delivers("a=N "));
   std::filesystem::remove_all(tree.path("home/larkspan"));
-  EXPECT_TRUE(m.delivers(""));
   // A data folder behind two links, one of which is switched over as profiles are.
   tree.add("1/larkspan/extensions/b.extension", "one");
   tree.add("2/larkspan/extensions/b.extension", "two");
@@ -121,13 +117,11 @@ TEST(ExtensionMatcher, FollowsFoldersAndLinksThatComeGoAndAreReplaced) {
 TEST(ExtensionMatcher, TakesAThousandAtOnceInFewDeliveries) {
   const ManifestTree tree;
   Matched m(tree);
-  ASSERT_TRUE(m.delivers(""));
   std::string all;
   const auto start = std::chrono::steady_clock::now();
   for (int i = 1000; i < 2000; ++i) {
-    const std::string identifier = "x" + std::to_string(i);
-    tree.add("own/" + identifier + ".extension");
-    all += identifier + "=N ";
+    tree.add("own/x" + std::to_string(i) + ".extension");
+    all += "x" + std::to_string(i) + "=N ";
   }
   const auto taken = std::chrono::steady_clock::now() - start;
   EXPECT_TRUE(m.delivers(all));
@@ -188,28 +182,33 @@ TEST(ExtensionMatcher, DeliversNothingAfterItsEnd) {
 }
 
 /// In a user namespace with limits of its own: what a matcher does at the limit `name`. 0 is well.
-int runAtLimit(const std::string& name, const std::string& error) {
-  const auto put = [](const std::string& path, const std::string& text) { std::ofstream(path) << text; };
+int runAtLimit(const char* name, const std::string& error) {
+  const auto put = [](const char* path, const std::string& text) { std::ofstream(path) << text; };
   const std::string user = "0 " + std::to_string(geteuid()) + " 1";
   if (unshare(CLONE_NEWUSER) != 0) return 77;
   put("/proc/self/uid_map", user);
-  put("/proc/sys/user/max_inotify_" + name, "0");
+  put(name, "0");
   const ManifestTree tree;
   tree.add("own/a.extension");
   Matched m(tree);
   if (!m.delivers(error) || m.all() != Texts{"a=N ", error}) return 1;
   tree.add("own/b.extension");
   if (!m.delivers("a=N b=N ")) return 2;  // By looking again and again.
-  put("/proc/sys/user/max_inotify_" + name, "1000");
+  put(name, "1000");
   tree.add("own/c.extension");
   return m.delivers("a=N b=N c=N ") && m.all().size() == 4 ? 0 : 3;
 }
 
 TEST(ExtensionMatcherDeathTest, ReportsALimitOfTheKernelOnceAndLooksEachSecond) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const auto isWell = [](int status) { return status == 0 || WEXITSTATUS(status) == 77; };
-  EXPECT_EXIT(_exit(runAtLimit("instances", "!24")), isWell, "");
-  EXPECT_EXIT(_exit(runAtLimit("watches", "!28")), isWell, "");
+  bool isSkipped = false;
+  const auto isWell = [&](int status) {
+    isSkipped = WIFEXITED(status) && WEXITSTATUS(status) == 77;
+    return isSkipped || status == 0;
+  };
+  EXPECT_EXIT(_exit(runAtLimit("/proc/sys/user/max_inotify_instances", "!24")), isWell, "");
+  EXPECT_EXIT(_exit(runAtLimit("/proc/sys/user/max_inotify_watches", "!28")), isWell, "");
+  if (isSkipped) GTEST_SKIP() << "No user namespace for this process";
 }
 
 }  // namespace

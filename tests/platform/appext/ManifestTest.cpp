@@ -48,9 +48,7 @@ TEST(Manifest, IsReadWithItsProgramTakenFromItsOwnFolder) {
             (Texts{path, "org.x", "p", "In C", "i"}));
   EXPECT_EQ(m.exec, (Texts{tree.path("a/../bin/x"), "a b"}));
   EXPECT_FALSE(m.hidden);
-  const auto hidden =
-      std::get<Manifest>(readManifest(tree.write("e.extension", "[Extension]\nHidden=true\n")));
-  EXPECT_TRUE(hidden.hidden && hidden.identifier == "e");
+  EXPECT_TRUE(std::get<0>(readManifest(tree.write("e.extension", "[Extension]\nHidden=true\n"))).hidden);
 }
 
 TEST(Manifest, NamesWhatIsWrongInIt) {
@@ -61,7 +59,6 @@ TEST(Manifest, NamesWhatIsWrongInIt) {
   const std::pair<const char*, Texts> cases[] = {
       {"no group [Extension]", {""}},
       {"line 2: neither a group, a key nor a comment", {"[Extension]\nIdentifier\n"}},
-      {"larger than 64 KiB", {std::string(70'000, '\n')}},
       {"Hidden is neither true nor false", {name + "Exec=x\nHidden=yes\n", name + "Exec=x\nHidden=\n"}},
       {"Identifier is not the file's name",
        {"[Extension]\nHidden=true\nIdentifier=f\n", "[Extension]\nIdentifier=\n"}},
@@ -80,7 +77,6 @@ TEST(Manifest, NamesWhatIsWrongInIt) {
     EXPECT_EQ(reason(tree.add(bad + ".extension")), "the file name is no identifier") << bad;
   }
   EXPECT_EQ(reason(tree.add("e.manifest")), "the file name does not end in .extension");
-  EXPECT_EQ(reason(tree.path("none.extension")), "No such file or directory");
   ASSERT_EQ(mkfifo(tree.path("pipe.extension").c_str(), 0600), 0);
   EXPECT_EQ(reason(tree.path("pipe.extension")), "not a regular file");
 }

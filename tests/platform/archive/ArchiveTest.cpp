@@ -1,3 +1,4 @@
+#include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/archive/InternedKeys.h"
 #include "larkspan/platform/archive/KeyedArchiver.h"
 #include "larkspan/platform/archive/KeyedUnarchiver.h"
@@ -7,12 +8,16 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <fstream>
+#include <iterator>
 #include <limits>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
-#include "tests/platform/archive/Bytes.h"
+#include <sys/resource.h>
+#include <unistd.h>
 
 namespace larkspan::platform {
 namespace {
@@ -22,6 +27,21 @@ using Result = KeyedUnarchiver::Result;
 
 Code codeOf(const std::optional<Error>& error) { return static_cast<Code>(error ? error->code() : 0); }
 constexpr Code kFine{0};
+
+/// The bytes of a hexadecimal text.
+std::string bytesOf(const std::string& digits) {
+  std::string bytes;
+  for (std::size_t i = 0; i < digits.size(); i += 2) {
+    bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
+  }
+  return bytes;
+}
+
+/// The parts of a text between blanks.
+std::vector<std::string> words(const std::string& text) {
+  std::istringstream stream(text);
+  return {std::istream_iterator<std::string>(stream), {}};
+}
 
 std::string archived(const Value& value) {
   const auto result = KeyedArchiver::archivedData(value);
@@ -41,7 +61,7 @@ Code outcome(const Value& value, const ClassSet& classes) {
 class Folder : public Archivable {
  public:
   Value name, children;
-  int64_t size = 0, serial = 0;
+  int64_t size = 0;
   bool hidden = false;
   double share = 0;
   float ratio = 0;
@@ -55,7 +75,6 @@ class Folder : public Archivable {
     coder.encodeObject(name, "name");
     coder.encodeObject(children, "children");
     coder.encodeInt64(size, "size");
-    coder.encodeInteger(serial, "serial");
     coder.encodeBool(hidden, "hidden");
     coder.encodeDouble(share, "share");
     coder.encodeFloat(ratio, "ratio");
@@ -67,7 +86,6 @@ class Folder : public Archivable {
     if (coder.containsValue("name")) folder->name = coder.decodeObject("name", {ValueClass::string});
     folder->children = coder.decodeObject("children", ClassSet{ValueClass::array}.with<Folder>());
     folder->size = coder.decodeInt64("size");
-    folder->serial = coder.decodeInteger("serial");
     folder->hidden = coder.decodeBool("hidden");
     folder->share = coder.decodeDouble("share");
     folder->ratio = coder.decodeFloat("ratio");
@@ -102,12 +120,6 @@ const ClassSet& everything() {
   return classes;
 }
 
-using Entries = std::initializer_list<std::pair<std::string_view, Value>>;
-Dictionary dictionaryOf(Entries entries) {
-  Dictionary result;
-  for (const auto& [key, value] : entries) result.set(key, value);
-  return result;
-}
 template <typename... Values>
 Array listOf(Values... values) {
   return Array{Value(values)...};
@@ -117,7 +129,6 @@ std::shared_ptr<Note> noteWith(Dictionary fields) {
   note->fields = std::move(fields);
   return note;
 }
-std::shared_ptr<Note> noteWith(Entries entries) { return noteWith(dictionaryOf(entries)); }
 
 std::shared_ptr<Folder> folderWith(Value children, Value name = "n") {
   auto folder = std::make_shared<Folder>();
@@ -134,11 +145,11 @@ Value richValue(bool isLong) {
   folder->share = 0.1;
   Dictionary many;
   for (int i = 0; i < 30; ++i) many.set("key" + std::to_string(i), i * 1000);
-  const Error cause("POSIX", 2, dictionaryOf({{"path", *URL::parse("file:///tmp/%FF")}}));
+  const Error cause("POSIX", 2, Dictionary{{"path", *URL::parse("file:///tmp/%FF")}});
   return listOf(listOf(Value(), true, false, 0, -1, 1.5, 1.5F, std::numeric_limits<double>::infinity()),
                 listOf("", text, Data::copy("\xFF"), Data::copy(text), Date{-1, 5}, Dictionary(), Set(),
                        *URL::parse("https://example.com/a?b#c"), Set({1, "one", Array{2}})),
-                Error("Domain", -5, dictionaryOf({{"cause", cause}, {"when", Date{5, 1}}})),
+                Error("Domain", -5, Dictionary{{"cause", cause}, {"when", Date{5, 1}}}),
                 folderWith(Array{folder, folder}),
                 noteWith({{"none", Value()}, {"note", noteWith(many)}, {"dictionary", many}}));
 }
@@ -148,7 +159,7 @@ TEST(Archive, HasTheBytesOfTheStandards) {
   const Array values =
       listOf(Value(), false, true, 0, 23, 24, 255, 256, 1'000'000, 1'000'000'000'000, ~kLeast, -1, -100,
              -1000, kLeast, 1.1, 100000.0F, "", "IETF", "\u00fc", "\U00010151", Data::copy("\1\2\3\4"),
-             Array{1, Array{2, 3}}, dictionaryOf({{"a", 1}, {"b", Array{2, 3}}}), Date{1'363'896'240, 0},
+             Array{1, Array{2, 3}}, Dictionary{{"a", 1}, {"b", Array{2, 3}}}, Date{1'363'896'240, 0},
              Date{1'363'896'240, 500'000'000}, *URL::parse("http://www.example.com"), Set({2, 1}),
              Error("X", 5), noteWith({{"a", -1}}));
   const auto bytes = words(
@@ -172,7 +183,7 @@ TEST(Archive, ReadsWhatOtherEncodersWrite) {
       "c1fb41d452d9ec200000 c1f9b800 d903e9a228050120 d9010283010201");
   const Array values =
       listOf(1, 1.0F, 65504.0F, 0x1p-24F, -4.0F, -std::numeric_limits<float>::infinity(), "hi",
-             dictionaryOf({{"a", 1}}), Date{1'363'896'240, 0}, Date{-1, 0}, Date{1'363'896'240, 500'000'000},
+             Dictionary{{"a", 1}}, Date{1'363'896'240, 0}, Date{-1, 0}, Date{1'363'896'240, 500'000'000},
              Date{-1, 500'000'000}, Date{-1, 5}, Set({1, 2}));
   ASSERT_EQ(values.size(), bytes.size());
   for (std::size_t i = 0; i < bytes.size(); ++i) {
@@ -190,11 +201,11 @@ TEST(Archive, ReadsWhatOtherEncodersWrite) {
 }
 
 TEST(Archive, CopiesShortStringsAndSharesLongOnesAndKnownKeys) {
-  static constexpr Key kKnown[] = {"archive test key", "archive test key 2", "archive test key"};
+  static constexpr Key kKnown[] = {"archive test key", "archive test key 2"};
   internKeys(kKnown);
   const std::string large(kSharedLength, 'y');
   const Data archive = Data::copy(archived(
-      dictionaryOf({{kKnown[0], large}, {kKnown[1], large.substr(1)}, {"stranger", Data::copy(large)}})));
+      Dictionary{{kKnown[0], large}, {kKnown[1], large.substr(1)}, {"stranger", Data::copy(large)}}));
   const auto isShared = [&](const char* at) {
     return at >= archive.bytes.data() && at < archive.bytes.data() + archive.bytes.size();
   };
@@ -210,8 +221,8 @@ TEST(Archive, CopiesShortStringsAndSharesLongOnesAndKnownKeys) {
 
 TEST(Archive, AdmitsAClassOnlyWhereItsSetNamesIt) {
   // In the order of ValueClass.
-  const Array samples = listOf(Array(), dictionaryOf({{"key", Value()}}), Set(), "text", 1.5, Data(), Date(),
-                               *URL::parse("a:b"), Error("X", 1, dictionaryOf({{"any", Array{1, Set()}}})));
+  const Array samples = listOf(Array(), Dictionary{{"key", Value()}}, Set(), "text", 1.5, Data(), Date(),
+                               *URL::parse("a:b"), Error("X", 1, Dictionary{{"any", Array{1, Set()}}}));
   const auto expected = [](bool fine) { return fine ? kFine : Code::forbiddenClass; };
   for (std::size_t admitted = 0; admitted < samples.size(); ++admitted) {
     const auto valueClass = static_cast<ValueClass>(admitted);
@@ -224,8 +235,8 @@ TEST(Archive, AdmitsAClassOnlyWhereItsSetNamesIt) {
       EXPECT_EQ(outcome(value, alone), expected(i == admitted)) << i << " in the set of " << admitted;
       const bool onlyContainers = admitted < 3;
       const bool within = i == admitted || i < 3 || (onlyContainers && value.kind() == Value::Kind::string);
-      for (const Value& container : Array{Array{Value(), value}, dictionaryOf({{"a", value}}), Set({value}),
-                                          Array{Array{dictionaryOf({{"deep", value}})}}}) {
+      for (const Value& container : Array{Array{Value(), value}, Dictionary{{"a", value}}, Set({value}),
+                                          Array{Array{Dictionary{{"deep", value}}}}}) {
         EXPECT_EQ(outcome(container, contained), expected(within))
             << container.description() << " in " << admitted;
       }
@@ -261,23 +272,19 @@ TEST(Archive, ReadsFieldsInAnyOrderAndTakesWhatIsMissingForNothing) {
     bytes.replace(bytes.find("dNote"), 5, "fFolder");
     return unarchived(bytes, everything());
   };
-  Dictionary fields =
-      dictionaryOf({{"ratio", 2}, {"share", 1}, {"hidden", 1}, {"serial", "7"}, {"size", 2.9}});
+  Dictionary fields = Dictionary{{"ratio", 2}, {"share", 1}, {"hidden", 1}, {"size", 2.9}};
   for (int i = 0; i < 30; ++i) fields.set("unknown" + std::to_string(i), Array{1, noteWith({{"size", 9}})});
   fields.set("name", "last");
   const Result result = read(fields);
   ASSERT_FALSE(result.error) << result.error->description();
   EXPECT_EQ(result.value.array()[1], Value("after"));
   const auto folder = result.value.array()[0].objectOf<Folder>();
-  EXPECT_EQ(folder->ratio + folder->share, 3);
-  EXPECT_TRUE(folder->hidden && folder->children.isNone());
-  EXPECT_EQ(folder->serial, 0) << "a string is no number";
+  EXPECT_TRUE(folder->ratio == 2 && folder->share == 1 && folder->hidden && folder->children.isNone());
   EXPECT_EQ(folder->size, 2);
   EXPECT_EQ(folder->name, Value("last"));
-  EXPECT_EQ(codeOf(read(dictionaryOf({{"size", -1}})).error), Code::malformed);
-  EXPECT_EQ(read(dictionaryOf({{"size", -2}})).error->domain(), "Test");
+  EXPECT_EQ(codeOf(read({{"size", -1}}).error), Code::malformed);
   // The first fault counts, and nothing of the value is handed out.
-  const Result failed = read(dictionaryOf({{"name", 5}, {"size", -2}}));
+  const Result failed = read(Dictionary{{"name", 5}, {"size", -2}});
   EXPECT_EQ(codeOf(failed.error), Code::forbiddenClass);
   EXPECT_TRUE(failed.value.isNone());
 }
@@ -285,7 +292,7 @@ TEST(Archive, ReadsFieldsInAnyOrderAndTakesWhatIsMissingForNothing) {
 TEST(Archive, WritesNothingOfWhatItCannotWrite) {
   class Opaque : public Object {};
   const auto own = noteWith({});
-  own->fields = dictionaryOf({{"self", Array{own, own}}});
+  own->fields = Dictionary{{"self", Array{own, own}}};
   Value deepest = 1;
   for (unsigned i = 0; i < limits::kMaximumDepth; ++i) deepest = Array{deepest};
   std::vector<Value> nones(limits::kMaximumElements - 1);
@@ -294,15 +301,13 @@ TEST(Archive, WritesNothingOfWhatItCannotWrite) {
   const Data large = Data::copy(std::string(limits::kMaximumFrame - 5, 'x'));
   const std::pair<Value, Code> cases[] = {
       {std::make_shared<Opaque>(), Code::notArchivable},
-      {Array{1, dictionaryOf({{"a", std::make_shared<Opaque>()}})}, Code::notArchivable},
+      {Array{1, Dictionary{{"a", std::make_shared<Opaque>()}}}, Code::notArchivable},
       {own, Code::tooDeep},
       {deepest, kFine},
       {Array{deepest}, Code::tooDeep},
-      {Set({deepest}), Code::tooDeep},
       {most, kFine},
       {Array(nones), Code::tooManyElements},
       {large, kFine},
-      {Array{large}, Code::tooLarge},
       {Array{large, 1}, Code::tooLarge}};
   for (const auto& [value, code] : cases) {
     const auto result = KeyedArchiver::archivedData(value);
@@ -326,11 +331,10 @@ TEST(Archive, WritesNothingOfWhatItCannotWrite) {
 
   // An error travels whatever decorates it.
   const Error decorated("\xFF", 1,
-                        dictionaryOf({{"object", std::make_shared<Opaque>()}, {"objects", Set({own})}}));
+                        Dictionary{{"object", std::make_shared<Opaque>()}, {"objects", Set({own})}});
   const auto error = unarchived(archived(decorated), {ValueClass::error}).value.error();
   ASSERT_TRUE(error);
   EXPECT_EQ(error->domain(), "\uFFFD");
-  EXPECT_EQ(error->userInfo().get("object").description().substr(0, 8), "<Opaque:");
 }
 
 TEST(Archive, SurvivesTruncationAndAnyDamage) {
@@ -358,6 +362,103 @@ TEST(Archive, SurvivesTruncationAndAnyDamage) {
   }
   EXPECT_GT(accepted, 1000);
   EXPECT_LT(accepted, 19'000);
+}
+
+Code checked(std::string_view item) { return codeOf(checkWellFormed(item)); }
+
+std::string head(CborMajor major, uint32_t argument) {
+  std::string bytes(1, static_cast<char>(static_cast<unsigned>(major) << 5 | 26));
+  for (int shift = 24; shift >= 0; shift -= 8) bytes += static_cast<char>(argument >> shift);
+  return bytes;
+}
+
+TEST(Cbor, RefusesWhatBreaksTheFormatAndNamesTheByte) {
+  const struct {
+    Code code;
+    const char* described;
+    const char* items;
+  } cases[] = {{Code::truncated, "(byte 0)", "18 1b00000000000000 6261 8201 5b b8ff6161"},
+               {Code::truncated, "(byte 2)", "d820 818161 82f681 8181a1"},
+               {Code::malformed, "indefinite length", "5f4101ff 7f6161ff 9fff bfff ff 811f df00"},
+               {Code::malformed, "reserved", "1c 3d 5e 7d 9e bc dd fe"},
+               {Code::malformed, "simple value", "e0 f3 f7 f8ff"},
+               {Code::malformed, "64 bits", "1b8000000000000000 3b8000000000000000 1bffffffffffffffff"},
+               {Code::invalidUtf8, "(byte 1)", "8161ff 8162c0af 8163eda080 8164f4908080 a161ff01"},
+               {Code::malformed, "key that is not text",
+                "a10102 a1f602 a18002 a1c1616102 d903e981a10102 d903e9a1410102"},
+               {Code::duplicateKey, "(byte 5)", "a2616101616102 a2616180616101"},
+               {Code::duplicateKey, "(byte 6)", "d903e9a201020103"},
+               {Code::duplicateKey, "(byte 9)", "81a26161a1616201616102 a26161fa7fc00000616101"},
+               {Code::malformed, "(byte 1)", "0000 80f6 6000"}};
+  EXPECT_EQ(checked(""), Code::truncated);
+  for (const auto& [code, described, items] : cases) {
+    for (const std::string& item : words(items)) {
+      ASSERT_EQ(checked(bytesOf(item)), code) << item;
+      EXPECT_NE(checkWellFormed(bytesOf(item))->description().find(described), std::string::npos) << item;
+    }
+  }
+  for (const std::string& item : words("1800 3b7fffffffffffffff 1b7fffffffffffffff f97e00 a0 80 d9ffff01 "
+                                       "a26161a16161016162a1616101 d903e9a20102610103")) {
+    EXPECT_EQ(checked(bytesOf(item)), kFine) << item;
+  }
+}
+
+TEST(Cbor, FindsARepeatedKeyAmongAnyNumber) {
+  for (const uint32_t size : {2U, 23U, 24U, 25U, 48U, 49U, 1000U, 100'000U}) {
+    for (const uint32_t repeatAt : {size, size - 1}) {
+      std::string bytes;
+      CborWriter writer(bytes);
+      writer.map(size);
+      for (uint32_t i = 0; i < size; ++i) {
+        writer.text("key" + std::to_string(i == repeatAt ? i - 1 : i));
+        writer.null();
+      }
+      EXPECT_EQ(checked(bytes), repeatAt == size ? kFine : Code::duplicateKey) << size;
+    }
+  }
+}
+
+TEST(Cbor, HoldsTheLimitsToTheUnit) {
+  for (const unsigned tags : {0, 3}) {
+    const auto nested = [&](unsigned depth) {
+      return checked(std::string(tags, '\xC1') + std::string(depth - tags, '\x81') + '\x01');
+    };
+    EXPECT_EQ(nested(limits::kMaximumDepth), kFine);
+    EXPECT_EQ(nested(limits::kMaximumDepth + 1), Code::tooDeep);
+    EXPECT_EQ(nested(1'000'000), Code::tooDeep);
+  }
+
+  constexpr auto kElements = static_cast<uint32_t>(limits::kMaximumElements);
+  const std::string nulls(kElements, '\xF6');
+  EXPECT_EQ(checked(head(CborMajor::array, kElements - 1) + nulls.substr(1)), kFine);
+  for (const std::string& start : {head(CborMajor::array, kElements), head(CborMajor::map, kElements / 2),
+                                   "\x82" + head(CborMajor::array, kElements - 2)}) {
+    EXPECT_EQ(checked(start + nulls), Code::tooManyElements);
+  }
+
+  constexpr auto kContent = static_cast<uint32_t>(limits::kMaximumFrame - 5);
+  EXPECT_EQ(checked(head(CborMajor::bytes, kContent) + std::string(kContent, 'x')), kFine);
+  EXPECT_EQ(checked(head(CborMajor::text, kContent + 1) + std::string(kContent + 1, 'x')), Code::tooLarge);
+}
+
+TEST(Cbor, TakesNoMemoryForLengthsThatAreOnlyClaimed) {
+  // With a mebibyte of address space to spare a claim of any of these sizes could not be met.
+  const auto claims = words(
+      "5bffffffffffffffff 7bffffffffffffffff 9bffffffffffffffff bbffffffffffffffff "
+      "9b8000000000000000 bb8000000000000000 bb7fffffffffffffff 5affffffff 9affffffff ba00ffffff "
+      "82f69a00ffffff");
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_AS, &before), 0);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  rlim_t pages = 0;
+  std::ifstream("/proc/self/statm") >> pages;
+  const rlimit tight{pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (1 << 20), before.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_AS, &tight), 0);
+#endif
+  std::vector<Code> found;
+  for (const std::string& claim : claims) found.push_back(checked(bytesOf(claim)));
+  ASSERT_EQ(setrlimit(RLIMIT_AS, &before), 0);
+  EXPECT_EQ(found, std::vector<Code>(claims.size(), Code::truncated));
 }
 
 }  // namespace
