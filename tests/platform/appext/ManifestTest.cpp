@@ -19,8 +19,7 @@ using Texts = std::vector<std::string>;
 TEST(ExecLine, UndoesTheQuotingOfDesktopEntriesAndSaysWhatIsWrong) {
   const std::pair<const char*, Texts> sound[] = {
       {"tool", {"tool"}},
-      {"  /bin/tool  -a   b ", {"/bin/tool", "-a", "b"}},
-      {"../tool x/y", {"/f/../tool", "x/y"}},
+      {"  ../tool  -a   x/y ", {"/f/../tool", "-a", "x/y"}},
       {R"("/my tool" "" "a\"b\`c\$d\\e" 100%% "%%")", {"/my tool", "", R"(a"b`c$d\e)", "100%", "%"}}};
   for (const auto& [line, expected] : sound) EXPECT_EQ(std::get<0>(parseExecLine(line, "/f")), expected);
   const std::pair<const char*, Texts> malformed[] = {
@@ -32,9 +31,7 @@ TEST(ExecLine, UndoesTheQuotingOfDesktopEntriesAndSaysWhatIsWrong) {
       {"an argument in Exec that is quoted in part", {R"(tool "a"b)", R"("a""b")"}},
       {"an unquoted \" in Exec", {R"(tool a"b")"}},
       {"an unescaped $ in Exec", {R"(tool "$HOME")"}},
-      {"an unquoted ; in Exec", {"tool a;b"}},
-      {"an unquoted \t in Exec", {"tool\ta"}},
-      {"an unquoted \\ in Exec", {R"(tool a\ b)"}}};
+      {"an unquoted ; in Exec", {"tool a;b"}}};
   for (const auto& [reason, lines] : malformed) {
     for (const auto& line : lines) EXPECT_EQ(std::get<1>(parseExecLine(line, "/f")), reason) << line;
   }
@@ -50,9 +47,7 @@ TEST(Manifest, IsReadWithItsProgramTakenFromItsOwnFolder) {
             (Texts{path, "org.x", "p", "In C", "i"}));
   EXPECT_EQ(m.exec, (Texts{tree.path("a/../bin/x"), "a b"}));
   EXPECT_FALSE(m.hidden);
-  const auto hidden =
-      std::get<Manifest>(readManifest(tree.write("e.extension", "[Extension]\nHidden=true\n")));
-  EXPECT_TRUE(hidden.hidden && hidden.identifier == "e");
+  EXPECT_TRUE(std::get<0>(readManifest(tree.write("e.extension", "[Extension]\nHidden=true\n"))).hidden);
 }
 
 TEST(Manifest, NamesWhatIsWrongInIt) {
@@ -63,7 +58,6 @@ TEST(Manifest, NamesWhatIsWrongInIt) {
   const std::pair<const char*, Texts> cases[] = {
       {"no group [Extension]", {""}},
       {"line 2: neither a group, a key nor a comment", {"[Extension]\nIdentifier\n"}},
-      {"larger than 64 KiB", {std::string(70'000, '\n')}},
       {"Hidden is neither true nor false", {name + "Exec=x\nHidden=yes\n", name + "Exec=x\nHidden=\n"}},
       {"Identifier is not the file's name",
        {"[Extension]\nHidden=true\nIdentifier=f\n", "[Extension]\nIdentifier=\n"}},
@@ -78,12 +72,10 @@ TEST(Manifest, NamesWhatIsWrongInIt) {
   for (const auto& [expected, texts] : cases) {
     for (const auto& text : texts) EXPECT_EQ(reason(tree.write("e.extension", text)), expected);
   }
-  for (const std::string bad : {".e", "e e", "\xC3\xA9"}) {
+  for (const std::string& bad : {std::string(".e"), std::string("\xC3\xA9"), std::string(129, 'e')}) {
     EXPECT_EQ(reason(tree.add(bad + ".extension")), "the file name is no identifier") << bad;
   }
-  EXPECT_EQ(reason(tree.add(std::string(129, 'e') + ".extension")), "the file name is no identifier");
   EXPECT_EQ(reason(tree.add("e.manifest")), "the file name does not end in .extension");
-  EXPECT_EQ(reason(tree.path("none.extension")), "No such file or directory");
   ASSERT_EQ(mkfifo(tree.path("pipe.extension").c_str(), 0600), 0);
   EXPECT_EQ(reason(tree.path("pipe.extension")), "not a regular file");
 }
@@ -95,7 +87,7 @@ TEST(Manifest, IsRefusedWhereSomebodyElseCouldHaveWrittenIt) {
   std::filesystem::create_symlink(target, path);
   const auto reason = [&] {
     const auto result = readManifest(path);
-    return std::holds_alternative<Manifest>(result) ? "" : std::get<1>(result);
+    return result.index() == 0 ? "" : std::get<1>(result);
   };
   for (const auto& [place, prefix] : {std::pair(target, ""), std::pair(tree.path("d"), "its folder: ")}) {
     chmod(place.c_str(), 0770);
@@ -121,11 +113,7 @@ TEST(ExtensionDirectories, FollowTheEnvironmentInOrderWithoutRelativeOnesAndDupl
     const char *own, *home, *dataHome, *dataDirs;
     Texts expected;
   } cases[] = {
-      {nullptr,
-       nullptr,
-       nullptr,
-       nullptr,
-       {"/password" + local, "/usr/local/share" + below, "/usr/share" + below}},
+      {"", nullptr, "", "", {"/password" + local, "/usr/local/share" + below, "/usr/share" + below}},
       {"/own//:rel:/own:/", "/h", "rel", ":/s/:r:/s:/", {"/own", "/", "/h" + local, "/s" + below, below}},
       {"/a/larkspan/extensions", "/h", "/a", "/a:/b:c", {"/a" + below, "/b" + below}},
       {"", "rel", "/with:colon", "rel", {"/with:colon" + below}}};

@@ -32,10 +32,9 @@ inline std::string shell(const std::string& command) {
 class TestTree {
  public:
   /// In /dev/shm, where many entries cost little, rather than on a disk.
-  enum InMemory { kInMemory };
+  static constexpr const char* kInMemory = "/dev/shm/larkspan-test-XXXXXX";
 
-  TestTree() { EXPECT_NE(nullptr, ::mkdtemp(path_.data())); }
-  explicit TestTree(InMemory) : path_("/dev/shm/larkspan-test-XXXXXX") {
+  explicit TestTree(const char* path = "/tmp/larkspan-test-XXXXXX") : path_(path) {
     EXPECT_NE(nullptr, ::mkdtemp(path_.data()));
   }
   ~TestTree() {
@@ -54,9 +53,9 @@ class TestTree {
     ASSERT_EQ(static_cast<ssize_t>(content.size()), ::write(file, content.data(), content.size()));
     ::close(file);
   }
-  bool has(const std::string& name) const {
-    struct stat facts;
-    return ::lstat((*this / name).c_str(), &facts) == 0;
+  bool has(const std::string& name) const { return ::access((*this / name).c_str(), F_OK) == 0; }
+  void link(const std::string& target, const std::string& name) const {
+    ASSERT_EQ(0, ::symlink(target.c_str(), (*this / name).c_str())) << name;
   }
   /// The names in it and beneath, sorted, one after another.
   std::string list() const { return shell("cd " + path_ + " && find . -mindepth 1 | sort | tr '\\n' ' '"); }
@@ -67,23 +66,20 @@ class TestTree {
     if (mounted_) file("mount/inside", std::string(100000, 'x'));
     return mounted_;
   }
-  /// Nests `levels` folders in `name`, with a file in the lowest.
-  void chain(const std::string& name, int levels) const {
-    folder(name);
-    int at = ::open((*this / name).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    for (int i = 1; i < levels; ++i) {
+  /// Nests `levels` folders "d", with a file in the lowest.
+  void chain(int levels) const {
+    int at = ::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    for (int i = 0; i < levels; ++i) {
       ASSERT_EQ(0, ::mkdirat(at, "d", 0755));
       const int next = ::openat(at, "d", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
       ::close(std::exchange(at, next));
     }
-    const int file = ::openat(at, "lowest", O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-    ASSERT_EQ(1, ::write(file, "x", 1));
-    ::close(file);
+    ASSERT_EQ(0, ::mknodat(at, "lowest", S_IFREG | 0644, 0));
     ::close(at);
   }
 
  private:
-  std::string path_ = "/tmp/larkspan-test-XXXXXX";
+  std::string path_;
   bool mounted_ = false;
 };
 

@@ -1,0 +1,286 @@
+#include "larkspan/platform/base/Value.h"
+#include "larkspan/platform/files/DeepDelete.h"
+#include "larkspan/platform/files/DirectoryStack.h"
+#include "larkspan/platform/files/FolderSize.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+#include "tests/platform/files/TestTree.h"
+
+namespace larkspan::platform {
+namespace {
+
+TEST(DirectoryStack, FindsClosedLevelsAgainOnlyWhereTheyAreTheSame) {
+  for (const FolderOpening opening : {FolderOpening::automatic, FolderOpening::components}) {
+    TestTree tree;
+    tree.chain(60);
+    tree.folder("elsewhere");
+    struct statx facts, middleFacts;
+    Descriptor root(::open(tree.path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    ASSERT_EQ(0, factsAt(root.get(), "", facts));
+    DirectoryStack stack(std::move(root), tree.path(), facts, opening);
+    std::string middle;  // Level 30: long closed when the walk is at level 60.
+    while (stack.depth() < 61) {
+      if (stack.depth() == 31) middle = stack.pathOf("");
+      ASSERT_EQ(0, stack.enter("d", stack.depth() == 30 ? middleFacts : facts));
+    }
+    ASSERT_EQ(0, ::rename((middle + "/d").c_str(), (tree / "elsewhere/d").c_str()));
+    while (stack.depth() > 31) stack.leave();
+    ASSERT_GE(stack.top(), 0) << "what was left is elsewhere, but the names still lead to level 30";
+    ASSERT_EQ(0, factsAt(stack.top(), "", facts));
+    EXPECT_EQ(middleFacts.stx_ino, facts.stx_ino);
+    // Now the way up leads elsewhere, and the way down by names into a new chain.
+    ASSERT_EQ(0, ::rename((tree / "d/d/d").c_str(), (tree / "elsewhere/again").c_str()));
+    ASSERT_EQ(0, ::rename((tree / "d").c_str(), (tree / "moved").c_str()));
+    tree.chain(40);
+    while (stack.depth() > 3) stack.leave();
+    EXPECT_EQ(-1, stack.top());
+    EXPECT_EQ(ESTALE, stack.enter("d", facts));
+    while (stack.depth() > 1) stack.leave();
+    EXPECT_GE(stack.top(), 0) << "the start stays open";
+  }
+}
+
+TEST(FolderSize, CountsWhatDuCounts) {
+  TestTree tree;
+  EXPECT_EQ(0, sizeFolder(tree.url()).bytes) << "an empty folder";
+  for (const char* name : {"a", "a/b", "a/b/c", "wide"}) tree.folder(name);
+  for (int i = 0; i < 300; ++i) tree.file("wide/" + std::to_string(i), std::string(i * 50, 'x'));
+  tree.file("a/big", std::string(3'000'000, 'x'));
+  ASSERT_EQ(0, ::link((tree / "a/big").c_str(), (tree / "a/b/again").c_str()));
+  tree.link("/usr", "out");
+  tree.link(std::string(2000, 'l'), "long link");
+  ASSERT_EQ(0, ::mkfifo((tree / "fifo").c_str(), 0644));
+  ASSERT_EQ(0, ::mknod((tree / "socket").c_str(), S_IFSOCK | 0644, 0));
+  tree.file("sparse");
+  ASSERT_EQ(0, ::truncate((tree / "sparse").c_str(), 1'000'000'000));
+
+  WalkProgress progress;
+  const FolderSizeResult result = sizeFolder(URL::file(tree.path(), true), {{}, &progress});
+  EXPECT_EQ(0, result.status);
+  struct stat own;
+  ASSERT_EQ(0, ::stat(tree.path().c_str(), &own));
+  EXPECT_EQ(shell("du -xsB1 " + tree.path()),
+            std::to_string(result.bytes + own.st_blocks * 512) + "\t" + tree.path() + "\n");
+  EXPECT_EQ(4 + 300 + 7, result.entries);
+  EXPECT_EQ(0, result.unreadable + result.vanished);
+  EXPECT_EQ(result.bytes, progress.bytes());
+  EXPECT_EQ(result.entries, progress.entries());
+  TestTree other;
+  other.link(tree.path(), "root");
+  EXPECT_EQ(result.bytes, sizeFolder(other.url("root")).bytes) << "the given root may be a link";
+  EXPECT_EQ(ENOENT, sizeFolder(tree.url("missing")).status);
+  EXPECT_EQ(ENOTDIR, sizeFolder(tree.url("sparse")).status);
+  EXPECT_EQ(EINVAL, sizeFolder(*URL::parse("https://host/tmp")).status);
+  progress.cancel();
+  EXPECT_EQ(ECANCELED, sizeFolder(tree.url(), {{}, &progress}).status);
+}
+
+TEST(FolderSize, LeavesOutExcludedChildrenBySpelling) {
+  TestTree tree;
+  for (const char* name : {"in", "in/deep", "in/deep/er", "other"}) tree.folder(name);
+  for (const char* name : {"in/deep/er/f", "in/deep/g", "other/h", "sp\xff ace"}) tree.file(name, "content");
+  const int64_t all = sizeFolder(tree.url()).bytes;
+  const auto sizeWithout = [&](std::vector<URL> urls) { return sizeFolder(tree.url(), {urls, {}}).bytes; };
+  const auto block = [&](const std::string& name) { return all - sizeWithout({tree.url(name)}); };
+  EXPECT_EQ(3 * 4096 + 2 * block("sp\xff ace"), block("in"));
+  EXPECT_EQ(all - block("in/deep/er") - block("other"),
+            sizeWithout({tree.url("in/deep/er"), tree.url("other")}));
+  EXPECT_EQ(all - block("in"), sizeWithout({tree.url("in/deep/er/f"), tree.url("in")}));
+  const std::string text(tree.url("in").absoluteString());
+  for (const std::string& miss : {text + "/", text + "x", "file://localhost" + tree.path() + "/in",
+                                  text + "/../other", tree.url().description() + "/%69n", text + "?q"}) {
+    EXPECT_EQ(all, sizeWithout({*URL::parse(miss)})) << miss;
+  }
+}
+
+TEST(FolderSize, CountsWhatItCannotReadAndWhatVanishes) {
+  TestTree tree;
+  tree.folder("open");
+  tree.file("open/f");
+  std::atomic<bool> done = false;
+  std::thread changer([&] {
+    for (int i = 0; !done; i = (i + 1) % 40) {
+      const std::string name = tree / std::to_string(i);
+      if (::mkdir(name.c_str(), 0755) != 0) ::rmdir(name.c_str());
+    }
+  });
+  int64_t vanished = 0;
+  for (int i = 0; i < 20'000 && (vanished == 0 || i < 200); ++i) {
+    const FolderSizeResult result = sizeFolder(tree.url());
+    ASSERT_EQ(0, result.status);
+    ASSERT_EQ(0, result.unreadable);
+    vanished += result.vanished;
+  }
+  done = true;
+  changer.join();
+  EXPECT_GT(vanished, 0);
+
+  ASSERT_EQ(0, ::chmod(tree.path().c_str(), 0755));
+  ASSERT_EQ(0, ::chmod((tree / "open").c_str(), 0));
+  const bool isRoot = ::geteuid() == 0 && ::seteuid(65534) == 0;
+  const FolderSizeResult result = sizeFolder(tree.url());
+  ASSERT_TRUE(!isRoot || ::seteuid(0) == 0);
+  EXPECT_EQ(0, result.status);
+  ASSERT_EQ(1, result.unreadable);
+  EXPECT_EQ(tree / "open", result.firstUnreadable.at(0).path);
+  EXPECT_EQ(EACCES, result.firstUnreadable[0].error);
+}
+
+class DeepDelete : public testing::TestWithParam<FolderOpening> {
+ protected:
+  DeepDeleteResult remove(std::vector<URL> items, WalkProgress* progress = nullptr) const {
+    return deepDelete(items, {progress, GetParam()});
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(Openings, DeepDelete,
+                         testing::Values(FolderOpening::automatic, FolderOpening::components),
+                         [](const auto& opening) { return opening.index ? "Components" : "Automatic"; });
+
+int64_t causeOf(const DeepDeleteResult& result) {
+  return result.error ? result.error->userInfo().get(kFirstCauseKey).error()->code() : 0;
+}
+
+TEST_P(DeepDelete, RemovesItemsOfAnyKindWithAllBeneathThem) {
+  TestTree tree;
+  for (const char* name : {"kept", "a", "a/b", "a/b/c", "odd"}) tree.folder(name);
+  for (const char* name : {"kept/f", "a/f", "a/b/c/g", "plain"}) tree.file(name);
+  for (int byte = 1; byte < 256; ++byte) {
+    if (byte != '/') tree.folder("odd/" + std::string(2, static_cast<char>(byte)) + "x");
+  }
+  for (const char* name : {"link", "a/link"}) tree.link(tree / "kept", name);
+  ASSERT_EQ(0, ::mkfifo((tree / "a/fifo").c_str(), 0644));
+  WalkProgress progress;
+  const DeepDeleteResult result =
+      remove({tree.url("a"), tree.url("plain"), URL::file(tree / "link", true), tree.url("odd")}, &progress);
+  EXPECT_FALSE(result.error);
+  EXPECT_EQ(7 + 1 + 1 + 255, result.removed);
+  EXPECT_EQ(result.removed, progress.entries());
+  EXPECT_EQ("./kept ./kept/f ", tree.list());
+}
+
+TEST_P(DeepDelete, RefusesWhatMustStayAndGoesOn) {
+  TestTree tree;
+  tree.folder("a");
+  tree.file("a/f");
+  tree.file("last");
+  const DeepDeleteResult result =
+      remove({*URL::parse("file:///"), *URL::parse("file:////"), tree.url("a/."), tree.url("a/.."),
+              tree.url("a/../"), *URL::parse("https://host" + tree.path()), tree.url("missing"),
+              tree.url("missing/x"), tree.url("last")});
+  EXPECT_EQ(1, result.removed);
+  EXPECT_EQ(8, result.failed);
+  ASSERT_TRUE(result.error);
+  EXPECT_EQ(EINVAL, causeOf(result));
+  EXPECT_EQ("1 entries were removed, 8 could not be: /: Invalid argument",
+            result.error->localizedDescription());
+  EXPECT_EQ("./a ./a/f ", tree.list());
+}
+
+TEST_P(DeepDelete, NeverCrossesAMountAsSizingDoesNot) {
+  TestTree tree;
+  for (const char* name : {"a", "z"}) tree.folder(name);
+  if (!tree.mountVolume()) GTEST_SKIP() << "no privilege to mount";
+  for (const char* name : {"a/f", "bound", "z/f"}) tree.file(name);
+  ASSERT_EQ(0, ::mount((tree / "a").c_str(), (tree / "z").c_str(), nullptr, MS_BIND, nullptr));
+  EXPECT_EQ(3, sizeFolder(tree.url()).entries);
+  EXPECT_GE(sizeFolder(tree.url("mount")).bytes, 100'000) << "a root on another mount is followed";
+  EXPECT_EQ(EBUSY, causeOf(remove({tree.url("mount")})));
+  EXPECT_EQ(EBUSY, causeOf(emptyFolder(tree.url("mount"), {}, {nullptr, GetParam()})));
+  EXPECT_EQ(EBUSY, causeOf(remove({tree.url("z")}))) << "the same volume bound again";
+  EXPECT_EQ(3, remove({tree.url()}).removed);
+  EXPECT_EQ("./mount ./mount/inside ./z ", tree.list());
+  EXPECT_EQ(0, ::umount((tree / "z").c_str()));
+  EXPECT_TRUE(tree.has("z/f"));
+}
+
+TEST_P(DeepDelete, TakesAnyDepthWithFewDescriptorsAndASmallStackAsSizingDoes) {
+  TestTree tree(TestTree::kInMemory);
+  tree.chain(20'000);
+  runStarved([&] {
+    EXPECT_EQ(20'001, sizeFolder(tree.url()).entries);
+    const DeepDeleteResult result = remove({tree.url("d")});
+    EXPECT_FALSE(result.error) << result.error->description();
+    EXPECT_EQ(20'001, result.removed);
+  });
+  EXPECT_EQ("", tree.list());
+}
+
+TEST_P(DeepDelete, NeverLeavesATreeWhoseFoldersAreSwappedForLinks) {
+  constexpr int kRounds = 150, kFolders = 40;
+  TestTree outside(TestTree::kInMemory), tree(TestTree::kInMemory);
+  outside.folder("s");
+  for (const char* name : {"f", "s/f"}) outside.file(name);
+  const std::string before = outside.list();
+  const auto victim = [&](int round, int i) { return std::to_string(round) + "/v/" + std::to_string(i); };
+  const auto link = [&](int round, int i) { return std::to_string(round) + "/" + std::to_string(i); };
+  const int at = ::open(tree.path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  // The round the attacker swaps in, and the one in which it has begun.
+  std::atomic<int> wanted = -1, begun = -1;
+  int64_t swaps = 0, removed = 0;
+  std::thread attacker([&] {
+    for (int round; (round = wanted) < kRounds; begun = round) {
+      for (int i = 0; i < kFolders && round >= 0; ++i) {
+        const std::string folder = victim(round, i), other = link(round, i);
+        for (int swap = 0; swap < 8; ++swap) {
+          swaps += ::renameat2(at, folder.c_str(), at, other.c_str(), RENAME_EXCHANGE) == 0;
+        }
+      }
+    }
+  });
+  for (int round = 0; round < kRounds; ++round) {
+    for (const char* name : {"", "/v"}) tree.folder(std::to_string(round) + name);
+    for (int i = 0; i < kFolders; ++i) {
+      tree.folder(victim(round, i));
+      tree.file(victim(round, i) + "/f", "");
+      tree.link(outside.path(), link(round, i));
+    }
+    wanted = round;
+    while (begun != round) std::this_thread::yield();
+    removed += remove({tree.url(std::to_string(round) + "/v")}).removed;
+  }
+  wanted = kRounds;
+  attacker.join();
+  ::close(at);
+  EXPECT_GT(removed, kRounds * kFolders);
+  EXPECT_GT(swaps, kRounds * kFolders);
+  EXPECT_EQ(before, outside.list());
+}
+
+TEST_P(DeepDelete, StopsWhenCancelled) {
+  TestTree tree(TestTree::kInMemory);
+  tree.folder("a");
+  for (int i = 0; i < 20'000; ++i) tree.file("a/" + std::to_string(i), "");
+  WalkProgress progress;
+  std::thread canceller([&] {
+    while (progress.entries() < 5) std::this_thread::yield();
+    progress.cancel();
+  });
+  const DeepDeleteResult result = remove({tree.url("a")}, &progress);
+  canceller.join();
+  ASSERT_TRUE(result.error);
+  EXPECT_EQ(-128, result.error->code());
+  EXPECT_EQ(result.removed, result.error->userInfo().get(kRemovedCountKey).integerValue());
+  EXPECT_GE(result.removed, 5);
+  EXPECT_EQ(tree / "a", progress.currentFolder());
+}
+
+TEST_P(DeepDelete, EmptiesAFolderButKeepsNames) {
+  TestTree tree;
+  for (const char* name : {"c", "c/d", "c/d/CACHEDIR.TAG", "c/kept"}) tree.folder(name);
+  for (const char* name : {"c/CACHEDIR.TAG", "c/f", "c/d/g", "c/kept/h"}) tree.file(name);
+  tree.link("c", "link");
+  const std::vector<std::string> keep = {"CACHEDIR.TAG", "kept"};
+  const DeepDeleteOptions options{nullptr, GetParam()};
+  EXPECT_EQ(ENOTDIR, causeOf(emptyFolder(tree.url("link"), keep, options)));
+  EXPECT_EQ(EINVAL, causeOf(emptyFolder(URL::file("/"), keep, options)));
+  EXPECT_EQ(4, emptyFolder(tree.url("c"), keep, options).removed);
+  EXPECT_EQ("./c ./c/CACHEDIR.TAG ./c/kept ./c/kept/h ./link ", tree.list());
+}
+
+}  // namespace
+}  // namespace larkspan::platform

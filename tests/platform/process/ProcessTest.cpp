@@ -1,0 +1,218 @@
+#include "larkspan/platform/base/Descriptor.h"
+#include "larkspan/platform/dispatch/IoSource.h"
+#include "larkspan/platform/process/Child.h"
+#include "larkspan/platform/process/Identity.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <csignal>
+#include <future>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+
+#include <sys/socket.h>
+#include <sys/wait.h>
+
+#include "tests/platform/files/TestTree.h"
+
+namespace larkspan::platform {
+namespace {
+
+using Lines = std::vector<std::string>;
+using namespace std::chrono_literals;
+
+/// A child that has been started, and what comes back from it.
+class Started {
+ public:
+  explicit Started(ChildOptions options) {
+    options.standardErrorLine = [seen = seen_](std::string_view line) { seen->add(seen->lines, line); };
+    auto started = Child::start(options, [seen = seen_](ExitStatus status) {
+      EXPECT_TRUE(isIoThread());
+      seen->add(seen->exits, status.description());
+    });
+    if (auto* error = std::get_if<Error>(&started)) {
+      failure = error->localizedDescription();
+    } else {
+      child = std::get<0>(started);
+    }
+  }
+
+  /// How it ended, each time.
+  Lines ends() { return seen_->wait(seen_->exits, 1); }
+  Lines lines(std::size_t atLeast = 0) { return seen_->wait(seen_->lines, atLeast); }
+
+  std::string failure;
+  std::shared_ptr<Child> child;
+
+ private:
+  struct Seen {
+    void add(Lines& to, std::string_view line) {
+      const std::lock_guard lock(mutex);
+      to.emplace_back(line);
+      changed.notify_all();
+    }
+    Lines wait(const Lines& of, std::size_t atLeast) {
+      std::unique_lock lock(mutex);
+      changed.wait_for(lock, 20s, [&] { return of.size() >= atLeast; });
+      return of;
+    }
+    std::mutex mutex;
+    std::condition_variable changed;
+    Lines lines, exits;
+  };
+  const std::shared_ptr<Seen> seen_ = std::make_shared<Seen>();
+};
+
+ChildOptions command(Lines arguments) {
+  ChildOptions options;
+  options.arguments = std::move(arguments);
+  return options;
+}
+ChildOptions script(const std::string& script) { return command({"sh", "-c", script}); }
+
+TEST(Child, GetsWhatItWasPromisedAndNothingElse) {
+  // What must not reach the child: an open descriptor, an ignored signal, a blocked one, another environment.
+  const Descriptor stray(fcntl(STDERR_FILENO, F_DUPFD, 200));
+  const auto oldHandler = std::signal(SIGUSR1, SIG_IGN);
+  sigset_t blocked;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGUSR2);
+  pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+  const Descriptor ours(ends[0]);
+  Descriptor theirs(ends[1]);
+
+  ChildOptions options = command({LARKSPAN_TEST_BIN "/fixtures/ChildReport", "a b", ""});
+  options.environment = Lines{"LARKSPAN_VALUE=7", "LISTEN_PID=1", "LISTEN_FDS=9"};
+  options.workingFolder = "/";
+  options.descriptors = {{3, theirs.get()}};
+  options.announcesListeners = true;
+  options.parentDeathSignal = SIGTERM;
+  Started run(options);
+  theirs.reset();
+  EXPECT_EQ(send(ours.get(), "x", 1, MSG_NOSIGNAL), 1);
+  EXPECT_EQ(run.ends(), Lines{"exit code 0"});
+  std::signal(SIGUSR1, oldHandler);
+  pthread_sigmask(SIG_UNBLOCK, &blocked, nullptr);
+
+  EXPECT_EQ(run.lines(), (Lines{"arguments [a b] []", "descriptors 0 1 2 3", "input null", "output error",
+                                "SigBlk:\t0000000000000000", "SigIgn:\t0000000000000000", "death 15",
+                                "folder /", "value 7", "listeners 1 mine", "three x"}));
+  EXPECT_EQ(run.child->exitStatus(), (ExitStatus{ExitStatus::Kind::exited, 0}));
+  EXPECT_FALSE(run.child->kill(SIGKILL));
+}
+
+TEST(Child, KeepsDescriptorsApartWhoseNumbersCross) {
+  int first[2], second[2];
+  ASSERT_EQ(pipe2(first, O_CLOEXEC), 0);
+  ASSERT_EQ(pipe2(second, O_CLOEXEC), 0);
+  const Descriptor all[] = {Descriptor(first[0]), Descriptor(first[1]), Descriptor(second[0]),
+                            Descriptor(second[1])};
+  // Each has the other's number in the child.
+  ChildOptions options = script("echo one >/dev/fd/" + std::to_string(second[1]) + "; echo two >/dev/fd/" +
+                                std::to_string(first[1]));
+  options.descriptors = {{second[1], first[1]}, {first[1], second[1]}};
+  Started run(options);
+  EXPECT_EQ(run.ends(), Lines{"exit code 0"});
+  char text[9] = {};
+  EXPECT_EQ(read(first[0], text, 4) + read(second[0], text + 4, 4), 8);
+  EXPECT_STREQ(text, "one\ntwo\n");
+}
+
+TEST(Child, SaysWhichStepOfStartingFailed) {
+  const TestTree tree;
+  tree.file("script", "no program");
+  ASSERT_EQ(chmod((tree / "script").c_str(), 0700), 0);
+  const auto passing = [](std::vector<ChildOptions::Passed> descriptors) {
+    ChildOptions options = command({"true"});
+    options.descriptors = std::move(descriptors);
+    return options;
+  };
+  ChildOptions nowhere = command({"true"});
+  nowhere.workingFolder = "/no/such";
+  const std::pair<ChildOptions, std::string> cases[] = {
+      {command({"/no/such"}), "/no/such: execve: No such file or directory"},
+      {command({"larkspan-no-such-program"}), "larkspan-no-such-program: No such file or directory"},
+      {command({"/"}), "/: execve: Permission denied"},
+      {command({tree / "script"}), tree / "script" + ": execve: Exec format error"},
+      {nowhere, "true: working folder: No such file or directory"},
+      {passing({{3, 4000}}), "true: passing a descriptor: Bad file descriptor"}};
+  for (const auto& [options, failure] : cases) EXPECT_EQ(Started(options).failure, failure);
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG | __WALL), -1) << "a child that failed to start is reaped";
+
+  for (const auto& options :
+       {ChildOptions(), passing({{2, 1}}), passing({{256, 1}}), passing({{3, 1}, {3, 2}})})
+    EXPECT_THROW(Child::start(options, nullptr), std::invalid_argument);
+}
+
+TEST(Child, EndsOnceByExitBySignalOrByDeadline) {
+  EXPECT_EQ(Started(script("kill -TERM $$")).ends(), Lines{"signal 15 (Terminated)"});
+  Started killed(script("exec sleep 1000")), asked(script("exec sleep 1000"));
+  EXPECT_EQ(killed.child->exitStatus(), std::nullopt);
+  EXPECT_TRUE(killed.child->kill(SIGKILL));
+  EXPECT_EQ(killed.ends(), Lines{"signal 9 (Killed)"});
+  asked.child->terminate(1h);
+  EXPECT_EQ(asked.ends(), Lines{"signal 15 (Terminated)"});
+  // The script says when it has switched the signal off.
+  Started deaf(script("trap '' TERM; echo ready; exec sleep 1000"));
+  EXPECT_EQ(deaf.lines(1), Lines{"ready"});
+  deaf.child->terminate(1ms);
+  EXPECT_EQ(deaf.ends(), Lines{"signal 9 (Killed)"});
+  // Even where the kernel reaps by itself.
+  const auto oldHandler = std::signal(SIGCHLD, SIG_IGN);
+  EXPECT_EQ(Started(script("exit 3")).ends(), Lines{"unknown"});
+  std::signal(SIGCHLD, oldHandler);
+}
+
+TEST(Child, DeliversItsStandardErrorInLinesOfBoundedLength) {
+  const std::string most(Child::kMaxLine, 'x');
+  Started run(
+      script("echo one; echo; echo two >&2; printf '%08192d\\n' 0 | tr 0 x; printf '%04095d\\n' 0 | tr 0 x;"
+             "printf end; exec 1>&- 2>&-; exit 5"));
+  EXPECT_EQ(run.ends(), Lines{"exit code 5"});
+  EXPECT_EQ(run.lines(), (Lines{"one", "", "two", most, most, most.substr(1), "end"}));
+}
+
+TEST(Child, IsReapedThoughNobodyHoldsIt) {
+  std::atomic<int> left = 50;
+  std::promise<void> done;
+  const auto startMany = [&] {
+    for (int i = 0; i < 25; ++i) {
+      Child::start(command({"true"}), [&](ExitStatus) {
+        if (--left == 0) done.set_value();
+      });
+    }
+  };
+  std::thread other(startMany);
+  startMany();
+  other.join();
+  ASSERT_EQ(done.get_future().wait_for(20s), std::future_status::ready);
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG | __WALL), -1) << "no zombie is left";
+}
+
+TEST(Identity, IsThatOfTheProcess) {
+  EXPECT_EQ(Identity::current().realUser, getuid());
+  EXPECT_EQ(Identity::current().effectiveUser, geteuid());
+  EXPECT_EQ(homeFolderOf(0), "/root");
+  EXPECT_EQ(homeFolderOf(4'000'000'000), "");
+  EXPECT_EQ(Identity::current().homeFolder, homeFolderOf(getuid()));
+}
+
+TEST(Identity, OfAPeerComesFromTheKernel) {
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+  const Descriptor first(ends[0]), second(ends[1]);
+  const auto peer = peerCredentials(first.get());
+  ASSERT_TRUE(peer);
+  EXPECT_EQ(peer->process, getpid());
+  EXPECT_EQ(peer->user, geteuid());
+  EXPECT_EQ(peer->group, getegid());
+  EXPECT_FALSE(peerCredentials(Descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)).get()));
+}
+
+}  // namespace
+}  // namespace larkspan::platform
