@@ -7,7 +7,6 @@
 #include <sched.h>
 #include <signal.h>
 #include <spawn.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -31,44 +30,31 @@ void Program::add(const std::string& identifier, const std::string& behaviour) {
   tree_.write("share/larkspan/extensions/" + identifier + ".extension",
               "[Extension]\nExtensionPoint=corvane.larkspan\nIdentifier=" + identifier + "\nName=The " +
                   behaviour + "\nExec=" LARKSPAN_TEST_BIN "/fixtures/fixture_extension " + behaviour + ' ' +
-                  tree_.path(identifier + ".pid") + ' ' + fifo() + '\n');
+                  tree_.path(identifier + ".pid") + '\n');
 }
 
-void Program::start(const std::vector<std::string>& arguments, const std::string& input, bool terminal,
-                    const char* outputFile) {
-  std::vector<std::string> words{tree_.path("bin/larkspan")};
+void Program::start(const std::vector<std::string>& arguments, const std::string& input) {
+  const std::string none = tree_.path("none");
+  std::vector<std::string> words{"/usr/bin/env",
+                                 "-i",
+                                 "LARKSPAN_LOG=none",
+                                 "XDG_DATA_HOME=" + none,
+                                 "TZ=UTC",
+                                 "XDG_DATA_DIRS=" + none,
+                                 tree_.path("bin/larkspan")};
   words.insert(words.end(), arguments.begin(), arguments.end());
-  std::vector<char*> argumentPointers;
-  for (std::string& word : words) argumentPointers.push_back(word.data());
-  argumentPointers.push_back(nullptr);
-  std::string environment[] = {"LARKSPAN_LOG=none",
-                               "TZ=UTC",
-                               "TERM=xterm",
-                               "PATH=/usr/bin:/bin",
-                               "XDG_DATA_HOME=" + tree_.path("none"),
-                               "XDG_DATA_DIRS=" + tree_.path("none")};
-  std::vector<char*> environmentPointers;
-  for (std::string& entry : environment) environmentPointers.push_back(entry.data());
-  environmentPointers.push_back(nullptr);
+  std::vector<char*> pointers;
+  for (std::string& word : words) pointers.push_back(word.data());
+  pointers.push_back(nullptr);
 
   int output[2], error[2];
-  ASSERT_EQ(pipe2(output, O_CLOEXEC), 0);
-  if (terminal) {
-    error[0] = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    ASSERT_EQ(grantpt(error[0]) | unlockpt(error[0]), 0);
-    error[1] = open(ptsname(error[0]), O_RDWR | O_NOCTTY | O_CLOEXEC);
-  } else {
-    ASSERT_EQ(pipe2(error, O_CLOEXEC), 0);
-  }
+  ASSERT_EQ(pipe2(output, O_CLOEXEC) | pipe2(error, O_CLOEXEC), 0);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, 0, tree_.write("input", input).c_str(), O_RDONLY, 0);
   posix_spawn_file_actions_adddup2(&actions, output[1], 1);
-  if (outputFile) posix_spawn_file_actions_addopen(&actions, 1, outputFile, O_WRONLY, 0);
   posix_spawn_file_actions_adddup2(&actions, error[1], 2);
-  ASSERT_EQ(posix_spawn(&process_, words[0].c_str(), &actions, nullptr, argumentPointers.data(),
-                        environmentPointers.data()),
-            0);
+  ASSERT_EQ(posix_spawn(&process_, pointers[0], &actions, nullptr, pointers.data(), nullptr), 0);
   posix_spawn_file_actions_destroy(&actions);
   close(output[1]);
   close(error[1]);
@@ -85,18 +71,6 @@ void Program::read(int& descriptor, std::string& text) {
   } else {
     close(std::exchange(descriptor, -1));
   }
-}
-
-void Program::waitForError(const std::string& text) {
-  while (error_ >= 0 && outcome_.error.find(text) == std::string::npos) read(error_, outcome_.error);
-}
-
-std::string Program::readLine() {
-  while (output_ >= 0 && outcome_.output.find('\n') == std::string::npos) read(output_, outcome_.output);
-  const std::size_t size = std::min(outcome_.output.find('\n') + 1, outcome_.output.size());
-  const std::string line = outcome_.output.substr(0, size);
-  outcome_.output.erase(0, size);
-  return line;
 }
 
 void Program::closeOutput() { close(std::exchange(output_, -1)); }

@@ -28,15 +28,8 @@ class Program {
   /// Runs the command to its end.
   Outcome run(const std::vector<std::string>& arguments, const std::string& input = "");
 
-  /// Starts it. With `terminal` its standard error is one; `outputFile` replaces the pipe that takes its
-  /// output.
-  void start(const std::vector<std::string>& arguments, const std::string& input = "", bool terminal = false,
-             const char* outputFile = nullptr);
+  void start(const std::vector<std::string>& arguments, const std::string& input = "");
   pid_t process() const { return process_; }
-  /// Waits until it has written that to standard error.
-  void waitForError(const std::string& text);
-  /// Waits for the next line of standard output.
-  std::string readLine();
   void closeOutput();
   Outcome finish();
 

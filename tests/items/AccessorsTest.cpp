@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <set>
 #include <string>
 #include <type_traits>
 
@@ -17,6 +18,8 @@ namespace larkspan {
 namespace {
 
 using namespace platform;
+
+constexpr int64_t kUnknown = LKSExtensionTotalSpaceUsedUnknown;
 
 template <typename View, typename Argument>
 using Setter = void (View::*)(Argument);
@@ -38,26 +41,20 @@ void check(Key key, const Row& row, const Sample& sample, Setter<V, A> set, Gett
   for (const auto setter : {set, setOld}) {
     MessageItem item;
     V view(item);
-    const auto reads = [&](const Value& expected) {
-      EXPECT_EQ(Value((view.*get)()), expected);
-      EXPECT_EQ(Value((view.*getOld)()), expected);
-    };
-    reads(row.absent);
+    EXPECT_EQ(Value((view.*get)()), row.absent);
     (view.*setter)(sample);
     EXPECT_EQ(item.userInfo().size(), 1u);
     EXPECT_EQ(item.userInfo().get(key), row.stored);
     for (const auto& [known, kind] : vocabulary()) {
       EXPECT_TRUE(known != key || kind == Value::Kind::none || kind == row.stored.kind());
     }
-    reads(row.sample);
+    EXPECT_EQ(Value((view.*get)()), row.sample);
+    EXPECT_EQ(Value((view.*getOld)()), row.sample);
     (view.*setter)(A());
     EXPECT_EQ(item.userInfo().contains(key), !row.cleared.isNone());
     EXPECT_EQ(item.userInfo().get(key), row.cleared);
-    for (const Value& wrong : {Value(Dictionary{{"a", 1}}), Value(view.item())}) {
-      item.setUserInfoObject(wrong, key);
-      reads(std::is_same_v<R, Value> ? wrong : row.wrong);
-    }
-    item.setUserInfo({});  // it may hold itself
+    item.setUserInfoObject(Dictionary{{"a", 1}}, key);
+    EXPECT_EQ(Value((view.*get)()), (std::is_same_v<R, Value> ? item.userInfo().get(key) : row.wrong));
   }
 }
 
@@ -74,9 +71,58 @@ void flag(Key key, Value whenFalse, Setter<V, bool> set, Getter<V, bool> get, Se
 template <typename V>
 void number(Key key, int64_t absent, Setter<V, int64_t> set, Getter<V, int64_t> get,
             Setter<V, int64_t> setOld, Getter<V, int64_t> getOld) {
-  for (const int64_t sample : {int64_t{7}, int64_t{-1}, LKSExtensionTotalSpaceUsedUnknown}) {
-    check(key, {sample, sample, 0, absent, 0}, sample, set, get, setOld, getOld);
+  check(key, {kUnknown, kUnknown, 0, absent, 0}, kUnknown, set, get, setOld, getOld);
+}
+
+TEST(Vocabulary, IsExactlyWhatWasPublished) {
+  // Each constant, then its text.
+  // clang-format off
+  const Key published[] = {
+      kItemKindKey, "_KIND_", kCommandKey, "\u2022COMMAND", kExtensionID, "_EXTID_", kErrorKey, "_ERROR_",
+      kNameKey, "_NAME_", kCategoryKey, "_CATEGORY_", kIconKey, "_ICON_",
+      kIconFileTypeKey, "_ICON_FILE_TYPE_", kIconConstructor, "_ICON_CONSTRUCTOR_",
+      kReferenceKey, "_REFDATA_", kCategoriesKey, "_CATEGORIES_", kCategoryNamesKey, "_CATEGORY_NAMES_",
+      kHiddenKey, "_HIDDEN_", kAppURLKey, "_APPURL_", kManagedPathsKey, "_APPPATHS_", kSizeKey, "_SIZE_",
+      kAppSizeKey, "_APP_SIZE_", kDataSizeKey, "_DATA_SIZE_", kDeletableSizeKey, "_DELETABLE_SIZE_",
+      kTagKey, "_TAG_", kDateCreatedKey, "_CREATED_", kDateModifiedKey, "_MODIFIED_",
+      kDateOpenedKey, "_OPENED_", kDeletableKey, "_DELETABLE_", kDownloadableKey, "_DOWNLOADABLE_",
+      kRevealableKey, "_REVEALABLE_", kShowViewedColumnKey, "_SHOW_VIEWED_", kViewedKey, "_VIEWED_",
+      kPercentViewedKey, "_%VIEWED_", kURLKey, "_URL_", kVersionKey, "_VERSION_", kFPItemKey, "_FPITEM_",
+      kSecondaryTitleKey, "_TITLE_ALT_", kInfoTextKey, "_INFOTEXT_", kShowsSummaryKey, "_ISSUMMARY_",
+      kHeaderButtonTitleKey, "_HEADER_BUTTON_", kHeaderMessageKey, "_HEADER_MESSAGE_",
+      kHideItemPathsKey, "_HIDE_PATHS_", kHideRevealButtonKey, "_HIDE_REVEAL_",
+      kRevealButtonTitleKey, "_REVEAL_TITLE_", kBundleID, "_BUNDLE_ID_", kIsOverride, "_IS_OVERRIDE_",
+      kUninstallerBundleID, "_UNINSTALLER_BUNDLE_ID_", kHelpBookKey, "_HELP_BOOK_",
+      larkspan::kHelpAnchorKey, "_HELP_ANCHOR_", kTipPerformActionKey, "_ACTION_",
+      kSummaryTitleKey, "_SUMMARY_TITLE_", kSummaryMessageKey, "_SUMMARY_MSG_",
+      kSummaryButtonKey, "_SUMMARY_BUTTON_", kSummaryFooterKey, "_SUMMARY_FOOTER_",
+      kIsDestructiveKey, "_IS_DESTRUCTIVE", kSkipConfirmationKey, "_SKIP_CONFIRMATION_",
+      kConfirmTitleKey, "_CONFIRM_TITLE_", kConfirmMessageKey, "_CONFIRM_MESSAGE_",
+      kConfirmOKKey, "_CONFIRM_OK_", kConfirmCancelKey, "_CONFIRM_CANCEL_",
+      kConfirmOptionTitleKey, "_OPTION_TITLE_", kConfirmOptionMessageKey, "_OPTION_MESSAGE_",
+      kConfirmCheckboxKey, "_OPTION_CHKBOX_", kConfirmCheckboxStateKey, "_OPTION_CHKBOX_STATE_",
+      kConfirmMenuItemsKey, "_OPTION_MENU", kConfirmMenuIndexKey, "_OPTION_MENU_INDEX"};
+  const Key words[] = {
+      kCommandKind, "COMMAND", kTipKind, "TIP", kResourceKind, "RESOURCE", kSummaryKind, "SUMMARY",
+      kCmdGetInfo, "INFO?", kCmdResources, "RESOURCES?", kCmdDeleteResources, "RESOURCE_DELETE",
+      kCmdShowResources, "RESOURCE_SHOW", kCmdTips, "TIPS?", kCmdPerformTipAction, "TIP_PERFORM",
+      kCmdPerformHeaderAction, "HDR_PERFORM", kCmdPerformSummaryAction, "SUMMARY_PERFORM",
+      kCmdConfirmDelete, "DELETE_CONFIRM?", kCmdConfirmTipAction, "TIP_CONFIRM?",
+      kCmdConfirmSummaryAction, "SUMMARY_CONFIRM?", ITEM_DATE_COLUMN, "ITEM_DATE_COLUMN"};
+  // clang-format on
+  std::set<std::string_view> texts, listed;
+  for (std::size_t i = 0; i < std::size(published); i += 2) {
+    EXPECT_EQ(std::string_view(published[i]), published[i + 1]);
+    EXPECT_TRUE(texts.insert(published[i]).second) << std::string_view(published[i]);
   }
+  for (const auto& entry : vocabulary()) EXPECT_TRUE(listed.insert(entry.key).second);
+  EXPECT_EQ(listed, texts);
+  EXPECT_EQ(std::string_view(kCommandKey).substr(0, 3), "\xE2\x80\xA2");
+  for (std::size_t i = 0; i < std::size(words); i += 2) EXPECT_EQ(std::string_view(words[i]), words[i + 1]);
+
+  EXPECT_EQ(static_cast<uint64_t>(LKSExtensionTotalSpaceUsedUnknown), 0x8000000000000000u);
+  EXPECT_EQ(LKSExtensionTotalSpaceUsedGreaterThanZero, LKSExtensionTotalSpaceUsedUnknown);
+  EXPECT_EQ(ITEM_MINIMAL_VISIBLE_SIZE, 1048576);
 }
 
 /// The accessors of one field and their older names.
@@ -90,10 +136,10 @@ TEST(Accessors, OfEveryItemStoreUnderTheirKeysAndHaveOlderNames) {
   object(larkspan::kHelpAnchorKey, "text", FIELD(M, helpAnchor, HelpAnchor));
   object(kHelpBookKey, "text", FIELD(M, helpBook, HelpBook));
   number(kTagKey, 0, FIELD(M, tag, Tag));
-  number(kSizeKey, LKSExtensionTotalSpaceUsedUnknown, FIELD(M, size, Size));
+  number(kSizeKey, kUnknown, FIELD(M, size, Size));
   number(kAppSizeKey, 0, FIELD(M, appSize, AppSize));
   number(kDataSizeKey, 0, FIELD(M, dataSize, DataSize));
-  number(kDeletableSizeKey, LKSExtensionTotalSpaceUsedUnknown, FIELD(M, deletableSize, DeletableSize));
+  number(kDeletableSizeKey, kUnknown, FIELD(M, deletableSize, DeletableSize));
   object(kReferenceKey, Value(Array{1, Dictionary()}), FIELD(M, reference, Reference));
   EXPECT_EQ(M::initWithName("A")->userInfo(), M::initWithLKSName("A")->userInfo());
 }
@@ -176,10 +222,9 @@ TEST(Accessors, ThatWereAlwaysBrokenStayBroken) {
   EXPECT_THROW(item.setFpItem(nullptr), std::logic_error);
   EXPECT_EQ(item.userInfo().storage(), nullptr);
   const auto exhaust = [] {
-    rlimit limit{256 << 10, 256 << 10};
-    setrlimit(RLIMIT_STACK, &limit);
-    limit = {0, 0};
-    setrlimit(RLIMIT_CORE, &limit);
+    const rlimit stack{256 << 10, 256 << 10}, core{0, 0};
+    setrlimit(RLIMIT_STACK, &stack);
+    setrlimit(RLIMIT_CORE, &core);
     std::signal(SIGSEGV, SIG_DFL);  // without a sanitizer's report
     alarm(60);                      // an endless loop is no recursion
     LKSSummaryResource::initLKSSummaryResource().setSummaryFooter("x");

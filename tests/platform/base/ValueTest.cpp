@@ -1,12 +1,14 @@
-#include "larkspan/platform/base/Format.h"
 #include "larkspan/platform/base/Value.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
+#include <ctime>
 #include <limits>
 #include <memory>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -56,33 +58,26 @@ TEST(Value, ComparesByKindAndContentInATotalOrder) {
     }
   }
   EXPECT_EQ(Value(Dictionary{{"a", 1}, {"b", 2}}), Value(Dictionary{{"b", 2}, {"a", 1}}));
-  EXPECT_EQ(Value(std::make_shared<Numbered>(1)), Value(std::make_shared<Numbered>(1)));
   EXPECT_EQ(Value(std::shared_ptr<Object>()), Value());
   EXPECT_EQ(Value(std::optional<std::string>()), Value());
-  EXPECT_EQ(Value(std::optional<std::string>("a")), Value("a"));
 
   std::vector<Value> twice = all;
   twice.insert(twice.end(), all.rbegin(), all.rend());
   const Set set(twice);
   EXPECT_EQ(set.members().size(), all.size());
   for (const Value& value : all) EXPECT_TRUE(set.contains(value)) << value.description();
-  EXPECT_FALSE(set.contains(2));
   const auto a = std::make_shared<Numbered>(1), b = std::make_shared<Numbered>(1);
+  EXPECT_EQ(Value(a), Value(b));
   EXPECT_EQ(Set({a, b, a}).members().size(), 2u) << "objects of a set are told apart by identity";
   EXPECT_EQ(Set({a, b}), Set({b, a}));
-  EXPECT_NE(Set({Value(a)}), Set({Value(b)}));
 }
 
 TEST(Value, ConvertsNumbersAndNeverTraps) {
   // clang-format off
   const std::tuple<Value, int64_t, double, bool> cases[] = {
-      {true, 1, 1, true}, {uint32_t{4294967295}, 4294967295, 4294967295, true},
-      {kMinimum, kMinimum, -0x1p63, true}, {0.5, 0, 0.5, true},
-      {-1.9f, -1, static_cast<double>(-1.9f), true}, {0x1p63, kMaximum, 0x1p63, true},
-      {-0x1p63, kMinimum, -0x1p63, true},
+      {true, 1, 1, true}, {kMinimum, kMinimum, -0x1p63, true}, {0x1p63, kMaximum, 0x1p63, true},
       {std::nextafter(0x1p63, 0), kMaximum - 1023, 0x1p63 - 1024, true},
-      {-std::numeric_limits<double>::infinity(), kMinimum, -std::numeric_limits<double>::infinity(), true},
-      {-0.0, 0, 0, false}, {"7", 0, 0, false}};
+      {-INFINITY, kMinimum, -INFINITY, true}, {-0.0, 0, 0, false}, {"7", 0, 0, false}};
   // clang-format on
   for (const auto& [value, integer, real, boolean] : cases) {
     SCOPED_TRACE(value.description());
@@ -92,22 +87,10 @@ TEST(Value, ConvertsNumbersAndNeverTraps) {
   }
   EXPECT_EQ(Value(std::nan("")).integerValue(), 0);
 
-  using Kind = Value::Kind;
-  for (const Value& value : variety()) {
-    SCOPED_TRACE(value.description());
-    const Kind kind = value.kind();
-    EXPECT_TRUE(value.string().has_value() == (kind == Kind::string) &&
-                value.data().has_value() == (kind == Kind::data));
-    EXPECT_TRUE(value.date().has_value() == (kind == Kind::date) &&
-                value.url().has_value() == (kind == Kind::url));
-    EXPECT_EQ(value.error().has_value(), kind == Kind::error);
-    EXPECT_EQ(value.object() != nullptr, kind == Kind::object);
+  for (const Value& value : {Value("7"), Value(1), Value(std::make_shared<Object>())}) {
+    EXPECT_TRUE(value.array().empty() && value.dictionary().empty() && value.set().members().empty());
+    EXPECT_FALSE(value.data() || value.date() || value.url() || value.error());
     EXPECT_EQ(value.objectOf<Numbered>(), nullptr);
-    EXPECT_TRUE(value.isNumber() || value.doubleValue() == 0);
-    EXPECT_TRUE(kind == Kind::string || value.text().empty());
-    EXPECT_TRUE(kind == Kind::array || (value.array().empty() && value.strings().empty()));
-    EXPECT_TRUE(kind == Kind::dictionary || value.dictionary().empty());
-    EXPECT_TRUE(kind == Kind::set || value.set().members().empty());
   }
   EXPECT_EQ(Value(Array{"a", 1, "b"}).strings(), (std::vector<std::string>{"a", "b"}));
   EXPECT_EQ(Value("a\xFFz"), Value("a\xEF\xBF\xBDz"));
@@ -116,52 +99,127 @@ TEST(Value, ConvertsNumbersAndNeverTraps) {
 TEST(Value, DescribesItself) {
   // clang-format off
   const std::pair<Value, const char*> cases[] = {
-      {Value(), "(null)"}, {true, "true"}, {kMinimum, "-9223372036854775808"}, {0.1f, "0.1"}, {0.1, "0.1"},
-      {100000.0, "100000"}, {1.0 / 3, "0.3333333333333333"}, {0.1 + 0.2, "0.30000000000000004"},
-      {1e300, "1e+300"}, {5e-324, "4.94065645841247e-324"},
-      {-std::numeric_limits<double>::infinity(), "-inf"}, {Data::copy("abc"), "{3 bytes}"},
-      {Date{0, 500000000}, "1970-01-01T00:00:00.5Z"}, {URL::file("/a b"), "file:///a%20b"},
-      {Array{"", "", 1}, "(, , 1)"}, {Set({2, 1, 2}), "{1, 2}"},
-      {Dictionary{{"b", 1}, {"a", Array()}}, "{b = 1, a = ()}"},
-      {Error("d", -3), "Error Domain=d Code=-3 \"The operation could not be completed (d error -3).\""},
-      {std::make_shared<Numbered>(4), "No. 4"}};
+      {kMinimum, "-9223372036854775808"}, {0.1f, "0.1"}, {0.1, "0.1"},
+      {100000.0, "100000"}, {0.1 + 0.2, "0.30000000000000004"}, {5e-324, "4.94065645841247e-324"},
+      {-INFINITY, "-inf"}, {Data::copy("abc"), "{3 bytes}"}, {URL::file("/a b"), "file:///a%20b"},
+      {Array{"", "", 1}, "(, , 1)"}, {Set({2, 1, 2}), "{1, 2}"}, {std::make_shared<Numbered>(4), "No. 4"}};
   // clang-format on
   for (const auto& [value, text] : cases) EXPECT_EQ(value.description(), text);
   Value deep = 1;
   for (int i = 0; i < 100; ++i) deep = Array{deep};
   EXPECT_EQ(deep.description(), std::string(32, '(') + "…" + std::string(32, ')'));
   EXPECT_EQ(Value(Array{1}).description(), "(1)") << "the count of levels was not given back";
-  const Object plain;
-  EXPECT_TRUE(plain.description().starts_with("<Object:0x")) << plain.description();
-  EXPECT_EQ(Numbered(1).className(), "Numbered");
+  EXPECT_TRUE(Object().description().starts_with("<Object:0x"));
 }
 
-TEST(Slice, SharesItsBlockAndOutlivesTheSliceItCameFrom) {
-  Slice part;
-  {
-    const Slice whole = Slice::copy("0123456789");
-    part = whole.part(2, 5).part(1, 3);
-    EXPECT_EQ(part.data(), whole.data() + 3);
-  }
-  EXPECT_EQ(Value::wellFormed(part), Value("345"));
-  const Slice moved = std::move(part);
-  EXPECT_TRUE(part.empty());
-  EXPECT_EQ(moved, Slice::copy("345"));
-  EXPECT_EQ(Slice::copy(""), Slice());
+TEST(Dictionary, KeepsTheOrderOfFirstSettingAndRepairsKeys) {
+  Dictionary dictionary{{"c", 1}, {"a", 2}, {"c", 3}};
+  std::string key = "b";
+  dictionary.set(std::string_view(key), 4);
+  key = "x";  // the key was copied
+  dictionary.set("a", Value());
+  EXPECT_EQ(dictionary.description(), "{c = 3, a = (null), b = 4}");
+  EXPECT_TRUE(dictionary.contains("a") && dictionary.get("x").isNone());
+
+  dictionary.remove("c");
+  dictionary.remove("x");
+  dictionary.set("c", 5);
+  dictionary.set(std::string_view("\xFF"), 6);
+  dictionary.set(std::string_view("\xFE"), 7);
+  EXPECT_EQ(dictionary.description(), "{a = (null), b = 4, c = 5, \xEF\xBF\xBD = 7}");
+
+  EXPECT_NE((Dictionary{{"a", 1}}), (Dictionary{{"a", 1}, {"b", 2}}));
+  EXPECT_NE((Dictionary{{"a", Value()}}), (Dictionary{{"b", Value()}}));
+  EXPECT_EQ(Dictionary(), Dictionary::withCapacity(4));
+}
+
+TEST(Dictionary, CopiesOnTheFirstChangeOfAShareAndOnlyThen) {
+  Dictionary first = Dictionary::withCapacity(8);
+  const void* storage = first.storage();
+  first.set("a", 1);
+  first.set("a", 2);
+  EXPECT_EQ(first.storage(), storage) << "an unshared dictionary is written in place";
+
+  Dictionary second = first;
+  second.remove("absent");
+  EXPECT_EQ(second.storage(), storage) << "removing what is not there changes nothing";
+  second.set("a", 3);
+  EXPECT_NE(second.storage(), storage);
+  EXPECT_GE(second.capacity(), 8u);
+  EXPECT_EQ(first.get("a"), Value(2));
+
+  // The key of an entry of the dictionary's own, which the change moves.
+  for (int i = 0; i < 40; ++i) second.set(std::string_view("key " + std::to_string(i)), i);
+  const Dictionary share = second;
+  second.set(share.begin()[30].key(), "new");
+  second.remove(second.begin()[0].key());
+  EXPECT_EQ(second.get("key 29"), Value("new"));
+  EXPECT_EQ(share.get("key 29"), Value(29));
+}
+
+TEST(Dictionary, IsWrittenInPlaceOnlyAfterTheLastReaderOnAnotherThreadHasLeft) {
+  Dictionary mine{{"a", 1}};  // no text, whose own count would put the threads in order
+  const void* storage = mine.storage();
+  std::atomic<bool> left{false};
+  std::thread reader([&left, copy = mine]() mutable {
+    EXPECT_EQ(copy.get("a"), Value(1));
+    copy = {};
+    left.store(true, std::memory_order_relaxed);  // orders nothing: the dictionary itself must
+  });
+  while (!left.load(std::memory_order_relaxed)) std::this_thread::yield();
+  mine.set("a", 2);
+  EXPECT_EQ(mine.storage(), storage);
+  reader.join();
 }
 
 TEST(Error, TellsWhatItCarriesAndMakesUpADescription) {
-  const Error full(
-      "d", 5, {{kLocalizedDescriptionKey, "D"}, {kLocalizedFailureReasonKey, "R"}, {kHelpAnchorKey, "H"}});
-  EXPECT_EQ(format("%@ %@ %@ %@ %@", full.localizedDescription(), full.localizedFailureReason(),
-                   full.localizedRecoverySuggestion(), full.helpAnchor(), full),
-            "D R (null) H Error Domain=d Code=5 \"D\"");
-  const Error odd("d", 5, {{kLocalizedDescriptionKey, 7}});
-  EXPECT_EQ(odd.localizedDescription(), "The operation could not be completed (d error 5).");
+  EXPECT_EQ(Error("d", 5, {{kLocalizedDescriptionKey, 7}}).localizedDescription(),
+            "The operation could not be completed (d error 5).");
   EXPECT_EQ(Error::posix(ENOENT, "open /x\xFF").description(),
             "Error Domain=POSIX Code=2 \"open /x\xEF\xBF\xBD: No such file or directory\"");
-  EXPECT_EQ(Error("d", 5, Dictionary()), Error("d", 5));
-  EXPECT_NE(full, Error("d", 5));
+}
+
+TEST(Date, ReadsAndPrintsRFC3339) {
+  // Text, seconds, nanoseconds, and how the date prints.
+  // clang-format off
+  const std::tuple<const char*, int64_t, uint32_t, const char*> cases[] = {
+      {"1996-12-19T16:39:57-08:00", 851042397, 0, "1996-12-20T00:39:57Z"},
+      {"1990-12-31T23:59:60Z", 662688000, 0, "1991-01-01T00:00:00Z"},
+      {"2000-02-29t12:00:00.1234567899z", 951825600, 123456789, "2000-02-29T12:00:00.123456789Z"},
+      {"1969-12-31T23:59:59.000000001-00:00", -1, 1, "1969-12-31T23:59:59.000000001Z"},
+      {"9999-12-31T23:59:59-23:59", 253402387139, 0, "@253402387139"}};
+  // clang-format on
+  for (const auto& [text, seconds, nanoseconds, printed] : cases) {
+    EXPECT_EQ(Date::parse(text), (Date{seconds, nanoseconds})) << text;
+    EXPECT_EQ((Date{seconds, nanoseconds}).description(), printed);
+  }
+  for (const char* text :
+       {"", "2026-11-22", "2026-11-22 20:38:41Z", "2026-11-22T20:38:41", "2026-13-01T00:00:00Z",
+        "2026-00-01T00:00:00Z", "2026-11-00T00:00:00Z", "1900-02-29T00:00:00Z", "2026-11-22T24:00:00Z",
+        "2026-11-22T23:60:00Z", "2026-11-22T23:00:61Z", "2026-11-22T23:00:00.Z", "2026-11-22T23:00:00+0100",
+        "2026-11-22T23:00:00+24:00", "2026-11-22T23:00:00+01:60", "2026-11-22T23:00:00ZZ",
+        "2026-1-22T23:00:00Z", "+026-11-22T23:00:00Z"}) {
+    EXPECT_FALSE(Date::parse(text)) << text;
+  }
+}
+
+TEST(Date, AgreesWithTheCLibraryThroughFourCenturiesOfDays) {
+  for (int64_t day = -400 * 366; day < 200 * 366; ++day) {
+    const time_t seconds = day * 86400 + 86399;
+    std::tm fields;
+    char expected[64];
+    strftime(expected, sizeof expected, "%Y-%m-%dT%H:%M:%SZ", gmtime_r(&seconds, &fields));
+    ASSERT_EQ((Date{seconds, 0}).description(), expected);
+    ASSERT_EQ(Date::parse(expected), (Date{seconds, 0}));
+  }
+}
+
+TEST(Date, CountsFromTheReferenceDateAndSaturates) {
+  constexpr int64_t kReference = 978307200;
+  EXPECT_EQ(Date::sinceReferenceDate(-0.25), (Date{kReference - 1, 750000000}));
+  EXPECT_EQ(Date::sinceReferenceDate(std::nan("")), (Date{kReference, 0}));
+  EXPECT_EQ(Date::sinceReferenceDate(-INFINITY), (Date{kMinimum, 0}));
+  EXPECT_EQ((Date{kReference - 1, 750000000}).timeIntervalSinceReferenceDate(), -0.25);
 }
 
 }  // namespace

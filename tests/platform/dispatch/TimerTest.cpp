@@ -6,9 +6,7 @@
 #include <cmath>
 #include <functional>
 #include <future>
-#include <limits>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -69,52 +67,27 @@ TEST_F(ManualTimer, UsesLeewayOnlyToJoinAnotherTimer) {
 }
 
 TEST_F(ManualTimer, StopsWhenCancelledOrDropped) {
-  std::weak_ptr<int> watched;
-  std::shared_ptr<Timer> self;
-  {
-    auto captured = std::make_shared<int>(0);
-    watched = captured;
-    self = Timer::make(queue, 1s, 1s, 0ns, [this, &self, captured] {
-      note(1);
-      self->cancel();
-      EXPECT_EQ(captured.use_count(), 1) << "kept while the handler runs";
-    });
-  }
-  clock.advance(5s);
-  EXPECT_EQ(fired, (Fired{{1, 1s}}));
-  EXPECT_TRUE(self->isCancelled());
-  EXPECT_TRUE(watched.expired());
-
-  fired.clear();
+  auto captured = std::make_shared<int>(0);
+  const std::weak_ptr<int> watched = captured;
+  std::shared_ptr<Timer> self, submitted;
+  self = Timer::make(queue, 1s, 1s, 0ns, [this, &self, captured = std::move(captured)] {
+    note(1);
+    self->cancel();
+    EXPECT_EQ(captured.use_count(), 1) << "kept while the handler runs";
+  });
   auto dropsItself = std::make_shared<std::shared_ptr<Timer>>();
-  *dropsItself = Timer::make(queue, 1s, 1s, 0ns, [this, dropsItself] {
+  *dropsItself = Timer::make(queue, 2s, 1s, 0ns, [this, dropsItself] {
     dropsItself->reset();
     note(2);
   });
   auto unfired = noting(3, 1s);
   unfired.reset();
-  std::shared_ptr<Timer> submitted;  // Cancelled when it is submitted but has not run.
-  const auto canceller = Timer::make(queue, 2s, Timer::kNever, 0ns, [&] { submitted->cancel(); });
-  submitted = noting(4, 2s);
+  // Cancelled when it is submitted but has not run.
+  const auto canceller = Timer::make(queue, 3s, Timer::kNever, 0ns, [&] { submitted->cancel(); });
+  submitted = noting(4, 3s);
   clock.advance(5s);
-  EXPECT_EQ(fired, (Fired{{2, 6s}}));
-}
-
-TEST_F(ManualTimer, NeverRunsAfterACancelOnItsQueueWhileAnotherThreadCancelsToo) {
-  for (int round = 0; round < 200; ++round) {
-    bool cancelled = false;
-    int late = 0;
-    const auto timer = Timer::make(queue, 1ms, 1ms, 0ns, [&] { late += cancelled; });
-    std::jthread other([&] {
-      if (round % 2) timer->cancel();
-    });
-    queue->after(2ms, [&] {
-      timer->cancel();
-      cancelled = true;
-    });
-    clock.advance(5ms);
-    EXPECT_EQ(late, 0);
-  }
+  EXPECT_EQ(fired, (Fired{{1, 1s}, {2, 2s}}));
+  EXPECT_TRUE(self->isCancelled() && watched.expired());
 }
 
 TEST_F(ManualTimer, LeavesOutTheTimesItMissedAndKeepsToItsGrid) {
@@ -145,47 +118,19 @@ TEST_F(ManualTimer, AdvanceFollowsChainsAcrossQueuesIncludingTheMainQueue) {
   EXPECT_EQ(fired.back(), std::pair(6, Nanoseconds(60ms)));
 }
 
-TEST_F(ManualTimer, DropsWhatWaitsWhenTheClockGoes) {
-  std::shared_ptr<Timer> survivor;
-  const auto captured = std::make_shared<int>(0);
-  {
-    ManualClock inner;
-    survivor = noting(1, 1s, 1s);
-    queue->after(1s, [captured] {});
-    EXPECT_EQ(&Clock::current(), &inner);
-  }
-  EXPECT_EQ(captured.use_count(), 1);
-  EXPECT_EQ(&Clock::current(), &clock);
-  clock.advance(10s);
-  EXPECT_EQ(fired, Fired());
-  survivor->cancel();
-}
-
 TEST(Timer, FiresOnTheSystemClockAndNotEarly) {
   const MonotonicTime start = Clock::current().monotonicNow();
-  const auto queue = DispatchQueue::makeSerial("test.system");
   std::promise<MonotonicTime> fired;
-  std::promise<void> thrice;
-  queue->after(3ms, [&] { fired.set_value(Clock::current().monotonicNow()); });
   int count = 0;
-  const auto repeating = Timer::make(queue, 1ms, 1ms, 1h, [&] {
-    if (++count == 3) thrice.set_value();
+  const auto repeating = Timer::make(DispatchQueue::makeSerial("test.system"), 1ms, 1ms, 1h, [&] {
+    if (++count == 3) fired.set_value(Clock::current().monotonicNow());
   });
   EXPECT_GE(fired.get_future().get() - start, 3ms);
-  thrice.get_future().get();
 }
 
 TEST(Clock, TurnsSecondsIntoNanosecondsByTruncation) {
-  const auto infinite = std::numeric_limits<double>::infinity();
-  const std::pair<double, Nanoseconds> cases[] = {{0.1, 100000000ns},
-                                                  {1.9999999999, 1999999999ns},
-                                                  {-1.9999999999, -1999999999ns},
-                                                  {0, 0ns},
-                                                  {1e30, Nanoseconds::max()},
-                                                  {infinite, Nanoseconds::max()},
-                                                  {-infinite, Nanoseconds::min()},
-                                                  {std::nan(""), 0ns}};
-  for (const auto& [seconds, expected] : cases)
+  for (const auto& [seconds, expected] :
+       {std::pair(1.9999999999, 1999999999ns), {-1e300, Nanoseconds::min()}, {std::nan(""), 0ns}})
     EXPECT_EQ(nanosecondsFromSeconds(seconds), expected) << seconds;
 }
 
