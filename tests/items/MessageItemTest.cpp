@@ -4,14 +4,13 @@
 #include "larkspan/items/LKSTipMessage.h"
 #include "larkspan/items/MessageItem.h"
 #include "larkspan/platform/base/Format.h"
+#include "tests/support/CapturedLog.h"
 
 #include <gtest/gtest.h>
 
 #include <limits>
 #include <string>
 #include <tuple>
-
-#include "tests/support/CapturedLog.h"
 
 namespace larkspan {
 namespace {

@@ -6,12 +6,11 @@
 #include "larkspan/runtime/LKSOperationQueue.h"
 #include "larkspan/runtime/Log.h"
 #include "larkspan/runtime/Throttle.h"
+#include "tests/support/CapturedLog.h"
 
 #include <gtest/gtest.h>
 
 #include <thread>
-
-#include "tests/support/CapturedLog.h"
 
 namespace larkspan::tests {
 namespace {

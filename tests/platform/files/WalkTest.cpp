@@ -2,13 +2,12 @@
 #include "larkspan/platform/files/DeepDelete.h"
 #include "larkspan/platform/files/DirectoryStack.h"
 #include "larkspan/platform/files/FolderSize.h"
+#include "tests/platform/files/TestTree.h"
 
 #include <gtest/gtest.h>
 
 #include <thread>
 #include <vector>
-
-#include "tests/platform/files/TestTree.h"
 
 namespace larkspan::platform {
 namespace {

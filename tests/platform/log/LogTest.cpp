@@ -3,6 +3,8 @@
 #include "larkspan/platform/log/JournalSink.h"
 #include "larkspan/platform/log/StreamSink.h"
 #include "larkspan/platform/log/SystemLog.h"
+#include "tests/platform/files/TestTree.h"
+#include "tests/support/CapturedLog.h"
 
 #include <gtest/gtest.h>
 
@@ -12,9 +14,6 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-
-#include "tests/platform/files/TestTree.h"
-#include "tests/support/CapturedLog.h"
 
 namespace larkspan::platform {
 namespace {

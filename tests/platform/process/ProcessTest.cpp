@@ -2,6 +2,7 @@
 #include "larkspan/platform/dispatch/IoSource.h"
 #include "larkspan/platform/process/Child.h"
 #include "larkspan/platform/process/Identity.h"
+#include "tests/platform/files/TestTree.h"
 
 #include <gtest/gtest.h>
 
@@ -15,8 +16,6 @@
 
 #include <sys/socket.h>
 #include <sys/wait.h>
-
-#include "tests/platform/files/TestTree.h"
 
 namespace larkspan::platform {
 namespace {

@@ -1,6 +1,7 @@
 #include "larkspan/platform/text/KeyFile.h"
 #include "larkspan/platform/text/SizeText.h"
 #include "larkspan/platform/text/StringTable.h"
+#include "tests/platform/files/TestTree.h"
 
 #include <gtest/gtest.h>
 
@@ -9,8 +10,6 @@
 #include <string>
 
 #include <sys/mman.h>
-
-#include "tests/platform/files/TestTree.h"
 
 namespace larkspan::platform {
 namespace {
