@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <future>
+#include <thread>
 
 namespace larkspan::tests {
 namespace {
@@ -33,6 +34,7 @@ class Provider : public LKSExtension {
   }
   std::vector<LKSTipMessage> tipItems() override { return {*LKSTipMessage::initLKSTipWithTitle("Tip")}; }
   std::optional<Error> deleteResourceItems(const std::vector<LKSResource>& items) override {
+    if (items.empty()) return std::nullopt;
     return Error("test", static_cast<int64_t>(items.size()), "cannot delete " + *items.at(0).lks_name());
   }
   std::optional<Error> showResourceItems(const std::vector<LKSResource>&) override { return std::nullopt; }
@@ -319,7 +321,62 @@ TEST_F(Exchange, CallbacksHaveNoObjectOnceTheHandleIsGone) {
   EXPECT_TRUE(outcomes.waitFor(1).at(0).items) << "the outstanding reply still arrives";
 }
 
-TEST_F(Exchange, AbandoningEndsWhatIsUnderWayAtOnce) {
+TEST_F(Exchange, AHandleOutlivesRequestsThatEndedAndItsNoticesThoseOfOthers) {
+  Collector<std::shared_ptr<platform::Object>> heard;
+  const auto token = NotificationCenter::defaultCenter().addObserver(
+      std::string(std::string_view(LKSOpaqueExtensionResourcesDidChangeNotification)), nullptr,
+      [&](const Notification& notification) { heard.push(notification.object); });
+  send(kCmdTips, handle);
+  outcomes.waitFor(1);
+  auto other = handleFor(handle->underlyingExtension()->extensionBundle());
+  send(kCmdTips, other);
+  outcomes.waitFor(2);
+  const auto ended = other->context();
+  ended->auxiliaryConnection()->invalidate();
+  // The notice of a deletion reaches the request that is left, although another was the latest.
+  send(kCmdDeleteResources, handle);
+  EXPECT_EQ(heard.waitFor(1), std::vector<std::shared_ptr<platform::Object>>{handle});
+  outcomes.waitFor(3);
+  EXPECT_EQ(heard.now().size(), 1u) << "one notice for a deletion";
+
+  other->setContext(ended);
+  send(kCmdTips, other);
+  EXPECT_TRUE(outcomes.waitFor(4).at(3).items) << "a request that ended is begun anew";
+  EXPECT_NE(other->context(), ended);
+  EXPECT_EQ(launcher->launches, 1);
+}
+
+TEST_F(Exchange, DroppedAndMadeAnewHandlesAlwaysGetAnAnswer) {
+  const std::string path = handle->underlyingExtension()->extensionBundle();
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&] {
+      for (int j = 0; j < 50; ++j) {
+        Collector<bool> answered;
+        handleFor(path)->processInputItems(
+            {*LKSCommand::initLKSCommandItem(kCmdTips)},
+            [&](const auto& items, const auto&) { answered.push(items.has_value()); });
+        EXPECT_EQ(answered.waitFor(1), std::vector<bool>{true});
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+}
+
+TEST_F(Exchange, AnEditedManifestStartsItsNewProgramAndKeepsItsHandle) {
+  auto manifest = handle->underlyingExtension()->manifest();
+  manifest.exec = {"/another"};
+  const auto edited = LKSOpaqueExtension::initWithExtension(std::make_shared<platform::Extension>(manifest));
+  send(kCmdTips, handle);
+  outcomes.waitFor(1);
+  EXPECT_EQ(mergeHandles({edited}, {handle}), std::vector{handle});
+  EXPECT_EQ(handle->underlyingExtension(), edited->underlyingExtension());
+  send(kCmdTips, handle);
+  EXPECT_TRUE(outcomes.waitFor(2).at(1).items);
+  EXPECT_EQ(launcher->launches, 2);
+}
+
+TEST_F(Exchange, AbandoningEndsWhatIsUnderWayAtOnceAndCountsForNothing) {
   std::promise<void> reached, released;
   provider->beforeResources = [&] {
     reached.set_value();
@@ -332,6 +389,14 @@ TEST_F(Exchange, AbandoningEndsWhatIsUnderWayAtOnce) {
   EXPECT_EQ(handle->context(), nullptr);
   released.set_value();
   EXPECT_EQ(outcomes.now().size(), 1u);
+
+  provider->beforeResources = [&] { handle->abandon(); };
+  for (std::size_t i = 2; i < 9; ++i) {
+    send(kCmdResources, handle);
+    const auto all = outcomes.waitFor(i);
+    ASSERT_EQ(all.size(), i);
+    EXPECT_NE(all.back().error->code(), static_cast<int64_t>(TransportErrorCode::launchDelayed));
+  }
 }
 
 }  // namespace
