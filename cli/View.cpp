@@ -19,6 +19,9 @@ using Alignment = Table::Column::Alignment;
 namespace {
 
 constexpr const char* kUnknown = "–";
+
+/// The size, or "–" where it is unknown.
+std::string knownSizeText(int64_t bytes) { return bytes < 0 ? kUnknown : platform::sizeText(bytes); }
 constexpr std::size_t kLargestShown = 3;
 
 constexpr struct {
@@ -106,8 +109,6 @@ std::string countText(std::size_t count, const char* one) {
 }
 
 }  // namespace
-
-std::string knownSizeText(int64_t bytes) { return bytes < 0 ? kUnknown : platform::sizeText(bytes); }
 
 std::string executableOf(const platform::Manifest& manifest) {
   const std::string& program = manifest.exec[0];

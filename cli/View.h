@@ -22,7 +22,4 @@ std::string itemsText(const Items& items);
 /// What one extension holds, in a few lines.
 std::string overviewText(const Overview& overview, std::size_t width);
 
-/// The size, or "–" where it is unknown.
-std::string knownSizeText(int64_t bytes);
-
 }  // namespace larkspan::cli
