@@ -27,7 +27,7 @@ using platform::Value;
 class Provider : public LKSExtension {
  public:
   std::vector<LKSResource> resourceItems() override {
-    if (beforeResources) beforeResources();
+    if (const auto before = beforeResources()) before();
     LKSResource a = LKSResource::initLKSResourceItemWithName("A");
     a.setLks_size(int64_t{1} << 40);
     return {a, LKSResource::initLKSResourceItemWithName("B")};
@@ -45,7 +45,19 @@ class Provider : public LKSExtension {
   }
   int64_t totalSpaceUsed() override { return 42; }
 
-  std::function<void()> beforeResources;
+  std::function<void()> beforeResources() {
+    const std::lock_guard lock(mutex_);
+    return before_;
+  }
+  /// Runs on the extension's queue before it answers; it may still do so when it has been replaced.
+  void setBeforeResources(std::function<void()> before) {
+    const std::lock_guard lock(mutex_);
+    before_.swap(before);
+  }
+
+ private:
+  std::mutex mutex_;
+  std::function<void()> before_;
 };
 
 struct Exchange : testing::Test {
@@ -178,11 +190,13 @@ TEST_F(Exchange, OneRequestServesUntilItIsInvalidatedAndInterruptionKeepsIt) {
   EXPECT_EQ(launcher->launches, 1);
 
   // A crash in the middle of an exchange fails that one, once; the next starts the extension again.
-  std::promise<void> reached, released;
-  provider->beforeResources = [&] {
+  std::promise<void> reached;
+  std::promise<void> released;
+  const auto gate = released.get_future().share();
+  provider->setBeforeResources([&reached, gate] {
     reached.set_value();
-    released.get_future().wait();
-  };
+    gate.wait();
+  });
   send(kCmdResources, handle);
   reached.get_future().wait();
   launcher->crash();
@@ -190,7 +204,7 @@ TEST_F(Exchange, OneRequestServesUntilItIsInvalidatedAndInterruptionKeepsIt) {
   EXPECT_FALSE(failed.items);
   EXPECT_EQ(failed.error->code(), static_cast<int64_t>(TransportErrorCode::interrupted));
   released.set_value();
-  provider->beforeResources = nullptr;
+  provider->setBeforeResources(nullptr);
   send(kCmdTips, handle);
   ASSERT_TRUE(outcomes.waitFor(4).at(3).items);
   EXPECT_EQ(handle->context(), first) << "an interruption keeps the request";
@@ -247,7 +261,7 @@ TEST_F(Exchange, SimultaneousBeginsOfEqualHandlesShareOneProcess) {
 
 TEST_F(Exchange, CountsStartsThatEndBeforeAnAnswerAndThenWaits) {
   platform::ManualClock clock;
-  provider->beforeResources = [&] { launcher->crash(); };
+  provider->setBeforeResources([&] { launcher->crash(); });
   for (std::size_t i = 1; i <= 5; ++i) {
     send(kCmdResources, handle);
     EXPECT_EQ(outcomes.waitFor(i).at(i - 1).error->code(),
@@ -260,7 +274,7 @@ TEST_F(Exchange, CountsStartsThatEndBeforeAnAnswerAndThenWaits) {
   };
   EXPECT_EQ(next().error->code(), static_cast<int64_t>(TransportErrorCode::launchDelayed));
   EXPECT_EQ(launcher->launches, 5);
-  provider->beforeResources = nullptr;
+  provider->setBeforeResources(nullptr);
   clock.advance(std::chrono::seconds(179));
   EXPECT_FALSE(next().items);
   clock.advance(std::chrono::seconds(1));
@@ -273,7 +287,7 @@ TEST_F(Exchange, CallbacksBecomeNotificationsAboutTheHandleInOrderAndWithCopies)
       std::nullopt, nullptr, [&](const Notification& notification) {
         if (notification.name.starts_with("LKSOpaqueExtension")) heard.push(notification);
       });
-  provider->beforeResources = [] {
+  provider->setBeforeResources([] {
     auto& manager = LKSCallbackManager::sharedInstance();
     for (const char* name : {"1", "2", "3"}) {
       LKSResource item = LKSResource::initLKSResourceItemWithName(name);
@@ -283,7 +297,7 @@ TEST_F(Exchange, CallbacksBecomeNotificationsAboutTheHandleInOrderAndWithCopies)
     manager.notifyResourcesDidChange(Items(5));
     manager.notifyTipsDidChange({});
     manager.notifyTotalSpaceUsedDidChange(7);
-  };
+  });
   send(kCmdResources, handle);
   const auto notifications = heard.waitFor(6);
   ASSERT_EQ(notifications.size(), 6u);
@@ -307,13 +321,14 @@ TEST_F(Exchange, CallbacksHaveNoObjectOnceTheHandleIsGone) {
       std::string(LKSOpaqueExtensionRecommendationsDidChangeNotification), nullptr,
       [&](const Notification& notification) { heard.push(notification.object != nullptr); });
   std::promise<void> dropped;
-  provider->beforeResources = [&] {
-    dropped.get_future().wait();
+  const auto gate = dropped.get_future().share();
+  provider->setBeforeResources([gate] {
+    gate.wait();
     auto& manager = LKSCallbackManager::sharedInstance();
     manager.notifyTipsDidChange({});
     // It must not come after the reply, with which the request ends.
     manager.queue()->sync([] {});
-  };
+  });
   send(kCmdResources, handle);
   handle.reset();
   dropped.set_value();
@@ -377,11 +392,13 @@ TEST_F(Exchange, AnEditedManifestStartsItsNewProgramAndKeepsItsHandle) {
 }
 
 TEST_F(Exchange, AbandoningEndsWhatIsUnderWayAtOnceAndCountsForNothing) {
-  std::promise<void> reached, released;
-  provider->beforeResources = [&] {
+  std::promise<void> reached;
+  std::promise<void> released;
+  const auto gate = released.get_future().share();
+  provider->setBeforeResources([&reached, gate] {
     reached.set_value();
-    released.get_future().wait();
-  };
+    gate.wait();
+  });
   send(kCmdResources, handle);
   reached.get_future().wait();
   handle->abandon();
@@ -390,13 +407,16 @@ TEST_F(Exchange, AbandoningEndsWhatIsUnderWayAtOnceAndCountsForNothing) {
   released.set_value();
   EXPECT_EQ(outcomes.now().size(), 1u);
 
-  provider->beforeResources = [&] { handle->abandon(); };
+  provider->setBeforeResources([&] { handle->abandon(); });
   for (std::size_t i = 2; i < 9; ++i) {
     send(kCmdResources, handle);
     const auto all = outcomes.waitFor(i);
     ASSERT_EQ(all.size(), i);
     EXPECT_NE(all.back().error->code(), static_cast<int64_t>(TransportErrorCode::launchDelayed));
   }
+  provider->setBeforeResources(nullptr);
+  send(kCmdTips, handle);
+  EXPECT_TRUE(outcomes.waitFor(9).at(8).items);
 }
 
 }  // namespace
