@@ -65,11 +65,10 @@ void Asking::exchange(const std::string& command, const Items& items, const Hand
   extension->processInputItems(
       all, [this, question](const std::optional<Items>& reply, const std::optional<Error>& error) {
         // As LKSExtensionOperation does it: the first item of a reply decides.
-        const auto failure = !reply           ? error
-                             : reply->empty() ? std::nullopt
-                                              : LKSCommand(reply->front()).lks_error();
+        auto failure = textOf(reply && !reply->empty() ? LKSCommand(reply->front()).lks_error() : error);
+        if (!failure && (!reply || reply->empty())) failure = "the extension's reply is empty";
         DispatchQueue::main()->async(
-            [this, question, result = Answer{reply, textOf(failure)}] { answer(question, result); });
+            [this, question, result = Answer{reply, failure}] { answer(question, result); });
       });
 }
 

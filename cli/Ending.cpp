@@ -5,6 +5,7 @@
 #include "larkspan/platform/dispatch/DispatchQueue.h"
 #include "larkspan/platform/dispatch/IoSource.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -103,7 +104,9 @@ void watchSignals() {
 
 void endWithProgram(std::shared_ptr<LKSOpaqueExtension> extension) {
   const std::lock_guard lock(extensions().mutex);
-  extensions().handles.push_back(std::move(extension));
+  auto& handles = extensions().handles;
+  if (std::find(handles.begin(), handles.end(), extension) == handles.end())
+    handles.push_back(std::move(extension));
 }
 
 void finish(int status) {

@@ -59,7 +59,8 @@ void LKSExtensionNotifier::beginMatchingExtensions() {
         if (const auto self = weak.lock()) self->handleMatchingResponse(extensions, error);
       });
   const std::lock_guard lock(mutex_);
-  matchingContext_ = std::move(matcher);
+  // One that another thread has begun meanwhile goes after the lock.
+  matchingContext_.swap(matcher);
 }
 
 void LKSExtensionNotifier::stopMatchingExtensions() {

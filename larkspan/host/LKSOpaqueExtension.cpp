@@ -36,6 +36,8 @@ std::shared_ptr<platform::Extension> LKSOpaqueExtension::underlyingExtension() c
 
 void LKSOpaqueExtension::setUnderlyingExtension(std::shared_ptr<platform::Extension> extension) {
   const std::lock_guard lock(mutex_);
+  std::erase_if(earlierExtensions_, [](const auto& earlier) { return earlier.expired(); });
+  earlierExtensions_.push_back(underlyingExtension_);
   underlyingExtension_.swap(extension);
 }
 
@@ -78,6 +80,7 @@ void LKSOpaqueExtension::processInputItems(const Items& items, ItemsCompletion c
         }
         const auto begun =
             std::static_pointer_cast<LKSHostExtensionContext>(underlying->extensionContextForUUID(*uuid));
+        auto kept = begun;  // Then what was kept before, which goes after the lock.
         std::unique_lock lock(self->mutex_);
         if (self->abandonments_ != abandonments) {
           lock.unlock();
@@ -86,8 +89,9 @@ void LKSOpaqueExtension::processInputItems(const Items& items, ItemsCompletion c
                                    platform::transportError(platform::TransportErrorCode::invalidated,
                                                             "The request was abandoned"));
         }
+        // A request to a program that has been replaced meanwhile serves this exchange alone.
+        if (self->underlyingExtension_ == underlying) self->context_.swap(kept);
         lock.unlock();
-        self->setContext(begun);
         self->exchange(begun, items, completionHandler);
       });
 }
@@ -123,13 +127,17 @@ void LKSOpaqueExtension::exchange(const std::shared_ptr<LKSHostExtensionContext>
 }
 
 void LKSOpaqueExtension::abandon() {
-  {
-    const std::lock_guard lock(mutex_);
-    ++abandonments_;
+  std::unique_lock lock(mutex_);
+  ++abandonments_;
+  const auto current = context_;
+  auto extensions = earlierExtensions_;
+  extensions.push_back(underlyingExtension_);
+  lock.unlock();
+  // The processes first: letting go of a request might leave its process time to leave by itself.
+  for (const auto& weak : extensions) {
+    if (const auto extension = weak.lock()) extension->endProcess();
   }
-  // The process first: letting go of the request might leave it time to leave by itself.
-  underlyingExtension()->endProcess();
-  if (const auto current = context()) current->auxiliaryConnection()->invalidate();
+  if (current) current->auxiliaryConnection()->invalidate();
 }
 
 std::vector<std::shared_ptr<LKSOpaqueExtension>> mergeHandles(

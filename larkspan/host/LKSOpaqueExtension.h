@@ -53,6 +53,7 @@ class LKSOpaqueExtension : public platform::Object {
 
   mutable std::mutex mutex_;
   std::shared_ptr<platform::Extension> underlyingExtension_;
+  std::vector<std::weak_ptr<platform::Extension>> earlierExtensions_;  // With exchanges that may go on.
   unsigned abandonments_ = 0;
   std::shared_ptr<LKSHostExtensionContext> context_;
 };

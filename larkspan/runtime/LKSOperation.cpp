@@ -37,7 +37,9 @@ void LKSOperation::start() {
 
 void LKSOperation::guarded(const std::function<void()>& work) {
   const auto fail = [this](const char* what) {
-    finishWithError(platform::transportError(platform::TransportErrorCode::exception, what));
+    // What has finished has its outcome.
+    if (!isFinished())
+      finishWithError(platform::transportError(platform::TransportErrorCode::exception, what));
   };
   try {
     work();

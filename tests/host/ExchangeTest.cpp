@@ -407,11 +407,16 @@ TEST_F(Exchange, AbandoningEndsWhatIsUnderWayAtOnceAndCountsForNothing) {
   released.set_value();
   EXPECT_EQ(outcomes.now().size(), 1u);
 
-  provider->setBeforeResources([&] { handle->abandon(); });
+  Collector<int> abandoned;
+  provider->setBeforeResources([&] {
+    handle->abandon();
+    abandoned.push(1);
+  });
   for (std::size_t i = 2; i < 9; ++i) {
     send(kCmdResources, handle);
     const auto all = outcomes.waitFor(i);
     ASSERT_EQ(all.size(), i);
+    abandoned.waitFor(i - 1);
     EXPECT_NE(all.back().error->code(), static_cast<int64_t>(TransportErrorCode::launchDelayed));
   }
   provider->setBeforeResources(nullptr);

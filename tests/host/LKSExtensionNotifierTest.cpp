@@ -39,6 +39,7 @@ TEST(LKSExtensionNotifier, HandsOverTheWholeSetOnEachChangeWhileItIsStarted) {
   notifier->start();
   notifier->start();
   EXPECT_EQ(delegate->sets.waitFor(1), std::vector<std::string>{""}) << "the empty set is no error";
+  notifier->serialAccessQueue()->sync([] {});
   const auto matching = notifier->matchingContext();
   add("b");
   EXPECT_EQ(delegate->sets.waitFor(2), (std::vector<std::string>{"", "b "}));

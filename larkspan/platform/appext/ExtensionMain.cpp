@@ -63,14 +63,16 @@ int runExtension(
     }
     auto connection = Connection::accept(std::move(transport), channel);
     auto context = makeContext(UUID::random(), connection);
+    {
+      const std::lock_guard lock(requests->mutex);
+      requests->contexts[channel] = std::move(context);
+    }
     connection->setInvalidationHandler([channel] {
       std::shared_ptr<ExtensionContext> ended;
       const std::lock_guard lock(requests->mutex);
       ended.swap(requests->contexts[channel]);
       requests->contexts.erase(channel);
     });
-    const std::lock_guard lock(requests->mutex);
-    requests->contexts[channel] = std::move(context);
     return connection;
   };
   handlers.onClose = [](const Error&) { stopMainQueue(); };

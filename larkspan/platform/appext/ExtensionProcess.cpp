@@ -46,7 +46,7 @@ std::shared_ptr<ExtensionProcess> ExtensionProcess::forManifest(const Manifest& 
 
 void ExtensionProcess::transport(Connection::Connected completion) {
   std::unique_lock lock(mutex_);
-  if (const auto transport = transport_; transport && ready_) {
+  while (const auto transport = ready_ ? transport_ : nullptr) {
     const auto reason = transport->closeReason();
     lock.unlock();
     if (!reason) return completion(transport, std::nullopt);
@@ -74,6 +74,10 @@ std::optional<Error> ExtensionProcess::delayError() {
       TransportErrorCode::launchDelayed,
       format("%@ ended %zu times right after its start; it is not started again for %lld seconds",
              manifest_.identifier, failedStarts_.size(), static_cast<long long>(wait.count())));
+}
+
+ExtensionProcess::~ExtensionProcess() {
+  if (process_) killAfterGrace(process_);
 }
 
 /// Makes the connection and sees to the launch; with the lock held.

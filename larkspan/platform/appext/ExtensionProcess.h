@@ -24,6 +24,7 @@ namespace larkspan::platform {
 class ExtensionProcess : public std::enable_shared_from_this<ExtensionProcess> {
  public:
   static std::shared_ptr<ExtensionProcess> forManifest(const Manifest& manifest);
+  ~ExtensionProcess();
 
   /// Calls back once with a transport to the running extension, starting it first if need be, or with the
   /// reason why there is none. An extension that starts and never says hello is waited for without a limit;

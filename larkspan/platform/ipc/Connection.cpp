@@ -223,8 +223,11 @@ void Connection::connected(const std::shared_ptr<Transport>& transport, const st
     return;
   }
   if (!transport->open(channel_, weak_from_this())) {
-    // It closed before it knew of this channel. Nothing has been sent, so nothing has to fail yet.
-    const bool again = ++attempts_ < kConnectAttempts;
+    // It closed before it knew of this channel. When it was only let go of, another one can be had: nothing has been
+    // sent, so nothing has to fail.
+    const auto reason = transport->closeReason();
+    const bool again = reason && reason->code() == static_cast<int64_t>(TransportErrorCode::invalidated) &&
+                       ++attempts_ < kConnectAttempts;
     lock.unlock();
     if (again) return connector_(connectedHandler());
     return end(transportError(TransportErrorCode::interrupted, transport->name() + " went away"));
