@@ -9,8 +9,9 @@
 namespace larkspan::tests {
 namespace {
 
+// The thread sanitizer alone sleeps a second at exit.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::chrono::milliseconds kSignalPatience{1000};
+constexpr std::chrono::milliseconds kSignalPatience{3000};
 #else
 constexpr std::chrono::milliseconds kSignalPatience{100};
 #endif
