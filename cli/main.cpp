@@ -14,7 +14,7 @@
 namespace {
 
 /// Adds the data folder of the prefix that this program lies in, last, so that it finds the extensions that
-/// came with it. The default is that of the XDG Base Directory Specification.
+/// came with it. The default is that of freedesktop.org's basedir-spec.
 void findOwnData() {
   char path[PATH_MAX];
   const ssize_t length = readlink("/proc/self/exe", path, sizeof path);

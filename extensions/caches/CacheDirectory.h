@@ -32,7 +32,7 @@ struct CacheEntry {
   int64_t bytes;
 };
 
-/// The user's cache directory (freedesktop.org's XDG Base Directory Specification). Its entries are the
+/// The user's cache directory (freedesktop.org's basedir-spec). Its entries are the
 /// folders and regular files in it; links are not followed, and neither they nor what something is mounted on
 /// are entries.
 /// Thread:  any; all but `path` read the disk and block.

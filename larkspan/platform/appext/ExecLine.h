@@ -8,7 +8,7 @@
 namespace larkspan::platform {
 
 /// The program and the arguments of an `Exec` value, or the reason in English why it is malformed.
-/// Quoting is that of freedesktop.org's Desktop Entry Specification ("The Exec key"): arguments are separated
+/// Quoting is that of freedesktop.org's desktop-entry-spec ("The Exec key"): arguments are separated
 /// by spaces; one with a reserved character stands whole in double quotes, within which '"', '`', '$' and '\'
 /// follow a backslash.
 /// "%%" is a percent sign; there are no field codes.
