@@ -80,6 +80,16 @@ struct Exchange : testing::Test {
                             outcomes.push({items, error});
                           });
   }
+  /// Asks for resources and returns while the extension is at it, where it stays until `released` is set.
+  void sendAndStopInside(std::promise<void>& released) {
+    const auto reached = std::make_shared<std::promise<void>>();
+    provider->setBeforeResources([reached, gate = released.get_future().share()] {
+      reached->set_value();
+      gate.wait();
+    });
+    send(kCmdResources, handle);
+    reached->get_future().wait();
+  }
   template <typename Operation>
   std::shared_ptr<Operation> run(std::optional<Items> input = std::nullopt) {
     auto operation = LKSOperation::makeOperation<Operation>();
@@ -190,15 +200,8 @@ TEST_F(Exchange, OneRequestServesUntilItIsInvalidatedAndInterruptionKeepsIt) {
   EXPECT_EQ(launcher->launches, 1);
 
   // A crash in the middle of an exchange fails that one, once; the next starts the extension again.
-  std::promise<void> reached;
   std::promise<void> released;
-  const auto gate = released.get_future().share();
-  provider->setBeforeResources([&reached, gate] {
-    reached.set_value();
-    gate.wait();
-  });
-  send(kCmdResources, handle);
-  reached.get_future().wait();
+  sendAndStopInside(released);
   launcher->crash();
   const Outcome failed = outcomes.waitFor(3).at(2);
   EXPECT_FALSE(failed.items);
@@ -392,15 +395,8 @@ TEST_F(Exchange, AnEditedManifestStartsItsNewProgramAndKeepsItsHandle) {
 }
 
 TEST_F(Exchange, AbandoningEndsWhatIsUnderWayAtOnceAndCountsForNothing) {
-  std::promise<void> reached;
   std::promise<void> released;
-  const auto gate = released.get_future().share();
-  provider->setBeforeResources([&reached, gate] {
-    reached.set_value();
-    gate.wait();
-  });
-  send(kCmdResources, handle);
-  reached.get_future().wait();
+  sendAndStopInside(released);
   handle->abandon();
   EXPECT_TRUE(outcomes.waitFor(1).at(0).error);
   EXPECT_EQ(handle->context(), nullptr);

@@ -80,17 +80,11 @@ bool areEscapesSound(std::string_view value) {
   return true;
 }
 
-/// Resolves escapes from `position` to the end, or to an unescaped ';' where the value is a list.
-std::string unescape(std::string_view value, std::size_t& position, bool isList) {
+/// Resolves the escapes of a value in which they are known to be sound.
+std::string unescape(std::string_view value) {
   std::string result;
-  for (; position < value.size(); ++position) {
-    if (value[position] == '\\') {
-      result += escaped(value[++position]);
-    } else if (isList && value[position] == ';') {
-      break;
-    } else {
-      result += value[position];
-    }
+  for (std::size_t position = 0; position < value.size(); ++position) {
+    result += value[position] == '\\' ? escaped(value[++position]) : value[position];
   }
   return result;
 }
@@ -192,8 +186,7 @@ bool KeyFile::hasGroup(std::string_view group) const {
 
 std::optional<std::string> KeyFile::string(std::string_view group, std::string_view key) const {
   const Entry* entry = find(group, key, {});
-  std::size_t position = 0;
-  return entry ? std::optional(unescape(entry->value, position, false)) : std::nullopt;
+  return entry ? std::optional(unescape(entry->value)) : std::nullopt;
 }
 
 std::optional<std::string> KeyFile::localizedString(std::string_view group, std::string_view key,
@@ -203,21 +196,10 @@ std::optional<std::string> KeyFile::localizedString(std::string_view group, std:
       {{true, true}, {true, false}, {false, true}, {false, false}}};
   for (const auto& [withCountry, withModifier] : order) {
     const std::string name = wanted.name(withCountry, withModifier);
-    std::size_t position = 0;
     if (name.empty()) break;
-    if (const Entry* entry = find(group, key, name)) return unescape(entry->value, position, false);
+    if (const Entry* entry = find(group, key, name)) return unescape(entry->value);
   }
   return string(group, key);
-}
-
-std::optional<std::vector<std::string>> KeyFile::list(std::string_view group, std::string_view key) const {
-  const Entry* entry = find(group, key, {});
-  if (!entry) return std::nullopt;
-  std::vector<std::string> result;
-  for (std::size_t position = 0; position < entry->value.size(); ++position) {
-    result.push_back(unescape(entry->value, position, true));
-  }
-  return result;
 }
 
 std::optional<bool> KeyFile::boolean(std::string_view group, std::string_view key) const {

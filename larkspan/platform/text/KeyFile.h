@@ -14,8 +14,8 @@ struct KeyFileError {
   std::string reason;    ///< In English, for the log.
 };
 
-/// A key file in the desktop-entry format of freedesktop.org: groups, comments, localized keys, escapes and
-/// lists. Read strictly: anything malformed refuses the file.
+/// A key file in the desktop-entry format of freedesktop.org: groups, comments, localized keys and
+/// escapes. Read strictly: anything malformed refuses the file.
 /// Owner:   the caller; a value.
 /// Failure: parsing gives nothing and says line and reason; a key that is not there reads as nothing.
 /// Limits:  64 KiB, 4096 bytes a line, 512 keys.
@@ -36,8 +36,6 @@ class KeyFile {
   /// best, in the order of the format: lang_COUNTRY@MODIFIER, lang_COUNTRY, lang@MODIFIER, lang, unlocalized.
   std::optional<std::string> localizedString(std::string_view group, std::string_view key,
                                              std::string_view locale) const;
-  /// The elements of a list, separated (and perhaps ended) by ';', where "\;" stands for a semicolon.
-  std::optional<std::vector<std::string>> list(std::string_view group, std::string_view key) const;
   /// "true" or "false"; any other text reads as nothing, which `string` tells from a missing key.
   std::optional<bool> boolean(std::string_view group, std::string_view key) const;
 
