@@ -1,32 +1,38 @@
-// What the road of a command costs: an exchange and a large answer over a real socket, the archive of that answer, and a
-// task through a queue. The raw round trip measures what the machine itself takes, in the same run.
+// The road of a command: from the handle to the provider's operation in a process of its own and back, what the answer's
+// archive costs, and how long it takes to find the extensions.
 
+#include "larkspan/host/LKSHostExtensionContext.h"
+#include "larkspan/host/LKSOpaqueExtension.h"
 #include "larkspan/items/LKSCommand.h"
+#include "larkspan/items/LKSResource.h"
+#include "larkspan/platform/appext/ExtensionMatcher.h"
 #include "larkspan/platform/archive/KeyedArchiver.h"
 #include "larkspan/platform/archive/KeyedUnarchiver.h"
-#include "tests/support/InProcessExtension.h"
+#include "larkspan/provider/ExtensionMain.h"
+#include "tests/support/ManifestTree.h"
 
 #include <benchmark/benchmark.h>
 
-#include <atomic>
 #include <future>
-#include <thread>
 
-#include <sys/socket.h>
+#include <fcntl.h>
 #include <unistd.h>
 
-namespace larkspan {
+#include "benchmarks/Peer.h"
+#include "benchmarks/Sample.h"
+
+namespace larkspan::benchmarks {
+
 namespace {
 
-/// A resource of ten fields.
-LKSResource sampleResource(int number) {
-  LKSResource item = LKSResource::initLKSResourceItemWithName("Resource number " + std::to_string(number));
-  item.setLks_URL(platform::URL::file("/home/user/.cache/application/" + std::to_string(number)));
-  item.setLks_category("applications");
-  item.setLks_size(number * int64_t{4096});
-  item.setLks_dateCreated(platform::Date{1'700'000'000 + number, 5});
-  item.setLks_dateModified(platform::Date{1'700'000'000 + number, 6});
-  item.setLks_dateLastOpened(platform::Date{1'700'000'000 + number, 7});
+LKSResource resource(const Sample& from) {
+  LKSResource item = LKSResource::initLKSResourceItemWithName(from.name);
+  item.setLks_URL(*platform::URL::parse(from.url));
+  item.setLks_category(from.category);
+  item.setLks_size(from.size);
+  item.setLks_dateCreated(platform::Date{from.seconds, 5});
+  item.setLks_dateModified(platform::Date{from.seconds, 6});
+  item.setLks_dateLastOpened(platform::Date{from.seconds, 7});
   item.setLks_deletable(true);
   item.setLks_revealable(true);
   return item;
@@ -34,92 +40,123 @@ LKSResource sampleResource(int number) {
 
 struct Resources : LKSExtension {
   explicit Resources(int count) {
-    for (int i = 0; i < count; ++i) items.push_back(sampleResource(i));
+    for (const Sample& from : samples(count)) items.push_back(resource(from));
   }
   std::vector<LKSResource> resourceItems() override { return items; }
   std::vector<LKSResource> items;
 };
 
-/// From the handle to the provider's operation and back; the argument is the number of items in the answer.
+/// What a host that adds up sizes asks of each; the command item, which an answer begins with, has none.
+template <typename SomeItems>
+int64_t sumOf(const SomeItems& items) {
+  int64_t sum = 0;
+  for (const MessageItem& item : items) {
+    if (const int64_t size = item.lks_size(); size != LKSExtensionTotalSpaceUsedUnknown) sum += size;
+  }
+  return sum;
+}
+
+/// A handle on this program as an extension of that many resources.
+std::shared_ptr<LKSOpaqueExtension> handleOf(const char* items) {
+  platform::Manifest manifest;
+  manifest.path = "/benchmark/" + std::string(items);
+  manifest.identifier = "org.example.benchmark";
+  manifest.exec = {"/proc/" + std::to_string(getpid()) + "/exe", "--peer", items};
+  return LKSOpaqueExtension::initWithExtension(std::make_shared<platform::Extension>(manifest));
+}
+
+/// Exchanges of which each begins in the completion of the one before.
+class Chain {
+ public:
+  explicit Chain(int items)
+      : handle_(handleOf(std::to_string(items).c_str())), expected_(expectedSum(items)) {}
+
+  /// Whether all answers were right.
+  bool run(int64_t exchanges) {
+    left_ = exchanges;
+    done_ = {};
+    next();
+    return done_.get_future().get();
+  }
+
+ private:
+  void next() {
+    handle_->processInputItems(request_, [this](const auto& items, const auto&) {
+      const bool right = items && sumOf(*items) == expected_;
+      if (right && --left_ > 0) return next();
+      done_.set_value(right);
+    });
+  }
+
+  const Items request_{*LKSCommand::initLKSCommandItem(kCmdResources)};
+  const std::shared_ptr<LKSOpaqueExtension> handle_;
+  const int64_t expected_;
+  int64_t left_ = 0;
+  std::promise<bool> done_;
+};
+
 void exchange(benchmark::State& state) {
-  const auto launcher = std::make_shared<tests::InProcessExtension>(
-      std::make_shared<Resources>(static_cast<int>(state.range(0))));
-  const platform::ScopedLauncher installed(launcher);
-  const auto handle = tests::handleFor("benchmark " + std::to_string(state.range(0)));
-  const Items request{*LKSCommand::initLKSCommandItem(kCmdResources)};
-  for (auto _ : state) {
-    std::promise<std::size_t> answered;
-    handle->processInputItems(
-        request, [&](const auto& items, const auto&) { answered.set_value(items ? items->size() : 0); });
-    if (answered.get_future().get() != static_cast<std::size_t>(state.range(0)) + 1)
-      return state.SkipWithError("no answer");
+  const auto items = static_cast<int>(state.range(0));
+  const int64_t batch = items == 0 ? 100 : 1;
+  Chain chain(items);
+  while (state.KeepRunningBatch(batch)) {
+    if (!chain.run(batch)) return state.SkipWithError("a wrong answer");
   }
 }
-BENCHMARK(exchange)->Arg(0)->Arg(10'000)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(exchange)->Name("exchange/larkspan")->Arg(0)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(exchange)->Name("items/larkspan")->Arg(kItems)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
-/// 100 bytes each way over a socket pair between two threads that do nothing else.
-void rawRoundTrip(benchmark::State& state) {
-  int sockets[2];
-  if (socketpair(AF_UNIX, SOCK_STREAM, 0, sockets) != 0) return state.SkipWithError("no sockets");
-  std::thread peer([socket = sockets[1]] {
-    char bytes[100];
-    while (recv(socket, bytes, sizeof bytes, MSG_WAITALL) == sizeof bytes)
-      send(socket, bytes, sizeof bytes, MSG_NOSIGNAL);
-  });
-  char bytes[100] = {};
-  for (auto _ : state) {
-    send(sockets[0], bytes, sizeof bytes, MSG_NOSIGNAL);
-    if (recv(sockets[0], bytes, sizeof bytes, MSG_WAITALL) != sizeof bytes)
-      return state.SkipWithError("no answer");
-  }
-  close(sockets[0]);
-  peer.join();
-  close(sockets[1]);
-}
-BENCHMARK(rawRoundTrip)->UseRealTime()->Unit(benchmark::kMicrosecond);
-
-void archiveTenThousandItems(benchmark::State& state) {
-  const Resources resources(10'000);
+void archive(benchmark::State& state) {
+  const Resources resources(kItems);
   const platform::Array items = arrayFromItems(Items(resources.items.begin(), resources.items.end()));
+  const int64_t expected = expectedSum(kItems);
   std::size_t bytes = 0;
   for (auto _ : state) {
-    const auto archive = platform::KeyedArchiver::archivedData(items);
-    bytes = archive.data.bytes.size();
+    const auto written = platform::KeyedArchiver::archivedData(items);
+    bytes = written.data.bytes.size();
     const auto read = platform::KeyedUnarchiver::unarchivedValue(
-        archive.data, LKSHostExtensionContext::extensionItemClasses());
-    if (read.error) return state.SkipWithError("not read back");
+        written.data, LKSHostExtensionContext::extensionItemClasses());
+    if (sumOf(itemsFromValue(read.value)) != expected) return state.SkipWithError("not read back");
   }
   state.counters["bytes"] = static_cast<double>(bytes);
 }
-BENCHMARK(archiveTenThousandItems)->Unit(benchmark::kMillisecond);
+BENCHMARK(archive)->Name("archive/larkspan")->UseRealTime()->Unit(benchmark::kMicrosecond);
 
-/// A million tasks that one thread submits.
-void queue(benchmark::State& state, const std::shared_ptr<platform::DispatchQueue>& where) {
-  constexpr int kTasks = 1'000'000;
+/// From the start of matching to the complete set.
+void discovery(benchmark::State& state) {
+  const tests::ManifestTree tree;
+  for (int i = 0; i < state.range(0); ++i) tree.add("org.example.e" + std::to_string(i) + ".extension");
+  const tests::ScopedVariable path("LARKSPAN_EXTENSION_PATH", tree.root.c_str());
   for (auto _ : state) {
-    std::atomic<int> left{kTasks};
-    std::promise<void> done;
-    for (int i = 0; i < kTasks; ++i) {
-      where->async([&] {
-        if (--left == 0) done.set_value();
-      });
-    }
-    done.get_future().wait();
+    std::promise<std::size_t> found;
+    bool first = true;
+    platform::ExtensionMatcher matcher("p", [&](const auto& extensions, const auto&) {
+      if (std::exchange(first, false)) found.set_value(extensions ? extensions->size() : 0);
+    });
+    if (found.get_future().get() != static_cast<std::size_t>(state.range(0)))
+      return state.SkipWithError("not all found");
   }
-  state.SetItemsProcessed(state.iterations() * kTasks);
 }
-BENCHMARK_CAPTURE(queue, serial, platform::DispatchQueue::makeSerial("benchmark"))
-    ->UseRealTime()
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(queue, pool, platform::DispatchQueue::global())
-    ->UseRealTime()
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(discovery)->Name("discovery/larkspan")->Arg(1000)->UseRealTime()->Unit(benchmark::kMicrosecond);
+
+/// What reading the same files costs at least.
+void readFiles(benchmark::State& state) {
+  const tests::ManifestTree tree;
+  std::vector<std::string> paths;
+  for (int i = 0; i < state.range(0); ++i)
+    paths.push_back(tree.add("org.example.e" + std::to_string(i) + ".extension"));
+  char text[4096];
+  for (auto _ : state) {
+    for (const std::string& path : paths) {
+      const platform::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+      if (read(file.get(), text, sizeof text) <= 0) return state.SkipWithError("not read");
+    }
+  }
+}
+BENCHMARK(readFiles)->Name("discovery/raw")->Arg(1000)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
 }  // namespace
-}  // namespace larkspan
 
-int main(int argc, char** argv) {
-  setenv("LARKSPAN_LOG", "none", 1);
-  benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
-}
+int serveExtension(int items) { return runStorageExtension(std::make_shared<Resources>(items)); }
+
+}  // namespace larkspan::benchmarks

@@ -1,0 +1,93 @@
+// The same exchange and the same items over Cap'n Proto's RPC.
+
+#include <benchmark/benchmark.h>
+
+#include <capnp/rpc-twoparty.h>
+#include <kj/async-io.h>
+#include <sys/socket.h>
+
+#include "benchmarks/Peer.h"
+#include "benchmarks/Sample.h"
+#include "storage.capnp.h"
+
+namespace larkspan::benchmarks {
+
+namespace {
+
+class Provider final : public Storage::Server {
+ public:
+  explicit Provider(int count) : items_(samples(count)) {}
+
+ protected:
+  kj::Promise<void> resources(ResourcesContext context) override {
+    auto list = context.getResults().initItems(static_cast<unsigned>(items_.size()));
+    for (unsigned i = 0; i < list.size(); ++i) {
+      const Sample& from = items_[i];
+      auto item = list[i];
+      item.setKind(from.kind);
+      item.setName(from.name);
+      item.setUrl(from.url);
+      item.setCategory(from.category);
+      item.setSize(from.size);
+      uint32_t nanoseconds = 5;
+      for (auto date : {item.initCreated(), item.initModified(), item.initOpened()}) {
+        date.setSeconds(from.seconds);
+        date.setNanoseconds(nanoseconds++);
+      }
+      item.setDeletable(true);
+      item.setRevealable(true);
+    }
+    return kj::READY_NOW;
+  }
+
+ private:
+  const std::vector<Sample> items_;
+};
+
+struct TwoParties {
+  explicit TwoParties(int socket, capnp::rpc::twoparty::Side side)
+      : stream(io.lowLevelProvider->wrapSocketFd(socket)),
+        network(*stream, side, capnp::ReaderOptions{.traversalLimitInWords = UINT64_MAX}) {}
+
+  kj::AsyncIoContext io = kj::setupAsyncIo();
+  kj::Own<kj::AsyncIoStream> stream;
+  capnp::TwoPartyVatNetwork network;
+};
+
+}  // namespace
+
+int serveCapnProto() {
+  TwoParties parties(kPeerSocket, capnp::rpc::twoparty::Side::SERVER);
+  // The first word on the socket, before the protocol begins, says how many items there are.
+  int32_t count = 0;
+  if (recv(kPeerSocket, &count, sizeof count, MSG_WAITALL) != sizeof count) return 1;
+  auto server = capnp::makeRpcServer(parties.network, kj::heap<Provider>(count));
+  parties.network.onDisconnect().wait(parties.io.waitScope);
+  return 0;
+}
+
+namespace {
+
+void capnProto(benchmark::State& state) {
+  const auto count = static_cast<int32_t>(state.range(0));
+  const PeerProcess peer("capnproto");
+  send(peer.socket(), &count, sizeof count, MSG_NOSIGNAL);
+  TwoParties parties(peer.socket(), capnp::rpc::twoparty::Side::CLIENT);
+  auto client = capnp::makeRpcClient(parties.network);
+  capnp::MallocMessageBuilder message;
+  auto vat = message.initRoot<capnp::rpc::twoparty::VatId>();
+  vat.setSide(capnp::rpc::twoparty::Side::SERVER);
+  Storage::Client storage = client.bootstrap(vat).castAs<Storage>();
+  const int64_t expected = expectedSum(count);
+  for (auto _ : state) {
+    auto answer = storage.resourcesRequest().send().wait(parties.io.waitScope);
+    int64_t sum = 0;
+    for (auto item : answer.getItems()) sum += item.getSize();
+    if (sum != expected) return state.SkipWithError("a wrong answer");
+  }
+}
+BENCHMARK(capnProto)->Name("exchange/capnproto")->Arg(0)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(capnProto)->Name("items/capnproto")->Arg(kItems)->UseRealTime()->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+}  // namespace larkspan::benchmarks
