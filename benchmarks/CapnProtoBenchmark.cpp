@@ -4,11 +4,11 @@
 
 #include <capnp/rpc-twoparty.h>
 #include <kj/async-io.h>
+#include <storage.capnp.h>
 #include <sys/socket.h>
 
 #include "benchmarks/Peer.h"
 #include "benchmarks/Sample.h"
-#include "storage.capnp.h"
 
 namespace larkspan::benchmarks {
 

@@ -3,9 +3,9 @@
 #include <benchmark/benchmark.h>
 
 #include <google/protobuf/arena.h>
+#include <storage.pb.h>
 
 #include "benchmarks/Sample.h"
-#include "storage.pb.h"
 
 namespace larkspan::benchmarks {
 namespace {
