@@ -1,21 +1,27 @@
 #pragma once
 
-#include "larkspan/platform/base/Error.h"
+#include "larkspan/platform/base/ByteBuffer.h"
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
-#include <optional>
-#include <string>
+#include <cstring>
 #include <string_view>
 
 namespace larkspan::platform {
 
 namespace detail {
 
+inline uint64_t bigEndian(uint64_t value) {
+  return std::endian::native == std::endian::big ? value : __builtin_bswap64(value);
+}
+
+/// Reads `size` bytes (1 to 8), most significant first.
 inline uint64_t loadBigEndian(const char* from, std::size_t size) {
+  if (size == 1) return static_cast<uint8_t>(*from);
   uint64_t value = 0;
-  for (std::size_t i = 0; i < size; ++i) value = value << 8 | static_cast<uint8_t>(from[i]);
-  return value;
+  std::memcpy(&value, from, size);
+  return bigEndian(value) >> (64 - 8 * size);
 }
 
 }  // namespace detail
@@ -32,28 +38,34 @@ enum class CborTag : uint64_t {
   extendedTime = 1001,  ///< {1: seconds since 1970, -9: nanoseconds} (RFC 9581, section 3).
 };
 
-/// Appends CBOR to a string: definite lengths, the shortest heads. Checks nothing: the caller writes as many
+/// Appends CBOR to a buffer: definite lengths, the shortest heads. Checks nothing: the caller writes as many
 /// items as the heads promise, and text that is UTF-8.
-/// Owner:  the string stays the caller's and must outlive the writer.
+/// Owner:  the buffer stays the caller's and must outlive the writer.
 /// Thread: one at a time.
 class CborWriter {
  public:
-  /// Writes after what the string holds already, which is not counted in `size()`.
-  explicit CborWriter(std::string& out) : out_(out), start_(out.size()) {}
+  /// Writes after what the buffer holds already, which is not counted in `size()`.
+  explicit CborWriter(ByteBuffer& out) : out_(out), start_(out.size()) {}
 
   void null() { single(0xF6); }
   void boolean(bool value) { single(value ? 0xF5 : 0xF4); }
   void integer(int64_t value);
   void float32(float value);
   void float64(double value);
-  void text(std::string_view utf8);
-  void bytes(std::string_view raw);
+  void text(std::string_view utf8) { string(CborMajor::text, utf8); }
+  void bytes(std::string_view raw) { string(CborMajor::bytes, raw); }
   /// The head of an array; the items follow.
   void array(std::size_t items) { head(CborMajor::array, items); }
   /// The head of a map; keys and values follow in turn.
   void map(std::size_t entries) { head(CborMajor::map, entries); }
   /// The tagged item follows.
   void tag(CborTag number) { head(CborMajor::tag, static_cast<uint64_t>(number)); }
+
+  /// Whole items that are encoded already.
+  void raw(std::string_view items, std::size_t elements) {
+    out_.append(items);
+    elements_ += elements;
+  }
 
   /// Bytes written.
   std::size_t size() const { return out_.size() - start_; }
@@ -76,22 +88,16 @@ class CborWriter {
  private:
   void single(uint8_t byte) {
     ++elements_;
-    out_.push_back(static_cast<char>(byte));
+    *out_.room(1) = static_cast<char>(byte);
+    out_.advance(1);
   }
   void head(CborMajor major, uint64_t argument);
+  void string(CborMajor major, std::string_view content);
 
-  std::string& out_;
+  ByteBuffer& out_;
   std::size_t start_;
   std::size_t elements_ = 0;
 };
-
-/// Nothing if the bytes are exactly one CBOR item that `CborReader` may walk, else the first fault with its
-/// byte offset. What is refused beyond RFC 8949's own rules: indefinite lengths, trailing bytes, integers
-/// outside int64_t, simple values but false, true and null, text that is not UTF-8, map keys that are not
-/// text (directly beneath tag 1001: integers too), keys that stand twice in a map, and what exceeds
-/// `limits`. Heads longer than necessary and floats of 16 bits pass: other encoders write them.
-/// Takes no memory on account of claimed lengths, and O(n log n) time on n bytes.
-std::optional<Error> checkWellFormed(std::string_view item);
 
 /// The first bytes of an item: what it is, and its value, length, count or tag number.
 struct CborHead {
@@ -116,7 +122,7 @@ struct CborHead {
   double real() const;
 };
 
-/// A cursor over bytes that `checkWellFormed` has passed: it never looks for faults, and reading other bytes,
+/// A cursor over bytes that `checkWellFormed` (WellFormed.h) has passed: it never looks for faults, and reading other bytes,
 /// or past the end, is undefined.
 /// Owner:  the bytes stay the caller's.
 /// Thread: one at a time.

@@ -36,6 +36,14 @@ class ClassSet {
   }
 
   bool admits(ValueClass value) const { return (values_ & bit(value)) != 0; }
+  /// The same for the bits of several classes, of what stands within a container.
+  bool admitsWithin(uint16_t classes) const {
+    const unsigned strings = admitsStringsWithin() ? bit(ValueClass::string) : 0;
+    return (classes & ~(values_ | strings)) == 0;
+  }
+  static constexpr uint16_t bit(ValueClass value) {
+    return static_cast<uint16_t>(1 << static_cast<int>(value));
+  }
   /// Whether members of containers may be strings.
   bool admitsStringsWithin() const {
     const int containers = bit(ValueClass::array) | bit(ValueClass::dictionary) | bit(ValueClass::set);
@@ -50,10 +58,6 @@ class ClassSet {
   }
 
  private:
-  static constexpr uint16_t bit(ValueClass value) {
-    return static_cast<uint16_t>(1 << static_cast<int>(value));
-  }
-
   uint16_t values_ = 0;
   std::vector<const ObjectClass*> objects_;
 };

@@ -6,15 +6,16 @@
 #include "larkspan/platform/base/Utf8.h"
 
 #include <string>
+#include <typeinfo>
 #include <utility>
 
 namespace larkspan::platform {
 
 KeyedArchiver::Result KeyedArchiver::archivedData(const Value& root) {
-  std::string bytes;
+  ByteBuffer bytes;
   CborWriter writer(bytes);
   if (auto error = encodeValue(writer, root)) return {{}, std::move(error)};
-  return {Data::copy(bytes), std::nullopt};
+  return {Data::copy(bytes.view()), std::nullopt};
 }
 
 std::optional<Error> encodeValue(CborWriter& writer, const Value& value, unsigned depth) {
@@ -33,10 +34,6 @@ void KeyedArchiver::encodeInt64(int64_t value, std::string_view key) { writeFiel
 void KeyedArchiver::encodeBool(bool value, std::string_view key) { writeField(key, value); }
 void KeyedArchiver::encodeDouble(double value, std::string_view key) { writeField(key, value); }
 void KeyedArchiver::encodeFloat(float value, std::string_view key) { writeField(key, value); }
-
-void KeyedArchiver::encodeEntries(const Dictionary& fields) {
-  for (const auto& entry : fields) writeField(entry.key(), entry.value);
-}
 
 void KeyedArchiver::writeField(std::string_view key, const Value& value) {
   ++fields_;
@@ -70,36 +67,36 @@ void KeyedArchiver::write(const Value& value) {
       writeText(value.text());
       break;
     case Value::Kind::data: {
-      const Data data = *value.data();
+      const Data& data = *value.contentAs<Data>();
       if (hasRoom(data.bytes.size())) writer_.bytes(data.view());
       break;
     }
     case Value::Kind::date:
-      writeDate(*value.date());
+      writeDate(*value.contentAs<Date>());
       break;
     case Value::Kind::url:
       if (!enter(1)) break;
       writer_.tag(CborTag::uri);
-      writeText(value.url()->absoluteString());
+      writeText(value.contentAs<URL>()->absoluteString());
       depth_ -= 1;
       break;
     case Value::Kind::array:
-      writeArray(value.array());
+      writeArray(*value.contentAs<Array>());
       break;
     case Value::Kind::set:
       if (!enter(1)) break;
       writer_.tag(CborTag::set);
-      writeArray(value.set().members());
+      writeArray(value.contentAs<Set>()->members());
       depth_ -= 1;
       break;
     case Value::Kind::dictionary:
-      writeDictionary(value.dictionary());
+      writeDictionary(*value.contentAs<Dictionary>());
       break;
     case Value::Kind::error:
-      writeError(*value.error());
+      writeError(*value.contentAs<Error>());
       break;
     case Value::Kind::object:
-      writeObject(*value.object());
+      writeObject(**value.contentAs<std::shared_ptr<Object>>());
       break;
   }
   hasRoom(0);
@@ -117,6 +114,12 @@ void KeyedArchiver::writeArray(const Array& array) {
 }
 
 void KeyedArchiver::writeDictionary(const Dictionary& dictionary) {
+  if (const Dictionary::Packed* const packed = dictionary.packed()) {
+    if (!enter(packed->levels) || !hasRoom(packed->bytes.size())) return;
+    writer_.raw(packed->bytes.view(), packed->elements);
+    depth_ -= packed->levels;
+    return;
+  }
   if (!enter(1)) return;
   writer_.map(dictionary.size());
   for (const auto& entry : dictionary) writeEntry(entry.key(), entry.value);
@@ -154,7 +157,10 @@ void KeyedArchiver::writeError(const Error& error) {
 
 void KeyedArchiver::writeObject(const Object& object) {
   if (withinError_) return writeText(repairedUtf8(object.description()));
-  const auto* archivable = dynamic_cast<const Archivable*>(&object);
+  // A list mostly holds objects of one class: it is asked once.
+  const std::type_info& type = typeid(object);
+  if (archivableType_ != &type && dynamic_cast<const Archivable*>(&object)) archivableType_ = &type;
+  const auto* archivable = archivableType_ == &type ? static_cast<const Archivable*>(&object) : nullptr;
   if (!archivable) {
     return fail(ArchiveErrorCode::notArchivable, "Objects of " + object.className() + " cannot be archived");
   }

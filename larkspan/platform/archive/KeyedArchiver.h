@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <optional>
 #include <string_view>
+#include <typeinfo>
 
 namespace larkspan::platform {
 
@@ -39,8 +40,6 @@ class KeyedArchiver {
   void encodeDouble(double value, std::string_view key);
   /// In 32 bits.
   void encodeFloat(float value, std::string_view key);
-  /// Each entry of the dictionary as a field, none values too: for objects whose fields are not fixed.
-  void encodeEntries(const Dictionary& fields);
 
  private:
   friend std::optional<Error> encodeValue(CborWriter& writer, const Value& value, unsigned depth);
@@ -65,6 +64,8 @@ class KeyedArchiver {
   /// Of the object that is being written.
   std::size_t fields_ = 0;
   bool withinError_ = false;
+  /// Of the object written last.
+  const std::type_info* archivableType_ = nullptr;
   std::optional<Error> error_;
 };
 

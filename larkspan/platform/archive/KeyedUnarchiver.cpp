@@ -1,6 +1,7 @@
 #include "larkspan/platform/archive/KeyedUnarchiver.h"
 
 #include "larkspan/platform/archive/InternedKeys.h"
+#include "larkspan/platform/archive/PackedMap.h"
 #include "larkspan/platform/archive/ValueCoding.h"
 
 #include <algorithm>
@@ -14,9 +15,9 @@ namespace {
 
 constexpr std::string_view kErrorClass = "Error";
 
-/// Text or data out of the frame.
+/// Text or data out of the frame; keeps no more than `kSharedLength` bytes beside its own.
 Slice contentOf(const Slice& frame, std::string_view content) {
-  if (content.size() < kSharedLength) return Slice::copy(content);
+  if (content.size() < kSharedLength && frame.size() > kSharedLength) return Slice::copy(content);
   return frame.part(static_cast<std::size_t>(content.data() - frame.data()), content.size());
 }
 
@@ -50,21 +51,32 @@ std::optional<Date> extendedTime(const CborHead& head, CborReader& reader) {
 }  // namespace
 
 KeyedUnarchiver::Result KeyedUnarchiver::unarchivedValue(const Data& archive, const ClassSet& classes) {
-  if (auto error = checkWellFormed(archive.view())) return {{}, std::move(error)};
+  PlainMaps plainMaps;
+  if (auto error = checkWellFormed(archive.view(), &plainMaps)) return {{}, std::move(error)};
   CborReader reader(archive.view());
-  return decodeValue(archive.bytes, reader, classes);
+  return decodeValue(archive.bytes, reader, classes, plainMaps);
 }
 
-KeyedUnarchiver::Result decodeValue(const Slice& frame, CborReader& reader, const ClassSet& classes) {
-  KeyedUnarchiver unarchiver(frame, reader.position());
+Value KeyedUnarchiver::plainValue(const Slice& frame, CborReader& reader) {
+  KeyedUnarchiver unarchiver(frame, reader.position(), {});
+  unarchiver.isPlain_ = true;
+  Value value = unarchiver.read(ClassSet::allValues(), Place::within);
+  reader.moveTo(unarchiver.reader_.position());
+  return value;
+}
+
+KeyedUnarchiver::Result decodeValue(const Slice& frame, CborReader& reader, const ClassSet& classes,
+                                    std::span<const PlainMap> plainMaps) {
+  KeyedUnarchiver unarchiver(frame, reader.position(), plainMaps);
   KeyedUnarchiver::Result result{unarchiver.read(classes, KeyedUnarchiver::Place::outermost), std::nullopt};
   reader.moveTo(unarchiver.reader_.position());
   if (unarchiver.error_) result = {{}, std::move(unarchiver.error_)};
   return result;
 }
 
-KeyedUnarchiver::KeyedUnarchiver(const Slice& frame, std::size_t position)
-    : frame_(frame), reader_(frame.view()) {
+KeyedUnarchiver::KeyedUnarchiver(const Slice& frame, std::size_t position,
+                                 std::span<const PlainMap> plainMaps)
+    : frame_(frame), reader_(frame.view()), plainMaps_(plainMaps) {
   reader_.moveTo(position);
 }
 
@@ -107,7 +119,7 @@ Value KeyedUnarchiver::read(const ClassSet& classes, Place place) {
       return Array(readMembers(head.argument, classes));
     case CborMajor::map:
       if (!classes.admits(ValueClass::dictionary)) return forbidden("A dictionary", start);
-      return readDictionary(head.argument, classes);
+      return readMap(head.argument, classes, start);
     case CborMajor::tag:
       return readTagged(head.argument, classes, start);
   }
@@ -129,8 +141,11 @@ Value KeyedUnarchiver::readTagged(uint64_t tag, const ClassSet& classes, std::si
     case CborTag::uri: {
       if (!classes.admits(ValueClass::url)) return forbidden("A URL", start);
       const CborHead head = reader_.next();
-      auto url = head.major == CborMajor::text ? URL::parse(reader_.content(head)) : std::nullopt;
-      return url ? Value(std::move(url)) : fault(ArchiveErrorCode::malformed, "A malformed URL", start);
+      const std::string_view text =
+          head.major == CborMajor::text ? reader_.content(head) : std::string_view(":");
+      if (!isPlain_ && !URL::isWellFormed(text))
+        return fault(ArchiveErrorCode::malformed, "A malformed URL", start);
+      return URL::wellFormed(contentOf(frame_, text));
     }
     case CborTag::set: {
       if (!classes.admits(ValueClass::set)) return forbidden("A set", start);
@@ -147,6 +162,16 @@ std::vector<Value> KeyedUnarchiver::readMembers(uint64_t size, const ClassSet& c
   members.reserve(size);
   for (; size > 0 && !error_; --size) members.push_back(read(classes, Place::within));
   return members;
+}
+
+Value KeyedUnarchiver::readMap(uint64_t size, const ClassSet& classes, std::size_t start) {
+  while (!plainMaps_.empty() && plainMaps_.front().start < start) plainMaps_ = plainMaps_.subspan(1);
+  if (!plainMaps_.empty() && plainMaps_.front().start == start &&
+      classes.admitsWithin(plainMaps_.front().kinds)) {
+    reader_.moveTo(plainMaps_.front().end);
+    return packedDictionary(frame_, plainMaps_.front());
+  }
+  return readDictionary(size, classes);
 }
 
 Dictionary KeyedUnarchiver::readDictionary(uint64_t size, const ClassSet& classes) {
@@ -241,16 +266,6 @@ Value KeyedUnarchiver::decodeNumber(std::string_view key) {
   if (!find(key)) return {};
   const CborHead head = reader_.peek();
   return head.isInteger() || head.isBoolean() || head.isFloat() ? readFound(numbers) : Value();
-}
-
-Dictionary KeyedUnarchiver::decodeEntries(const ClassSet& classes) {
-  if (error_) return {};
-  reader_.moveTo(object_.start);
-  Dictionary entries = readDictionary(object_.size, classes);
-  object_.walk = reader_.position();
-  object_.walkAtValue = false;
-  object_.fieldsLeft = 0;
-  return entries;
 }
 
 }  // namespace larkspan::platform

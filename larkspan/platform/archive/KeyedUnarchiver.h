@@ -3,12 +3,14 @@
 #include "larkspan/platform/archive/ArchiveError.h"
 #include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/archive/ClassSet.h"
+#include "larkspan/platform/archive/WellFormed.h"
 #include "larkspan/platform/base/Value.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -29,6 +31,9 @@ class KeyedUnarchiver {
   };
   /// The value of an archive. Large strings and data share the archive's bytes.
   static Result unarchivedValue(const Data& archive, const ClassSet& classes);
+
+  /// The value at the reader, which is part of a plain map in `frame`, and passes it.
+  static Value plainValue(const Slice& frame, CborReader& reader);
 
   template <typename T>
   struct ObjectResult {
@@ -58,17 +63,12 @@ class KeyedUnarchiver {
   /// None when the key is absent. These classes alone are admitted there, whatever is admitted around the
   /// object; any other class fails the archive.
   Value decodeObject(std::string_view key, const ClassSet& classes);
-  /// All fields, for objects whose fields are not fixed: their values are admitted as a dictionary's members.
-  /// Called instead of the other decoders.
-  Dictionary decodeEntries(const ClassSet& classes);
-
-  /// The classes admitted where the object stands: for objects that pass them on to what they hold.
-  const ClassSet& allowedClasses() const { return *object_.allowed; }
   /// Makes the archive fail for a reason of the class's own.
   void fail(Error error);
 
  private:
-  friend Result decodeValue(const Slice& frame, CborReader& reader, const ClassSet& classes);
+  friend Result decodeValue(const Slice& frame, CborReader& reader, const ClassSet& classes,
+                            std::span<const PlainMap> plainMaps);
 
   enum class Place { outermost, within };
   struct Field {
@@ -89,10 +89,11 @@ class KeyedUnarchiver {
     uint64_t fieldsLeft = 0;
   };
 
-  KeyedUnarchiver(const Slice& frame, std::size_t position);
+  KeyedUnarchiver(const Slice& frame, std::size_t position, std::span<const PlainMap> plainMaps);
 
   Value read(const ClassSet& classes, Place place);
   std::vector<Value> readMembers(uint64_t size, const ClassSet& classes);
+  Value readMap(uint64_t size, const ClassSet& classes, std::size_t start);
   Value readTagged(uint64_t tag, const ClassSet& classes, std::size_t start);
   Value readObject(const ClassSet& classes, std::size_t start);
   Value readError();
@@ -106,6 +107,10 @@ class KeyedUnarchiver {
 
   const Slice& frame_;
   CborReader reader_;
+  /// Those that the reader has not come to yet.
+  std::span<const PlainMap> plainMaps_;
+  /// All that comes is part of a plain map.
+  bool isPlain_ = false;
   std::optional<Error> error_;
   ObjectState object_;
   /// The fields that the walks have passed, of all objects under way, the innermost last.

@@ -20,7 +20,9 @@ inline constexpr std::size_t kSharedLength = 4096;
 std::optional<Error> encodeValue(CborWriter& writer, const Value& value, unsigned depth = 0);
 
 /// Reads the value at the reader and passes it. The reader stands over the whole of `frame`, which
-/// `checkWellFormed` has passed. After an error the reader's place is undefined.
-KeyedUnarchiver::Result decodeValue(const Slice& frame, CborReader& reader, const ClassSet& classes);
+/// `checkWellFormed` has passed; the dictionaries of the plain maps that it found stay encoded until somebody asks for
+/// their entries. After an error the reader's place is undefined.
+KeyedUnarchiver::Result decodeValue(const Slice& frame, CborReader& reader, const ClassSet& classes,
+                                    std::span<const PlainMap> plainMaps = {});
 
 }  // namespace larkspan::platform

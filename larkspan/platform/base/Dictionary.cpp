@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <mutex>
+#include <optional>
 #include <vector>
 
 namespace larkspan::platform {
@@ -33,7 +35,11 @@ auto findEntry(Entries& entries, std::string_view key) {
 /// reader on another thread leave.
 struct Dictionary::Storage {
   std::atomic<std::size_t> shares{1};
+  /// Whether `entries` hold. Once they do, they hold for good; `packed` stays for readers that are under way on other
+  /// threads, and goes with the first change, which comes from the only owner.
+  std::atomic<bool> unpacked{true};
   std::vector<Entry> entries;
+  std::optional<Packed> packed;
 };
 
 Dictionary::Dictionary(const Dictionary& other) noexcept : storage_(other.storage_) {
@@ -50,19 +56,61 @@ Dictionary Dictionary::withCapacity(std::size_t capacity) {
   return result;
 }
 
+Dictionary::Dictionary(Packed packed) : storage_(new Storage) {
+  storage_->packed = std::move(packed);
+  storage_->unpacked.store(false, std::memory_order_relaxed);
+}
+
+void Dictionary::unpack() const {
+  if (storage_->unpacked.load(std::memory_order_acquire)) return;
+  std::vector<Entry> entries = storage_->packed->coding->unpack(*storage_->packed);
+  static constinit std::mutex filling;
+  const std::lock_guard lock(filling);
+  if (storage_->unpacked.load(std::memory_order_relaxed)) return;
+  storage_->entries = std::move(entries);
+  storage_->unpacked.store(true, std::memory_order_release);
+}
+
+const Dictionary::Packed* Dictionary::packed() const {
+  return storage_ && storage_->packed ? &*storage_->packed : nullptr;
+}
+
 Dictionary::Dictionary(std::initializer_list<NewEntry> entries) {
   writable().entries.reserve(entries.size());
   for (const auto& [key, value] : entries) set(key, value);
 }
 
-std::size_t Dictionary::size() const { return storage_ ? storage_->entries.size() : 0; }
-std::size_t Dictionary::capacity() const { return storage_ ? storage_->entries.capacity() : 0; }
-const Dictionary::Entry* Dictionary::begin() const { return storage_ ? storage_->entries.data() : nullptr; }
+std::size_t Dictionary::size() const {
+  const Packed* const encoded = packed();
+  return encoded ? encoded->entries : storage_ ? storage_->entries.size() : 0;
+}
+
+std::size_t Dictionary::capacity() const {
+  if (!storage_) return 0;
+  unpack();
+  return storage_->entries.capacity();
+}
+
+const Dictionary::Entry* Dictionary::begin() const {
+  if (!storage_) return nullptr;
+  unpack();
+  return storage_->entries.data();
+}
+
 const Dictionary::Entry* Dictionary::end() const { return begin() + size(); }
 
-bool Dictionary::contains(std::string_view key) const { return findEntry(*this, key) != end(); }
+bool Dictionary::contains(std::string_view key) const {
+  if (const Packed* const encoded = packed(); encoded && !storage_->unpacked.load(std::memory_order_acquire))
+    return (encoded->keys & keyBit(key)) != 0 && encoded->coding->find(*encoded, key);
+  return findEntry(*this, key) != end();
+}
 
 Value Dictionary::get(std::string_view key) const {
+  if (const Packed* const encoded = packed();
+      encoded && !storage_->unpacked.load(std::memory_order_acquire)) {
+    if ((encoded->keys & keyBit(key)) == 0) return {};
+    return encoded->coding->find(*encoded, key).value_or(Value());
+  }
   const Entry* entry = findEntry(*this, key);
   return entry == end() ? Value() : entry->value;
 }
@@ -74,6 +122,9 @@ Dictionary::Storage& Dictionary::writable() {
     Dictionary copy = withCapacity(std::max(capacity(), size() + 1));
     copy.storage_->entries.assign(begin(), end());
     *this = std::move(copy);
+  } else if (storage_->packed) {
+    unpack();
+    storage_->packed.reset();
   }
   return *storage_;
 }
@@ -112,6 +163,7 @@ void Dictionary::remove(std::string_view key) {
 }
 
 Dictionary Dictionary::deepCopy() const {
+  if (const Packed* const encoded = packed()) return Dictionary(*encoded);
   Dictionary result = withCapacity(size());
   for (const auto& [name, value] : *this) result.append(name, value.deepCopy());
   return result;

@@ -3,6 +3,7 @@
 #include "larkspan/platform/base/Slice.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <initializer_list>
 #include <string>
 #include <string_view>
@@ -26,14 +27,33 @@ class Key {
   std::string_view text_;
 };
 
+/// One bit of 64 that tells most different keys apart.
+inline uint64_t keyBit(std::string_view key) {
+  if (key.empty()) return 1;
+  const unsigned hash = static_cast<uint8_t>(key.front()) * 7U + static_cast<uint8_t>(key.back()) * 31U +
+                        static_cast<unsigned>(key.size());
+  return uint64_t{1} << (hash % 64);
+}
+
 /// Text keys to values, in the order in which the keys were first set. Meant for the small dictionaries of
 /// messages: a flat vector, searched from the front. A value: copies share their storage until one of them is
-/// changed (copy on write).
+/// changed (copy on write). One that came from another process may keep its entries in their encoded form: a look-up
+/// then decodes the one value that it finds, and the first iteration or change all of them.
 /// Thread: as std::vector; copies may be used from different threads.
 class Dictionary {
  public:
   struct Entry;
   struct NewEntry;
+  struct PackedCoding;
+  /// Entries that are encoded still, their keys well-formed and different and their values sound.
+  struct Packed {
+    Slice bytes;
+    const PackedCoding* coding;
+    uint64_t keys;      ///< The bits of all keys.
+    uint32_t entries;   ///< Not 0.
+    uint32_t elements;  ///< Of the encoded form, all in all.
+    uint8_t levels;     ///< Of nesting in it.
+  };
 
   Dictionary() noexcept = default;
   Dictionary(const Dictionary& other) noexcept;
@@ -46,6 +66,8 @@ class Dictionary {
   /// Room for `capacity` entries, taken at once.
   static Dictionary withCapacity(std::size_t capacity);
   Dictionary(std::initializer_list<NewEntry> entries);
+  /// A dictionary that reads its entries when somebody asks: for decoders.
+  explicit Dictionary(Packed packed);
 
   std::size_t size() const;
   bool empty() const { return size() == 0; }
@@ -72,6 +94,8 @@ class Dictionary {
   /// written.
   const void* storage() const { return storage_; }
   std::size_t capacity() const;
+  /// The entries as they came, unless they have been changed since; else null. For encoders, which may copy them.
+  const Packed* packed() const;
   std::string description() const;
 
   /// Equal entries, in any order.
@@ -80,6 +104,7 @@ class Dictionary {
  private:
   struct Storage;
   Storage& writable();
+  void unpack() const;
   Storage* storage_ = nullptr;
 };
 

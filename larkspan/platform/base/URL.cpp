@@ -1,6 +1,7 @@
 #include "larkspan/platform/base/URL.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 
 #include <arpa/inet.h>
@@ -19,6 +20,18 @@ char lowered(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' +
 bool isLetter(char c) { return lowered(c) >= 'a' && lowered(c) <= 'z'; }
 
 bool isOneOf(char c, std::string_view set) { return set.find(c) != std::string_view::npos; }
+
+/// Whether the character may stand in a path as itself.
+bool isOfPath(char c) {
+  static constexpr auto kTable = [] {
+    std::array<bool, 256> table{};
+    for (const std::string_view set : {kUnreserved, kSubDelimiters, std::string_view("/:@")}) {
+      for (const char member : set) table[static_cast<unsigned char>(member)] = true;
+    }
+    return table;
+  }();
+  return kTable[static_cast<unsigned char>(c)];
+}
 
 int hexValue(char c) {
   if (c >= '0' && c <= '9') return c - '0';
@@ -203,17 +216,23 @@ std::string URL::join(const Parts& parts) {
 }
 
 std::optional<URL> URL::parse(std::string_view text) {
-  if (text.size() > kMaximumLength) return std::nullopt;
+  return isWellFormed(text) ? std::optional(URL(text)) : std::nullopt;
+}
+
+bool URL::isWellFormed(std::string_view text) {
+  if (text.size() > kMaximumLength) return false;
+  // Nearly all that comes in is the URL of a file without odd characters.
+  constexpr std::string_view kFilePrefix = "file:///";
+  if (text.starts_with(kFilePrefix) && std::all_of(text.begin() + kFilePrefix.size(), text.end(), isOfPath))
+    return true;
   const Parts parts = split(text);
-  if (!parts.scheme.empty() && !isScheme(parts.scheme)) return std::nullopt;
-  if (text.starts_with(':')) return std::nullopt;  // neither a scheme nor a relative path
+  if (!parts.scheme.empty() && !isScheme(parts.scheme)) return false;
+  if (text.starts_with(':')) return false;  // neither a scheme nor a relative path
   if (!isAuthority(parts.authority) || !holdsOnly(parts.path, "/:@") || !holdsOnly(parts.query, "/?:@") ||
       !holdsOnly(parts.fragment, "/?:@")) {
-    return std::nullopt;
+    return false;
   }
-  URL url(text);
-  if (url.isFileURL() && percentDecoded(parts.path).find('\0') != std::string::npos) return std::nullopt;
-  return url;
+  return !isFile(parts) || percentDecoded(parts.path).find('\0') == std::string::npos;
 }
 
 URL URL::file(std::string_view path, bool isDirectory) {
@@ -270,11 +289,12 @@ std::optional<std::string> URL::fragment() const {
   return std::string(parts.fragment);
 }
 
-bool URL::isFileURL() const {
-  const Parts parts = split(text_.view());
+bool URL::isFile(const Parts& parts) {
   return lowered(parts.scheme) == "file" &&
          (parts.authority.empty() || lowered(parts.authority) == "localhost") && parts.path.starts_with('/');
 }
+
+bool URL::isFileURL() const { return isFile(split(text_.view())); }
 
 bool URL::hasDirectoryPath() const { return split(text_.view()).path.ends_with('/'); }
 

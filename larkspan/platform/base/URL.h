@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace larkspan::platform {
 
@@ -18,6 +19,10 @@ class URL {
   /// Reads a URI reference; nothing when it breaks the grammar of RFC 3986, is longer than `kMaximumLength`,
   /// or is a file URL whose path holds a NUL.
   static std::optional<URL> parse(std::string_view text);
+  /// Whether `parse` would read it.
+  static bool isWellFormed(std::string_view text);
+  /// A URL whose text is known to be well-formed and is shared, not copied.
+  static URL wellFormed(Slice text) { return URL(std::move(text)); }
   /// The file URL (RFC 8089) of a path of any bytes but NUL, which ends the path. A relative path is taken
   /// from the working directory, and names no file when that was removed. A directory's URL ends in "/".
   static URL file(std::string_view path, bool isDirectory = false);
@@ -62,6 +67,8 @@ class URL {
     bool hasAuthority = false, hasQuery = false, hasFragment = false;
   };
   explicit URL(std::string_view text) : text_(Slice::copy(text)) {}
+  explicit URL(Slice text) : text_(std::move(text)) {}
+  static bool isFile(const Parts& parts);
   static Parts split(std::string_view text);
   static std::string join(const Parts& parts);
 

@@ -145,6 +145,11 @@ class Value {
   std::shared_ptr<T> objectOf() const {
     return std::dynamic_pointer_cast<T>(object());
   }
+  /// What is stored, without a copy, if it is of exactly that type of `Content`; else null.
+  template <typename T>
+  const T* contentAs() const {
+    return std::get_if<T>(&content_);
+  }
   /// The strings of an array; members of other kinds are left out.
   std::vector<std::string> strings() const;
 
@@ -183,6 +188,13 @@ struct Dictionary::Entry {
   Value value;
 
   std::string_view key() const { return name.view(); }
+};
+
+/// How packed entries are read. Functions instead of a class: there is one coding, which lies above this folder.
+struct Dictionary::PackedCoding {
+  /// The value under the key; null when there is none.
+  std::optional<Value> (*find)(const Packed& packed, std::string_view key);
+  std::vector<Entry> (*unpack)(const Packed& packed);
 };
 
 }  // namespace larkspan::platform

@@ -43,7 +43,7 @@ std::variant<std::vector<Value>, Error> decodeValues(const Frame& frame,
   std::vector<Value> values;
   values.reserve(classes.size());
   for (const ClassSet& allowed : classes) {
-    auto [value, error] = decodeValue(frame.bytes, reader, allowed);
+    auto [value, error] = decodeValue(frame.bytes, reader, allowed, frame.plainMaps);
     if (error) return transportError(TransportErrorCode::violation, error->localizedDescription());
     values.push_back(std::move(value));
   }
@@ -65,11 +65,11 @@ struct Reply::State {
   }
   void sendFailure(const Error& error) {
     auto frame = encodeFrame(FrameType::failure, channel, id, {}, {error});
-    if (!std::holds_alternative<std::string>(frame)) {
+    if (!std::holds_alternative<ByteBuffer>(frame)) {
       // The error itself is too much to send.
       frame = encodeFrame(FrameType::failure, channel, id, {}, {Error(error.domain(), error.code())});
     }
-    if (auto* bytes = std::get_if<std::string>(&frame)) transport->send(std::move(*bytes));
+    if (auto* bytes = std::get_if<ByteBuffer>(&frame)) transport->send(std::move(*bytes));
   }
   ~State() {
     if (!answered) sendFailure(transportError(TransportErrorCode::notAnswered, "The call was not answered"));
@@ -83,7 +83,7 @@ void Reply::operator()(const std::vector<Value>& values) const {
   if (!state_ || !state_->answer()) return;
   auto frame = encodeFrame(FrameType::reply, state_->channel, state_->id, {}, values);
   if (const auto* error = std::get_if<Error>(&frame)) return state_->sendFailure(notSendable(*error));
-  state_->transport->send(std::get<std::string>(std::move(frame)));
+  state_->transport->send(std::get<ByteBuffer>(std::move(frame)));
 }
 
 void Reply::fail(const Error& error) const {
@@ -163,7 +163,7 @@ void Connection::call(std::string_view method, const std::vector<Value>& argumen
   }
   const auto self = shared_from_this();
   calls_.emplace(id, Call{std::string(method), std::move(outcome), self});
-  const auto error = submit(std::get<std::string>(std::move(frame)), lock);
+  const auto error = submit(std::get<ByteBuffer>(std::move(frame)), lock);
   if (!error || error->code() != static_cast<int64_t>(TransportErrorCode::notReading)) return;
   lock.lock();
   const auto call = calls_.extract(id);
@@ -175,12 +175,12 @@ std::optional<Error> Connection::post(std::string_view method, const std::vector
   auto frame = encodeFrame(FrameType::post, channel_, 0, method, arguments);
   if (const auto* error = std::get_if<Error>(&frame)) return notSendable(*error);
   std::unique_lock lock(mutex_);
-  return submit(std::get<std::string>(std::move(frame)), lock);
+  return submit(std::get<ByteBuffer>(std::move(frame)), lock);
 }
 
 /// Sends the frame now or once there is a transport; an empty frame only sees to the transport. Releases the
 /// lock.
-std::optional<Error> Connection::submit(std::string frame, std::unique_lock<std::mutex>& lock) {
+std::optional<Error> Connection::submit(ByteBuffer frame, std::unique_lock<std::mutex>& lock) {
   if (invalid_) return transportError(TransportErrorCode::invalidated, "The connection has ended");
   if (transport_) {
     // On a transport that has just closed, `closed()` is about to fail the call.
@@ -235,7 +235,7 @@ void Connection::connected(const std::shared_ptr<Transport>& transport, const st
   attempts_ = 0;
   connecting_ = false;
   transport_ = transport;
-  for (std::string& frame : pending_) transport->send(std::move(frame));
+  for (ByteBuffer& frame : pending_) transport->send(std::move(frame));
   pending_.clear();
   pendingBytes_ = 0;
   const auto waiters = std::exchange(connectWaiters_, {});

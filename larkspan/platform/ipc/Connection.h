@@ -99,7 +99,7 @@ class Connection : public Transport::Channel, public std::enable_shared_from_thi
   void connected(const std::shared_ptr<Transport>& transport, const std::optional<Error>& error);
   Connected connectedHandler();
   void end(const Error& error);
-  std::optional<Error> submit(std::string frame, std::unique_lock<std::mutex>& lock);
+  std::optional<Error> submit(ByteBuffer frame, std::unique_lock<std::mutex>& lock);
 
   const Connector connector_;
   const uint32_t channel_;
@@ -113,7 +113,7 @@ class Connection : public Transport::Channel, public std::enable_shared_from_thi
   std::shared_ptr<Transport> transport_;
   bool connecting_ = false;
   bool invalid_ = false;
-  std::vector<std::string> pending_;  // Frames that wait for a transport.
+  std::vector<ByteBuffer> pending_;  // Frames that wait for a transport.
   std::vector<std::function<void(const std::optional<Error>&)>> connectWaiters_;
   std::unordered_map<int64_t, Call> calls_;
   std::size_t pendingBytes_ = 0;

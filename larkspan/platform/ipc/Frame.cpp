@@ -12,10 +12,18 @@ namespace {
 /// The frame's own array and that of its arguments.
 constexpr unsigned kEnvelopeDepth = 2;
 
-void writeLength(std::string& frame) {
+/// Room for the length.
+ByteBuffer emptyFrame() {
+  ByteBuffer frame;
+  frame.room(kFrameLengthSize);
+  frame.advance(kFrameLengthSize);
+  return frame;
+}
+
+void writeLength(ByteBuffer& frame) {
   const std::size_t length = frame.size() - kFrameLengthSize;
   for (std::size_t i = 0; i < kFrameLengthSize; ++i) {
-    frame[i] = static_cast<char>(length >> (8 * (kFrameLengthSize - 1 - i)));
+    frame.data()[i] = static_cast<char>(length >> (8 * (kFrameLengthSize - 1 - i)));
   }
 }
 
@@ -26,7 +34,8 @@ Error malformed(std::string_view fault, std::size_t offset) {
 }  // namespace
 
 std::variant<Frame, Error> Frame::parse(Slice bytes) {
-  if (auto error = checkWellFormed(bytes.view())) return std::move(*error);
+  Frame frame;
+  if (auto error = checkWellFormed(bytes.view(), &frame.plainMaps)) return std::move(*error);
   CborReader reader(bytes.view());
   const auto fault = [&](std::string_view text) { return malformed(text, reader.position()); };
 
@@ -36,7 +45,6 @@ std::variant<Frame, Error> Frame::parse(Slice bytes) {
   if (type.major != CborMajor::unsignedInteger || type.argument > static_cast<uint64_t>(FrameType::failure)) {
     return fault("Unknown type of frame");
   }
-  Frame frame;
   frame.type = static_cast<FrameType>(type.argument);
   constexpr uint64_t kMembers[] = {2, 2, 2, 5, 4, 4, 4};
   if (array.argument != kMembers[type.argument]) return fault("A frame of the wrong number of members");
@@ -62,11 +70,11 @@ std::variant<Frame, Error> Frame::parse(Slice bytes) {
   return frame;
 }
 
-std::variant<std::string, Error> encodeFrame(FrameType type, uint32_t channel, int64_t id,
-                                             std::string_view method, const std::vector<Value>& values) {
+std::variant<ByteBuffer, Error> encodeFrame(FrameType type, uint32_t channel, int64_t id,
+                                            std::string_view method, const std::vector<Value>& values) {
   const bool named = type == FrameType::call || type == FrameType::post;
   const bool numbered = type != FrameType::post;
-  std::string frame(kFrameLengthSize, '\0');
+  ByteBuffer frame = emptyFrame();
   CborWriter writer(frame);
   writer.array(2 + named + numbered + 1);
   writer.integer(static_cast<int64_t>(type));
@@ -84,8 +92,8 @@ std::variant<std::string, Error> encodeFrame(FrameType type, uint32_t channel, i
   return frame;
 }
 
-std::string encodeHello() {
-  std::string frame(kFrameLengthSize, '\0');
+ByteBuffer encodeHello() {
+  ByteBuffer frame = emptyFrame();
   CborWriter writer(frame);
   writer.array(2);
   writer.integer(static_cast<int64_t>(FrameType::hello));
@@ -100,8 +108,8 @@ std::string encodeHello() {
   return frame;
 }
 
-std::string encodeChannelFrame(FrameType type, uint32_t channel) {
-  std::string frame(kFrameLengthSize, '\0');
+ByteBuffer encodeChannelFrame(FrameType type, uint32_t channel) {
+  ByteBuffer frame = emptyFrame();
   CborWriter writer(frame);
   writer.array(2);
   writer.integer(static_cast<int64_t>(type));

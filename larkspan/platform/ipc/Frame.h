@@ -1,12 +1,13 @@
 #pragma once
 
+#include "larkspan/platform/archive/WellFormed.h"
+#include "larkspan/platform/base/ByteBuffer.h"
 #include "larkspan/platform/base/Slice.h"
 #include "larkspan/platform/base/Value.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <string>
 #include <string_view>
 #include <variant>
 #include <vector>
@@ -40,6 +41,7 @@ struct Frame {
   std::string_view method;  ///< Points into `bytes`.
   Slice bytes;              ///< The CBOR item.
   std::size_t body = 0;     ///< Where in `bytes` the arguments, values, error or hello stand.
+  PlainMaps plainMaps;      ///< Of `bytes`.
 
   /// Reads the envelope after checking all of the item; the error says what is wrong with it.
   static std::variant<Frame, Error> parse(Slice bytes);
@@ -47,10 +49,10 @@ struct Frame {
 
 /// The bytes of a frame, length included. The error is that of a value which cannot be encoded or of a frame
 /// that is too large.
-std::variant<std::string, Error> encodeFrame(FrameType type, uint32_t channel, int64_t id,
-                                             std::string_view method, const std::vector<Value>& values);
-std::string encodeHello();
+std::variant<ByteBuffer, Error> encodeFrame(FrameType type, uint32_t channel, int64_t id,
+                                            std::string_view method, const std::vector<Value>& values);
+ByteBuffer encodeHello();
 /// Of type `open` or `close`.
-std::string encodeChannelFrame(FrameType type, uint32_t channel);
+ByteBuffer encodeChannelFrame(FrameType type, uint32_t channel);
 
 }  // namespace larkspan::platform

@@ -209,7 +209,7 @@ void Transport::route(const Frame& frame) {
   channel->received(frame);
 }
 
-bool Transport::send(std::string frame) {
+bool Transport::send(ByteBuffer frame) {
   std::unique_lock lock(mutex_);
   if (closed_) return false;
   if (writeBroken_) return true;
@@ -228,7 +228,7 @@ bool Transport::send(std::string frame) {
 /// Writes what the kernel takes; with the lock held.
 void Transport::flush() {
   while (!outbound_.empty()) {
-    const std::string& first = outbound_.front();
+    const ByteBuffer& first = outbound_.front();
     const ssize_t count = ::send(socket_.get(), first.data() + outboundOffset_,
                                  first.size() - outboundOffset_, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (count < 0) {

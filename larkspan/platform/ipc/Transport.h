@@ -59,7 +59,7 @@ class Transport : public std::enable_shared_from_this<Transport> {
 
   /// Sends a whole frame. False when the transport is closed; that it returns true does not mean that the
   /// peer got it.
-  bool send(std::string frame);
+  bool send(ByteBuffer frame);
   /// Opens a channel: from now on its frames, and the news of the end, come to `channel`, which is not kept
   /// alive. False when the transport is closed already: then no news comes.
   bool open(uint32_t number, std::weak_ptr<Channel> channel);
@@ -101,7 +101,7 @@ class Transport : public std::enable_shared_from_this<Transport> {
 
   mutable std::mutex mutex_;
   std::shared_ptr<IoSource> source_;
-  std::deque<std::string> outbound_;
+  std::deque<ByteBuffer> outbound_;
   std::size_t outboundOffset_ = 0;  // Written of the first.
   std::size_t outboundBytes_ = 0;
   std::unordered_map<uint32_t, std::weak_ptr<Channel>> channels_;

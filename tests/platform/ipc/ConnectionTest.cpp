@@ -99,11 +99,11 @@ struct RawPeer : testing::Test {
   /// The bytes of the call's envelope after the type: channel and number, one byte each in these tests.
   std::string address(const std::string& item) {
     const auto frame = std::get<Frame>(Frame::parse(Slice::copy(item)));
-    std::string out;
+    ByteBuffer out;
     CborWriter writer(out);
     writer.integer(frame.channel);
     writer.integer(frame.id);
-    return out;
+    return std::string(out.view());
   }
 };
 

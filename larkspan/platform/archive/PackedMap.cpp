@@ -1,0 +1,51 @@
+#include "larkspan/platform/archive/PackedMap.h"
+
+#include "larkspan/platform/archive/InternedKeys.h"
+#include "larkspan/platform/archive/ValueCoding.h"
+#include "larkspan/platform/base/Value.h"
+
+#include <vector>
+
+namespace larkspan::platform {
+
+namespace {
+
+Value valueAt(const Slice& map, CborReader& reader) {
+  if (const CborHead head = reader.peek(); head.isInteger()) return reader.next().integer();
+  return KeyedUnarchiver::plainValue(map, reader);
+}
+
+std::optional<Value> find(const Dictionary::Packed& packed, std::string_view key) {
+  CborReader reader(packed.bytes.view());
+  reader.next();
+  for (uint32_t left = packed.entries; left > 0; --left) {
+    const std::string_view name = reader.content(reader.next());
+    if (name.size() == key.size() && name == key) return valueAt(packed.bytes, reader);
+    reader.skip();
+  }
+  return std::nullopt;
+}
+
+std::vector<Dictionary::Entry> unpack(const Dictionary::Packed& packed) {
+  std::vector<Dictionary::Entry> entries;
+  entries.reserve(packed.entries);
+  CborReader reader(packed.bytes.view());
+  reader.next();
+  for (uint32_t left = packed.entries; left > 0; --left) {
+    const std::string_view name = reader.content(reader.next());
+    entries.push_back({internedKey(name), valueAt(packed.bytes, reader)});
+  }
+  return entries;
+}
+
+constexpr Dictionary::PackedCoding kCoding{&find, &unpack};
+
+}  // namespace
+
+Dictionary packedDictionary(const Slice& frame, const PlainMap& map) {
+  const Slice within = frame.part(map.start, map.end - map.start);
+  return Dictionary({within.size() < kSharedLength ? Slice::copy(within.view()) : within, &kCoding, map.keys,
+                     map.entries, map.elements, map.levels});
+}
+
+}  // namespace larkspan::platform
