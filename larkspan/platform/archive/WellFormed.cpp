@@ -57,6 +57,7 @@ class Checker {
   }
 
  private:
+  enum class ObjectPart : uint8_t { none, tag, pair, fields };
   /// A container or tag that still lacks items.
   struct Level {
     uint64_t itemsLeft;
@@ -78,6 +79,8 @@ class Checker {
     /// Too many keys to compare each with each: sorted when the map ends.
     bool isLarge;
     bool isTag;
+    /// What an object of tag 27 consists of: the map of its fields is no dictionary.
+    ObjectPart part;
     bool isPlain;
     /// All keys so far were those of the map before at this depth.
     bool followsShape;
@@ -157,6 +160,7 @@ class Checker {
       case CborMajor::tag: {
         if (!open(1, major, start)) return false;
         levels_[depth_ - 1].isExtendedTime = argument == static_cast<uint64_t>(CborTag::extendedTime);
+        if (argument == static_cast<uint64_t>(CborTag::object)) levels_[depth_ - 1].part = ObjectPart::tag;
         return true;
       }
       case CborMajor::simple:
@@ -190,9 +194,13 @@ class Checker {
     if (items > limits::kMaximumElements - elements_) return tooMany(start);
     const bool isMap = major == CborMajor::map;
     bool beneathTime = false;
+    auto part = ObjectPart::none;
     if (depth_ > 0) {
-      --levels_[depth_ - 1].itemsLeft;
-      beneathTime = levels_[depth_ - 1].isExtendedTime;
+      Level& around = levels_[depth_ - 1];
+      --around.itemsLeft;
+      beneathTime = around.isExtendedTime;
+      if (around.part == ObjectPart::tag) part = ObjectPart::pair;
+      if (around.part == ObjectPart::pair) part = ObjectPart::fields;
     }
     Level& level = levels_[depth_++];
     level = {};
@@ -208,6 +216,7 @@ class Checker {
     level.isLarge = items > 2 * kLargeMap;
     level.isTag = major == CborMajor::tag;
     level.isPlain = !level.isTag;
+    level.part = part;
     level.followsShape = isMap && !level.allowsIntegerKeys && !level.isLarge;
     return true;
   }
@@ -360,7 +369,8 @@ class Checker {
 
   bool closeMap(const Level& level) {
     if (level.isLarge && !keysDiffer(level)) return false;
-    if (level.isPlain && !level.allowsIntegerKeys && plainMaps_ && level.entries > 0) {
+    if (level.isPlain && level.part != ObjectPart::fields && !level.allowsIntegerKeys && plainMaps_ &&
+        level.entries > 0) {
       plainMaps_->resize(level.firstPlain);
       plainMaps_->push_back({level.start, static_cast<uint32_t>(at_), level.entries,
                              static_cast<uint32_t>(elements_ - level.firstElement + 1), level.keyBits,

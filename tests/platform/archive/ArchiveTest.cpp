@@ -95,7 +95,7 @@ class Folder : public Archivable {
   }
 };
 
-/// An object that writes fields of any name and reads one, "a".
+/// An object that writes fields of any name and reads those that these tests write.
 class Note : public Archivable {
  public:
   Dictionary fields;
@@ -120,8 +120,12 @@ const ClassSet& everything() {
 
 std::shared_ptr<Object> Note::decode(KeyedUnarchiver& coder) {
   auto note = std::make_shared<Note>();
-  if (const Value value = coder.decodeObject("a", everything()); !value.isNone())
-    note->fields.set("a", value);
+  std::vector<std::string> names{"a", "b", "note", "dictionary"};
+  for (int i = 0; i < 30; ++i) names.push_back("key" + std::to_string(i));
+  for (const std::string& name : names) {
+    if (const Value value = coder.decodeObject(name, everything()); !value.isNone())
+      note->fields.set(name, value);
+  }
   return note;
 }
 
