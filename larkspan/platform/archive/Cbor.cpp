@@ -7,68 +7,18 @@
 
 namespace larkspan::platform {
 
-namespace {
-
-constexpr std::size_t kLongestHead = 9;
-
-/// Writes `size` bytes (1 to 8), most significant first.
-void storeBigEndian(char* to, uint64_t value, std::size_t size) {
-  value = detail::bigEndian(value << (64 - 8 * size));
-  std::memcpy(to, &value, size);
-}
-
-/// The shortest head of RFC 8949, section 3; answers its length.
-std::size_t encodeHead(char* head, CborMajor major, uint64_t argument) {
-  const auto first = [&](unsigned info) {
-    return static_cast<char>(static_cast<unsigned>(major) << 5 | info);
-  };
-  if (argument < 24) {
-    head[0] = first(static_cast<unsigned>(argument));
-    return 1;
-  }
-  const unsigned exponent = argument <= 0xFF ? 0 : argument <= 0xFFFF ? 1 : argument <= 0xFFFFFFFF ? 2 : 3;
-  head[0] = first(24 + exponent);
-  storeBigEndian(head + 1, argument, std::size_t{1} << exponent);
-  return 1 + (std::size_t{1} << exponent);
-}
-
-}  // namespace
-
-void CborWriter::head(CborMajor major, uint64_t argument) {
-  out_.advance(encodeHead(out_.room(kLongestHead), major, argument));
-  ++elements_;
-}
-
-void CborWriter::integer(int64_t value) {
-  if (value >= 0) {
-    head(CborMajor::unsignedInteger, static_cast<uint64_t>(value));
-  } else {
-    head(CborMajor::negativeInteger, ~static_cast<uint64_t>(value));
-  }
-}
-
 void CborWriter::float32(float value) {
-  char* const to = out_.room(5);
-  to[0] = static_cast<char>(0xFA);
-  storeBigEndian(to + 1, std::bit_cast<uint32_t>(value), 4);
-  out_.advance(5);
-  ++elements_;
+  writeFloat(0xFA, uint64_t{std::bit_cast<uint32_t>(value)} << 32, sizeof value);
 }
 
-void CborWriter::float64(double value) {
-  char* const to = out_.room(9);
-  to[0] = static_cast<char>(0xFB);
-  storeBigEndian(to + 1, std::bit_cast<uint64_t>(value), 8);
-  out_.advance(9);
-  ++elements_;
-}
+void CborWriter::float64(double value) { writeFloat(0xFB, std::bit_cast<uint64_t>(value), sizeof value); }
 
-void CborWriter::string(CborMajor major, std::string_view content) {
-  char* const to = out_.room(kLongestHead + content.size());
-  const std::size_t head = encodeHead(to, major, content.size());
-  // An empty view may have no data.
-  if (!content.empty()) std::memcpy(to + head, content.data(), content.size());
-  out_.advance(head + content.size());
+void CborWriter::writeFloat(uint8_t head, uint64_t leftmostBits, std::size_t size) {
+  char* const to = out_.room(detail::kLongestHead);
+  to[0] = static_cast<char>(head);
+  const uint64_t bytes = detail::bigEndian(leftmostBits);
+  std::memcpy(to + 1, &bytes, sizeof bytes);
+  out_.advance(1 + size);
   ++elements_;
 }
 
@@ -85,10 +35,10 @@ CborWriter::Mark CborWriter::openMap() {
 
 void CborWriter::closeMap(Mark map, std::size_t entries) {
   // Few maps have 24 entries, which is where the head grows and what follows it must move.
-  char head[kLongestHead];
-  const std::size_t size = encodeHead(head, CborMajor::map, entries);
+  char head[detail::kLongestHead];
+  const std::size_t size = detail::encodeHead(head, static_cast<unsigned>(CborMajor::map), entries);
   const std::size_t content = out_.size() - map.size - 1;
-  out_.room(kLongestHead);
+  out_.room(detail::kLongestHead);
   if (size > 1) std::memmove(out_.data() + map.size + size, out_.data() + map.size + 1, content);
   std::memcpy(out_.data() + map.size, head, size);
   out_.advance(size - 1);
@@ -116,6 +66,10 @@ void CborReader::skip() {
   for (uint64_t left = 1; left > 0; --left) {
     const CborHead head = next();
     switch (head.major) {
+      case CborMajor::unsignedInteger:
+      case CborMajor::negativeInteger:
+      case CborMajor::simple:
+        break;
       case CborMajor::bytes:
       case CborMajor::text:
         position_ += head.argument;
@@ -128,8 +82,6 @@ void CborReader::skip() {
         break;
       case CborMajor::tag:
         ++left;
-        break;
-      default:
         break;
     }
   }

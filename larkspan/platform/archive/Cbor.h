@@ -16,12 +16,42 @@ inline uint64_t bigEndian(uint64_t value) {
   return std::endian::native == std::endian::big ? value : __builtin_bswap64(value);
 }
 
-/// Reads `size` bytes (1 to 8), most significant first.
+template <typename Integer>
+Integer loaded(const char* from) {
+  Integer value;
+  std::memcpy(&value, from, sizeof value);
+  return value;
+}
+
+/// Reads 1, 2, 4 or 8 bytes, most significant first.
 inline uint64_t loadBigEndian(const char* from, std::size_t size) {
-  if (size == 1) return static_cast<uint8_t>(*from);
-  uint64_t value = 0;
-  std::memcpy(&value, from, size);
-  return bigEndian(value) >> (64 - 8 * size);
+  switch (size) {
+    case 1:
+      return static_cast<uint8_t>(*from);
+    case 2:
+      return bigEndian(loaded<uint16_t>(from)) >> (std::endian::native == std::endian::big ? 0 : 48);
+    case 4:
+      return bigEndian(loaded<uint32_t>(from)) >> (std::endian::native == std::endian::big ? 0 : 32);
+    default:
+      return bigEndian(loaded<uint64_t>(from));
+  }
+}
+
+/// The longest head of an item.
+inline constexpr std::size_t kLongestHead = 9;
+
+/// Writes the shortest head of RFC 8949, section 3, over `kLongestHead` bytes at most; answers its length.
+inline std::size_t encodeHead(char* head, unsigned major, uint64_t argument) {
+  if (argument < 24) {
+    head[0] = static_cast<char>(major << 5 | argument);
+    return 1;
+  }
+  const unsigned exponent = argument <= 0xFF ? 0 : argument <= 0xFFFF ? 1 : argument <= 0xFFFFFFFF ? 2 : 3;
+  const unsigned size = 1U << exponent;
+  head[0] = static_cast<char>(major << 5 | (24 + exponent));
+  const uint64_t bytes = bigEndian(argument << (64 - 8 * size));
+  std::memcpy(head + 1, &bytes, sizeof bytes);
+  return 1 + size;
 }
 
 }  // namespace detail
@@ -49,7 +79,10 @@ class CborWriter {
 
   void null() { single(0xF6); }
   void boolean(bool value) { single(value ? 0xF5 : 0xF4); }
-  void integer(int64_t value);
+  void integer(int64_t value) {
+    const auto bits = static_cast<uint64_t>(value);
+    value >= 0 ? head(CborMajor::unsignedInteger, bits) : head(CborMajor::negativeInteger, ~bits);
+  }
   void float32(float value);
   void float64(double value);
   void text(std::string_view utf8) { string(CborMajor::text, utf8); }
@@ -91,8 +124,19 @@ class CborWriter {
     *out_.room(1) = static_cast<char>(byte);
     out_.advance(1);
   }
-  void head(CborMajor major, uint64_t argument);
-  void string(CborMajor major, std::string_view content);
+  void head(CborMajor major, uint64_t argument) {
+    out_.advance(detail::encodeHead(out_.room(detail::kLongestHead), static_cast<unsigned>(major), argument));
+    ++elements_;
+  }
+  void writeFloat(uint8_t head, uint64_t leftmostBits, std::size_t size);
+  void string(CborMajor major, std::string_view content) {
+    char* const to = out_.room(detail::kLongestHead + content.size());
+    const std::size_t head = detail::encodeHead(to, static_cast<unsigned>(major), content.size());
+    // An empty view may have no data.
+    if (!content.empty()) std::memcpy(to + head, content.data(), content.size());
+    out_.advance(head + content.size());
+    ++elements_;
+  }
 
   ByteBuffer& out_;
   std::size_t start_;

@@ -185,15 +185,15 @@ bool KeyedArchiver::enter(unsigned levels) {
   return !error_;
 }
 
-bool KeyedArchiver::hasRoom(std::size_t bytes) {
+bool KeyedArchiver::overflows(std::size_t bytes) {
   if (writer_.size() + bytes > limits::kMaximumFrame) {
     fail(ArchiveErrorCode::tooLarge,
          "A value of more than " + std::to_string(limits::kMaximumFrame) + " bytes cannot be archived");
-  } else if (writer_.elements() > limits::kMaximumElements) {
+  } else {
     fail(ArchiveErrorCode::tooManyElements,
          "A value of more than " + std::to_string(limits::kMaximumElements) + " items cannot be archived");
   }
-  return !error_;
+  return false;
 }
 
 void KeyedArchiver::fail(ArchiveErrorCode code, std::string_view fault) {

@@ -2,6 +2,7 @@
 
 #include "larkspan/platform/archive/ArchiveError.h"
 #include "larkspan/platform/archive/Cbor.h"
+#include "larkspan/platform/base/Limits.h"
 #include "larkspan/platform/base/Value.h"
 
 #include <cstddef>
@@ -54,7 +55,13 @@ class KeyedArchiver {
   void writeObject(const Object& object);
   void writeField(std::string_view key, const Value& value);
   void writeEntry(std::string_view key, const Value& value);
-  bool hasRoom(std::size_t bytes);
+  /// Whether this many bytes more keep within the limits; fails else.
+  bool hasRoom(std::size_t bytes) {
+    const bool fits =
+        writer_.size() + bytes <= limits::kMaximumFrame && writer_.elements() <= limits::kMaximumElements;
+    return fits ? !error_ : overflows(bytes);
+  }
+  bool overflows(std::size_t bytes);
   bool enter(unsigned levels);
   void fail(ArchiveErrorCode code, std::string_view fault);
 

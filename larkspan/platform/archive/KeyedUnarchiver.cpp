@@ -164,12 +164,23 @@ std::vector<Value> KeyedUnarchiver::readMembers(uint64_t size, const ClassSet& c
   return members;
 }
 
+/// Large maps, and those of small frames, share the frame; small ones are copied out of it, several at a time.
+Slice KeyedUnarchiver::bytesOf(const PlainMap& map) {
+  const std::size_t size = map.end - map.start;
+  if (size >= kSharedLength || frame_.size() <= kSharedLength) return frame_.part(map.start, size);
+  if (map.start < runStart_ || map.end > runStart_ + run_.size()) {
+    runStart_ = map.start;
+    run_ = Slice::copy(frame_.view().substr(map.start, kSharedLength));
+  }
+  return run_.part(map.start - runStart_, size);
+}
+
 Value KeyedUnarchiver::readMap(uint64_t size, const ClassSet& classes, std::size_t start) {
   while (!plainMaps_.empty() && plainMaps_.front().start < start) plainMaps_ = plainMaps_.subspan(1);
   if (!plainMaps_.empty() && plainMaps_.front().start == start &&
       classes.admitsWithin(plainMaps_.front().kinds)) {
     reader_.moveTo(plainMaps_.front().end);
-    return packedDictionary(frame_, plainMaps_.front());
+    return packedDictionary(bytesOf(plainMaps_.front()), plainMaps_.front());
   }
   return readDictionary(size, classes);
 }

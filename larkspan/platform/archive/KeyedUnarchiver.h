@@ -93,6 +93,7 @@ class KeyedUnarchiver {
 
   Value read(const ClassSet& classes, Place place);
   std::vector<Value> readMembers(uint64_t size, const ClassSet& classes);
+  Slice bytesOf(const PlainMap& map);
   Value readMap(uint64_t size, const ClassSet& classes, std::size_t start);
   Value readTagged(uint64_t tag, const ClassSet& classes, std::size_t start);
   Value readObject(const ClassSet& classes, std::size_t start);
@@ -109,6 +110,9 @@ class KeyedUnarchiver {
   CborReader reader_;
   /// Those that the reader has not come to yet.
   std::span<const PlainMap> plainMaps_;
+  /// A copy of the frame from `runStart_` on.
+  Slice run_;
+  std::size_t runStart_ = 0;
   /// All that comes is part of a plain map.
   bool isPlain_ = false;
   std::optional<Error> error_;

@@ -42,10 +42,8 @@ constexpr Dictionary::PackedCoding kCoding{&find, &unpack};
 
 }  // namespace
 
-Dictionary packedDictionary(const Slice& frame, const PlainMap& map) {
-  const Slice within = frame.part(map.start, map.end - map.start);
-  return Dictionary({within.size() < kSharedLength ? Slice::copy(within.view()) : within, &kCoding, map.keys,
-                     map.entries, map.elements, map.levels});
+Dictionary packedDictionary(Slice bytes, const PlainMap& map) {
+  return Dictionary({std::move(bytes), &kCoding, map.keys, map.entries, map.elements, map.levels});
 }
 
 }  // namespace larkspan::platform

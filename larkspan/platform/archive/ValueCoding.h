@@ -11,8 +11,8 @@
 /// Values within frames: the same form as in archives, with the frame around them left to the caller.
 namespace larkspan::platform {
 
-/// Strings and data of this many bytes or more share the block they arrived in. Shorter ones are copied, so
-/// that a value which is kept does not keep a whole frame.
+/// Strings, data and plain maps of this many bytes or more share the block they arrived in, and so does all of a
+/// frame that is no larger. What is shorter is copied, so that a value which is kept does not keep a whole frame.
 inline constexpr std::size_t kSharedLength = 4096;
 
 /// Appends the value. On failure, as `KeyedArchiver`, nothing has been appended. The limits hold for all that
