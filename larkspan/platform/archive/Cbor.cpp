@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <string_view>
 
 namespace larkspan::platform {
 
@@ -20,6 +21,23 @@ void CborWriter::writeFloat(uint8_t head, uint64_t leftmostBits, std::size_t siz
   std::memcpy(to + 1, &bytes, sizeof bytes);
   out_.advance(1 + size);
   ++elements_;
+}
+
+void CborWriter::date(int64_t seconds, uint32_t nanoseconds) {
+  constexpr std::string_view kHead("\xD9\x03\xE9\xA1\x01", 5);
+  char* const start = out_.room(kHead.size() + 2 * detail::kLongestHead + 1);
+  char* to = start;
+  std::memcpy(to, kHead.data(), kHead.size());
+  to += kHead.size();
+  to += detail::encodeHead(to, seconds < 0, static_cast<uint64_t>(seconds < 0 ? ~seconds : seconds));
+  elements_ += 4;
+  if (nanoseconds != 0) {
+    ++start[3];  // Two entries.
+    *to++ = '\x28';
+    to += detail::encodeHead(to, 0, nanoseconds);
+    elements_ += 2;
+  }
+  out_.advance(static_cast<std::size_t>(to - start));
 }
 
 void CborWriter::rewind(Mark mark) {

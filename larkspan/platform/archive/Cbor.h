@@ -94,6 +94,8 @@ class CborWriter {
   /// The tagged item follows.
   void tag(CborTag number) { head(CborMajor::tag, static_cast<uint64_t>(number)); }
 
+  /// Tag 1001 and the map below it; without nanoseconds if they are 0.
+  void date(int64_t seconds, uint32_t nanoseconds);
   /// Whole items that are encoded already.
   void raw(std::string_view items, std::size_t elements) {
     out_.append(items);

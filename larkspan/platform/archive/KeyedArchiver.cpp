@@ -128,14 +128,7 @@ void KeyedArchiver::writeDictionary(const Dictionary& dictionary) {
 
 void KeyedArchiver::writeDate(const Date& date) {
   if (!enter(2)) return;
-  writer_.tag(CborTag::extendedTime);
-  writer_.map(date.nanoseconds == 0 ? 1 : 2);
-  writer_.integer(1);
-  writer_.integer(date.seconds);
-  if (date.nanoseconds != 0) {
-    writer_.integer(-9);
-    writer_.integer(date.nanoseconds);
-  }
+  writer_.date(date.seconds, date.nanoseconds);
   depth_ -= 2;
 }
 

@@ -278,7 +278,7 @@ class Checker {
       case CborMajor::tag:
         if (first == 0xD8 && bytes[1] == static_cast<char>(CborTag::uri)) {
           const std::string_view text = usualText(bytes + 2, rest - 2);
-          if (!text.data() || depth_ + 1 > limits::kMaximumDepth || !URL::isWellFormed(text)) return false;
+          if (!text.data() || depth_ + 1 > limits::kMaximumDepth || !isUrl(text)) return false;
           noteLevels(level, 1);
           return pass(level, ClassSet::bit(ValueClass::url), text.data() + text.size() - bytes, 2);
         }
@@ -287,6 +287,17 @@ class Checker {
       default:
         return false;
     }
+  }
+
+  /// A list of files mostly has them in one folder: what the URL shares with the one before need not be looked at again,
+  /// as long as both are of the form that is judged by its single characters.
+  bool isUrl(std::string_view text) {
+    const std::size_t shared =
+        std::mismatch(text.begin(), text.end(), url_.begin(), url_.end()).first - text.begin();
+    const bool isPlainFile = shared >= URL::kFilePrefix.size() && URL::isPlainPath(text.substr(shared));
+    if (!isPlainFile && !URL::isWellFormed(text)) return false;
+    url_ = isPlainFile || URL::isPlainFileURL(text) ? text : std::string_view();
+    return true;
   }
 
   /// Tag 1001 over {1: seconds} or {1: seconds, -9: nanoseconds}.
@@ -430,6 +441,8 @@ class Checker {
   unsigned depth_ = 0;
   std::array<Level, limits::kMaximumDepth> levels_;
   std::array<Shape, limits::kMaximumDepth> shapes_;
+  /// The plain URL of a file that came last.
+  std::string_view url_;
   /// Of the maps that are open, innermost last.
   std::vector<KeyPlace> keys_;
   std::optional<Error> fault_;

@@ -21,18 +21,6 @@ bool isLetter(char c) { return lowered(c) >= 'a' && lowered(c) <= 'z'; }
 
 bool isOneOf(char c, std::string_view set) { return set.find(c) != std::string_view::npos; }
 
-/// Whether the character may stand in a path as itself.
-bool isOfPath(char c) {
-  static constexpr auto kTable = [] {
-    std::array<bool, 256> table{};
-    for (const std::string_view set : {kUnreserved, kSubDelimiters, std::string_view("/:@")}) {
-      for (const char member : set) table[static_cast<unsigned char>(member)] = true;
-    }
-    return table;
-  }();
-  return kTable[static_cast<unsigned char>(c)];
-}
-
 int hexValue(char c) {
   if (c >= '0' && c <= '9') return c - '0';
   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
@@ -219,12 +207,23 @@ std::optional<URL> URL::parse(std::string_view text) {
   return isWellFormed(text) ? std::optional(URL(text)) : std::nullopt;
 }
 
+bool URL::isPlainPath(std::string_view text) {
+  static constexpr auto kTable = [] {
+    std::array<bool, 256> table{};
+    for (const std::string_view set : {kUnreserved, kSubDelimiters, std::string_view("/:@")}) {
+      for (const char member : set) table[static_cast<unsigned char>(member)] = true;
+    }
+    return table;
+  }();
+  for (const char c : text) {
+    if (!kTable[static_cast<unsigned char>(c)]) return false;
+  }
+  return true;
+}
+
 bool URL::isWellFormed(std::string_view text) {
   if (text.size() > kMaximumLength) return false;
-  // Nearly all that comes in is the URL of a file without odd characters.
-  constexpr std::string_view kFilePrefix = "file:///";
-  if (text.starts_with(kFilePrefix) && std::all_of(text.begin() + kFilePrefix.size(), text.end(), isOfPath))
-    return true;
+  if (isPlainFileURL(text)) return true;
   const Parts parts = split(text);
   if (!parts.scheme.empty() && !isScheme(parts.scheme)) return false;
   if (text.starts_with(':')) return false;  // neither a scheme nor a relative path

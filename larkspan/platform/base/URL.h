@@ -21,6 +21,13 @@ class URL {
   static std::optional<URL> parse(std::string_view text);
   /// Whether `parse` would read it.
   static bool isWellFormed(std::string_view text);
+  static constexpr std::string_view kFilePrefix = "file:///";
+  /// Whether it is `kFilePrefix` and a plain path: nearly all that comes from other processes is.
+  static bool isPlainFileURL(std::string_view text) {
+    return text.starts_with(kFilePrefix) && isPlainPath(text.substr(kFilePrefix.size()));
+  }
+  /// Whether each character may stand in a path as itself.
+  static bool isPlainPath(std::string_view text);
   /// A URL whose text is known to be well-formed and is shared, not copied.
   static URL wellFormed(Slice text) { return URL(std::move(text)); }
   /// The file URL (RFC 8089) of a path of any bytes but NUL, which ends the path. A relative path is taken

@@ -59,9 +59,28 @@ std::size_t validPrefix(std::string_view bytes, std::size_t at, std::size_t& bad
   return bytes.size();
 }
 
+/// Nearly all text is; the last word overlaps the one before, so that no byte is looked at by itself.
+bool isAscii(std::string_view bytes) {
+  constexpr std::size_t kWord = sizeof(uint64_t);
+  if (bytes.size() < kWord) {
+    unsigned all = 0;
+    for (const char byte : bytes) all |= static_cast<uint8_t>(byte);
+    return all < 0x80;
+  }
+  uint64_t all = 0;
+  uint64_t word;
+  for (std::size_t at = 0; at + kWord < bytes.size(); at += kWord) {
+    std::memcpy(&word, bytes.data() + at, kWord);
+    all |= word;
+  }
+  std::memcpy(&word, bytes.data() + bytes.size() - kWord, kWord);
+  return ((all | word) & 0x8080808080808080ULL) == 0;
+}
+
 }  // namespace
 
 bool isValidUtf8(std::string_view bytes) {
+  if (isAscii(bytes)) return true;
   std::size_t bad = 0;
   return validPrefix(bytes, 0, bad) == bytes.size();
 }
