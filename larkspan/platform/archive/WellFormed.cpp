@@ -36,6 +36,19 @@ bool sameBytes(const char* a, const char* b, std::size_t size) {
   return !differ(size - sizeof(uint64_t));
 }
 
+/// How many bytes both begin with, to the word.
+std::size_t sharedPrefix(std::string_view a, std::string_view b) {
+  const std::size_t size = std::min(a.size(), b.size());
+  std::size_t at = 0;
+  uint64_t x, y;
+  for (; at + sizeof x <= size; at += sizeof x) {
+    std::memcpy(&x, a.data() + at, sizeof x);
+    std::memcpy(&y, b.data() + at, sizeof y);
+    if (x != y) break;
+  }
+  return at;
+}
+
 /// Walks an item once, with its own stack of what is open, and stops at the first fault.
 ///
 /// What is common is quick: the maps of a message mostly have the keys of the map before at the same depth, in the same
@@ -66,10 +79,10 @@ class Checker {
     uint32_t firstElement;
     /// Where the keys of this map begin in `keys_`.
     uint32_t firstKey;
-    /// One bit for each hash of a key met.
-    uint64_t keyBits;
     /// How many plain maps were found before this level.
     uint32_t firstPlain;
+    /// One bit for each hash of a key met.
+    uint64_t keyBits;
     uint16_t kinds;
     uint8_t levels;
     bool isMap;
@@ -202,22 +215,26 @@ class Checker {
       if (around.part == ObjectPart::tag) part = ObjectPart::pair;
       if (around.part == ObjectPart::pair) part = ObjectPart::fields;
     }
-    Level& level = levels_[depth_++];
-    level = {};
-    level.itemsLeft = items;
-    level.entries = static_cast<uint32_t>(items / 2);
-    level.start = static_cast<uint32_t>(start);
-    level.firstElement = static_cast<uint32_t>(elements_);
-    level.firstKey = static_cast<uint32_t>(keys_.size());
-    level.firstPlain = static_cast<uint32_t>(plainMaps_ ? plainMaps_->size() : 0);
-    level.levels = 1;
-    level.isMap = isMap;
-    level.allowsIntegerKeys = isMap && beneathTime;
-    level.isLarge = items > 2 * kLargeMap;
-    level.isTag = major == CborMajor::tag;
-    level.isPlain = !level.isTag;
-    level.part = part;
-    level.followsShape = isMap && !level.allowsIntegerKeys && !level.isLarge;
+    const bool isTag = major == CborMajor::tag;
+    const bool allowsIntegerKeys = isMap && beneathTime;
+    const bool isLarge = items > 2 * kLargeMap;
+    levels_[depth_++] = {.itemsLeft = items,
+                         .entries = static_cast<uint32_t>(items / 2),
+                         .start = static_cast<uint32_t>(start),
+                         .firstElement = static_cast<uint32_t>(elements_),
+                         .firstKey = static_cast<uint32_t>(keys_.size()),
+                         .firstPlain = static_cast<uint32_t>(plainMaps_ ? plainMaps_->size() : 0),
+                         .keyBits = 0,
+                         .kinds = 0,
+                         .levels = 1,
+                         .isMap = isMap,
+                         .isExtendedTime = false,
+                         .allowsIntegerKeys = allowsIntegerKeys,
+                         .isLarge = isLarge,
+                         .isTag = isTag,
+                         .part = part,
+                         .isPlain = !isTag,
+                         .followsShape = isMap && !allowsIntegerKeys && !isLarge};
     return true;
   }
 
@@ -292,8 +309,7 @@ class Checker {
   /// A list of files mostly has them in one folder: what the URL shares with the one before need not be looked at again,
   /// as long as both are of the form that is judged by its single characters.
   bool isUrl(std::string_view text) {
-    const std::size_t shared =
-        std::mismatch(text.begin(), text.end(), url_.begin(), url_.end()).first - text.begin();
+    const std::size_t shared = sharedPrefix(text, url_);
     const bool isPlainFile = shared >= URL::kFilePrefix.size() && URL::isPlainPath(text.substr(shared));
     if (!isPlainFile && !URL::isWellFormed(text)) return false;
     url_ = isPlainFile || URL::isPlainFileURL(text) ? text : std::string_view();
