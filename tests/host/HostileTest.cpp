@@ -65,6 +65,18 @@ long peakMemory() {
   return peak;
 }
 
+/// Counts what the extensions print and keeps none of it.
+struct Tally : platform::LogSink {
+  void write(const platform::LogRecord& record) override {
+    if (record.message.ends_with(" lines were dropped")) {
+      ++summaries;
+    } else if (record.category == "extensions") {
+      ++printed;
+    }
+  }
+  std::atomic<std::size_t> printed{0}, summaries{0};
+};
+
 /// Leaves this process no more than a few descriptors.
 class Scarcity {
  public:
@@ -113,8 +125,9 @@ struct Hostile : testing::Test, LKSExtensionNotifierDelegate {
 
   void add(const std::string& identifier, const std::string& steps,
            const std::string& program = LARKSPAN_TEST_BIN "/fixtures/hostile_extension") const {
-    tree.write(identifier + ".extension", "[Extension]\nExtensionPoint=corvane.larkspan\nName=N\nIdentifier=" +
-                                              identifier + "\nExec=" + program + ' ' + steps + '\n');
+    tree.write(identifier + ".extension",
+               "[Extension]\nExtensionPoint=corvane.larkspan\nName=N\nIdentifier=" + identifier +
+                   "\nExec=" + program + ' ' + steps + '\n');
   }
   void discover() {
     notifier->setDelegate(delegate);
@@ -172,7 +185,8 @@ TEST_F(Hostile, ABadFrameIsNamedInOneLineAndEndsThatConnectionAlone) {
       {". =8405010180", "The first frame is no hello"},
       {". +" + hex("HTTP/1.1 200 OK\r\n"), "more than the limit of 33554432"},
       {". =8200A1617801", "The hello names another protocol"},
-      {". =8200A2" + text("protocol") + text("larkspan") + text("version") + "02", "The peer speaks version 2 of the protocol"},
+      {". =8200A2" + text("protocol") + text("larkspan") + text("version") + "02",
+       "The peer speaks version 2 of the protocol"},
       {". hello hello", "A second hello"},
       {"+4000000001", "A frame of 1073741824 bytes, more than the limit of 33554432"},
       {"+00000000", "The bytes end inside an item"},
@@ -197,7 +211,8 @@ TEST_F(Hostile, ABadFrameIsNamedInOneLineAndEndsThatConnectionAlone) {
       {"=8406@00", "A failure without an error"},
       {"=8405!008280F6", "An answer to no call, or a second one"},
       {kAnswer + ' ' + kAnswer, "An answer to no call, or a second one"},
-      {"=8404!" + text(kNotifyTotalSpaceUsedDidChange) + "82" + text("x") + text("y"), "A string is not allowed here"},
+      {"=8404!" + text(kNotifyTotalSpaceUsedDidChange) + "82" + text("x") + text("y"),
+       "A string is not allowed here"},
       {"+0000000984 eof", "The connection ended inside a frame"},
       {"fds eof", "The connection ended inside a frame"},
   };
@@ -277,11 +292,166 @@ TEST_F(Hostile, StartsThatEndWithoutAnAnswerAreFewUntilADelayHasPassed) {
   tree.write("exists", "");
   clock.advance(179s);
   for (const auto& [name, steps] : cases) {
-    EXPECT_EQ(ask(name)->localizedDescription(),
-              name + std::string(" ended 5 times right after its start; it is not started again for 1 seconds"));
+    EXPECT_EQ(
+        ask(name)->localizedDescription(),
+        name + std::string(" ended 5 times right after its start; it is not started again for 1 seconds"));
   }
   clock.advance(1s);
   for (const auto& [name, steps] : cases) EXPECT_FALSE(ask(name));
+}
+
+TEST_F(Hostile, ThoseThatHangOrFloodHoldNobodyUpAndTakeNoMemory) {
+  const auto tally = std::make_shared<Tally>();
+  const platform::ScopedLogSink scope(tally);
+  const std::string flood = "^8404!" + text(kNotifyTipsDidChange) + "82" + text("x") + "80";
+  const std::pair<const char*, std::string> cases[] = {
+      {"mute", "hang"},
+      {"silent", "hello call hang"},
+      {"stopped", "hello call stop"},
+      {"urgent", "hello call urgent drain"},
+      {"deaf", "hello call eof hang"},
+      {"calling", "hello call " + flood},
+      {"printing", "hello call print"},
+      {"mumbling", "hello call mumble"},
+  };
+  for (const auto& [name, steps] : cases) add(name, steps);
+  add("good", kGood);
+  discover();
+  EXPECT_FALSE(ask("good"));
+  const long before = peakMemory();
+  for (const auto& [name, steps] : cases) send(name);
+  EXPECT_TRUE(becomes([&] { return tally->printed > 1000; }));
+  for (int i = 0; i < 300; ++i) EXPECT_FALSE(ask("good"));
+  EXPECT_LT(tally->printed, 5000u) << "it prints some millions a second";
+  EXPECT_TRUE(kIsSanitized || peakMemory() - before < 16 * 1024);
+  // The host's patience ends: each exchange fails, once, and a new one finds a new process.
+  for (const auto& [name, steps] : cases) of(name)->abandon();
+  for (const auto& [number, error] : outcomes.waitFor(sent)) EXPECT_TRUE(error);
+  EXPECT_TRUE(becomes([&] { return tally->summaries == 2; })) << "what was dropped is said once for each";
+}
+
+TEST_F(Hostile, OneThatDoesNotReadIsEndedOnceTooMuchWaitsForIt) {
+  const CapturedLog log;
+  add("deaf", "hello call hang");
+  add("good", kGood);
+  discover();
+  auto item = *LKSCommand::initLKSCommandItem(kCmdTips);
+  item.setUserInfoObject(platform::Data::copy(std::string(platform::limits::kMaximumFrame / 4, 'x')), "x");
+  send("deaf");
+  for (int i = 0; i < 12; ++i) send("deaf", {item});
+  EXPECT_TRUE(becomes([&] { return outcomes.now().size() == sent; }));
+  const auto lines = log.system();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(),
+                       "Connection to deaf ended: deaf does not read what is sent to it"),
+            1);
+}
+
+TEST_F(Hostile, ALogThatNobodyReadsHoldsNobodyUp) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  const platform::Descriptor reader(ends[0]), writer(ends[1]);
+  const platform::ScopedLogSink stalled(std::make_shared<platform::StreamSink>(writer.get()));
+  add("printing", "hello call print");
+  add("good", kGood);
+  discover();
+  const std::size_t number = send("printing");
+  for (int i = 0; i < 2000; ++i) EXPECT_FALSE(ask("good"));
+  of("printing")->abandon();
+  EXPECT_TRUE(becomes([&] { return hasEnded(number); }));
+}
+
+TEST_F(Hostile, WithoutDescriptorsTheErrorSaysSoAndNothingIsForgotten) {
+  const CapturedLog log;
+  add("good", kGood);
+  discover();
+  EXPECT_FALSE(ask("good"));
+  int failures = 0, successes = 0;
+  for (std::size_t left = 0; left < 16; ++left) {
+    // The request before ends with its process.
+    of("good")->setContext(nullptr);
+    EXPECT_TRUE(becomes([&] { return true; }));
+    of("good")->abandon();
+    std::optional<Error> error;
+    {
+      const Scarcity scarcity(left);
+      error = ask("good");
+    }
+    if (error) {
+      ++failures;
+      EXPECT_EQ(error->code(), code(TransportErrorCode::launchFailed));
+      EXPECT_NE(error->localizedDescription().find("Too many open files"), std::string::npos)
+          << error->localizedDescription();
+    } else {
+      ++successes;
+    }
+    EXPECT_FALSE(ask("good"));
+  }
+  EXPECT_TRUE(failures > 2 && successes > 2);
+}
+
+TEST_F(Hostile, AnExtensionLeavesByItselfWhenNobodyNeedsItAndIsEndedIfItStays) {
+  platform::ManualClock clock;
+  const CapturedLog log;
+  add("leaves", "kinds", LARKSPAN_TEST_BIN "/fixtures/fixture_extension");
+  add("stays", "hello call " + kAnswer + " hang");
+  add("good", kGood);
+  discover();
+  for (const char* name : {"leaves", "stays"}) {
+    EXPECT_FALSE(ask(name));
+    of(name)->setContext(nullptr);
+  }
+  for (const std::string ended : {"leaves ended: exit code 0", "stays ended: signal 9 (Killed)"}) {
+    EXPECT_TRUE(becomes([&] {
+      clock.advance(1s);
+      const auto lines = log.system();
+      return std::find(lines.begin(), lines.end(), ended) != lines.end();
+    })) << ended;
+  }
+}
+
+TEST_F(Hostile, AThousandManifestsAreFoundAtOnceAndWhatIsWrongWithOneIsItsOwn) {
+  const CapturedLog log;
+  for (int i = 0; i < 1000; ++i) add("x" + std::to_string(i), kGood);
+  for (int i = 0; i < 100; ++i) tree.write("bad" + std::to_string(i) + ".extension", "[Extension]\nName");
+  add("world", kGood);
+  chmod(tree.path("world.extension").c_str(), 0666);
+  add("missing", "", "/no/such/program");
+  const auto start = steady_clock::now();
+  discover();
+  RecordProperty("milliseconds", static_cast<int>((steady_clock::now() - start) / 1ms));
+  EXPECT_EQ(found.size(), 1001u);
+  EXPECT_EQ(log.system().size(), 101u);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(ask("missing")->localizedDescription(),
+              "missing could not be started: /no/such/program: execve: No such file or directory");
+  }
+  // One that is removed while it is in use goes on until its handle goes.
+  EXPECT_FALSE(ask("x7"));
+  unlink(tree.path("x7.extension").c_str());
+  EXPECT_EQ(sets.waitFor(2).back().size(), 1000u);
+  EXPECT_FALSE(ask("x7"));
+}
+
+TEST_F(Hostile, WithoutDescriptorsManifestsStayAndNewOnesComeOnceThereAreSome) {
+  const CapturedLog log;
+  for (const char* name : {"a", "b"}) add(name, kGood);
+  discover();
+  // One leaves enough for the folder, two for the manifest's folder too.
+  for (std::size_t left = 1; left < 3; ++left) {
+    SCOPED_TRACE(left);
+    const std::size_t before = sets.now().size();
+    const std::string name = "new." + std::to_string(left);
+    tree.write("later",
+               "[Extension]\nExtensionPoint=corvane.larkspan\nName=N\nExec=x\nIdentifier=" + name + "\n");
+    {
+      const Scarcity scarcity(left);
+      std::filesystem::rename(tree.path("later"), tree.path(name + ".extension"));
+      EXPECT_EQ(errors.waitFor(left).size(), left);
+    }
+    const auto all = sets.waitFor(before + 1);
+    ASSERT_EQ(all.size(), before + 1);
+    EXPECT_EQ(all.back().size(), 2 + left);
+  }
 }
 
 }  // namespace
