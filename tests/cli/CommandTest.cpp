@@ -16,7 +16,7 @@ namespace {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr std::chrono::milliseconds kSignalPatience{3000};
 #else
-constexpr std::chrono::milliseconds kSignalPatience{100};
+constexpr std::chrono::milliseconds kSignalPatience{1500};
 #endif
 
 using std::chrono::steady_clock;
