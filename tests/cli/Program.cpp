@@ -73,6 +73,13 @@ void Program::read(int& descriptor, std::string& text) {
   }
 }
 
+std::string Program::readLine() {
+  while (output_ >= 0 && outcome_.output.find('\n') == outcome_.output.npos) read(output_, outcome_.output);
+  const std::string line = outcome_.output.substr(0, outcome_.output.find('\n'));
+  outcome_.output.erase(0, line.size() + 1);
+  return line;
+}
+
 void Program::closeOutput() { close(std::exchange(output_, -1)); }
 
 Outcome Program::finish() {

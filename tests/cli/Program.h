@@ -30,6 +30,8 @@ class Program {
 
   void start(const std::vector<std::string>& arguments, const std::string& input = "");
   pid_t process() const { return process_; }
+  /// The next line of the output, without its end.
+  std::string readLine();
   void closeOutput();
   Outcome finish();
 

@@ -262,28 +262,6 @@ TEST_F(Exchange, SimultaneousBeginsOfEqualHandlesShareOneProcess) {
   EXPECT_EQ(launcher->launches, 1);
 }
 
-TEST_F(Exchange, CountsStartsThatEndBeforeAnAnswerAndThenWaits) {
-  platform::ManualClock clock;
-  provider->setBeforeResources([&] { launcher->crash(); });
-  for (std::size_t i = 1; i <= 5; ++i) {
-    send(kCmdResources, handle);
-    EXPECT_EQ(outcomes.waitFor(i).at(i - 1).error->code(),
-              static_cast<int64_t>(TransportErrorCode::interrupted));
-  }
-  const auto next = [&] {
-    const std::size_t before = outcomes.now().size();
-    send(kCmdResources, handle);
-    return outcomes.waitFor(before + 1).at(before);
-  };
-  EXPECT_EQ(next().error->code(), static_cast<int64_t>(TransportErrorCode::launchDelayed));
-  EXPECT_EQ(launcher->launches, 5);
-  provider->setBeforeResources(nullptr);
-  clock.advance(std::chrono::seconds(179));
-  EXPECT_FALSE(next().items);
-  clock.advance(std::chrono::seconds(1));
-  EXPECT_TRUE(next().items) << "works again once the delay has passed";
-}
-
 TEST_F(Exchange, CallbacksBecomeNotificationsAboutTheHandleInOrderAndWithCopies) {
   Collector<Notification> heard;
   const auto token = NotificationCenter::defaultCenter().addObserver(

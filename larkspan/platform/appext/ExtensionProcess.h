@@ -14,7 +14,8 @@
 namespace larkspan::platform {
 
 /// The one process that a host has of an extension. It is started when somebody needs it, serves all requests
-/// to its manifest, and is let go with the last of them: it sees end of file, and is killed if it stays.
+/// to its manifest, and is let go with the last of them: it sees end of file, and is killed if it stays,
+/// or at once if it broke the protocol.
 ///
 /// A process that ends before it answered anything counts as a failed start; after five within three minutes
 /// no more are made until the oldest is three minutes old. Ends by the host's own hand do not count.

@@ -1,6 +1,9 @@
 #include "larkspan/platform/appext/Launcher.h"
 
 #include "larkspan/platform/appext/ExtensionLog.h"
+#include "larkspan/platform/base/Clock.h"
+#include "larkspan/platform/base/Format.h"
+#include "larkspan/platform/base/Limits.h"
 #include "larkspan/platform/process/Child.h"
 
 #include <mutex>
@@ -22,6 +25,41 @@ class ChildProcess final : public LaunchedProcess {
   const std::shared_ptr<Child> child_;
 };
 
+/// Takes what an extension prints to the log, as much of it as is reasonable. On the input/output thread.
+class PrintLog {
+ public:
+  explicit PrintLog(std::string identifier) : identifier_(std::move(identifier)) {}
+  ~PrintLog() { reportDropped(); }
+
+  void take(std::string_view line) {
+    const MonotonicTime now = Clock::current().monotonicNow();
+    if (now - windowStart_ >= limits::kPrintWindow) {
+      reportDropped();
+      windowStart_ = now;
+      bytes_ = 0;
+    }
+    bytes_ += line.size() + limits::kPrintOverhead;
+    if (bytes_ > limits::kMaximumPrint) {
+      ++dropped_;
+    } else {
+      extensionLog().write(LogLevel::standard, identifier_ + ": " + std::string(line));
+    }
+  }
+
+ private:
+  void reportDropped() {
+    if (dropped_ == 0) return;
+    extensionLog().write(LogLevel::standard,
+                         format("%@ prints too much: %zu lines were dropped", identifier_, dropped_));
+    dropped_ = 0;
+  }
+
+  const std::string identifier_;
+  MonotonicTime windowStart_{};
+  std::size_t bytes_ = 0;
+  std::size_t dropped_ = 0;
+};
+
 class ProcessLauncher final : public Launcher {
  public:
   std::variant<std::shared_ptr<LaunchedProcess>, Error> launch(const Manifest& manifest, Descriptor& socket,
@@ -38,10 +76,8 @@ class ProcessLauncher final : public Launcher {
     options.descriptors = {{kExtensionDescriptor, socket.get()}};
     // An extension leaves at end of file; a stopped or hung one goes with its host all the same.
     options.parentDeathSignal = SIGKILL;
-    const std::string identifier = manifest.identifier;
-    options.standardErrorLine = [identifier](std::string_view line) {
-      extensionLog().write(LogLevel::standard, identifier + ": " + std::string(line));
-    };
+    options.standardErrorLine =
+        [log = std::make_shared<PrintLog>(manifest.identifier)](std::string_view line) { log->take(line); };
     auto child = Child::start(
         options, [onExit = std::move(onExit)](ExitStatus status) { onExit(status.description()); });
     if (auto* error = std::get_if<Error>(&child)) return std::move(*error);

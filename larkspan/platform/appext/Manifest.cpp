@@ -34,7 +34,11 @@ bool hasControl(std::string_view text) {
 
 }  // namespace
 
-std::variant<Manifest, std::string> readManifest(const std::string& path) {
+bool isShortage(int errorNumber) {
+  return errorNumber == EMFILE || errorNumber == ENFILE || errorNumber == ENOMEM;
+}
+
+std::variant<Manifest, std::string, int> readManifest(const std::string& path) {
   const std::size_t slash = path.rfind('/');
   const std::string folder = slash == path.npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
   const std::string fileName = path.substr(slash + 1);
@@ -44,10 +48,16 @@ std::variant<Manifest, std::string> readManifest(const std::string& path) {
   // us up.
   struct stat status;
   const Descriptor parent(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!parent || fstat(parent.get(), &status) != 0) return std::string("its folder: ") + std::strerror(errno);
+  if (!parent || fstat(parent.get(), &status) != 0) {
+    if (isShortage(errno)) return errno;
+    return std::string("its folder: ") + std::strerror(errno);
+  }
   if (const auto reason = reasonForDistrust(status)) return "its folder: " + *reason;
   const Descriptor file(openat(parent.get(), fileName.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-  if (!file || fstat(file.get(), &status) != 0) return std::string(std::strerror(errno));
+  if (!file || fstat(file.get(), &status) != 0) {
+    if (isShortage(errno)) return errno;
+    return std::string(std::strerror(errno));
+  }
   if (!S_ISREG(status.st_mode)) return "not a regular file";
   if (const auto reason = reasonForDistrust(status)) return *reason;
 

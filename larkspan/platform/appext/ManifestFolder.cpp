@@ -34,7 +34,7 @@ int ManifestFolder::look(const std::function<void(const std::string& path)>& onL
   const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(path_.c_str()), closedir);
   struct stat status;
   if (!folder || fstat(dirfd(folder.get()), &status) != 0) {
-    if (errno == EMFILE || errno == ENFILE || errno == ENOMEM) return errno;
+    if (isShortage(errno)) return errno;
     refuse(errno == ENOENT ? "" : std::strerror(errno));
     return 0;
   }
@@ -45,16 +45,17 @@ int ManifestFolder::look(const std::function<void(const std::string& path)>& onL
   refusal_.clear();
 
   ++round_;
+  int failure = 0;
   const dirent* entry;
   for (errno = 0; (entry = readdir(folder.get())); errno = 0) {
     const std::string name = entry->d_name;
     if (!name.ends_with(".extension")) continue;
     if (entry->d_type == DT_LNK || entry->d_type == DT_UNKNOWN) onLink(path_ + '/' + name);
-    update(dirfd(folder.get()), name);
+    if (const int errorNumber = update(dirfd(folder.get()), name)) failure = errorNumber;
   }
   if (errno != 0) return errno;
   std::erase_if(files_, [&](const auto& file) { return file.second.seen != round_; });
-  return 0;
+  return failure;
 }
 
 void ManifestFolder::refuse(std::string reason) {
@@ -66,19 +67,23 @@ void ManifestFolder::refuse(std::string reason) {
   refusal_ = std::move(reason);
 }
 
-void ManifestFolder::update(int folder, const std::string& name) {
+int ManifestFolder::update(int folder, const std::string& name) {
   struct stat status {};
   const bool isThere = fstatat(folder, name.c_str(), &status, 0) == 0;
   if (!isThere && fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
-    return;  // Gone meanwhile.
+    return 0;  // Gone meanwhile.
   const Version version = versionOf(status);
   const auto [found, isNew] = files_.try_emplace(name);
   File& file = found->second;
   file.seen = round_;
-  if (!isNew && file.isSettled && file.version == version) return;
+  if (!isNew && file.isSettled && file.version == version) return 0;
 
   const WallTime now = Clock::current().wallNow();
   auto content = readManifest(path_ + '/' + name);
+  if (const int* errorNumber = std::get_if<int>(&content)) {
+    if (isNew) files_.erase(found);
+    return *errorNumber;
+  }
   const auto* reason = std::get_if<std::string>(&content);
   const auto* oldReason = std::get_if<std::string>(&file.content);
   if (reason && (isNew || file.version != version || !oldReason || *oldReason != *reason)) {
@@ -88,6 +93,7 @@ void ManifestFolder::update(int folder, const std::string& name) {
   file.version = version;
   file.isSettled = std::chrono::nanoseconds(version.changed) + kStampStep < now;
   file.content = std::move(content);
+  return 0;
 }
 
 void ManifestFolder::forEach(const std::function<void(const Manifest&)>& take) const {

@@ -24,8 +24,8 @@ class ManifestFolder {
 
   const std::string& path() const { return path_; }
   /// Reads what is new or changed. `onLink` gets the path of each manifest that is a symbolic link, before it
-  /// is read. 0, or an errno where the folder cannot be read just now (no descriptors, no memory, a disk
-  /// error): what was known stays, and it is worth trying again.
+  /// is read. 0, or an errno where the folder or a file cannot be read just now (no descriptors, no memory,
+  /// a disk error): what was known stays, and it is worth trying again.
   int look(const std::function<void(const std::string& path)>& onLink);
   /// Calls `take` with each sound manifest, in no order.
   void forEach(const std::function<void(const Manifest&)>& take) const;
@@ -41,14 +41,14 @@ class ManifestFolder {
   };
   struct File {
     Version version;
-    bool isSettled = false;  ///< A later change is sure to show in the version.
-    std::variant<Manifest, std::string> content;
+    bool isSettled = false;                            ///< A later change is sure to show in the version.
+    std::variant<Manifest, std::string, int> content;  ///< Never a shortage.
     unsigned seen = 0;
   };
 
   static Version versionOf(const struct stat& status);
   void refuse(std::string reason);
-  void update(int folder, const std::string& name);
+  int update(int folder, const std::string& name);
 
   std::string path_;
   std::string refusal_;

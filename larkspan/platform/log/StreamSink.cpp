@@ -2,11 +2,14 @@
 
 #include "larkspan/platform/base/Clock.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <ctime>
 #include <string>
 
+#include <poll.h>
 #include <unistd.h>
 
 namespace larkspan::platform {
@@ -70,7 +73,30 @@ void StreamSink::write(const LogRecord& record) {
   }
   appendEscaped(line, record.message);
   line += '\n';
-  [[maybe_unused]] const ssize_t written = ::write(descriptor_, line.data(), line.size());
+  const std::lock_guard lock(mutex_);
+  if (dropped_ > 0) {
+    std::string loss(isCut_ ? "\n" : "");
+    appendTimeAndProgram(loss);
+    loss += std::to_string(dropped_) + (dropped_ == 1 ? " message was" : " messages were") + " dropped\n";
+    line.insert(0, loss);
+  }
+  isCut_ = false;
+  dropped_ = put(line) ? 0 : dropped_ + 1;
+}
+
+/// False where there is no room for all of it. Room is promised for PIPE_BUF bytes at a time (poll(2), pipe(7)).
+bool StreamSink::put(std::string_view line) {
+  const std::size_t piece =
+      line.size() <= PIPE_BUF || lseek(descriptor_, 0, SEEK_CUR) >= 0 ? line.size() : PIPE_BUF;
+  while (!line.empty()) {
+    pollfd room{descriptor_, POLLOUT, 0};
+    if (poll(&room, 1, 0) != 1 || room.revents != POLLOUT) return false;
+    const ssize_t count = ::write(descriptor_, line.data(), std::min(piece, line.size()));
+    if (count <= 0) return false;
+    line.remove_prefix(static_cast<std::size_t>(count));
+    isCut_ = !line.empty();
+  }
+  return true;
 }
 
 }  // namespace larkspan::platform

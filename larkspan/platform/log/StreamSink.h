@@ -2,13 +2,20 @@
 
 #include "larkspan/platform/log/LogSink.h"
 
+#include <cstddef>
+#include <mutex>
+#include <string_view>
+
 namespace larkspan::platform {
 
-/// Writes each message as one line with one write(2): "2026-11-22T20:46:54.123Z PROGRAM[PID] MESSAGE", and
-/// for the system log "SUBSYSTEM:CATEGORY LEVEL: " before the message. Control characters are escaped as \n,
-/// \t, \xHH.
-/// Owner:  borrows the descriptor unless told to close it.
-/// Thread: any.
+/// Writes each message as one line: "2026-11-22T20:46:54.123Z PROGRAM[PID] MESSAGE", and for the system log
+/// "SUBSYSTEM:CATEGORY LEVEL: " before the message. Control characters are escaped as \n, \t, \xHH.
+/// Owner:   borrows the descriptor unless told to close it.
+/// Thread:  any; never blocks on a pipe or socket that nobody reads.
+/// Failure: what such a descriptor has no room for is dropped; the next line that goes through is preceded by one
+///          that says how many were.
+/// Limits:  up to 4096 bytes (PIPE_BUF) a line is one write(2); a longer one comes in pieces of that size, unless
+///          the descriptor is a file.
 class StreamSink : public LogSink {
  public:
   enum class Closes { no, yes };
@@ -21,8 +28,13 @@ class StreamSink : public LogSink {
   void write(const LogRecord& record) override;
 
  private:
+  bool put(std::string_view line);
+
   const int descriptor_;
   const Closes closes_;
+  std::mutex mutex_;
+  std::size_t dropped_ = 0;
+  bool isCut_ = false;  // The last line that was written has no end.
 };
 
 }  // namespace larkspan::platform

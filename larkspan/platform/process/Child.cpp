@@ -27,6 +27,13 @@ namespace {
 
 constexpr int kMaxPassedNumber = 255;
 
+/// What is read of a child's lines at once, and the time until more is read: stops one that prints without end from
+/// keeping the input/output thread busy. It is the child that waits, in its full pipe.
+constexpr std::size_t kLinesAtOnce = 64 * 1024;
+constexpr std::chrono::milliseconds kLinesPause{50};
+/// More than a pipe can hold.
+constexpr std::size_t kLastLines = std::size_t{1} << 20;
+
 void requireSense(const ChildOptions& options) {
   if (options.arguments.empty()) throw std::invalid_argument("a child needs a program");
   bool seen[kMaxPassedNumber + 1] = {};
@@ -112,10 +119,9 @@ class LineReader {
 
   int descriptor() const { return pipe_.get(); }
 
-  /// Reads what is there now, but no more than a pipe holds; false once the other end is closed.
-  bool read() {
-    constexpr std::size_t kMaxAtOnce = 1 << 20;
-    for (std::size_t total = 0; total < kMaxAtOnce;) {
+  /// Reads what is there now, or about `limit` bytes of it; false once the other end is closed.
+  bool read(std::size_t limit) {
+    for (std::size_t total = 0; total < limit;) {
       char bytes[Child::kMaxLine];
       const ssize_t count = ::read(pipe_.get(), bytes, sizeof bytes);
       if (count < 0 && errno == EINTR) continue;
@@ -224,7 +230,12 @@ class Child::Process : public std::enable_shared_from_this<Child::Process> {
       std::lock_guard lock(mutex_);
       source = lineSource_;
     }
-    if (source && !lines_->read()) source->cancel();
+    if (!source) return;
+    if (!lines_->read(kLinesAtOnce)) return source->cancel();
+    source->setEvents(0);
+    DispatchQueue::global(QualityOfService::utility)->after(kLinesPause, [weak = std::weak_ptr(source)] {
+      if (const auto paused = weak.lock()) paused->setEvents(EPOLLIN);
+    });
   }
 
   void ended() {
@@ -241,7 +252,7 @@ class Child::Process : public std::enable_shared_from_this<Child::Process> {
     handle_.reset();
     if (lineSource) {
       lineSource->cancel();
-      lines_->read();
+      lines_->read(kLastLines);
       lines_->finish();
       lines_.reset();
     }

@@ -66,7 +66,8 @@ struct ChildOptions {
 /// Thread:  any; handlers run on the input/output thread and must not block.
 /// Failure: starting gives an error that names the step; the exit handler is called once for every child that
 ///          started.
-/// Limits:  Linux 5.9 or later; a line of standard error longer than 4096 bytes comes in pieces.
+/// Limits:  Linux 5.9 or later; a line of standard error longer than 4096 bytes comes in pieces, and more than
+///          64 KiB in 50 ms hold the child up.
 class Child {
  public:
   using ExitHandler = std::function<void(ExitStatus)>;

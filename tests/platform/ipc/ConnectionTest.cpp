@@ -150,52 +150,6 @@ TEST_F(RawPeer, HasExactlyOneOutcomePerCallWhateverThePeerAnswers) {
   EXPECT_EQ(outcomes.now().size(), calls);
 }
 
-TEST_F(RawPeer, EndsOnceWithOneLineForEachBreachOfTheProtocol) {
-  const std::string deep = bytes({0x84, 5, 1, 1}) + std::string(100, '\x81') + bytes({0x01});
-  const std::pair<const char*, std::string> cases[] = {
-      {"no hello first", framed(bytes({0x84, 5, 1, 1, 0x80}))},
-      {"another protocol", framed(bytes({0x82, 0, 0xA1, 0x61, 'x', 1}))},
-      {"a second hello", kHello + kHello},
-      {"a frame of 1 GiB in four bytes", kHello + bytes({0x40, 0, 0, 0, 1})},
-      {"a claim of 1 GiB within a frame", kHello + framed(bytes({0x84, 5, 1, 1, 0x9A, 0x40, 0, 0, 0}))},
-      {"an empty frame", kHello + framed("")},
-      {"no array", kHello + framed(bytes({0x05}))},
-      {"an unknown type", kHello + framed(bytes({0x82, 9, 1}))},
-      {"a wrong member count", kHello + framed(bytes({0x83, 5, 1, 1}))},
-      {"a channel out of range", kHello + framed(bytes({0x82, 2, 0x1B, 0, 0, 0, 1, 0, 0, 0, 0}))},
-      {"an answer to no call", ""},
-      {"an answer given twice", ""},
-      {"too deep", kHello + framed(deep)},
-      {"invalid UTF-8", kHello + framed(bytes({0x84, 4, 1, 0x61, 0xFF, 0x80}))},
-      {"trailing bytes", kHello + framed(bytes({0x82, 2, 1, 0}))},
-      {"a channel that the peer may not open", kHello + framed(bytes({0x82, 1, 77}))},
-      {"an end inside a frame", kHello + bytes({0, 0, 0, 9, 1})},
-  };
-  std::size_t calls = 0;
-  for (const auto& [what, data] : cases) {
-    SCOPED_TRACE(what);
-    const std::size_t lines = log.system().size();
-    call("number", 1);
-    ++calls;
-    const std::string item = readFrame(FrameType::call);
-    if (data.empty()) {
-      std::string number = address(item);
-      if (what == std::string("an answer to no call")) number.back() = 0;
-      const std::string answer = framed(bytes({0x84, 5}) + number + bytes({0x81, 1}));
-      write(kHello + answer + answer);
-    } else {
-      write(data);
-    }
-    shutdown(peer.get(), SHUT_WR);
-    ASSERT_EQ(outcomes.waitFor(calls).size(), calls);
-    EXPECT_EQ(closings.waitFor(calls).size(), calls);
-    EXPECT_EQ(events.waitFor(calls), std::vector<std::string>(calls, "interrupted"));
-    const auto logged = log.system();
-    ASSERT_EQ(logged.size(), lines + 1);
-    EXPECT_TRUE(logged.back().starts_with("Connection to peer ended: ")) << logged.back();
-  }
-}
-
 TEST_F(RawPeer, TakesFramesInAnyPieces) {
   call("echo", "x");
   const std::string item = readFrame(FrameType::call);

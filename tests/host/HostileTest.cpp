@@ -1,0 +1,464 @@
+#include "larkspan/host/LKSExtensionNotifier.h"
+#include "larkspan/items/LKSCommand.h"
+#include "larkspan/platform/base/Descriptor.h"
+#include "larkspan/platform/base/Format.h"
+#include "larkspan/platform/base/Limits.h"
+#include "larkspan/platform/dispatch/ManualClock.h"
+#include "larkspan/platform/ipc/TransportError.h"
+#include "larkspan/platform/log/StreamSink.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/Collector.h"
+#include "tests/support/ManifestTree.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <map>
+#include <thread>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
+
+namespace larkspan::tests {
+namespace {
+
+using platform::Error;
+using platform::TransportErrorCode;
+using std::chrono::steady_clock;
+using namespace std::chrono_literals;
+using Handle = std::shared_ptr<LKSOpaqueExtension>;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kIsSanitized = true;
+#else
+constexpr bool kIsSanitized = false;
+#endif
+
+/// Answers every call with an empty list of items.
+const std::string kAnswer = "=8405@8280f6";
+const std::string kGood = "hello call " + kAnswer + " again";
+
+constexpr int64_t code(TransportErrorCode value) { return static_cast<int64_t>(value); }
+
+std::string hex(std::string_view text) {
+  std::string digits;
+  for (const char byte : text) digits += platform::format("%02x", static_cast<unsigned>(byte) & 0xff);
+  return digits;
+}
+
+/// A CBOR text of less than 256 bytes.
+std::string text(std::string_view content) {
+  const char head[] = {'\x78', static_cast<char>(content.size())};
+  return hex({head, 2}) + hex(content);
+}
+
+/// Kilobytes of this process: the most since the last look.
+long peakMemory() {
+  long peak = 0;
+  std::ifstream status("/proc/self/status");
+  for (std::string word; status >> word && word != "VmHWM:";) {
+  }
+  status >> peak;
+  std::ofstream("/proc/self/clear_refs") << 5;
+  return peak;
+}
+
+/// Counts what the extensions print and keeps none of it.
+struct Tally : platform::LogSink {
+  void write(const platform::LogRecord& record) override {
+    if (record.message.ends_with(" lines were dropped")) {
+      ++summaries;
+    } else if (record.category == "extensions") {
+      ++printed;
+    }
+  }
+  std::atomic<std::size_t> printed{0}, summaries{0};
+};
+
+/// Leaves this process no more than a few descriptors.
+class Scarcity {
+ public:
+  explicit Scarcity(std::size_t left) {
+    getrlimit(RLIMIT_NOFILE, &before_);
+    const rlimit low{256, before_.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &low);
+    for (int one; (one = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)) >= 0;) taken_.emplace_back(one);
+    taken_.resize(taken_.size() - left);
+  }
+  ~Scarcity() { setrlimit(RLIMIT_NOFILE, &before_); }
+
+ private:
+  rlimit before_{};
+  std::vector<platform::Descriptor> taken_;
+};
+
+/// A host, the extensions that it has found, and what became of each exchange.
+struct Hostile : testing::Test, LKSExtensionNotifierDelegate {
+  ManifestTree tree;
+  const ScopedVariable path{"LARKSPAN_EXTENSION_PATH", tree.root.c_str()};
+  const ScopedVariable data{"XDG_DATA_DIRS", "/nowhere"}, home{"XDG_DATA_HOME", "/nowhere"};
+  Collector<std::vector<Handle>> sets;
+  Collector<Error> errors;
+  Collector<std::pair<std::size_t, std::optional<Error>>> outcomes;
+  std::size_t sent = 0;
+  std::map<std::string, Handle> found;
+  const std::shared_ptr<LKSExtensionNotifierDelegate> delegate{this, [](auto*) {}};
+  std::shared_ptr<LKSExtensionNotifier> notifier = LKSExtensionNotifier::init();
+
+  void extensionNotifierDidGetExtensions(LKSExtensionNotifier&, const std::vector<Handle>& set) override {
+    sets.push(set);
+  }
+  void extensionNotifierDidError(LKSExtensionNotifier&, const Error& error) override { errors.push(error); }
+
+  /// Every exchange has ended, once; what still runs is ended with the host's patience.
+  void TearDown() override {
+    notifier->setDelegate(nullptr);
+    notifier->stop();
+    for (const auto& [identifier, handle] : found) handle->abandon();
+    auto all = outcomes.waitFor(sent);
+    std::sort(all.begin(), all.end(), [](auto& a, auto& b) { return a.first < b.first; });
+    ASSERT_EQ(all.size(), sent);
+    for (std::size_t i = 0; i < sent; ++i) EXPECT_EQ(all[i].first, i);
+  }
+
+  void add(const std::string& identifier, const std::string& steps,
+           const std::string& program = LARKSPAN_TEST_BIN "/fixtures/hostile_extension") const {
+    tree.write(identifier + ".extension",
+               "[Extension]\nExtensionPoint=corvane.larkspan\nName=N\nIdentifier=" + identifier +
+                   "\nExec=" + program + ' ' + steps + '\n');
+  }
+  void discover() {
+    notifier->setDelegate(delegate);
+    notifier->start();
+    const auto all = sets.waitFor(1);
+    for (const Handle& handle : all.at(0)) found[handle->identifier()] = handle;
+  }
+  Handle of(const std::string& identifier) { return found.at(identifier); }
+
+  /// Returns the exchange's number.
+  std::size_t send(const std::string& to, const Items& items = {*LKSCommand::initLKSCommandItem(kCmdTips)}) {
+    of(to)->processInputItems(items, [this, number = sent](const auto&, const auto& error) {
+      outcomes.push({number, error});
+    });
+    return sent++;
+  }
+  bool hasEnded(std::size_t number) {
+    const auto all = outcomes.now();
+    return std::any_of(all.begin(), all.end(), [&](const auto& one) { return one.first == number; });
+  }
+  /// One exchange by itself.
+  std::optional<Error> ask(const std::string& to) {
+    struct Answer {
+      std::optional<Error> error;
+    };
+    const auto answers = std::make_shared<Collector<Answer>>();
+    of(to)->processInputItems({*LKSCommand::initLKSCommandItem(kCmdTips)},
+                              [answers](const auto&, const auto& error) { answers->push({error}); });
+    const auto all = answers->waitFor(1);
+    return all.empty() ? Error("test", 0, "never answered") : all[0].error;
+  }
+  /// Waits for what comes without a word; others are served meanwhile.
+  template <typename Condition>
+  testing::AssertionResult becomes(Condition condition) {
+    const auto deadline = steady_clock::now() + 10s;
+    do {
+      if (condition()) return testing::AssertionSuccess();
+      if (const auto error = ask("good")) return testing::AssertionFailure() << error->localizedDescription();
+    } while (steady_clock::now() < deadline);
+    return testing::AssertionFailure() << "not within ten seconds";
+  }
+};
+
+TEST_F(Hostile, ABadFrameIsNamedInOneLineAndEndsThatConnectionAlone) {
+  const platform::ManualClock noGrace;
+  const CapturedLog log;
+  const std::string reply = "=8405@82", item = reply + "81D81B82";
+  const auto deep = [](int levels) {
+    std::string text;
+    for (int i = 0; i < levels; ++i) text += "81";
+    return text + "00";
+  };
+  // What an extension does, "hello call" in front unless it begins with a dot, and the fault that is named.
+  const std::pair<std::string, std::string> cases[] = {
+      {". =8405010180", "The first frame is no hello"},
+      {". +" + hex("HTTP/1.1 200 OK\r\n"), "more than the limit of 33554432"},
+      {". =8200A1617801", "The hello names another protocol"},
+      {". =8200A2" + text("protocol") + text("larkspan") + text("version") + "02",
+       "The peer speaks version 2 of the protocol"},
+      {". hello hello", "A second hello"},
+      {"+4000000001", "A frame of 1073741824 bytes, more than the limit of 33554432"},
+      {"+00000000", "The bytes end inside an item"},
+      {"=05", "A frame is an array"},
+      {"=820901", "Unknown type of frame"},
+      {"=83050101", "A frame of the wrong number of members"},
+      {"=82021B0000000100000000", "No channel"},
+      {"=82011844", "A channel that cannot be opened"},
+      {reply + "9A40000000", "The bytes end inside an item"},
+      {reply + "7A40000000", "The bytes end inside an item"},
+      {reply + deep(100) + "F6", "More than 64 levels of nesting"},
+      {reply + "8061FF", "Text that is not UTF-8"},
+      {reply + "809FFF", "An item of indefinite length"},
+      {reply + "80A2616100616101", "A key that its map holds already"},
+      {reply + "80F600", "Bytes follow the item"},
+      {reply + "80", "The bytes end inside an item"},
+      {reply + "806178", "A string is not allowed here"},
+      {item + text("Evil") + "A0F6", "An object of the class \"Evil\" is not allowed here"},
+      {item + text("Error") + "A0F6", "An object that cannot be made"},
+      {"=8405@8180", "A message with the wrong number of values"},
+      {"=8405@00", "A message with the wrong number of values"},
+      {"=8406@00", "A failure without an error"},
+      {"=8405!008280F6", "An answer to no call, or a second one"},
+      {kAnswer + ' ' + kAnswer, "An answer to no call, or a second one"},
+      {"=8404!" + text(kNotifyTotalSpaceUsedDidChange) + "82" + text("x") + text("y"),
+       "A string is not allowed here"},
+      {"+0000000984 eof", "The connection ended inside a frame"},
+      {"fds eof", "The connection ended inside a frame"},
+  };
+  add("good", kGood);
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    const std::string& steps = cases[i].first;
+    // It then stays, whatever it reads or does not.
+    add("bad." + std::to_string(i), (steps[0] == '.' ? steps : "hello call " + steps) + " hang");
+  }
+  discover();
+  EXPECT_FALSE(ask("good"));
+  const long before = peakMemory();
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    const auto& [steps, fault] = cases[i];
+    SCOPED_TRACE(steps);
+    const std::string name = "bad." + std::to_string(i);
+    const std::size_t number = send(name);
+    const auto count = [&](const std::string& text) {
+      const auto lines = log.system();
+      return std::count_if(lines.begin(), lines.end(), [&](auto& line) { return line.starts_with(text); });
+    };
+    const std::string ended = "Connection to " + name + " ended: ";
+    EXPECT_TRUE(becomes([&] { return hasEnded(number) && count(name + " ended: signal 9 (Killed)") == 1; }));
+    EXPECT_EQ(count(ended), 1);
+    const auto lines = log.system();
+    const auto line = std::find_if(lines.begin(), lines.end(), [&](auto& l) { return l.starts_with(ended); });
+    ASSERT_NE(line, lines.end());
+    EXPECT_NE(line->find(fault), line->npos) << *line;
+  }
+  EXPECT_TRUE(kIsSanitized || peakMemory() - before < 16 * 1024);
+}
+
+TEST_F(Hostile, AThousandKillsAtAnyMomentEndEachExchangeOnceAndLeaveNothing) {
+  const CapturedLog log;
+  add("victim", "hello call pid again");
+  discover();
+  const auto wanted = {code(TransportErrorCode::interrupted), code(TransportErrorCode::violation)};
+  constexpr int kKills = kIsSanitized ? 100 : 1000;
+  for (int i = 0; i < kKills; ++i) {
+    // That it answers shows that it runs again, and keeps its starts from counting.
+    const auto answer = ask("victim");
+    ASSERT_TRUE(answer && answer->domain() == "pid") << answer->localizedDescription();
+    const std::size_t before = sent;
+    for (int call = 0; call < 4; ++call) {
+      if (call == i % 4) kill(static_cast<pid_t>(answer->code()), SIGKILL);
+      send("victim");
+      const auto until = steady_clock::now() + i % 100 * 2us;
+      while (steady_clock::now() < until) {
+      }
+    }
+    const auto all = outcomes.waitFor(sent);
+    ASSERT_EQ(all.size(), sent);
+    for (std::size_t at = before; at < sent; ++at) {
+      const auto& error = all[at].second;
+      ASSERT_TRUE(error->domain() == "pid" ||
+                  std::find(wanted.begin(), wanted.end(), error->code()) != wanted.end())
+          << error->localizedDescription();
+    }
+  }
+}
+
+TEST_F(Hostile, StartsThatEndWithoutAnAnswerAreFewUntilADelayHasPassed) {
+  platform::ManualClock clock;
+  const CapturedLog log;
+  const std::string file = tree.path("exists"), unless = " if " + file + ' ';
+  const std::pair<const char*, std::string> cases[] = {
+      {"start", unless + kGood},
+      {"hello", "hello" + unless + "call " + kAnswer + " again"},
+      {"call", "hello call" + unless + kAnswer + " again"}};
+  for (const auto& [name, steps] : cases) add(name, steps);
+  discover();
+  for (const auto& [name, steps] : cases) {
+    SCOPED_TRACE(name);
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(ask(name)->code(), code(TransportErrorCode::interrupted));
+    EXPECT_EQ(ask(name)->code(), code(TransportErrorCode::launchDelayed));
+  }
+  tree.write("exists", "");
+  clock.advance(179s);
+  for (const auto& [name, steps] : cases) {
+    EXPECT_EQ(
+        ask(name)->localizedDescription(),
+        name + std::string(" ended 5 times right after its start; it is not started again for 1 seconds"));
+  }
+  clock.advance(1s);
+  for (const auto& [name, steps] : cases) EXPECT_FALSE(ask(name));
+}
+
+TEST_F(Hostile, ThoseThatHangOrFloodHoldNobodyUpAndTakeNoMemory) {
+  const auto tally = std::make_shared<Tally>();
+  const platform::ScopedLogSink scope(tally);
+  const std::string flood = "^8404!" + text(kNotifyTipsDidChange) + "82" + text("x") + "80";
+  const std::pair<const char*, std::string> cases[] = {
+      {"mute", "hang"},
+      {"silent", "hello call hang"},
+      {"stopped", "hello call stop"},
+      {"urgent", "hello call urgent drain"},
+      {"calling", "hello call " + flood},
+      {"printing", "hello call print"},
+      {"mumbling", "hello call mumble"},
+  };
+  for (const auto& [name, steps] : cases) add(name, steps);
+  add("good", kGood);
+  discover();
+  EXPECT_FALSE(ask("good"));
+  const long before = peakMemory();
+  for (const auto& [name, steps] : cases) send(name);
+  // As many lines as one with empty ones may log, and one with lines of 4096 bytes.
+  using namespace platform::limits;
+  constexpr std::size_t kMost = kMaximumPrint / kPrintOverhead + kMaximumPrint / (4096 + kPrintOverhead);
+  EXPECT_TRUE(becomes([&] { return tally->printed >= kMost; }));
+  for (int i = 0; i < 300; ++i) EXPECT_FALSE(ask("good"));
+  EXPECT_EQ(tally->printed, kMost);
+  EXPECT_TRUE(kIsSanitized || peakMemory() - before < 16 * 1024);
+  // The host's patience ends: each exchange fails, once, and a new one finds a new process.
+  for (const auto& [name, steps] : cases) of(name)->abandon();
+  for (const auto& [number, error] : outcomes.waitFor(sent)) EXPECT_TRUE(error);
+  EXPECT_TRUE(becomes([&] { return tally->summaries == 2; })) << "what was dropped is said once for each";
+}
+
+TEST_F(Hostile, OneThatDoesNotReadIsEndedOnceTooMuchWaitsForIt) {
+  const CapturedLog log;
+  add("deaf", "hello call " + kAnswer + " hang");
+  add("good", kGood);
+  discover();
+  EXPECT_FALSE(ask("deaf"));
+  auto item = *LKSCommand::initLKSCommandItem(kCmdTips);
+  item.setUserInfoObject(platform::Data::copy(std::string(platform::limits::kMaximumFrame / 4, 'x')), "x");
+  // Just enough: one more would find a new process, and wait for it.
+  for (int i = 0; i < 9; ++i) send("deaf", {item});
+  EXPECT_TRUE(becomes([&] { return outcomes.now().size() == sent; }));
+  const auto lines = log.system();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(),
+                       "Connection to deaf ended: deaf does not read what is sent to it"),
+            1);
+}
+
+TEST_F(Hostile, ALogThatNobodyReadsHoldsNobodyUp) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  const platform::Descriptor reader(ends[0]), writer(ends[1]);
+  const platform::ScopedLogSink stalled(std::make_shared<platform::StreamSink>(writer.get()));
+  add("printing", "hello call print");
+  add("good", kGood);
+  discover();
+  const std::size_t number = send("printing");
+  for (int i = 0; i < 2000; ++i) EXPECT_FALSE(ask("good"));
+  of("printing")->abandon();
+  EXPECT_TRUE(becomes([&] { return hasEnded(number); }));
+}
+
+TEST_F(Hostile, WithoutDescriptorsTheErrorSaysSoAndNothingIsForgotten) {
+  const CapturedLog log;
+  add("good", kGood);
+  discover();
+  EXPECT_FALSE(ask("good"));
+  int failures = 0, successes = 0;
+  for (std::size_t left = 0; left < 16; ++left) {
+    // The request before ends with its process.
+    of("good")->setContext(nullptr);
+    EXPECT_TRUE(becomes([&] { return true; }));
+    of("good")->abandon();
+    std::optional<Error> error;
+    {
+      const Scarcity scarcity(left);
+      error = ask("good");
+    }
+    if (error) {
+      ++failures;
+      EXPECT_EQ(error->code(), code(TransportErrorCode::launchFailed));
+      EXPECT_NE(error->localizedDescription().find("Too many open files"), std::string::npos)
+          << error->localizedDescription();
+    } else {
+      ++successes;
+    }
+    EXPECT_FALSE(ask("good"));
+  }
+  EXPECT_TRUE(failures > 2 && successes > 2);
+}
+
+TEST_F(Hostile, AnExtensionLeavesByItselfWhenNobodyNeedsItAndIsEndedIfItStays) {
+  platform::ManualClock clock;
+  const CapturedLog log;
+  add("leaves", "kinds", LARKSPAN_TEST_BIN "/fixtures/fixture_extension");
+  add("stays", "hello call " + kAnswer + " hang");
+  add("closes", "hello call " + kAnswer + " eof hang");
+  add("good", kGood);
+  discover();
+  for (const char* name : {"leaves", "stays", "closes"}) {
+    EXPECT_FALSE(ask(name));
+    of(name)->setContext(nullptr);
+  }
+  const auto isLogged = [&](const std::string& line) {
+    const auto lines = log.system();
+    return std::find(lines.begin(), lines.end(), line) != lines.end();
+  };
+  EXPECT_TRUE(becomes([&] { return isLogged("leaves ended: exit code 0"); }));
+  EXPECT_TRUE(becomes([&] {
+    clock.advance(1s);
+    return isLogged("stays ended: signal 9 (Killed)") && isLogged("closes ended: signal 9 (Killed)");
+  }));
+}
+
+TEST_F(Hostile, AThousandManifestsAreFoundAtOnceAndWhatIsWrongWithOneIsItsOwn) {
+  const CapturedLog log;
+  for (int i = 0; i < 1000; ++i) add("x" + std::to_string(i), kGood);
+  for (int i = 0; i < 100; ++i) tree.write("bad" + std::to_string(i) + ".extension", "[Extension]\nName");
+  add("world", kGood);
+  chmod(tree.path("world.extension").c_str(), 0666);
+  add("missing", "", "/no/such/program");
+  const auto start = steady_clock::now();
+  discover();
+  RecordProperty("milliseconds", static_cast<int>((steady_clock::now() - start) / 1ms));
+  EXPECT_EQ(found.size(), 1001u);
+  EXPECT_EQ(log.system().size(), 101u);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(ask("missing")->localizedDescription(),
+              "missing could not be started: /no/such/program: execve: No such file or directory");
+  }
+  // One that is removed while it is in use goes on until its handle goes.
+  EXPECT_FALSE(ask("x7"));
+  unlink(tree.path("x7.extension").c_str());
+  EXPECT_EQ(sets.waitFor(2).back().size(), 1000u);
+  EXPECT_FALSE(ask("x7"));
+}
+
+TEST_F(Hostile, WithoutDescriptorsManifestsStayAndNewOnesComeOnceThereAreSome) {
+  const CapturedLog log;
+  for (const char* name : {"a", "b"}) add(name, kGood);
+  discover();
+  // One leaves enough for the folder, two for the manifest's folder too.
+  for (std::size_t left = 1; left < 3; ++left) {
+    SCOPED_TRACE(left);
+    const std::size_t before = sets.now().size();
+    const std::string name = "new." + std::to_string(left);
+    tree.write("later",
+               "[Extension]\nExtensionPoint=corvane.larkspan\nName=N\nExec=x\nIdentifier=" + name + "\n");
+    {
+      const Scarcity scarcity(left);
+      std::filesystem::rename(tree.path("later"), tree.path(name + ".extension"));
+      EXPECT_EQ(errors.waitFor(left).size(), left);
+    }
+    const auto all = sets.waitFor(before + 1);
+    ASSERT_EQ(all.size(), before + 1);
+    EXPECT_EQ(all.back().size(), 2 + left);
+  }
+}
+
+}  // namespace
+}  // namespace larkspan::tests
