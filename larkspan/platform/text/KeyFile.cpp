@@ -115,8 +115,8 @@ std::optional<KeyFile> KeyFile::parse(std::string_view text, KeyFileError& error
 
     if (line.front() == '[') {
       const std::string_view name = withoutSpaces(line).substr(1);
-      if (name.size() < 2 || name.find_first_of("[]") != name.size() - 1 ||
-          std::any_of(name.begin(), name.end(), [](char c) { return c < ' '; })) {
+      if (name.size() < 2 || name.find_first_of("[]") != name.size() - 1 || name.back() != ']' ||
+          std::any_of(name.begin(), name.end(), [](unsigned char c) { return c < ' ' || c > '~'; })) {
         return refuse("a malformed group header");
       }
       const std::string group(name.substr(0, name.size() - 1));

@@ -64,7 +64,7 @@ TEST(KeyFile, RefusesWhatIsMalformedAndNamesTheLine) {
     std::vector<std::string> texts;
   } cases[] = {{1, "a key before the first group", {"K=v\n"}},
                {3, "neither a group, a key nor a comment", {"#\n[G]\nnonsense\n"}},
-               {1, "a malformed group header", {"[G\n", "[]\n", "[a[b]\n", "[G] x\n", "[\xC3\xA9]\n"}},
+               {1, "a malformed group header", {"[G\n", "[]\n", "[a[b]\n", "[a[", "[G] x\n", "[\xC3\xA9]\n"}},
                {3, "the group G stands here again", {"[G]\n[H]\n[G]\n"}},
                {2, "a malformed key", {"[G]\n=v\n", "[G]\nK_=v\n", "[G]\n K=v\n", "[G]\nK[de=v\n"}},
                {2, "a malformed locale", {"[G]\nK[]=v\n", "[G]\nK[@x]=v\n", "[G]\nK[d e]=v\n"}},

@@ -1,0 +1,163 @@
+#include "larkspan/host/LKSHostExtensionContext.h"
+#include "larkspan/platform/archive/KeyedArchiver.h"
+#include "larkspan/platform/archive/ValueCoding.h"
+#include "larkspan/platform/desktop/FileProviderItem.h"
+#include "larkspan/platform/ipc/Frame.h"
+#include "tests/platform/files/TestTree.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <map>
+#include <regex>
+#include <set>
+
+namespace larkspan::tests {
+namespace {
+
+using namespace platform;
+
+/// docs/wire.md, taken apart.
+struct Page {
+  std::vector<std::string> frames;  ///< Their items.
+  /// The values, by whether the library would write them so.
+  std::vector<std::pair<std::string, bool>> values;
+  /// What the tables of keys say of each.
+  std::map<std::string, std::string> keys;
+
+  Page() {
+    std::ifstream file(LARKSPAN_TEST_SOURCE "/docs/wire.md");
+    const std::regex row(R"(\| (`.*`) \| ([a-zA-Z ]+) \| .* \|)"), key("`([^`]*)`");
+    std::string block, stream;
+    for (std::string line; std::getline(file, line);) {
+      std::smatch cells;
+      if (line.starts_with("```")) {
+        block = line.substr(3);
+      } else if (block == "frames") {
+        stream += bytesOf(line);
+      } else if (block.starts_with("values")) {
+        // A line that is not indented begins another value.
+        if (!line.starts_with(' ')) values.emplace_back("", block == "values");
+        values.back().first += bytesOf(line);
+      } else if (std::regex_match(line, cells, row)) {
+        for (std::sregex_iterator each(cells[1].first, cells[1].second, key), end; each != end; ++each) {
+          EXPECT_EQ(keys.emplace((*each)[1], cells[2]).first->second, cells[2]) << line;
+        }
+      }
+    }
+    for (std::string_view rest = stream; !rest.empty();) {
+      frames.emplace_back(
+          rest.substr(kFrameLengthSize, detail::loadBigEndian(rest.data(), kFrameLengthSize)));
+      rest.remove_prefix(kFrameLengthSize + frames.back().size());
+    }
+  }
+  /// The bytes at the left of a line; what follows two blanks is a note.
+  static std::string bytesOf(std::string line) {
+    line.erase(0, line.find_first_not_of(' '));
+    line.resize(std::min(line.find("  "), line.size()));
+    std::erase(line, ' ');
+    EXPECT_EQ(line.size() % 2, 0U) << line;
+    std::string bytes;
+    for (std::size_t i = 0; i < line.size(); i += 2)
+      bytes += static_cast<char>(std::stoi(line.substr(i, 2), nullptr, 16));
+    return bytes;
+  }
+};
+
+TEST(WirePage, ShowsTheBytesThatTheLibraryWrites) {
+  const ClassSet any =
+      ClassSet::allValues().with<ExtensionItem>().with<LKSIconConstructor>().with<FileProviderItem>();
+  const Page page;
+  std::set<FrameType> types;
+  for (const std::string& item : page.frames) {
+    const auto frame = std::get<Frame>(Frame::parse(Slice::copy(item)));
+    CborReader reader(item);
+    reader.moveTo(frame.body);
+    std::string again =
+        frame.type == FrameType::hello ? encodeHello() : encodeChannelFrame(frame.type, frame.channel);
+    if (frame.type > FrameType::close) {
+      const Value content = decodeValue(frame.bytes, reader, any).value;
+      const auto values = content.kind() == Value::Kind::array ? content.array() : Array{content};
+      again = std::get<std::string>(
+          encodeFrame(frame.type, frame.channel, frame.id, frame.method, {values.begin(), values.end()}));
+    }
+    EXPECT_EQ(again.substr(kFrameLengthSize), item);
+    types.insert(frame.type);
+  }
+  EXPECT_EQ(types.size(), 7U) << "each type of frame";
+  std::set<Value::Kind> kinds;
+  for (const auto& [bytes, isOurs] : page.values) {
+    const auto [value, error] = KeyedUnarchiver::unarchivedValue(Data::copy(bytes), any);
+    EXPECT_FALSE(error) << error->description() << ' ' << testing::PrintToString(bytes);
+    EXPECT_EQ(KeyedArchiver::archivedData(value).data.view() == bytes, isOurs) << value.description();
+    kinds.insert(value.kind());
+    const auto item = value.objectOf<ExtensionItem>();
+    if (!item || !item->userInfo().contains(kIconConstructor)) continue;
+    EXPECT_EQ(MessageItem(item).lks_iconConstructor()->string(), "org.example.app");
+  }
+  EXPECT_EQ(kinds.size(), 14U) << "each kind of value";
+}
+
+TEST(WirePage, NamesEachKeyWithItsKind) {
+  // In the order of Value::Kind.
+  const char* const kinds[] = {"any value", "boolean", "integer", "float",      "float", "string", "data",
+                               "date",      "URL",     "array",   "dictionary", "set",   "error"};
+  auto keys = Page().keys;
+  for (const VocabularyEntry& entry : vocabulary()) {
+    if (entry.kind == Value::Kind::none && entry.key != kReferenceKey) continue;
+    const auto documented = keys.extract(std::string(entry.key));
+    ASSERT_TRUE(documented) << std::string_view(entry.key);
+    EXPECT_EQ(documented.mapped(), kinds[static_cast<std::size_t>(entry.kind)])
+        << std::string_view(entry.key);
+  }
+  for (const auto& [key, kind] : keys) EXPECT_FALSE(key.starts_with('_')) << key << " is no key";
+}
+
+TEST(WirePage, IsAnExtensionIfItsFramesArePlayed) {
+  const TestTree tree;
+  const Page page;
+  ASSERT_EQ(page.frames.size(), 11U);
+  const auto stream = [&](std::initializer_list<std::size_t> frames) {
+    std::string all;
+    for (const std::size_t i : frames) {
+      const auto size = static_cast<uint32_t>(page.frames[i].size());
+      for (int shift = 24; shift >= 0; shift -= 8) all += static_cast<char>(size >> shift);
+      all += page.frames[i];
+    }
+    return all;
+  };
+  tree.file("wire.extension",
+            "[Extension]\nIdentifier=wire\nExtensionPoint=corvane.larkspan\nName=W\nExec=./player\n");
+  tree.file("hello", stream({0}));
+  tree.file("player", R"(#!/usr/bin/python3
+import os, socket
+os.chdir(os.path.dirname(__file__))
+host = socket.socket(fileno=3)
+def read(): return host.recv(int.from_bytes(host.recv(4, socket.MSG_WAITALL), "big"), socket.MSG_WAITALL)
+host.sendall(open("hello", "rb").read())
+open("heard", "wb").write(read() + read() + read())
+host.sendall(open("answer", "rb").read())
+read()
+)");
+  const auto play = [&](std::initializer_list<std::size_t> answer) {
+    shell("cd " + tree.path() + "; chmod +x player; rm -f heard answer");
+    tree.file("answer", stream(answer));
+    const std::string said = shell("LARKSPAN_LOG=stderr LARKSPAN_EXTENSION_PATH=" + tree.path() +
+                                   " " LARKSPAN_TEST_BIN "/larkspan ask wire 'TIPS?' 2>&1; true");
+    EXPECT_EQ(shell("cat " + tree / "heard"), page.frames[0] + page.frames[1] + page.frames[3]);
+    return said;
+  };
+  const std::string said = play({7, 8, 9, 10, 4});
+  std::size_t at = 0;
+  for (const char* text : {"Received 1 partial resource items from org.example.downloads",
+                           "sent resourcesDidChange with 0 items", "sent tipsDidChange with 0 items",
+                           "sent totalSpaceUsedDidChange : 1500000000", "_NAME_: Tidy up"}) {
+    at = said.find(text, at);
+    EXPECT_NE(at, said.npos) << text << said;
+  }
+  EXPECT_TRUE(play({5}).find("larkspan: That is no download.") != said.npos);
+  EXPECT_TRUE(play({6}).find("(org.example error 7)") != said.npos);
+}
+
+}  // namespace
+}  // namespace larkspan::tests
