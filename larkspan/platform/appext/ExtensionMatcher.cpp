@@ -2,8 +2,8 @@
 
 #include "larkspan/platform/appext/ExtensionDirectories.h"
 #include "larkspan/platform/appext/ManifestFolder.h"
-#include "larkspan/platform/appext/PathWatch.h"
 #include "larkspan/platform/dispatch/DispatchQueue.h"
+#include "larkspan/platform/files/PathWatch.h"
 
 #include <algorithm>
 #include <atomic>
@@ -87,8 +87,8 @@ void ExtensionMatcher::Matching::look() {
   int failure = 0;
   watch_->begin();
   for (ManifestFolder& folder : folders_) {
-    watch_->add(folder.path());
-    const int errorNumber = folder.look([&](const std::string& link) { watch_->add(link); });
+    watch_->addContent(folder.path());
+    const int errorNumber = folder.look([&](const std::string& link) { watch_->addContent(link); });
     if (errorNumber != 0) failure = errorNumber;
   }
   if (const int errorNumber = watch_->finish()) failure = errorNumber;

@@ -15,7 +15,7 @@ namespace larkspan::platform {
 /// Every component of a path is watched for being moved or removed, each symbolic link on the way itself and
 /// what it leads to; where a component is missing, the folder that it would stand in is watched for it. What
 /// changed is not said: the caller looks at everything again, so that a lost event costs nothing. Use:
-/// `begin()`, `add()` each path and read what is there afterwards, `finish()`; after each change again.
+/// `begin()`, add each path and read what is there afterwards, `finish()`; after each change again.
 /// Owner:   the caller.
 /// Thread:  one at a time; the handler runs on the input/output thread and must not block.
 /// Failure: `finish()` gives the errno of what could not be watched for want of memory or for a limit. Paths
@@ -30,12 +30,16 @@ class PathWatch {
 
   void begin();
   /// An absolute path: a folder with what stands in it, or a file.
-  void add(const std::string& path);
+  void addContent(const std::string& path);
+  /// An absolute path, for what stands at it and not for what that holds. Another thing in the folder that it
+  /// stands in may count as a change.
+  void addPlace(const std::string& path);
   /// Watches no more what was not added since `begin()`. 0 or an errno.
   int finish();
 
  private:
   bool watch(const std::string& path, uint32_t events);
+  void addComponents(const std::string& path, uint32_t ofFolder, uint32_t ofEnd);
 
   const std::function<void()> onChange_;
   Descriptor inotify_;

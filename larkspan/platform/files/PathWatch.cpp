@@ -1,4 +1,4 @@
-#include "larkspan/platform/appext/PathWatch.h"
+#include "larkspan/platform/files/PathWatch.h"
 
 #include <cerrno>
 #include <climits>
@@ -68,7 +68,11 @@ bool PathWatch::watch(const std::string& path, uint32_t events) {
   return number >= 0;
 }
 
-void PathWatch::add(const std::string& path) {
+void PathWatch::addContent(const std::string& path) { addComponents(path, 0, kContent); }
+
+void PathWatch::addPlace(const std::string& path) { addComponents(path, kAppearance, 0); }
+
+void PathWatch::addComponents(const std::string& path, uint32_t ofFolder, uint32_t ofEnd) {
   if (!source_) return;
   std::vector<std::string> components;
   push(components, path);
@@ -81,6 +85,7 @@ void PathWatch::add(const std::string& path) {
       continue;
     }
     const std::string child = walked + '/' + component;
+    if (components.empty() && ofFolder != 0) watch(walked.empty() ? "/" : walked, ofFolder);
     if (!watch(child, kItself) && errno == ENOENT) {
       watch(walked.empty() ? "/" : walked, kAppearance);
       if (!watch(child, kItself)) return;  // Not even now that its appearance would be seen.
@@ -95,7 +100,7 @@ void PathWatch::add(const std::string& path) {
     if (target[0] == '/') walked.clear();
     push(components, std::string_view(target, static_cast<std::size_t>(size)));
   }
-  watch(walked.empty() ? "/" : walked, kContent);
+  if (ofEnd != 0) watch(walked.empty() ? "/" : walked, ofEnd);
 }
 
 int PathWatch::finish() {

@@ -1,0 +1,99 @@
+#pragma once
+
+#include "larkspan/platform/base/Error.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace larkspan::platform {
+
+class DispatchQueue;
+
+/// The bits of an event's flag word. They say what may have happened at a path since the batch before; what is
+/// there now tells the file system.
+enum FileEventFlag : uint32_t {
+  kEventMustScanSubdirectories = 0x1,  ///< Events were lost: look at the path and everything beneath it.
+  kEventUserDropped = 0x2,             ///< They were too many for this process to keep.
+  kEventKernelDropped = 0x4,           ///< They were too many for the kernel's queue.
+  kEventRootChanged = 0x20,            ///< Another thing, or nothing, stands at a watched path now.
+  kEventItemCreated = 0x100,
+  kEventItemRemoved = 0x200,
+  kEventItemMetadataModified = 0x400,  ///< Permissions, owner, times, extended attributes or link count.
+  kEventItemRenamed = 0x800,           ///< Moved away from the path, or to it.
+  kEventItemModified = 0x1000,
+  kEventItemCloned = 0x400000,  ///< inotify(7) does not tell it.
+};
+
+/// The bits that a stream is created with.
+enum EventStreamFlag : uint32_t {
+  kEventStreamPathStrings = 0x1,  ///< Paths are strings; they always are.
+  kEventStreamFileEvents = 0x10,  ///< Events name what changed; without it, the folder that it stands in.
+};
+
+/// Something changed at a path.
+struct FileEvent {
+  std::string path;  ///< The watched path and the names down from it. Any bytes.
+  uint32_t flags;    ///< Of `FileEventFlag`.
+};
+
+struct EventStreamOptions {
+  std::vector<std::string> paths;       ///< Folders, or files; they need not exist. Relative ones count from
+                                        ///< the current folder of now.
+  std::chrono::nanoseconds latency{0};  ///< How long the first event of a batch waits for others.
+  uint32_t flags = kEventStreamFileEvents;  ///< Of `EventStreamFlag`.
+};
+
+/// Tells in batches what changes beneath a set of paths from its creation on.
+///
+/// Who keeps a model of the tree and, for each event in turn, looks again at what stands at its path (and at
+/// all beneath it for `kEventMustScanSubdirectories`) has a model that equals the disk once it is at rest. So
+/// everything in a folder that appears is told as created, be the folder new or moved, and neighbouring events
+/// at one path are told as one.
+/// Owner:   the caller; its end is a `stop()`.
+/// Thread:  any, one at a time.
+/// Failure: events that cannot be kept, and watches that run out later, become an event that says
+///          `kEventMustScanSubdirectories` for each watched path; nothing is lost in silence.
+/// Limits:  those of inotify(7): one watch for each folder; what other machines change, and what is written
+///          through a memory map, is not seen. Folders that may not be read and other mounts beneath a path are
+///          left out. A folder that two paths reach is told by one of them.
+class EventStream {
+ public:
+  using Handler = std::function<void(std::span<const FileEvent>)>;
+
+  virtual ~EventStream() = default;
+  EventStream(const EventStream&) = delete;
+  EventStream& operator=(const EventStream&) = delete;
+
+  /// Has batches delivered on the queue from now on, one at a time whatever the queue, what happened since the
+  /// creation among them. To be called once.
+  virtual std::optional<Error> start(std::shared_ptr<DispatchQueue> queue) = 0;
+  /// No batch follows once this returns: it waits for one that is being delivered, unless the handler itself
+  /// calls, so the caller must not hold a lock that the handler takes. Idempotent.
+  virtual void stop() = 0;
+
+ protected:
+  EventStream() = default;
+};
+
+/// Makes event streams; this one over inotify(7). A test installs another with `Installed`.
+/// Thread: any.
+class EventStreams {
+ public:
+  virtual ~EventStreams() = default;
+  /// A stream that sees every change from the return on, or nothing and the reason, which names the limit where
+  /// one of inotify's is too low. Blocks the caller while all folders are walked.
+  virtual std::unique_ptr<EventStream> make(const EventStreamOptions& options, EventStream::Handler handler,
+                                            std::optional<Error>& error);
+
+  static EventStreams& current() { return *slot().load(); }
+  static std::atomic<EventStreams*>& slot();
+};
+
+}  // namespace larkspan::platform

@@ -1,0 +1,267 @@
+#include "larkspan/platform/dispatch/DispatchQueue.h"
+#include "larkspan/platform/dispatch/IoSource.h"
+#include "larkspan/platform/files/EventStream.h"
+#include "tests/platform/files/TestTree.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <filesystem>
+#include <future>
+#include <latch>
+#include <mutex>
+#include <random>
+#include <set>
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+
+namespace larkspan::platform {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+void addBeneath(const fs::path& path, std::set<std::string>& model) {
+  std::error_code gone;
+  const auto status = fs::symlink_status(path, gone);
+  if (!fs::exists(status)) return;
+  model.insert(path.string() + (fs::is_directory(status) ? "/" : ""));
+  if (!fs::is_directory(status)) return;
+  for (fs::directory_iterator entry(path, gone), end; !gone && entry != end; entry.increment(gone))
+    addBeneath(entry->path(), model);
+}
+
+/// Keeps a model of the watched paths from nothing but the events.
+class Model {
+ public:
+  explicit Model(std::vector<std::string> paths, std::chrono::nanoseconds latency = 1ms) : paths_(paths) {
+    std::optional<Error> error;
+    stream = EventStreams().make(
+        {paths, latency}, [this](std::span<const FileEvent> batch) { take(batch); }, error);
+    EXPECT_EQ(std::nullopt, error);
+    for (const std::string& path : paths) addBeneath(path, model_);
+    EXPECT_EQ(std::nullopt, stream->start(DispatchQueue::makeConcurrent("test")));
+  }
+  ~Model() { stream.reset(); }
+
+  /// Waits until the model knows of a file that is made now, the last there is, and compares.
+  void expectEqual(const std::string& root, const char* what) {
+    const std::string last = root + "/last" + std::to_string(++count_);
+    ASSERT_GE(close(open(last.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644)), 0) << last;
+    std::set<std::string> disk;
+    for (const std::string& path : paths_) addBeneath(path, disk);
+    std::unique_lock lock(mutex_);
+    EXPECT_TRUE(changed_.wait_for(lock, 60s, [&] { return model_.contains(last); })) << what;
+    std::vector<std::string> differences;
+    std::set_symmetric_difference(model_.begin(), model_.end(), disk.begin(), disk.end(),
+                                  std::back_inserter(differences));
+    EXPECT_EQ(std::vector<std::string>(), differences) << what;
+  }
+  uint32_t flags() {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(flags_, 0);
+  }
+  std::unique_ptr<EventStream> stream;
+
+ private:
+  void take(std::span<const FileEvent> batch) {
+    EXPECT_FALSE(batch.empty());
+    const std::lock_guard lock(mutex_);
+    for (const auto& [path, flags] : batch) {
+      flags_ |= flags;
+      const bool all = flags & kEventMustScanSubdirectories;
+      struct stat facts;
+      const bool isThere = lstat(path.c_str(), &facts) == 0;
+      const bool isFolder = isThere && S_ISDIR(facts.st_mode);
+      model_.erase(path);
+      if (!isFolder || all) model_.erase(model_.lower_bound(path + "/"), model_.lower_bound(path + "0"));
+      if (all) {
+        addBeneath(path, model_);
+      } else if (isThere) {
+        model_.insert(path + (isFolder ? "/" : ""));
+      }
+    }
+    changed_.notify_all();
+  }
+
+  const std::vector<std::string> paths_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::set<std::string> model_;
+  uint32_t flags_ = 0;
+  int count_ = 0;
+};
+
+TEST(EventStream, KeepsAModelOfATreeEqualToTheDisk) {
+  const TestTree tree(TestTree::kInMemory);
+  shell("cd " + tree.path() +
+        " && mkdir -p in/old/deep out/box/inner && touch in/old/deep/x out/box/inner/y");
+  Model model({tree / "in"});
+  for (const char* step : {
+           "mkdir -p a/b/c && touch a/b/c/f a/b/g",
+           "cp -r ../out/box new && mv a/b new/ && touch new/b/c/late",
+           "mv ../out/box . && mkdir box/inner/more && touch box/inner/more/z",
+           "mv box ../out/ && touch ../out/box/unseen && mkdir ../out/box/folder && mkdir box && touch box/2",
+           "mv old older && touch older/deep/again && mv older old && rm older -f && touch old/deep/x2",
+           "mkdir e && mv -T e a && ln -s ../out way && ln -s old/deep short && mv short a/",
+           "mkdir p p/q && mv p/q . && mv p q/ && touch q/p/x && mv q/p . && mv q p/ && touch p/q/y",
+           "rm -rf old new && touch new && mkdir -p old && touch old/f && chmod 600 old/f",
+           "for i in 1 2 3 4 5 6 7 8 9; do mkdir -p t/$i/t && touch t/$i/t/f && mv t/$i u$i; done; rm -r "
+           "u[1-4]",
+           "mkdir secret && chmod 0 secret && touch secret/x && chmod 755 secret && touch secret/y",
+       }) {
+    shell("cd " + tree / "in" + " && " + step);
+    model.expectEqual(tree / "in", step);
+  }
+  EXPECT_EQ(0u, model.flags() & (kEventMustScanSubdirectories | kEventRootChanged));
+}
+
+TEST(EventStream, KeepsTheModelWhileFoldersChangePlacesAtRandom) {
+  const TestTree tree(TestTree::kInMemory);
+  tree.folder("in");
+  tree.folder("out");
+  Model model({tree / "in"});
+  std::mt19937 random(7);
+  for (int round = 0; round < 5; ++round) {
+    const auto somewhere = [&] {
+      std::string path = tree / (random() % 8 ? "in" : "out");
+      for (unsigned depth = random() % 4; depth > 0; --depth) path += "/" + std::to_string(random() % 4);
+      return path + "/" + std::to_string(random() % 4);
+    };
+    for (int i = 0; i < 4000; ++i) {
+      std::error_code failed;
+      const std::string path = somewhere();
+      if (random() % 2)
+        mkdir(path.c_str(), 0755);
+      else if (random() % 2)
+        rename(path.c_str(), somewhere().c_str());
+      else if (random() % 4)
+        close(open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
+      else
+        fs::remove_all(path, failed);
+    }
+    model.expectEqual(tree / "in", "random");
+  }
+}
+
+TEST(EventStream, SurvivesABurstThroughANewFolderAndAFullQueueOfTheKernel) {
+  const TestTree tree(TestTree::kInMemory);
+  Model model({tree.path()});
+  const auto burst = [&](const std::string& folder, int files) {
+    tree.folder(folder);
+    for (int i = 0; i < files; ++i)
+      ASSERT_EQ(0, mknod((tree / folder + "/" + std::to_string(i)).c_str(), S_IFREG | 0644, 0));
+  };
+  burst("first", 100'000);
+  model.expectEqual(tree.path(), "burst");
+  EXPECT_EQ(0u, model.flags() & kEventMustScanSubdirectories) << "nothing was lost";
+
+  // Nobody empties the queue while the input/output thread stands still.
+  std::promise<void> stands, goOn;
+  const int event = eventfd(1, EFD_CLOEXEC);
+  auto block = IoSource::make(event, EPOLLIN, [&](uint32_t) {
+    eventfd_t value;
+    if (eventfd_read(event, &value) != 0) return;
+    stands.set_value();
+    goOn.get_future().wait();
+  });
+  stands.get_future().wait();
+  burst("second", 20'000);
+  tree.folder("third");
+  goOn.set_value();
+  block.reset();
+  close(event);
+  model.expectEqual(tree.path(), "overflow");
+  EXPECT_EQ(kEventMustScanSubdirectories | kEventKernelDropped,
+            model.flags() & (kEventMustScanSubdirectories | kEventKernelDropped));
+  tree.file("third/x");
+  model.expectEqual(tree.path(), "a folder that only the look after the overflow found");
+}
+
+TEST(EventStream, FollowsRootsThatGoComeAndAreNoFolders) {
+  const TestTree tree;
+  tree.file("file");
+  tree.folder("real");
+  tree.link("real", "link");
+  const std::string missing = tree / "not/yet/there", link = tree / "link", file = tree / "file";
+  Model model({missing, link + "/", file});
+  shell("touch " + link + "/one && echo more >>" + file);
+  model.expectEqual(link, "through a link");
+  for (const char* step : {"mkdir -p not/yet/there/deep && touch not/yet/there/deep/x",
+                           "rm -r not/yet/there && mkdir not/yet/there && touch not/yet/there/again",
+                           "mv not else && mkdir -p not/yet/there/second",
+                           "rm -r not && mv else not && touch not/yet/there/back"}) {
+    shell("cd " + tree.path() + " && " + step);
+    model.expectEqual(missing, step);
+  }
+  EXPECT_TRUE(model.flags() & kEventRootChanged);
+  // A process that stands in the folder keeps it half alive.
+  const int held = open((tree / "real").c_str(), O_RDONLY | O_CLOEXEC);
+  shell("cd " + tree.path() + " && rm -r real && mkdir real && touch real/new && mv file old && touch file");
+  model.expectEqual(link, "held");
+  close(held);
+}
+
+TEST(EventStream, WatchesTreesOfAnyDepthAndTellsFoldersAloneIfAsked) {
+  const TestTree tree;
+  tree.chain(2100);
+  std::promise<std::string> told;
+  std::optional<Error> error;
+  const auto stream = EventStreams().make(
+      {{tree.path()}, 0ns, kEventStreamPathStrings},
+      [&](std::span<const FileEvent> batch) { told.set_value(batch[0].path); }, error);
+  ASSERT_TRUE(stream);
+  stream->start(DispatchQueue::global());
+  shell("cd " + tree.path() + R"( && exec perl -e 'chdir "d" or die for 1..2100; open F, ">new"')");
+  std::string path = tree.path();
+  for (int i = 0; i < 2100; ++i) path += "/d";
+  EXPECT_EQ(path, told.get_future().get());
+}
+
+TEST(EventStream, GathersForTheLatencyAndDeliversNothingOnceItHasEnded) {
+  const TestTree tree;
+  std::optional<Error> error;
+  std::promise<std::vector<std::string>> first;
+  std::promise<void> second;
+  std::unique_ptr<EventStream> stream = EventStreams().make(
+      {{tree.path()}, 200ms},
+      [&](std::span<const FileEvent> batch) {
+        std::vector<std::string> paths;
+        for (const FileEvent& event : batch) paths.push_back(event.path);
+        first.set_value(paths);
+        stream.reset();  // A second batch would be an exception that ends the program.
+      },
+      error);
+  stream->start(DispatchQueue::main());
+  const auto begin = std::chrono::steady_clock::now();
+  for (const char* name : {"c", "a", "b"}) tree.file(name);
+  auto paths = first.get_future();
+  while (paths.wait_for(0s) != std::future_status::ready) drainMainQueue();
+  EXPECT_EQ((std::vector<std::string>{tree / "c", tree / "a", tree / "b"}), paths.get());
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, 200ms);
+
+  std::latch isDelivering(1), mayReturn(1);
+  std::atomic<bool> returned = false;
+  stream = EventStreams().make(
+      {{tree.path()}, 0ns},
+      [&](std::span<const FileEvent>) {
+        isDelivering.count_down();
+        mayReturn.wait();
+        returned = true;
+      },
+      error);
+  stream->start(DispatchQueue::global());
+  tree.file("d");
+  isDelivering.wait();
+  auto end = std::async(std::launch::async, [&] {
+    stream->stop();
+    return returned.load();
+  });
+  tree.file("e");
+  mayReturn.count_down();
+  EXPECT_TRUE(end.get()) << "it waits for the batch on its way";
+}
+
+}  // namespace
+}  // namespace larkspan::platform
