@@ -52,10 +52,10 @@ struct EventStreamOptions {
 
 /// Tells in batches what changes beneath a set of paths from its creation on.
 ///
-/// Who keeps a model of the tree and, for each event in turn, looks again at what stands at its path (and at
-/// all beneath it for `kEventMustScanSubdirectories`) has a model that equals the disk once it is at rest. So
-/// everything in a folder that appears is told as created, be the folder new or moved, and neighbouring events
-/// at one path are told as one.
+/// Who keeps a model of the tree has one that equals the disk once that is at rest if it looks again at the path
+/// of each event in turn; forgets what it knew beneath the path for `kEventItemRenamed`, as it does where there
+/// is no folder; and looks at everything beneath it for `kEventMustScanSubdirectories`. So what is in a folder
+/// that appears, be it new or moved, is told as created after it. Neighbouring events at one path become one.
 /// Owner:   the caller; its end is a `stop()`.
 /// Thread:  any, one at a time.
 /// Failure: events that cannot be kept, and watches that run out later, become an event that says
