@@ -9,12 +9,18 @@ namespace larkspan::cli {
 
 namespace {
 
-constexpr double kLongestTimeout = 1e9;
+constexpr double kLongestTime = 1e9;
 
 std::string checkTimeout(const std::string& text) {
   double seconds = 0;
   const bool number = CLI::detail::lexical_cast(text, seconds);
-  return number && seconds > 0 && seconds <= kLongestTimeout ? "" : "must be a number of seconds above 0";
+  return number && seconds > 0 && seconds <= kLongestTime ? "" : "must be a number of seconds above 0";
+}
+
+std::string checkLatency(const std::string& text) {
+  double seconds = 0;
+  const bool number = CLI::detail::lexical_cast(text, seconds);
+  return number && seconds >= 0 && seconds <= kLongestTime ? "" : "must be a number of seconds";
 }
 
 }  // namespace
@@ -75,6 +81,19 @@ Options parseArguments(int argc, char** argv) {
   ask->add_option("--items", options.itemsFile,
                   "JSON file with an array of items to send; - is standard input")
       ->type_name("FILE");
+
+  CLI::App* watch = add(Command::watch, "watch",
+                        "Print what changes in folders and beneath them, a line for each batch, until Ctrl-C",
+                        "  larkspan watch ~/Downloads\n"
+                        "  larkspan watch ~ --latency 5 --ignore-metadata --json | jq -r '.paths[]'");
+  watch->add_option("PATH", options.paths, "Folders or files; paths on a line stand between tabs")
+      ->required();
+  watch->add_option("--latency", options.latency, "How long a batch gathers changes from the first one on")
+      ->type_name("SECONDS")
+      ->capture_default_str()
+      ->check(CLI::Validator(checkLatency, "", "latency"));
+  watch->add_flag("--ignore-metadata", options.ignoreMetadata,
+                  "Leave out what only got other attributes or another name");
 
   try {
     app.parse(argc, argv);

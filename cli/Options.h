@@ -2,12 +2,13 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace larkspan::cli {
 
 /// What the person asked for.
 struct Options {
-  enum class Command { overview, extensions, info, resources, tips, ask };
+  enum class Command { overview, extensions, info, resources, tips, ask, watch };
 
   Command command = Command::overview;
   std::string identifier;  ///< Of the extension, or its ending.
@@ -16,6 +17,9 @@ struct Options {
   bool json = false;
   bool watch = false;
   double timeout = 60;  ///< Seconds.
+  std::vector<std::string> paths;
+  double latency = 1;  ///< Seconds.
+  bool ignoreMetadata = false;
 };
 
 /// Reads the command line; ends the program where that asks for help or cannot be understood.

@@ -130,6 +130,7 @@ class Run {
         return asking_.exchange(options_.askCommand, items_.value_or(Items()), extension_, done);
       case Command::overview:
       case Command::extensions:
+      case Command::watch:
         break;
     }
   }

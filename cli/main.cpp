@@ -1,6 +1,7 @@
 #include "cli/Ending.h"
 #include "cli/Options.h"
 #include "cli/Run.h"
+#include "cli/Watch.h"
 #include "larkspan/platform/dispatch/DispatchQueue.h"
 
 #include <climits>
@@ -40,6 +41,10 @@ int main(int argc, char** argv) {
   findOwnData();
   const auto options = larkspan::cli::parseArguments(argc, argv);
   larkspan::cli::watchSignals();
-  larkspan::cli::run(options);
+  if (options.command == larkspan::cli::Options::Command::watch) {
+    larkspan::cli::watch(options);
+  } else {
+    larkspan::cli::run(options);
+  }
   larkspan::platform::runMainQueue();
 }

@@ -21,6 +21,7 @@ constexpr std::chrono::milliseconds kSignalPatience{1500};
 
 using std::chrono::steady_clock;
 using namespace std::chrono_literals;
+namespace fs = std::filesystem;
 using Words = std::vector<std::string>;
 
 /// JSON without its layout.
@@ -136,6 +137,8 @@ TEST(Command, ExplainsWrongUsage) {
       {{"info"}, "ID is required (see larkspan info --help)"},
       {{"ask", "a", ""}, "COMMAND: must not be empty (see larkspan ask --help)"},
       {{"--timeout", "nan"}, "--timeout: must be"},
+      {{"watch"}, "PATH is required (see larkspan watch --help)"},
+      {{"watch", "/", "--latency", "-1"}, "--latency: must be"},
   };
   for (const auto& [words, text] : cases) {
     const auto outcome = program.run(words);
@@ -209,6 +212,63 @@ TEST(Command, EndsQuietlyWithoutAReader) {
   EXPECT_EQ(unread.code(), 0);
   EXPECT_EQ(unread.error, "");
   EXPECT_TRUE(program.isGone("kinds"));
+}
+
+TEST(Command, PrintsALineForEachBatchOfChanges) {
+  Program program;
+  const std::string one = program.tree().path("one"), two = program.tree().path("tw\to");
+  fs::create_directory(one);
+  fs::create_directory(two);
+  program.start({"watch", one, "--latency", "0", "--json", "--ignore-metadata"});
+  program.awaitText("watching", false);
+  fs::permissions(one, fs::perms::owner_all);  // Makes an empty batch, or none.
+  program.tree().write("one/\xff", "");
+  program.awaitText("\n", true);
+  kill(program.process(), SIGINT);
+  auto outcome = program.finish();
+  EXPECT_EQ(outcome.output.substr(0, outcome.output.find('\n')), "{\"paths\":[\"" + one + "/\uFFFD\"]}");
+  EXPECT_EQ(outcome.code(), 128 + SIGINT);
+  EXPECT_EQ(outcome.error, "larkspan: watching\n");
+
+  program.start({"watch", one, two, "--latency", "0.3"});
+  program.awaitText("watching", false);
+  fs::create_directory(one + "/a");
+  fs::create_directory(two + "/b");
+  program.awaitText("\n", true);
+  program.closeOutput();
+  fs::create_directory(one + "/c");
+  outcome = program.finish();
+  EXPECT_EQ(outcome.output, one + "/a\t" + program.tree().path("tw\\to") + "/b\n");
+  EXPECT_EQ(outcome.code(), 0) << "nobody reads any more";
+  EXPECT_EQ(program.run({"watch", one, "/none"}).error, "larkspan: /none: No such file or directory\n");
+}
+
+TEST(Command, NamesTheLimitThatKeepsItFromWatching) {
+  if (std::system("unshare -Ur true 2>/dev/null") != 0) GTEST_SKIP() << "needs user namespaces";
+  Program program;
+  for (int i = 0; i < 40; ++i) fs::create_directories(program.tree().path("tree/" + std::to_string(i)));
+  const auto start = [&](const std::string& limit, int value) {
+    const std::string script =
+        "echo " + std::to_string(value) + " >/proc/sys/user/" + limit + "; exec \"$@\"";
+    program.start({"watch", program.tree().path("tree")}, "", {"unshare", "-Ur", "sh", "-c", script, "sh"});
+  };
+  const std::tuple<const char*, int, const char*> limits[] = {
+      {"max_inotify_watches", 20, "No space left on device (fs.inotify.max_user_watches"},
+      {"max_inotify_instances", 0, "Too many open files (fs.inotify.max_user_instances"}};
+  for (const auto& [limit, value, text] : limits) {
+    start(limit, value);
+    const auto outcome = program.finish();
+    EXPECT_EQ(outcome.code(), 1);
+    EXPECT_NE(outcome.error.find(std::string("larkspan: Folders cannot be watched: ") + text),
+              std::string::npos)
+        << outcome.error;
+  }
+  start("max_inotify_watches", 60);
+  program.awaitText("watching\n", false);
+  for (int i = 40; i < 80; ++i) fs::create_directories(program.tree().path("tree/" + std::to_string(i)));
+  program.awaitText("looked at twice a minute, as they cannot be watched: No space left on device", false);
+  kill(program.process(), SIGTERM);
+  EXPECT_EQ(program.finish().code(), 128 + SIGTERM);
 }
 
 }  // namespace

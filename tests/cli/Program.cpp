@@ -33,15 +33,13 @@ void Program::add(const std::string& identifier, const std::string& behaviour) {
                   tree_.path(identifier + ".pid") + '\n');
 }
 
-void Program::start(const std::vector<std::string>& arguments, const std::string& input) {
+void Program::start(const std::vector<std::string>& arguments, const std::string& input,
+                    const std::vector<std::string>& under) {
   const std::string none = tree_.path("none");
-  std::vector<std::string> words{"/usr/bin/env",
-                                 "-i",
-                                 "LARKSPAN_LOG=none",
-                                 "XDG_DATA_HOME=" + none,
-                                 "TZ=UTC",
-                                 "XDG_DATA_DIRS=" + none,
-                                 tree_.path("bin/larkspan")};
+  std::vector<std::string> words{"/usr/bin/env",          "-i",     "LARKSPAN_LOG=none",
+                                 "XDG_DATA_HOME=" + none, "TZ=UTC", "XDG_DATA_DIRS=" + none};
+  words.insert(words.end(), under.begin(), under.end());
+  words.push_back(tree_.path("bin/larkspan"));
   words.insert(words.end(), arguments.begin(), arguments.end());
   std::vector<char*> pointers;
   for (std::string& word : words) pointers.push_back(word.data());
@@ -81,6 +79,12 @@ std::string Program::readLine() {
 }
 
 void Program::closeOutput() { close(std::exchange(output_, -1)); }
+
+void Program::awaitText(std::string_view text, bool onOutput) {
+  int& descriptor = onOutput ? output_ : error_;
+  std::string& said = onOutput ? outcome_.output : outcome_.error;
+  while (descriptor >= 0 && said.find(text) == said.npos) read(descriptor, said);
+}
 
 Outcome Program::finish() {
   while (output_ >= 0 || error_ >= 0) {

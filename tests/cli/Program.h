@@ -3,6 +3,7 @@
 #include "tests/support/ManifestTree.h"
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <sys/types.h>
@@ -28,11 +29,15 @@ class Program {
   /// Runs the command to its end.
   Outcome run(const std::vector<std::string>& arguments, const std::string& input = "");
 
-  void start(const std::vector<std::string>& arguments, const std::string& input = "");
+  /// `under` are the words of a program that runs the command.
+  void start(const std::vector<std::string>& arguments, const std::string& input = "",
+             const std::vector<std::string>& under = {});
   pid_t process() const { return process_; }
   /// The next line of the output, without its end.
   std::string readLine();
   void closeOutput();
+  /// Returns once the command has said this much on standard output (else standard error), or has ended.
+  void awaitText(std::string_view text, bool onOutput);
   Outcome finish();
 
   /// The process of an extension once it runs.

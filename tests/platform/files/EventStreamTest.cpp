@@ -206,7 +206,7 @@ TEST(EventStream, FollowsRootsThatGoComeAndAreNoFolders) {
 }
 
 TEST(EventStream, WatchesTreesOfAnyDepthAndTellsFoldersAloneIfAsked) {
-  const TestTree tree;
+  const TestTree tree(TestTree::kInMemory);
   tree.chain(2100);
   std::promise<std::string> told;
   std::optional<Error> error;

@@ -1,0 +1,127 @@
+#include "larkspan/fs/LKSDirectoryObserver.h"
+#include "larkspan/platform/files/Installed.h"
+#include "tests/platform/files/TestTree.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/Collector.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+namespace larkspan::tests {
+namespace {
+
+using namespace platform;
+using Paths = std::vector<std::string>;
+
+/// Streams whose batches the test makes.
+class ManualStreams : public EventStreams {
+ public:
+  std::unique_ptr<EventStream> make(const EventStreamOptions& options, EventStream::Handler handler,
+                                    std::optional<Error>& error) override {
+    made = options;
+    deliver = std::move(handler);
+    if (failsToMake) error = Error("test", 1, "why");
+    return failsToMake ? nullptr : std::make_unique<Stream>(*this);
+  }
+  EventStreamOptions made;
+  EventStream::Handler deliver;
+  bool failsToMake = false, failsToStart = false;
+  std::shared_ptr<DispatchQueue> queue;
+  int stops = 0;
+
+ private:
+  struct Stream : EventStream {
+    explicit Stream(ManualStreams& owner) : streams(owner) {}
+    ~Stream() override { ++streams.stops; }
+    std::optional<Error> start(std::shared_ptr<DispatchQueue> queue) override {
+      streams.queue = std::move(queue);
+      if (streams.failsToStart) return Error("test", 2, "why not");
+      return std::nullopt;
+    }
+    void stop() override {}
+    ManualStreams& streams;
+  };
+  const Installed<EventStreams> installed_{*this};
+};
+
+TEST(LKSDirectoryObserver, MakesAndStartsAStreamOrSaysWhichOfTheTwoFailed) {
+  ManualStreams streams;
+  const CapturedLog log;
+  const auto queue = DispatchQueue::makeSerial("test");
+  auto observer = LKSDirectoryObserver::scheduledObserverForPaths({"/a", "/b"}, nullptr, [](const Paths&) {});
+  EXPECT_EQ((Paths{"/a", "/b"}), streams.made.paths);
+  EXPECT_EQ(0x11u, streams.made.flags);
+  EXPECT_EQ(std::chrono::seconds(3), streams.made.latency);
+  EXPECT_EQ(DispatchQueue::main(), streams.queue);
+  EXPECT_FALSE(observer->ignoreMetadataUpdates());
+  EXPECT_NE(nullptr, observer->fsEventStream());
+  for (const double latency : {0.5, -1.0, std::nan("")}) {
+    observer =
+        LKSDirectoryObserver::scheduledObserverForPaths({"/a"}, queue, 0x40, latency, [](const Paths&) {});
+    EXPECT_EQ(std::chrono::milliseconds(latency > 0 ? 500 : 0), streams.made.latency);
+  }
+  EXPECT_EQ(0x41u, streams.made.flags);
+  EXPECT_EQ(queue, streams.queue);
+  EXPECT_EQ(3, streams.stops);
+  observer.reset();
+  EXPECT_EQ(4, streams.stops);
+
+  streams.failsToStart = true;
+  std::optional<Error> error;
+  EXPECT_EQ(nullptr, LKSDirectoryObserver::initWithPaths({"/a"}, queue, 0x10, 1, true, nullptr, &error));
+  EXPECT_EQ(2, error->code());
+  EXPECT_EQ(5, streams.stops);
+  streams.failsToMake = true;
+  EXPECT_EQ(nullptr, LKSDirectoryObserver::scheduledObserverForPaths({"/a"}, queue, [](const Paths&) {}));
+  EXPECT_EQ((Paths{"FSEventStreamStart failed", "FSEventStreamCreate failed"}), log.console());
+}
+
+TEST(LKSDirectoryObserver, LeavesOutWhatIsMetadataAloneOnlyIfAsked) {
+  ManualStreams streams;
+  std::vector<Paths> heard;
+  const auto observer = LKSDirectoryObserver::scheduledObserverForPaths(
+      {"/"}, nullptr, 0x10, 1, true, [&](const Paths& paths) { heard.push_back(paths); });
+  const std::vector<FileEvent> three = {{"/attribute", 0x400}, {"/renamed", 0x800}, {"/modified", 0x1000}};
+  streams.deliver(three);
+  EXPECT_EQ(Paths{"/modified"}, heard.back());
+  for (uint32_t bit = 1; bit != 0; bit <<= 1) {
+    streams.deliver(std::vector<FileEvent>{{"/x", bit}});
+    EXPECT_EQ((bit & 0x00401307) ? Paths{"/x"} : Paths(), heard.back()) << bit;
+  }
+  EXPECT_EQ(33u, heard.size()) << "an empty batch is told as well";
+  observer->setIgnoreMetadataUpdates(false);
+  streams.deliver(three);
+  EXPECT_EQ((Paths{"/attribute", "/renamed", "/modified"}), heard.back());
+  Paths others;
+  observer->setCallbackBlock([&](const Paths& paths) { others = paths; });
+  streams.deliver(three);
+  EXPECT_EQ(3u, others.size());
+  EXPECT_EQ(34u, heard.size());
+}
+
+TEST(LKSDirectoryObserver, WatchesUntilTheLastReferenceIsDroppedEvenInItsOwnCallback) {
+  const platform::TestTree tree;
+  Collector<Paths> heard;
+  const auto queue = DispatchQueue::makeSerial("test");
+  std::shared_ptr<LKSDirectoryObserver> observer;
+  const auto callback = [&](const Paths& paths) {
+    EXPECT_TRUE(queue->isCurrent());
+    heard.push(paths);
+    if (heard.now().size() == 2) observer.reset();
+  };
+  observer = LKSDirectoryObserver::scheduledObserverForPaths({tree.path()}, queue, 0x10, 0, true, callback);
+  observer->invalidate();
+  tree.folder("a");
+  EXPECT_EQ(Paths{tree / "a"}, heard.waitFor(1).at(0));
+  tree.folder("b");
+  heard.waitFor(2);
+  queue->sync([] {});
+  EXPECT_EQ(nullptr, observer);
+  tree.folder("c");
+  queue->sync([] {});
+  EXPECT_EQ(2u, heard.now().size());
+}
+
+}  // namespace
+}  // namespace larkspan::tests
