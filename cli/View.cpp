@@ -4,6 +4,7 @@
 #include "cli/Table.h"
 #include "cli/Text.h"
 #include "larkspan/items/LKSResource.h"
+#include "larkspan/items/LKSSummaryResource.h"
 #include "larkspan/items/LKSTipMessage.h"
 #include "larkspan/platform/text/SizeText.h"
 
@@ -92,7 +93,11 @@ std::string dateText(const std::optional<platform::Date>& date) {
 }
 
 /// The largest first; equal ones stay as they came.
+bool isSummary(const MessageItem& item) { return item.userInfo().get(kItemKindKey) == Value(kSummaryKind); }
+
+/// Without the summary, which is no resource.
 Items sortedBySize(Items items) {
+  std::erase_if(items, isSummary);
   std::stable_sort(items.begin(), items.end(),
                    [](const MessageItem& a, const MessageItem& b) { return a.lks_size() > b.lks_size(); });
   return items;
@@ -143,14 +148,19 @@ std::string infoText(const MessageItem& item) {
 }
 
 std::string resourcesText(const Items& items, std::size_t width) {
+  std::string text;
+  for (const LKSSummaryResource item : items) {
+    if (isSummary(item)) text += printable(item.lks_summaryMessage().value_or(kUnknown)) + "\n";
+  }
   Table table({{"NAME"}, {"SIZE", Alignment::right}, {"CATEGORY"}, {"MODIFIED"}});
-  for (const LKSResource item : sortedBySize(items)) {
+  const Items sorted = sortedBySize(items);
+  for (const LKSResource item : sorted) {
     table.add({item.lks_name().value_or(kUnknown), knownSizeText(item.lks_size()),
                item.lks_category().value_or(""), dateText(item.lks_dateModified())});
   }
-  const Sum sum = sumOf(items);
-  return table.text(width) + "Total: " + countText(sum.count, "item") + ", " + platform::sizeText(sum.bytes) +
-         "\n";
+  const Sum sum = sumOf(sorted);
+  return text + table.text(width) + "Total: " + countText(sum.count, "item") + ", " +
+         platform::sizeText(sum.bytes) + "\n";
 }
 
 std::string tipsText(const Items& items) {
@@ -186,18 +196,18 @@ std::string overviewText(const Overview& overview, std::size_t width) {
   std::string text = printable(manifest.name) + " (" + manifest.identifier + ")";
   if (overview.info && !overview.info->empty())
     text += ": " + knownSizeText(overview.info->front().lks_size());
+  const Items sorted = sortedBySize(overview.resources.value_or(Items()));
   if (overview.resources) {
     Sum deletable;
-    for (const LKSResource item : *overview.resources) {
+    for (const LKSResource item : sorted) {
       if (item.isDeletable()) deletable.add(item.lks_deletableSize());
     }
-    text += ", " + countText(overview.resources->size(), "item");
+    text += ", " + countText(sorted.size(), "item");
     if (deletable.count != 0) text += ", " + platform::sizeText(deletable.bytes) + " may go";
   }
   if (overview.tips && !overview.tips->empty()) text += ", " + countText(overview.tips->size(), "tip");
   text += "\n";
   if (overview.resources) {
-    const Items sorted = sortedBySize(*overview.resources);
     const std::size_t shown = std::min(sorted.size(), kLargestShown);
     for (std::size_t i = 0; i < shown; ++i) {
       const std::string size = knownSizeText(sorted[i].lks_size());

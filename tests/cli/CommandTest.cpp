@@ -80,6 +80,11 @@ TEST(Command, PrintsTablesThatCannotSteerATerminal) {
             "small                 1 byte            –\n"
             "日本                       –            –\n"
             "Total: 3 items, 1.5 GB\n");
+  program.add("sums", "summary");
+  EXPECT_EQ(program.run({"resources", "sums"}).output,
+            "All\\tin all\nNAME     SIZE  CATEGORY  MODIFIED\nsmall  1 byte            –\n"
+            "Total: 1 item, 1 byte\n");
+  fs::remove(program.tree().path("share/larkspan/extensions/sums.extension"));
   const auto overview = program.run({});
   EXPECT_EQ(overview.code(), 0);
   EXPECT_EQ(overview.output,
