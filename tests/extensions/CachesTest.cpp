@@ -1,16 +1,9 @@
-#include "larkspan/host/LKSExtensionOperation.h"
 #include "larkspan/items/LKSConfirmPanel.h"
 #include "larkspan/items/LKSResource.h"
 #include "larkspan/items/LKSTipMessage.h"
-#include "larkspan/platform/base/NotificationCenter.h"
 #include "larkspan/platform/files/CacheDirTag.h"
-#include "tests/platform/files/TestTree.h"
-#include "tests/support/ManifestTree.h"
+#include "tests/extensions/ExtensionTest.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <condition_variable>
 #include <map>
 
 namespace larkspan::tests {
@@ -18,61 +11,23 @@ namespace {
 
 using platform::URL;
 
-/// The extension's own process over a cache directory in a temporary folder, as a host meets it.
-class Caches : public testing::Test {
+class Caches : public ExtensionTest {
  protected:
-  Caches() {
-    shell("mkdir cache outside && touch outside/precious");
-    observer = platform::NotificationCenter::defaultCenter().addObserver(
-        std::nullopt, handle.get(), [this](const platform::Notification& notification) {
-          const std::lock_guard lock(mutex);
-          heard.push_back(notification.name);
-          changed.notify_all();
-        });
-  }
-  ~Caches() override {
-    handle->abandon();
-    ::umount2((cache + "/mount").c_str(), MNT_DETACH);
-  }
+  Caches() : ExtensionTest("caches") { shell("mkdir cache outside && touch outside/precious"); }
+  ~Caches() override { ::umount2((cache + "/mount").c_str(), MNT_DETACH); }
 
-  /// The answer; why there is none is then in `error`.
-  template <typename Operation>
-  Items ask(Items input = {}) {
-    const auto operation = LKSOperation::makeOperation<Operation>();
-    operation->setExtension(handle);
-    operation->setInputItems(std::move(input));
-    operation->start();
-    operation->waitUntilFinished();
-    error = operation->error() ? operation->error()->localizedDescription() : "";
-    return operation->returnedItems().value_or(Items());
-  }
   std::map<std::string, LKSResource> resources() {
     std::map<std::string, LKSResource> result;
     for (const auto& item : ask<LKSFetchResourcesOperation>()) result.emplace(*item.lks_name(), item);
     return result;
-  }
-  long count(std::string_view name) { return std::count(heard.begin(), heard.end(), name); }
-  void expectNotice(std::string_view name) {
-    std::unique_lock lock(mutex);
-    EXPECT_TRUE(changed.wait_for(lock, std::chrono::seconds(20), [&] { return count(name) > 0; })) << name;
-    EXPECT_EQ(1, count(name)) << name;
   }
   std::string shell(const std::string& command) {
     return platform::shell("cd " + tree.path() + " && set -e && " + command);
   }
   std::string list() { return shell("find cache outside | sort | tr '\\n' ' '"); }
 
-  platform::TestTree tree;
   const std::string cache = tree / "cache";
   const ScopedVariable home{"XDG_CACHE_HOME", cache.c_str()};
-  const std::shared_ptr<LKSOpaqueExtension> handle = LKSOpaqueExtension::initWithExtension(
-      std::make_shared<platform::Extension>(std::get<platform::Manifest>(platform::readManifest(
-          LARKSPAN_TEST_BIN "/../share/larkspan/extensions/corvane.larkspan.caches.extension"))));
-  std::string error;
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::vector<std::string> heard;
-  platform::NotificationCenter::Token observer;
 };
 
 const std::string kWriteTag =
@@ -114,6 +69,7 @@ TEST_F(Caches, EmptiesWhatIsItsOwnAndTellsTheHost) {
   EXPECT_EQ("cache cache/app cache/tagged cache/tagged/CACHEDIR.TAG outside outside/precious ", list());
   expectNotice(LKSOpaqueExtensionBytesUsedDidChangeNotification);
   expectNotice(LKSOpaqueExtensionResourcesDidChangeNotification);
+  EXPECT_EQ(1, count(LKSOpaqueExtensionResourcesDidChangeNotification));
   EXPECT_EQ(0, resources().at("app").lks_size()) << "the walk from before the deletion is not used again";
 }
 
