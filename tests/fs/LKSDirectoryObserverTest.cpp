@@ -1,8 +1,6 @@
 #include "larkspan/fs/LKSDirectoryObserver.h"
 #include "larkspan/platform/files/Installed.h"
-#include "tests/platform/files/TestTree.h"
 #include "tests/support/CapturedLog.h"
-#include "tests/support/Collector.h"
 
 #include <gtest/gtest.h>
 
@@ -77,10 +75,10 @@ TEST(LKSDirectoryObserver, MakesAndStartsAStreamOrSaysWhichOfTheTwoFailed) {
   EXPECT_EQ((Paths{"FSEventStreamStart failed", "FSEventStreamCreate failed"}), log.console());
 }
 
-TEST(LKSDirectoryObserver, LeavesOutWhatIsMetadataAloneOnlyIfAsked) {
+TEST(LKSDirectoryObserver, LeavesOutWhatIsMetadataAloneOnlyIfAskedAndMayEndInItsCallback) {
   ManualStreams streams;
   std::vector<Paths> heard;
-  const auto observer = LKSDirectoryObserver::scheduledObserverForPaths(
+  auto observer = LKSDirectoryObserver::scheduledObserverForPaths(
       {"/"}, nullptr, 0x10, 1, true, [&](const Paths& paths) { heard.push_back(paths); });
   const std::vector<FileEvent> three = {{"/attribute", 0x400}, {"/renamed", 0x800}, {"/modified", 0x1000}};
   streams.deliver(three);
@@ -93,34 +91,15 @@ TEST(LKSDirectoryObserver, LeavesOutWhatIsMetadataAloneOnlyIfAsked) {
   observer->setIgnoreMetadataUpdates(false);
   streams.deliver(three);
   EXPECT_EQ((Paths{"/attribute", "/renamed", "/modified"}), heard.back());
-  Paths others;
-  observer->setCallbackBlock([&](const Paths& paths) { others = paths; });
-  streams.deliver(three);
-  EXPECT_EQ(3u, others.size());
-  EXPECT_EQ(34u, heard.size());
-}
-
-TEST(LKSDirectoryObserver, WatchesUntilTheLastReferenceIsDroppedEvenInItsOwnCallback) {
-  const platform::TestTree tree;
-  Collector<Paths> heard;
-  const auto queue = DispatchQueue::makeSerial("test");
-  std::shared_ptr<LKSDirectoryObserver> observer;
-  const auto callback = [&](const Paths& paths) {
-    EXPECT_TRUE(queue->isCurrent());
-    heard.push(paths);
-    if (heard.now().size() == 2) observer.reset();
-  };
-  observer = LKSDirectoryObserver::scheduledObserverForPaths({tree.path()}, queue, 0x10, 0, true, callback);
   observer->invalidate();
-  tree.folder("a");
-  EXPECT_EQ(Paths{tree / "a"}, heard.waitFor(1).at(0));
-  tree.folder("b");
-  heard.waitFor(2);
-  queue->sync([] {});
-  EXPECT_EQ(nullptr, observer);
-  tree.folder("c");
-  queue->sync([] {});
-  EXPECT_EQ(2u, heard.now().size());
+  observer->setCallbackBlock([&](const Paths& paths) {
+    EXPECT_EQ(3u, paths.size());
+    EXPECT_EQ(0, streams.stops);
+    observer.reset();
+  });
+  streams.deliver(three);
+  EXPECT_EQ(1, streams.stops);
+  EXPECT_EQ(34u, heard.size());
 }
 
 }  // namespace
