@@ -32,8 +32,8 @@ class ManualStreams : public EventStreams {
   struct Stream : EventStream {
     explicit Stream(ManualStreams& owner) : streams(owner) {}
     ~Stream() override { ++streams.stops; }
-    std::optional<Error> start(std::shared_ptr<DispatchQueue> queue) override {
-      streams.queue = std::move(queue);
+    std::optional<Error> start(std::shared_ptr<DispatchQueue> given) override {
+      streams.queue = std::move(given);
       if (streams.failsToStart) return Error("test", 2, "why not");
       return std::nullopt;
     }
