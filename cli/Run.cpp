@@ -5,6 +5,7 @@
 #include "cli/Json.h"
 #include "cli/Output.h"
 #include "cli/Progress.h"
+#include "cli/Sizes.h"
 #include "cli/Text.h"
 #include "cli/View.h"
 #include "larkspan/platform/appext/ExtensionDirectories.h"
@@ -130,6 +131,7 @@ class Run {
         return asking_.exchange(options_.askCommand, items_.value_or(Items()), extension_, done);
       case Command::overview:
       case Command::extensions:
+      case Command::size:
         break;
     }
   }
@@ -216,6 +218,7 @@ class Run {
 }  // namespace
 
 void run(const Options& options) {
+  if (options.command == Command::size) return runSizes(options);
   // Lives as long as the program: answers may come until its end.
   static auto* const current = new Run(options);
   current->begin();

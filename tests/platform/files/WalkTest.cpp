@@ -20,7 +20,7 @@ TEST(DirectoryStack, FindsClosedLevelsAgainOnlyWhereTheyAreTheSame) {
     struct statx facts, middleFacts;
     Descriptor root(::open(tree.path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     ASSERT_EQ(0, factsAt(root.get(), "", facts));
-    DirectoryStack stack(std::move(root), tree.path(), facts, opening);
+    DirectoryStack stack({std::move(root), tree.path()}, mountOf(facts), opening);
     std::string middle;  // Level 30: long closed when the walk is at level 60.
     while (stack.depth() < 61) {
       if (stack.depth() == 31) middle = stack.pathOf("");
