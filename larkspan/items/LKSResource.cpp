@@ -4,7 +4,7 @@
 #include "larkspan/platform/dispatch/DispatchQueue.h"
 #include "larkspan/platform/files/DeepDelete.h"
 #include "larkspan/platform/files/FolderSize.h"
-#include "larkspan/platform/files/LastUsed.h"
+#include "larkspan/platform/desktop/LastUsed.h"
 #include "larkspan/platform/files/ResourceValues.h"
 #include "larkspan/platform/log/Console.h"
 #include "larkspan/platform/process/Identity.h"

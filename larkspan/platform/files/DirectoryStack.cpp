@@ -164,7 +164,8 @@ bool DirectoryStack::split(Start& start, std::size_t& level) {
 bool DirectoryStack::startAt(std::size_t level, Start& start) const {
   const Descriptor& folder = levels_[level].directory;
   if (!folder) return false;
-  start.folder = Descriptor(::fcntl(folder.get(), F_DUPFD_CLOEXEC, 0));
+  // No duplicate: threads that use one open file wait for each other's cache lines.
+  start.folder = Descriptor(::openat(folder.get(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (start.folder) start.path = pathOfLevel(level);
   return bool(start.folder);
 }

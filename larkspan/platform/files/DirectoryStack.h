@@ -2,9 +2,9 @@
 
 #include "larkspan/platform/files/Directory.h"
 
+#include <deque>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace larkspan::platform {
 
@@ -56,8 +56,7 @@ class DirectoryStack {
   void addPending(const char* name);
   /// Moves one pending name of the top folder to `name`; false when there is none.
   bool takePending(std::string& name);
-  /// A start at the top folder with nothing pending; its read position is the top's own. False when no
-  /// descriptor is to be had.
+  /// A start at the top folder with nothing pending. False when no descriptor is to be had.
   bool startAtTop(Start& start) { return startAt(levels_.size() - 1, start); }
   /// Moves half of what is pending in the highest folder that has much to a start at that folder, whose level
   /// (0 for this stack's start) becomes `level`. False when there is nothing to spare.
@@ -88,7 +87,7 @@ class DirectoryStack {
   const std::string path_;
   const FolderOpening opening_;
   const uint64_t mount_;
-  std::vector<Level> levels_;
+  std::deque<Level> levels_;  // Growing moves none of them.
   // The folder last left, when the one above it was closed, and the level at which it was.
   Descriptor left_;
   std::size_t leftLevel_ = 0;
