@@ -29,7 +29,7 @@ struct State {
 };
 
 /// What parts that were given something of one folder tell the one that gave it.
-struct Findings {
+struct Findings : WalkCrew::Awaited {
   std::atomic<bool> failed = false, changed = false;
 };
 
@@ -80,16 +80,17 @@ class Deletion {
   std::optional<Error> firstCause_;
 };
 
-/// Removes what is pending at the start, with all beneath. A part waits before it leaves a folder of which it
+/// Removes what is pending at the start, and the entries, which are of the start, with all beneath. A part waits before it leaves a folder of which it
 /// gave something away, because that can go only when it is empty.
-class DeletionPart final : public WalkCrew::Part, public std::enable_shared_from_this<DeletionPart> {
+class DeletionPart final : public WalkCrew::Part {
  public:
   DeletionPart(Deletion& deletion, DirectoryStack::Start start, uint64_t mount,
-               std::shared_ptr<Findings> findings = nullptr)
+               std::shared_ptr<Findings> findings = nullptr, std::string entries = {})
       : deletion_(deletion),
         stack_(std::move(start), mount, deletion.options.opening),
         levels_(1),
-        findings_(std::move(findings)) {}
+        findings_(std::move(findings)),
+        entries_(std::move(entries)) {}
 
   /// Makes the part leave the folder `name` of the start, and in it what has these names.
   void emptyOnly(std::string name, std::span<const std::string> keep) {
@@ -105,6 +106,7 @@ class DeletionPart final : public WalkCrew::Part, public std::enable_shared_from
         return true;
       }
     }
+    removeEntries(std::exchange(entries_, {}), false);
     const std::size_t lowest = emptied_.empty() ? 1 : 2;
     std::string name;
     while (!deletion_.isCancelled()) {
@@ -133,31 +135,34 @@ class DeletionPart final : public WalkCrew::Part, public std::enable_shared_from
 
   /// Entries that a part removes before it may give work away: less is done sooner than given.
   static constexpr int64_t kWorthSharing = 256;
+  /// Bytes of entries worth a part of their own.
+  static constexpr std::size_t kManyEntries = 16 * 1024;
   /// Entries removed between two additions to the count that all share.
   static constexpr int64_t kFlushInterval = 64;
+
+  bool mayGive() const { return removed_ >= kWorthSharing && deletion_.crew.isHungry(); }
 
   void giveAway() {
     DirectoryStack::Start start;
     std::size_t level;
-    if (removed_ < kWorthSharing || !deletion_.crew.isHungry() || !stack_.split(start, level)) return;
-    auto& findings = levels_[level].findings;
-    if (!findings) findings = std::make_shared<Findings>();
-    deletion_.crew.give(std::make_shared<DeletionPart>(deletion_, std::move(start), stack_.mount(), findings),
-                        shared_from_this());
+    if (mayGive() && stack_.split(start, level)) give(std::move(start), level, {});
   }
 
-  /// Something of the top folder was given away, so nothing is pending in those above it, and there is nothing
-  /// else to do meanwhile.
+  void give(DirectoryStack::Start start, std::size_t level, std::string entries) {
+    auto& findings = levels_[level].findings;
+    if (!findings) findings = std::make_shared<Findings>();
+    deletion_.crew.give(std::make_shared<DeletionPart>(deletion_, std::move(start), stack_.mount(), findings,
+                                                       std::move(entries)),
+                        findings);
+  }
+
+  /// Waits for what was given away of the top folder, and learns what became of it.
   bool mustWaitForGiven() {
     flush();
-    stack_.closeLevels();
-    if (mustWait()) return true;
-    for (Level& level : levels_) {
-      if (!level.findings) continue;
-      level.state.failed |= level.findings->failed;
-      level.state.changed |= level.findings->changed;
-      level.findings.reset();
-    }
+    if (mustWait(*levels_.back().findings)) return true;
+    const auto findings = std::move(levels_.back().findings);
+    state().failed |= findings->failed;
+    state().changed |= findings->changed;
     return false;
   }
 
@@ -200,9 +205,25 @@ class DeletionPart final : public WalkCrew::Part, public std::enable_shared_from
   }
 
   void scan() {
-    const int folder = stack_.top();
     const bool keeps = stack_.depth() == 2 && !keep_.empty();
-    const int error = reader_->read(folder, [&](const char* name, unsigned char type) {
+    int error = 0;
+    while (!deletion_.isCancelled()) {
+      const std::string_view entries = reader_->next(stack_.top(), error);
+      if (entries.empty()) break;
+      DirectoryStack::Start start;
+      if (entries.size() >= kManyEntries && !keeps && mayGive() && stack_.startAtTop(start)) {
+        give(std::move(start), levels_.size() - 1, std::string(entries));
+      } else {
+        removeEntries(entries, keeps);
+      }
+    }
+    if (error) fail({}, error);
+  }
+
+  /// Removes those entries of the top folder that are no folders, and notes the others.
+  void removeEntries(std::string_view entries, bool keeps) {
+    const int folder = stack_.top();
+    DirectoryReader::forEach(entries, [&](const char* name, unsigned char type) {
       if (deletion_.isCancelled()) return false;
       if (keeps && std::find(keep_.begin(), keep_.end(), name) != keep_.end()) return true;
       if (type == DT_DIR) {
@@ -212,7 +233,6 @@ class DeletionPart final : public WalkCrew::Part, public std::enable_shared_from
       }
       return true;
     });
-    if (error) fail({}, error);
   }
 
   /// Leaves the top folder and removes it, unless something in it could not go.
@@ -268,6 +288,7 @@ class DeletionPart final : public WalkCrew::Part, public std::enable_shared_from
   DirectoryStack stack_;
   std::vector<Level> levels_;  // One for each level of the stack.
   const std::shared_ptr<Findings> findings_;
+  std::string entries_;
   std::string emptied_;
   std::span<const std::string> keep_;
   DirectoryReader* reader_ = nullptr;  // Of the thread.

@@ -104,7 +104,7 @@ int DirectoryStack::enter(const std::string& name, struct statx& facts) {
   Descriptor directory;
   int error = openFolderAt(parent, name.c_str(), mount_, opening_, directory);
   if (error == EMFILE || error == ENFILE) {
-    closeLevels();
+    for (std::size_t i = 1; i + 1 < levels_.size(); ++i) close(levels_[i]);
     error = openFolderAt(parent, name.c_str(), mount_, opening_, directory);
   }
   if (error) return error;
@@ -125,10 +125,6 @@ void DirectoryStack::leave() {
     left_ = std::move(child);
     leftLevel_ = levels_.size();
   }
-}
-
-void DirectoryStack::closeLevels() {
-  for (std::size_t i = 1; i + 1 < levels_.size(); ++i) close(levels_[i]);
 }
 
 void DirectoryStack::addPending(const char* name) {

@@ -49,8 +49,6 @@ class DirectoryStack {
   int enter(const std::string& name, struct statx& facts);
   /// Takes the top level away; not for the start.
   void leave();
-  /// Closes what can be opened again.
-  void closeLevels();
 
   /// Notes the name of a folder of the top folder for later.
   void addPending(const char* name);

@@ -152,8 +152,7 @@ class SizingPart final : public WalkCrew::Part {
 
   void give(DirectoryStack::Start start, Level level, std::string entries) {
     sizing_.crew.give(
-        std::make_shared<SizingPart>(sizing_, std::move(start), stack_.mount(), level, std::move(entries)),
-        nullptr);
+        std::make_shared<SizingPart>(sizing_, std::move(start), stack_.mount(), level, std::move(entries)));
   }
 
   /// Counts what the top folder holds and notes the folders in it. Returns 0 or an errno.

@@ -13,13 +13,11 @@ namespace larkspan::platform {
 
 namespace {
 
-/// Walks may take half of the descriptors that the process is allowed.
-unsigned threadsAllowed() {
+unsigned partsAllowed() {
   struct rlimit descriptors;
   if (::getrlimit(RLIMIT_NOFILE, &descriptors) != 0) return 1;
-  const auto fitting = descriptors.rlim_cur / 2 / DirectoryStack::kMaximumDescriptors;
-  const unsigned wanted = std::min(std::thread::hardware_concurrency(), WalkCrew::kMaximumThreads);
-  return static_cast<unsigned>(std::clamp<rlim_t>(fitting, 1, std::max(wanted, 1u)));
+  const rlim_t fitting = descriptors.rlim_cur / 2 / DirectoryStack::kMaximumDescriptors;
+  return static_cast<unsigned>(std::clamp<rlim_t>(fitting, 1, WalkCrew::kMaximumParts));
 }
 
 /// Starts a thread with all signals blocked, so that the program's handlers run on the program's threads.
@@ -40,13 +38,18 @@ std::thread startThread(F body) {
 
 }  // namespace
 
-bool WalkCrew::Part::mustWait() {
-  if (holders_.fetch_sub(1, std::memory_order_acq_rel) != 1) return true;
-  holders_.store(1, std::memory_order_relaxed);
+bool WalkCrew::Part::mustWait(Awaited& awaited) {
+  awaited.giver_ = shared_from_this();
+  if (awaited.holders_.fetch_sub(1, std::memory_order_acq_rel) != 1) return true;
+  awaited.giver_.reset();
   return false;
 }
 
-WalkCrew::WalkCrew() : helpersAllowed_(threadsAllowed() - 1) {}
+WalkCrew::WalkCrew()
+    : partsAllowed_(partsAllowed()),
+      helpersAllowed_(
+          std::clamp(std::thread::hardware_concurrency(), 1u, std::min(kMaximumThreads, partsAllowed_)) - 1) {
+}
 
 WalkCrew::~WalkCrew() {
   {
@@ -66,9 +69,9 @@ void WalkCrew::run(std::shared_ptr<Part> part) {
   work(false);
 }
 
-void WalkCrew::give(std::shared_ptr<Part> part, std::shared_ptr<Part> giver) {
-  if (giver) giver->holders_.fetch_add(1, std::memory_order_relaxed);
-  part->giver_ = std::move(giver);
+void WalkCrew::give(std::shared_ptr<Part> part, std::shared_ptr<Awaited> awaited) {
+  if (awaited) awaited->holders_.fetch_add(1, std::memory_order_relaxed);
+  part->awaited_ = std::move(awaited);
   const std::lock_guard lock(mutex_);
   ++alive_;
   queue_.push_back(std::move(part));
@@ -87,7 +90,7 @@ void WalkCrew::give(std::shared_ptr<Part> part, std::shared_ptr<Part> giver) {
 }
 
 void WalkCrew::updateAppetite() {
-  const bool isFull = alive_ >= kMaximumParts;
+  const bool isFull = alive_ >= partsAllowed_;
   appetite_.store(isFull ? 0 : static_cast<int>(helpersAllowed_) - static_cast<int>(queue_.size()),
                   std::memory_order_relaxed);
 }
@@ -106,13 +109,15 @@ void WalkCrew::work(bool isHelper) {
     lock.unlock();
     const bool isDone = part->run(reader);
     std::shared_ptr<Part> giver;
-    if (isDone) giver = std::move(part->giver_);
-    part.reset();
-    if (giver && giver->holders_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-      giver->holders_.store(1, std::memory_order_relaxed);
-    } else {
-      giver.reset();
+    if (isDone && part->awaited_) {
+      Awaited& awaited = *part->awaited_;
+      if (awaited.holders_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        // Which asks again whether it must wait.
+        awaited.holders_.store(1, std::memory_order_relaxed);
+        giver = std::move(awaited.giver_);
+      }
     }
+    part.reset();
     lock.lock();
     if (giver) queue_.push_front(std::move(giver));
     if (isDone && --alive_ == 0) wake_.notify_all();
