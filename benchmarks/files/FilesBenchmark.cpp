@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -28,6 +29,9 @@ constexpr int kRounds = 7, kDeletionRounds = 5;
   std::fprintf(stderr, "%s: %s\n", what.c_str(), std::strerror(errno));
   std::exit(1);
 }
+
+/// A program: what to call it, and its words.
+using Program = std::pair<std::string, Words>;
 
 struct Cost {
   double seconds;
@@ -63,13 +67,13 @@ T median(std::vector<T> values) {
 
 /// Runs the programs in turn, ours first, and prints how they did and how ours did beside the best other.
 template <typename Prepare>
-void compare(const std::string& title, const std::vector<Words>& programs, int rounds, Prepare prepare) {
+void compare(const std::string& title, const std::vector<Program>& programs, int rounds, Prepare prepare) {
   std::vector<std::vector<double>> seconds(programs.size());
   std::vector<long> kilobytes(programs.size());
   for (int round = 0; round <= rounds; ++round) {
     for (std::size_t i = 0; i < programs.size(); ++i) {
       prepare();
-      const Cost cost = run(programs[i]);
+      const Cost cost = run(programs[i].second);
       if (round == 0) continue;
       seconds[i].push_back(cost.seconds);
       kilobytes[i] = std::max(kilobytes[i], cost.kilobytes);
@@ -80,8 +84,8 @@ void compare(const std::string& title, const std::vector<Words>& programs, int r
   for (std::size_t i = 0; i < programs.size(); ++i) {
     const double time = median(seconds[i]);
     if (i > 0 && (best == 0 || time < best)) best = time;
-    std::string name = programs[i][0].substr(programs[i][0].rfind('/') + 1);
-    std::printf("  %-24s %8.3f s %8.1f MB\n", name.c_str(), time, static_cast<double>(kilobytes[i]) / 1024);
+    std::printf("  %-24s %8.3f s %8.1f MB\n", programs[i].first.c_str(), time,
+                static_cast<double>(kilobytes[i]) / 1024);
   }
   std::printf("  ratio %.2f\n", median(seconds[0]) / best);
   std::fflush(stdout);
@@ -148,10 +152,10 @@ void removeTree(const std::string& path) {
 
 void compareSizing(const std::string& title, const std::string& larkspan, const std::string& path) {
   compare("size " + title,
-          {{larkspan, "size", path},
-           {"du", "-sx", path},
-           {"ncdu", "-0", "-x", "-o", "/dev/null", path},
-           {"gdu", "-n", "-p", "-s", "-x", path}},
+          {{"larkspan size", {larkspan, "size", path}},
+           {"du -s", {"du", "-sx", path}},
+           {"ncdu", {"ncdu", "-0", "-x", "-o", "/dev/null", path}},
+           {"gdu", {"gdu", "-n", "-p", "-s", "-x", path}}},
           kRounds, [] {});
 }
 
@@ -178,12 +182,12 @@ int main(int argc, char** argv) {
         Words excluding{larkspan, "size", path};
         for (int i = 0; i < 100; ++i)
           excluding.insert(excluding.end(), {"--exclude", path + "/" + std::to_string(i) + "/none"});
-        compare("size " + title + " with 100 exclusions, and without", {excluding, {larkspan, "size", path}},
-                kRounds, [] {});
+        compare("size " + title + ", excluding",
+                {{"100 exclusions", excluding}, {"no exclusion", {larkspan, "size", path}}}, kRounds, [] {});
       }
       removeTree(path);
-      compare("delete " + title, {{self, "--delete", path}, {"rm", "-rf", path}}, kDeletionRounds,
-              [&] { make(shape, path); });
+      compare("delete " + title, {{"larkspan", {self, "--delete", path}}, {"rm -rf", {"rm", "-rf", path}}},
+              kDeletionRounds, [&] { make(shape, path); });
     }
     removeTree(base);
   }
