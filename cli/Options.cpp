@@ -95,6 +95,18 @@ Options parseArguments(int argc, char** argv) {
   watch->add_flag("--ignore-metadata", options.ignoreMetadata,
                   "Leave out what only got other attributes or another name");
 
+  CLI::App* size =
+      add(Command::size, "size", "Show what folders hold: all that is on their volume, beneath them",
+          "  larkspan size ~ --depth 2\n"
+          "  larkspan size ~/.cache --exclude ~/.cache/thumbnails --json");
+  size->add_option("PATH", options.paths, "Folders, or single files")->required();
+  size->add_option("--exclude", options.excluded, "Leave this out, and what is in it; may be repeated")
+      ->type_name("PATH")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  size->add_option("--depth", options.depth, "Show so many levels of folders, too, the largest first")
+      ->type_name("N");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {

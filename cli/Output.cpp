@@ -28,9 +28,11 @@ void writeOutput(std::string_view text) {
   }
 }
 
-std::size_t outputWidth() {
+std::size_t terminalWidth(int descriptor) {
   winsize size{};
-  return isatty(STDOUT_FILENO) && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+  return isatty(descriptor) && ioctl(descriptor, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }
+
+std::size_t outputWidth() { return terminalWidth(STDOUT_FILENO); }
 
 }  // namespace larkspan::cli

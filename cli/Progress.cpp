@@ -1,6 +1,8 @@
 #include "cli/Progress.h"
 
+#include "cli/Output.h"
 #include "cli/Sum.h"
+#include "cli/Text.h"
 #include "larkspan/host/LKSHostExtensionContext.h"
 #include "larkspan/items/MessageItem.h"
 #include "larkspan/platform/dispatch/DispatchQueue.h"
@@ -28,11 +30,6 @@ void writeLine(std::string_view text) {
   [[maybe_unused]] const ssize_t count = write(STDERR_FILENO, text.data(), text.size());
 }
 
-bool canShow() {
-  const char* terminal = std::getenv("TERM");
-  return isatty(STDERR_FILENO) && terminal && std::string_view(terminal) != "dumb";
-}
-
 struct Found {
   std::mutex mutex;
   Sum sum;
@@ -56,11 +53,20 @@ Progress::Progress() {
           if (!current) return;
           const std::lock_guard again(current->mutex);
           current->drawing = false;
-          shown = true;
-          writeLine(std::string(kEraseLine) + "… " + std::to_string(current->sum.count) + " items, " +
-                    platform::sizeText(current->sum.bytes));
+          show("… " + std::to_string(current->sum.count) + " items, " +
+               platform::sizeText(current->sum.bytes));
         });
       });
+}
+
+bool Progress::canShow() {
+  const char* terminal = std::getenv("TERM");
+  return isatty(STDERR_FILENO) && terminal && std::string_view(terminal) != "dumb";
+}
+
+void Progress::show(std::string_view text) {
+  shown = true;
+  writeLine(std::string(kEraseLine) + cutToWidth(text, terminalWidth(STDERR_FILENO)));
 }
 
 void Progress::erase() {

@@ -2,6 +2,8 @@
 
 #include "larkspan/platform/base/NotificationCenter.h"
 
+#include <string_view>
+
 namespace larkspan::cli {
 
 /// While it lives, a line on the terminal that says how much the extensions have found so far: "… 120 items,
@@ -11,6 +13,10 @@ class Progress {
  public:
   Progress();
 
+  /// Whether there is a terminal to show a line on.
+  static bool canShow();
+  /// Puts another text in the line, cut to the terminal's width; it must be printable. Any thread.
+  static void show(std::string_view text);
   /// Takes the line away, if it is there. Any thread.
   static void erase();
 

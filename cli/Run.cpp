@@ -5,6 +5,7 @@
 #include "cli/Json.h"
 #include "cli/Output.h"
 #include "cli/Progress.h"
+#include "cli/Sizes.h"
 #include "cli/Text.h"
 #include "cli/View.h"
 #include "larkspan/platform/appext/ExtensionDirectories.h"
@@ -131,6 +132,7 @@ class Run {
       case Command::overview:
       case Command::extensions:
       case Command::watch:
+      case Command::size:
         break;
     }
   }
@@ -217,6 +219,7 @@ class Run {
 }  // namespace
 
 void run(const Options& options) {
+  if (options.command == Command::size) return runSizes(options);
   // Lives as long as the program: answers may come until its end.
   static auto* const current = new Run(options);
   current->begin();

@@ -1,10 +1,10 @@
 #include "larkspan/items/LKSResource.h"
 
 #include "larkspan/platform/base/Format.h"
+#include "larkspan/platform/desktop/LastUsed.h"
 #include "larkspan/platform/dispatch/DispatchQueue.h"
 #include "larkspan/platform/files/DeepDelete.h"
 #include "larkspan/platform/files/FolderSize.h"
-#include "larkspan/platform/files/LastUsed.h"
 #include "larkspan/platform/files/ResourceValues.h"
 #include "larkspan/platform/log/Console.h"
 #include "larkspan/platform/process/Identity.h"

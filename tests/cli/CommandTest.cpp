@@ -175,6 +175,37 @@ TEST(Command, SurvivesExtensionsThatMisbehaveAndLeavesNobodyBehind) {
             "larkspan: the items could not be read within 0.2 seconds\n");
 }
 
+TEST(Command, SizesFoldersAndShowsWhereItGoes) {
+  Program program;
+  const std::string root = program.tree().path("sized");
+  program.tree().write("sized/large/f", std::string(60'000, 'x'));
+  program.tree().write("sized/small\x1b/deep/f", std::string(4000, 'x'));
+  const auto json = [](const std::string& path, int64_t bytes, int entries) {
+    return R"({"path":")" + path + R"(","bytes":)" + std::to_string(bytes) + R"(,"entries":)" +
+           std::to_string(entries);
+  };
+  const std::string whole = json(root, 61'440 + 4096 + 3 * 4096, 5) + R"(,"unreadable":0)";
+  EXPECT_EQ(flat(program.run({"size", root, "--json"}).output), "[" + whole + "}]");
+  const auto some = program.run({"size", root + "/./nowhere/..", root + "/large/f", root + "/none", "--json",
+                                 "--exclude", root + "/../sized/large"});
+  EXPECT_EQ(some.code(), 1);
+  EXPECT_EQ(flat(some.output), "[{\"path\":\"" + root +
+                                   "/./nowhere/..\",\"error\":\"Nosuchfileordirectory\"}," +
+                                   json(root + "/large/f", 61'440, 1) + ",\"unreadable\":0},{\"path\":\"" +
+                                   root + "/none\",\"error\":\"Nosuchfileordirectory\"}]");
+  EXPECT_TRUE(some.error.ends_with("larkspan: " + root + "/none: No such file or directory\n")) << some.error;
+  EXPECT_EQ(program.run({"size", root, "--exclude", root + "/../sized/large"}).output,
+            "12 KB  " + root + "\n");
+  const auto lines = program.run({"size", root, "--depth", "1"}).output;
+  EXPECT_LT(lines.find("  large"), lines.find("  small\\x1b")) << lines;
+  EXPECT_NE(lines.find("66 KB  ████████████████▉\n"), std::string::npos) << lines;
+  EXPECT_EQ(lines.find("deep"), std::string::npos);
+  EXPECT_EQ(
+      flat(program.run({"size", root, "--depth", "1", "--exclude", root + "/small\x1b", "--json"}).output),
+      "[" + json(root, 61'440 + 4096, 2) + R"(,"unreadable":0,"folders":[)" +
+          json(root + "/large", 61'440 + 4096, 2) + "}]}]");
+}
+
 TEST(Command, EndsAtOnceWhenItIsInterruptedAndTakesEvenStoppedExtensionsAlong) {
   Program program;
   program.add("hang", "hang");

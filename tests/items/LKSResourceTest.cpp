@@ -1,7 +1,7 @@
 #include "larkspan/items/LKSResource.h"
+#include "larkspan/platform/desktop/LastUsed.h"
 #include "larkspan/platform/dispatch/DispatchQueue.h"
 #include "larkspan/platform/files/Installed.h"
-#include "larkspan/platform/files/LastUsed.h"
 #include "larkspan/platform/files/ResourceValues.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/ManifestTree.h"

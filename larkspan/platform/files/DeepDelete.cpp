@@ -2,9 +2,12 @@
 
 #include "larkspan/platform/base/Format.h"
 #include "larkspan/platform/files/DirectoryStack.h"
+#include "larkspan/platform/files/WalkCrew.h"
 
 #include <algorithm>
+#include <mutex>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -18,49 +21,47 @@ namespace {
 /// appear meanwhile, or that the file system skips when others are removed between two reads.
 constexpr unsigned kMaximumPasses = 64;
 
-/// The deletion of one batch.
+/// What is known of the folder of a level.
+struct State {
+  bool failed = false;   // Something beneath could not go, so the folder cannot.
+  bool changed = false;  // Something in it went or moved away in this pass.
+  unsigned pass = 0;
+};
+
+/// What parts that were given something of one folder tell the one that gave it.
+struct Findings : WalkCrew::Awaited {
+  std::atomic<bool> failed = false, changed = false;
+};
+
+/// What the parts of the deletion of one batch have in common.
 class Deletion {
  public:
-  explicit Deletion(const DeepDeleteOptions& options) : options_(options) {}
+  explicit Deletion(const DeepDeleteOptions& batchOptions) : options(batchOptions) {}
 
-  void remove(const URL& item) {
-    if (!open(item)) return;
-    struct statx facts;
-    if (const int error = factsAt(stack_->top(), name_.c_str(), facts)) {
-      fail(name_, error);
-      return;
-    }
-    removeFolder(name_, 0);
-    removeEntered(1);
+  bool isCancelled() const { return options.progress && options.progress->isCancelled(); }
+
+  void addRemoved(int64_t count) {
+    removed_.fetch_add(count, std::memory_order_relaxed);
+    if (options.progress) options.progress->add(0, count);
   }
 
-  void empty(const URL& folder, std::span<const std::string> keep) {
-    if (!open(folder)) return;
-    keep_ = keep;
-    if (const int error = enter(name_, 0)) {
-      fail(name_, error == EXDEV ? EBUSY : error);
-      return;
-    }
-    removeEntered(2);
-    for (unsigned pass = 1; pass < kMaximumPasses && needsAnotherPass(); ++pass) {
-      states_.back() = {};
-      ::lseek(stack_->top(), 0, SEEK_SET);
-      scan();
-      removeEntered(2);
-    }
+  void addFailure(int error, std::string_view path) {
+    const std::lock_guard lock(mutex_);
+    ++failed_;
+    if (!firstCause_) firstCause_ = Error::posix(error, path);
   }
 
   DeepDeleteResult finish() {
     DeepDeleteResult result{removed_, failed_, std::nullopt};
     if (!isCancelled() && !firstCause_) return result;
     Dictionary information;
-    information.set(kRemovedCountKey, removed_);
+    information.set(kRemovedCountKey, result.removed);
     information.set(kFailedCountKey, failed_);
     auto code = DeletionErrorCode::cancelled;
-    std::string text = format("Cancelled after %lld entries were removed", removed_);
+    std::string text = format("Cancelled after %lld entries were removed", result.removed);
     if (!isCancelled()) {
       code = DeletionErrorCode::incomplete;
-      text = format("%lld entries were removed, %lld could not be: %@", removed_, failed_,
+      text = format("%lld entries were removed, %lld could not be: %@", result.removed, failed_,
                     firstCause_->localizedDescription());
       information.set(kFirstCauseKey, *firstCause_);
     }
@@ -69,52 +70,100 @@ class Deletion {
     return result;
   }
 
-  bool isCancelled() const { return options_.progress && options_.progress->isCancelled(); }
+  const DeepDeleteOptions options;
+  WalkCrew crew;
 
  private:
-  /// What is known of a level of the stack.
-  struct State {
-    bool failed = false;   // Something beneath could not go, so the folder cannot.
-    bool changed = false;  // Something in it went or moved away in this pass.
-    unsigned pass = 0;
-  };
+  std::atomic<int64_t> removed_ = 0;
+  std::mutex mutex_;
+  int64_t failed_ = 0;
+  std::optional<Error> firstCause_;
+};
 
-  /// Splits the item's path into the folder that holds it, which becomes the start of the stack, and its
-  /// name.
-  bool open(const URL& item) {
-    const std::string path = item.path();
-    const std::size_t nameStart = path.rfind('/') + 1;
-    name_ = path.substr(nameStart);
-    int error = 0;
-    if (!item.isFileURL() || path.find('\0') != path.npos || name_.empty() || name_ == "." || name_ == "..") {
-      error = EINVAL;
-    } else {
-      const std::string parentPath = path.substr(0, nameStart);
-      Descriptor parent(::open(parentPath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-      struct statx facts;
-      error = parent ? factsAt(parent.get(), "", facts) : errno;
-      if (!error) stack_.emplace(std::move(parent), parentPath, facts, options_.opening);
-    }
-    if (error) {
-      ++failed_;
-      if (!firstCause_) firstCause_ = Error::posix(error, item.isFileURL() ? path : item.description());
-    }
-    states_.assign(1, {});
-    return error == 0;
+/// Removes what is pending at the start, and the entries, which are of the start, with all beneath. A part waits before it leaves a folder of which it
+/// gave something away, because that can go only when it is empty.
+class DeletionPart final : public WalkCrew::Part {
+ public:
+  DeletionPart(Deletion& deletion, DirectoryStack::Start start, uint64_t mount,
+               std::shared_ptr<Findings> findings = nullptr, std::string entries = {})
+      : deletion_(deletion),
+        stack_(std::move(start), mount, deletion.options.opening),
+        levels_(1),
+        findings_(std::move(findings)),
+        entries_(std::move(entries)) {}
+
+  /// Makes the part leave the folder `name` of the start, and in it what has these names.
+  void emptyOnly(std::string name, std::span<const std::string> keep) {
+    emptied_ = std::move(name);
+    keep_ = keep;
   }
 
-  /// Removes what is beneath the top level and the levels down to `depth`, which stays.
-  void removeEntered(std::size_t depth) {
+  bool run(DirectoryReader& reader) override {
+    reader_ = &reader;
+    if (!emptied_.empty() && stack_.depth() == 1) {
+      if (const int error = enter(emptied_, 0)) {
+        fail(emptied_, error == EXDEV ? EBUSY : error);
+        return true;
+      }
+    }
+    removeEntries(std::exchange(entries_, {}), false);
+    const std::size_t lowest = emptied_.empty() ? 1 : 2;
     std::string name;
-    while (!isCancelled()) {
-      if (stack_->takePending(name)) {
+    while (!deletion_.isCancelled()) {
+      if (stack_.takePending(name)) {
         removeFolder(name, 0);
-      } else if (stack_->depth() > depth) {
+        giveAway();
+      } else if (levels_.back().findings && mustWaitForGiven()) {
+        return false;
+      } else if (stack_.depth() > lowest) {
         leave();
-      } else {
+      } else if (emptied_.empty() || !readAgain()) {
         break;
       }
     }
+    flush();
+    if (findings_ && levels_[0].state.failed) findings_->failed = true;
+    if (findings_ && levels_[0].state.changed) findings_->changed = true;
+    return true;
+  }
+
+ private:
+  struct Level {
+    State state;
+    std::shared_ptr<Findings> findings;  // Of those who were given something of it.
+  };
+
+  /// Entries that a part removes before it may give work away: less is done sooner than given.
+  static constexpr int64_t kWorthSharing = 256;
+  /// Bytes of entries worth a part of their own.
+  static constexpr std::size_t kManyEntries = 16 * 1024;
+  /// Entries removed between two additions to the count that all share.
+  static constexpr int64_t kFlushInterval = 64;
+
+  bool mayGive() const { return removed_ >= kWorthSharing && deletion_.crew.isHungry(); }
+
+  void giveAway() {
+    DirectoryStack::Start start;
+    std::size_t level;
+    if (mayGive() && stack_.split(start, level)) give(std::move(start), level, {});
+  }
+
+  void give(DirectoryStack::Start start, std::size_t level, std::string entries) {
+    auto& findings = levels_[level].findings;
+    if (!findings) findings = std::make_shared<Findings>();
+    deletion_.crew.give(std::make_shared<DeletionPart>(deletion_, std::move(start), stack_.mount(), findings,
+                                                       std::move(entries)),
+                        findings);
+  }
+
+  /// Waits for what was given away of the top folder, and learns what became of it.
+  bool mustWaitForGiven() {
+    flush();
+    if (mustWait(*levels_.back().findings)) return true;
+    const auto findings = std::move(levels_.back().findings);
+    state().failed |= findings->failed;
+    state().changed |= findings->changed;
+    return false;
   }
 
   /// Enters the folder and removes what is no folder in it, or removes the entry if it is no folder any more.
@@ -122,12 +171,12 @@ class Deletion {
     const int error = enter(name, pass);
     if (error == 0 || error == ENOENT) return;
     if (error == ESTALE) {
-      states_.back().changed = true;
+      state().changed = true;
     } else if (error == ENOTDIR || error == ELOOP) {
-      unlink(name.c_str(), stack_->top());
+      unlink(name.c_str(), stack_.top());
     } else if (error == EXDEV) {
       fail(name, EBUSY);
-    } else if (error == EACCES && ::unlinkat(stack_->top(), name.c_str(), AT_REMOVEDIR) == 0) {
+    } else if (error == EACCES && ::unlinkat(stack_.top(), name.c_str(), AT_REMOVEDIR) == 0) {
       countRemoved();  // Unreadable, but empty.
     } else {
       fail(name, error);
@@ -137,50 +186,73 @@ class Deletion {
   /// Puts the folder `name` on top and removes what is no folder in it. Returns 0 or an errno.
   int enter(const std::string& name, unsigned pass) {
     struct statx facts;
-    if (const int error = stack_->enter(name, facts)) return error;
-    states_.push_back({false, false, pass});
-    if (options_.progress && options_.progress->wantsFolder())
-      options_.progress->noteFolder(stack_->pathOf({}));
+    if (const int error = stack_.enter(name, facts)) return error;
+    levels_.push_back({{false, false, pass}, nullptr});
+    WalkProgress* const progress = deletion_.options.progress;
+    if (progress && progress->wantsFolder()) progress->noteFolder(stack_.pathOf({}));
     scan();
     return 0;
   }
 
-  bool needsAnotherPass() const { return states_.back().changed && !states_.back().failed && !isCancelled(); }
+  /// Reads the folder that stays once more, if there is reason to.
+  bool readAgain() {
+    State& last = state();
+    if (!last.changed || last.failed || last.pass + 1 == kMaximumPasses) return false;
+    last = {false, false, last.pass + 1};
+    ::lseek(stack_.top(), 0, SEEK_SET);
+    scan();
+    return true;
+  }
 
   void scan() {
-    const int folder = stack_->top();
-    const bool keeps = stack_->depth() == 2 && !keep_.empty();
-    const int error = reader_.read(folder, [&](const char* name, unsigned char type) {
-      if (isCancelled()) return false;
+    const bool keeps = stack_.depth() == 2 && !keep_.empty();
+    int error = 0;
+    while (!deletion_.isCancelled()) {
+      const std::string_view entries = reader_->next(stack_.top(), error);
+      if (entries.empty()) break;
+      DirectoryStack::Start start;
+      if (entries.size() >= kManyEntries && !keeps && mayGive() && stack_.startAtTop(start)) {
+        give(std::move(start), levels_.size() - 1, std::string(entries));
+      } else {
+        removeEntries(entries, keeps);
+      }
+    }
+    if (error) fail({}, error);
+  }
+
+  /// Removes those entries of the top folder that are no folders, and notes the others.
+  void removeEntries(std::string_view entries, bool keeps) {
+    const int folder = stack_.top();
+    DirectoryReader::forEach(entries, [&](const char* name, unsigned char type) {
+      if (deletion_.isCancelled()) return false;
       if (keeps && std::find(keep_.begin(), keep_.end(), name) != keep_.end()) return true;
       if (type == DT_DIR) {
-        stack_->addPending(name);
+        stack_.addPending(name);
       } else {
         unlink(name, folder);
       }
       return true;
     });
-    if (error) fail({}, error);
   }
 
   /// Leaves the top folder and removes it, unless something in it could not go.
   void leave() {
-    const State state = states_.back();
-    const std::string name = stack_->name();
-    stack_->leave();
-    states_.pop_back();
-    if (state.failed) {
-      states_.back().failed = true;
+    const State left = state();
+    const std::string name = stack_.name();
+    stack_.leave();
+    levels_.pop_back();
+    if (left.failed) {
+      state().failed = true;
       return;
     }
-    const int parent = stack_->top();
+    const int parent = stack_.top();
     if (parent >= 0 && ::unlinkat(parent, name.c_str(), AT_REMOVEDIR) == 0) {
       countRemoved();
     } else if (parent < 0 || errno == ENOENT) {
       // Moved away; if it is still in the tree, it is met again when the folder that holds it is not empty.
-      states_.back().changed = true;
-    } else if ((errno == ENOTEMPTY || errno == EEXIST) && state.changed && state.pass < kMaximumPasses) {
-      removeFolder(name, state.pass + 1);
+      state().changed = true;
+    } else if ((errno == ENOTEMPTY || errno == EEXIST) && left.changed && left.pass < kMaximumPasses) {
+      removeFolder(name, left.pass + 1);
     } else if (errno == ENOTDIR) {
       unlink(name.c_str(), parent);
     } else {
@@ -192,34 +264,52 @@ class Deletion {
     if (::unlinkat(folder, name, 0) == 0) {
       countRemoved();
     } else if (errno == EISDIR) {
-      stack_->addPending(name);
+      stack_.addPending(name);
     } else if (errno != ENOENT) {
       fail(name, errno);
     }
   }
 
+  State& state() { return levels_.back().state; }
+
   void countRemoved() {
-    ++removed_;
-    states_.back().changed = true;
-    if (options_.progress) options_.progress->add(0, 1);
+    state().changed = true;
+    if (++removed_ - flushed_ == kFlushInterval) flush();
   }
+
+  void flush() { deletion_.addRemoved(removed_ - std::exchange(flushed_, removed_)); }
 
   void fail(std::string_view name, int error) {
-    states_.back().failed = true;
-    ++failed_;
-    if (!firstCause_) firstCause_ = Error::posix(error, stack_->pathOf(name));
+    state().failed = true;
+    deletion_.addFailure(error, stack_.pathOf(name));
   }
 
-  const DeepDeleteOptions options_;
-  std::string name_;
+  Deletion& deletion_;
+  DirectoryStack stack_;
+  std::vector<Level> levels_;  // One for each level of the stack.
+  const std::shared_ptr<Findings> findings_;
+  std::string entries_;
+  std::string emptied_;
   std::span<const std::string> keep_;
-  std::optional<DirectoryStack> stack_;
-  std::vector<State> states_;  // One for each level of the stack.
-  DirectoryReader reader_;
-  int64_t removed_ = 0;
-  int64_t failed_ = 0;
-  std::optional<Error> firstCause_;
+  DirectoryReader* reader_ = nullptr;  // Of the thread.
+  int64_t removed_ = 0, flushed_ = 0;
 };
+
+/// Splits the item's path into the folder that holds it, which becomes the start, and its name.
+int openParent(const URL& item, DirectoryStack::Start& start, uint64_t& mount, std::string& name) {
+  const std::string path = item.path();
+  const std::size_t nameStart = path.rfind('/') + 1;
+  name = path.substr(nameStart);
+  if (!item.isFileURL() || path.find('\0') != path.npos || name.empty() || name == "." || name == "..")
+    return EINVAL;
+  start.path = path.substr(0, nameStart);
+  start.folder = Descriptor(::open(start.path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!start.folder) return errno;
+  struct statx facts;
+  if (const int error = factsAt(start.folder.get(), "", facts)) return error;
+  mount = mountOf(facts);
+  return factsAt(start.folder.get(), name.c_str(), facts);
+}
 
 }  // namespace
 
@@ -227,7 +317,15 @@ DeepDeleteResult deepDelete(std::span<const URL> items, const DeepDeleteOptions&
   Deletion deletion(options);
   for (const URL& item : items) {
     if (deletion.isCancelled()) break;
-    deletion.remove(item);
+    DirectoryStack::Start start;
+    uint64_t mount = 0;
+    std::string name;
+    if (const int error = openParent(item, start, mount, name)) {
+      deletion.addFailure(error, item.isFileURL() ? item.path() : item.description());
+      continue;
+    }
+    start.pending = '\0' + name;
+    deletion.crew.run(std::make_shared<DeletionPart>(deletion, std::move(start), mount));
   }
   return deletion.finish();
 }
@@ -235,7 +333,16 @@ DeepDeleteResult deepDelete(std::span<const URL> items, const DeepDeleteOptions&
 DeepDeleteResult emptyFolder(const URL& folder, std::span<const std::string> keep,
                              const DeepDeleteOptions& options) {
   Deletion deletion(options);
-  deletion.empty(folder, keep);
+  DirectoryStack::Start start;
+  uint64_t mount = 0;
+  std::string name;
+  if (const int error = openParent(folder, start, mount, name)) {
+    deletion.addFailure(error, folder.isFileURL() ? folder.path() : folder.description());
+  } else {
+    const auto part = std::make_shared<DeletionPart>(deletion, std::move(start), mount);
+    part->emptyOnly(name, keep);
+    deletion.crew.run(part);
+  }
   return deletion.finish();
 }
 

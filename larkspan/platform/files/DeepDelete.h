@@ -47,11 +47,12 @@ struct DeepDeleteOptions {
 /// cannot lead the walk out of the tree: the link itself goes. Mounts are not crossed, and what something is
 /// mounted on stays, as do "/", and items that end in "." or "..". After an entry that cannot go the rest
 /// goes on; entries that appear meanwhile go too, within reason.
-/// Thread:  blocks the caller for the whole walk.
+/// Thread:  blocks the caller for the whole walk. A large one is shared with threads that are started for it,
+///          at the caller's priority, and end with it.
 /// Failure: one error for the batch. An item that is not there, or is no file URL, is a failure; an entry of
 ///          the tree that somebody else removes first is not.
-/// Limits:  any depth, number and names; some 20 descriptors. The path of an item itself is bounded by
-///          PATH_MAX.
+/// Limits:  any depth, number and names; half of the descriptors that the process may have. The path of an
+///          item itself is bounded by PATH_MAX.
 DeepDeleteResult deepDelete(std::span<const URL> items, const DeepDeleteOptions& options = {});
 
 /// As `deepDelete` for everything in a folder but the folder itself and its entries of the names in `keep`.

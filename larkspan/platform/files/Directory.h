@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string_view>
 
 #include <dirent.h>
 #include <sys/stat.h>
@@ -32,27 +33,42 @@ int openFolderAt(int parent, const char* name, uint64_t mount, FolderOpening ope
 /// Reads the entries of folders, with one buffer for all of them.
 class DirectoryReader {
  public:
-  /// Calls `entry(name, type)` for each entry but "." and "..", from the descriptor's position on; `type` is
-  /// a DT_ constant, DT_UNKNOWN where the file system does not say. Ends early when `entry` answers false.
-  /// Returns 0 or the errno of getdents64(2).
+  /// Reads on from the folder's position: entries as getdents64(2) gives them, valid until the next call;
+  /// none at the end or after an error, which is an errno.
+  std::string_view next(int folder, int& error) {
+    if (!buffer_) buffer_ = std::make_unique_for_overwrite<char[]>(kBufferSize);
+    const ssize_t size = ::getdents64(folder, buffer_.get(), kBufferSize);
+    error = size < 0 ? errno : 0;
+    return {buffer_.get(), size < 0 ? 0 : static_cast<std::size_t>(size)};
+  }
+
+  /// Calls `entry(name, type)` for each of the entries but "." and ".."; `type` is a DT_ constant, DT_UNKNOWN
+  /// where the file system does not say. Ends early, and answers false, when `entry` does.
+  template <typename F>
+  static bool forEach(std::string_view entries, F&& entry) {
+    for (std::size_t at = 0; at < entries.size();) {
+      const auto* record = reinterpret_cast<const dirent64*>(entries.data() + at);
+      at += record->d_reclen;
+      const char* name = record->d_name;
+      const bool isDots = name[0] == '.' && (!name[1] || (name[1] == '.' && !name[2]));
+      if (!isDots && !entry(name, record->d_type)) return false;
+    }
+    return true;
+  }
+
+  /// `forEach` for all that follows. Returns 0 or the errno of getdents64(2).
   template <typename F>
   int read(int folder, F&& entry) {
+    int error = 0;
     for (;;) {
-      const ssize_t size = ::getdents64(folder, buffer_.get(), kBufferSize);
-      if (size <= 0) return size < 0 ? errno : 0;
-      for (ssize_t at = 0; at < size;) {
-        const auto* record = reinterpret_cast<const dirent64*>(buffer_.get() + at);
-        at += record->d_reclen;
-        const char* name = record->d_name;
-        const bool isDots = name[0] == '.' && (!name[1] || (name[1] == '.' && !name[2]));
-        if (!isDots && !entry(name, record->d_type)) return 0;
-      }
+      const std::string_view entries = next(folder, error);
+      if (entries.empty() || !forEach(entries, entry)) return error;
     }
   }
 
  private:
-  static constexpr std::size_t kBufferSize = 256 * 1024;
-  std::unique_ptr<char[]> buffer_ = std::make_unique_for_overwrite<char[]>(kBufferSize);
+  static constexpr std::size_t kBufferSize = 64 * 1024;
+  std::unique_ptr<char[]> buffer_;
 };
 
 }  // namespace larkspan::platform

@@ -1,24 +1,37 @@
 #include "larkspan/platform/files/DirectoryStack.h"
 
+#include <algorithm>
+
 #include <fcntl.h>
 #include <sys/sysmacros.h>
 
 namespace larkspan::platform {
 
-DirectoryStack::DirectoryStack(Descriptor root, std::string path, const struct statx& facts,
-                               FolderOpening opening)
-    : path_(std::move(path)), opening_(opening), mount_(mountOf(facts)) {
-  levels_.emplace_back().directory = std::move(root);
+namespace {
+
+void append(std::string& path, std::string_view name) {
+  if (!path.ends_with('/')) path += '/';
+  path += name;
+}
+
+}  // namespace
+
+DirectoryStack::DirectoryStack(Start start, uint64_t mount, FolderOpening opening)
+    : path_(std::move(start.path)), opening_(opening), mount_(mount) {
+  Level& level = levels_.emplace_back();
+  level.directory = std::move(start.folder);
+  level.pending = std::move(start.pending);
+}
+
+std::string DirectoryStack::pathOfLevel(std::size_t level) const {
+  std::string path = path_;
+  for (std::size_t i = 1; i <= level; ++i) append(path, levels_[i].name);
+  return path;
 }
 
 std::string DirectoryStack::pathOf(std::string_view name) const {
-  std::string path = path_;
-  const auto append = [&path](std::string_view component) {
-    if (!path.ends_with('/')) path += '/';
-    path += component;
-  };
-  for (std::size_t i = 1; i < levels_.size(); ++i) append(levels_[i].name);
-  if (!name.empty()) append(name);
+  std::string path = pathOfLevel(levels_.size() - 1);
+  if (!name.empty()) append(path, name);
   return path;
 }
 
@@ -45,11 +58,27 @@ void DirectoryStack::close(Level& level) {
 
 int DirectoryStack::top() {
   Level& level = levels_.back();
-  if (!level.directory && !level.isLost) level.isLost = !reopenTop();
+  if (!level.directory && !level.isLost) level.isLost = !climb() && !descend();
   return level.directory.get();
 }
 
-bool DirectoryStack::reopenTop() {
+bool DirectoryStack::climb() {
+  // So many that a path of them is far from PATH_MAX.
+  constexpr std::size_t kStepsAtOnce = 1000;
+  Descriptor folder = std::move(left_);
+  for (std::size_t steps = leftLevel_ - (levels_.size() - 1); folder && steps > 0;) {
+    const std::size_t count = std::min(steps, kStepsAtOnce);
+    std::string path;
+    for (std::size_t i = 0; i < count; ++i) path += "../";
+    folder = Descriptor(::openat(folder.get(), path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    steps -= count;
+  }
+  if (!is(folder, levels_.back().identity)) return false;
+  levels_.back().directory = std::move(folder);
+  return true;
+}
+
+bool DirectoryStack::descend() {
   std::size_t open = levels_.size() - 1;
   while (!levels_[open].directory) --open;
   Descriptor reached;
@@ -87,12 +116,15 @@ int DirectoryStack::enter(const std::string& name, struct statx& facts) {
 }
 
 void DirectoryStack::leave() {
-  const Level child = std::move(levels_.back());
+  Descriptor child = std::move(levels_.back().directory);
   levels_.pop_back();
-  Level& parent = levels_.back();
-  if (parent.directory || !child.directory) return;
-  Descriptor above(::openat(child.directory.get(), "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (is(above, parent.identity)) parent.directory = std::move(above);
+  firstPending_ = std::min(firstPending_, levels_.size() - 1);
+  if (levels_.back().directory) {
+    left_.reset();
+  } else if (child) {
+    left_ = std::move(child);
+    leftLevel_ = levels_.size();
+  }
 }
 
 void DirectoryStack::addPending(const char* name) {
@@ -108,6 +140,30 @@ bool DirectoryStack::takePending(std::string& name) {
   name.assign(pending, start + 1);
   pending.resize(start);
   return true;
+}
+
+bool DirectoryStack::split(Start& start, std::size_t& level) {
+  const std::size_t last = levels_.size() - 1;
+  while (firstPending_ < last && levels_[firstPending_].pending.empty()) ++firstPending_;
+  level = firstPending_;
+  std::string& pending = levels_[level].pending;
+  // A name begins behind a NUL. One that is alone goes, too, while there is something further down.
+  std::size_t middle = pending.find('\0', pending.size() / 2);
+  if (middle == pending.npos) middle = pending.rfind('\0');
+  if (middle == pending.npos || (middle == 0 && level == last)) return false;
+  if (!startAt(level, start)) return false;
+  start.pending = pending.substr(middle);
+  pending.resize(middle);
+  return true;
+}
+
+bool DirectoryStack::startAt(std::size_t level, Start& start) const {
+  const Descriptor& folder = levels_[level].directory;
+  if (!folder) return false;
+  // No duplicate: threads that use one open file wait for each other's cache lines.
+  start.folder = Descriptor(::openat(folder.get(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (start.folder) start.path = pathOfLevel(level);
+  return bool(start.folder);
 }
 
 }  // namespace larkspan::platform

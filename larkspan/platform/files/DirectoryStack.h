@@ -2,9 +2,9 @@
 
 #include "larkspan/platform/files/Directory.h"
 
+#include <deque>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace larkspan::platform {
 
@@ -12,20 +12,27 @@ namespace larkspan::platform {
 ///
 /// A walk reads a folder to its end, keeps the names of the folders in it as pending, and enters them one
 /// after another, so that no read position has to survive. Only the start and the lowest few levels stay
-/// open; a level that was closed is reached again through ".." of the level beneath, or by its names from the
-/// nearest open one, and in both cases only if device, inode, mount and birth time are still the same. So a
-/// tree may be any number of levels deep, and a folder that somebody moves or swaps meanwhile leads the walk
-/// nowhere else.
+/// open; a level that was closed is reached again, once it is needed, through ".." of the level last left, or
+/// by its names from the nearest open one, and in both cases only if device, inode, mount and birth time are
+/// still the same. So a tree may be any number of levels deep, and a folder that somebody moves or swaps
+/// meanwhile leads the walk nowhere else.
+///
+/// What is pending in the folders further up can be split off, for another stack to start with.
 ///
 /// Thread: one at a time.
-/// Limits: at most `kOpenLevels` + 3 descriptors; memory for the names on the way and those pending.
+/// Limits: at most `kMaximumDescriptors`; memory for the names on the way and those pending.
 class DirectoryStack {
  public:
   static constexpr std::size_t kOpenLevels = 16;
+  static constexpr std::size_t kMaximumDescriptors = kOpenLevels + 4;
 
-  /// Starts at `root`, whose facts are `facts`; `path` only serves reports. A folder opened with O_PATH will
-  /// do if it is not read.
-  DirectoryStack(Descriptor root, std::string path, const struct statx& facts, FolderOpening opening);
+  /// Where a walk starts. A folder opened with O_PATH will do if it is not read.
+  struct Start {
+    Descriptor folder;
+    std::string path;  ///< For reports.
+    std::string pending = {};
+  };
+  DirectoryStack(Start start, uint64_t mount, FolderOpening opening);
 
   /// Number of levels, the start included.
   std::size_t depth() const { return levels_.size(); }
@@ -47,6 +54,11 @@ class DirectoryStack {
   void addPending(const char* name);
   /// Moves one pending name of the top folder to `name`; false when there is none.
   bool takePending(std::string& name);
+  /// A start at the top folder with nothing pending. False when no descriptor is to be had.
+  bool startAtTop(Start& start) { return startAt(levels_.size() - 1, start); }
+  /// Moves half of what is pending in the highest folder that has much to a start at that folder, whose level
+  /// (0 for this stack's start) becomes `level`. False when there is nothing to spare.
+  bool split(Start& start, std::size_t& level);
 
  private:
   struct Identity {
@@ -65,12 +77,19 @@ class DirectoryStack {
   static bool identify(const Descriptor& folder, Identity& identity);
   static bool is(const Descriptor& folder, const Identity& identity);
   static void close(Level& level);
-  bool reopenTop();
+  bool startAt(std::size_t level, Start& start) const;
+  std::string pathOfLevel(std::size_t level) const;
+  bool climb();
+  bool descend();
 
   const std::string path_;
   const FolderOpening opening_;
   const uint64_t mount_;
-  std::vector<Level> levels_;
+  std::deque<Level> levels_;  // Growing moves none of them.
+  // The folder last left, when the one above it was closed, and the level at which it was.
+  Descriptor left_;
+  std::size_t leftLevel_ = 0;
+  std::size_t firstPending_ = 0;  // Nothing is pending in the levels before.
 };
 
 }  // namespace larkspan::platform

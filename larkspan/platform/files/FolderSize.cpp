@@ -2,9 +2,13 @@
 
 #include "larkspan/platform/files/DirectoryStack.h"
 #include "larkspan/platform/files/Exclusions.h"
+#include "larkspan/platform/files/InodeSet.h"
+#include "larkspan/platform/files/Saturating.h"
+#include "larkspan/platform/files/WalkCrew.h"
 
-#include <limits>
-#include <unordered_set>
+#include <algorithm>
+#include <deque>
+#include <mutex>
 
 #include <fcntl.h>
 #include <sys/sysmacros.h>
@@ -13,114 +17,228 @@ namespace larkspan::platform {
 
 namespace {
 
-struct Inode {
-  uint64_t device, number;
-  bool operator==(const Inode&) const = default;
+/// The sums of one folder that is reported, without those of the reported folders in it.
+struct Share {
+  std::string name;
+  std::size_t index = 0, parent = 0;
+  unsigned depth = 0;
+  std::atomic<int64_t> bytes = 0, entries = 0;
 };
 
-struct InodeHash {
-  std::size_t operator()(const Inode& inode) const {
-    return (inode.number ^ (inode.device << 40)) * 0x9E3779B97F4A7C15u;
-  }
+/// What is known of a level of a walk beside its folder.
+struct Level {
+  Exclusions::Place place;
+  Share* share;
 };
 
-/// One walk of one thread.
+/// What the parts of one walk have in common.
 class Sizing {
  public:
-  Sizing(const std::string& path, Descriptor root, const struct statx& facts,
-         const FolderSizeOptions& options)
-      : exclusions_(path, options.excluded),
-        progress_(options.progress),
-        stack_(std::move(root), path, facts, FolderOpening::automatic) {}
+  Sizing(const std::string& path, const FolderSizeOptions& options)
+      : exclusions(path, options.excluded), progress(options.progress), depth_(options.depth) {
+    shares_.emplace_back();
+  }
 
-  FolderSizeResult run() {
-    places_.push_back(exclusions_.root());
-    result_.status = scan();
+  Level root() { return {exclusions.root(), &shares_.front()}; }
+
+  /// The share for the folder `name` of a folder with that share.
+  Share* shareBeneath(Share* share, const std::string& name) {
+    if (share->depth == depth_) return share;
+    const std::lock_guard lock(mutex_);
+    Share& result = shares_.emplace_back();
+    result.name = name;
+    result.index = shares_.size() - 1;
+    result.parent = share->index;
+    result.depth = share->depth + 1;
+    return &result;
+  }
+
+  void leaveOut(std::string path, int error) {
+    const bool isGone = error == ENOENT || error == ENOTDIR || error == ELOOP || error == ESTALE;
+    const std::lock_guard lock(mutex_);
+    ++(isGone ? result_.vanished : result_.unreadable);
+    auto& first = isGone ? result_.firstVanished : result_.firstUnreadable;
+    if (first.size() < FolderSizeResult::kLeftOutNamed) first.push_back({std::move(path), error});
+  }
+
+  void fail(int status) {
+    const std::lock_guard lock(mutex_);
+    result_.status = status;
+  }
+
+  bool isCancelled() const { return progress && progress->isCancelled(); }
+
+  /// Once all parts are done.
+  FolderSizeResult finish() {
+    std::vector<FolderSizeResult::Folder> folders;
+    folders.reserve(shares_.size());
+    for (Share& share : shares_)
+      folders.push_back({std::move(share.name), share.parent, share.depth, share.bytes, share.entries});
+    for (std::size_t i = folders.size(); --i > 0;) {
+      FolderSizeResult::Folder& parent = folders[folders[i].parent];
+      parent.bytes = saturatingSum(parent.bytes, folders[i].bytes);
+      parent.entries += folders[i].entries;
+    }
+    result_.bytes = folders[0].bytes;
+    result_.entries = folders[0].entries;
+    if (depth_ > 0) result_.folders = std::move(folders);
+    return std::move(result_);
+  }
+
+  const Exclusions exclusions;
+  WalkProgress* const progress;
+  WalkCrew crew;
+  InodeSet linked;
+
+ private:
+  const unsigned depth_;
+  std::mutex mutex_;
+  std::deque<Share> shares_;
+  FolderSizeResult result_;
+};
+
+class SizingPart final : public WalkCrew::Part {
+ public:
+  /// The whole walk.
+  SizingPart(Sizing& sizing, DirectoryStack::Start start, uint64_t mount)
+      : sizing_(sizing),
+        stack_(std::move(start), mount, FolderOpening::automatic),
+        levels_{sizing.root()},
+        isWhole_(true) {}
+  /// What is pending at the start, and the entries, which are of the start.
+  SizingPart(Sizing& sizing, DirectoryStack::Start start, uint64_t mount, Level level, std::string entries)
+      : sizing_(sizing),
+        stack_(std::move(start), mount, FolderOpening::automatic),
+        levels_{level},
+        isWhole_(false),
+        entries_(std::move(entries)) {}
+
+  bool run(DirectoryReader& reader) override {
+    if (isWhole_) {
+      if (const int error = scan(reader)) sizing_.fail(error);
+    } else {
+      count(entries_);
+      entries_ = {};
+    }
     std::string name;
-    while (result_.status == 0) {
-      if (isCancelled()) {
-        result_.status = ECANCELED;
-      } else if (stack_.takePending(name)) {
-        visit(name);
+    while (!sizing_.isCancelled()) {
+      if (stack_.takePending(name)) {
+        visit(reader, name);
+        giveAway();
       } else if (stack_.depth() > 1) {
         stack_.leave();
-        places_.pop_back();
+        levels_.pop_back();
       } else {
         break;
       }
     }
-    return std::move(result_);
+    if (sizing_.isCancelled()) sizing_.fail(ECANCELED);
+    return true;
   }
 
  private:
-  bool isCancelled() const { return progress_ && progress_->isCancelled(); }
+  /// Entries that a part counts before it may give work away: less is done sooner than given.
+  static constexpr int64_t kWorthSharing = 256;
+  /// Bytes of entries worth a part of their own.
+  static constexpr std::size_t kManyEntries = 16 * 1024;
+
+  bool mayGive() const { return counted_ >= kWorthSharing && sizing_.crew.isHungry(); }
+
+  void giveAway() {
+    DirectoryStack::Start start;
+    std::size_t level;
+    if (mayGive() && stack_.split(start, level)) give(std::move(start), levels_[level], {});
+  }
+
+  void give(DirectoryStack::Start start, Level level, std::string entries) {
+    sizing_.crew.give(
+        std::make_shared<SizingPart>(sizing_, std::move(start), stack_.mount(), level, std::move(entries)));
+  }
 
   /// Counts what the top folder holds and notes the folders in it. Returns 0 or an errno.
-  int scan() {
-    if (progress_ && progress_->wantsFolder()) progress_->noteFolder(stack_.pathOf({}));
+  int scan(DirectoryReader& reader) {
+    if (sizing_.progress && sizing_.progress->wantsFolder()) sizing_.progress->noteFolder(stack_.pathOf({}));
     const int folder = stack_.top();
-    const Exclusions::Place place = places_.back();
-    return reader_.read(folder, [&](const char* name, unsigned char type) {
-      if (isCancelled()) return false;
-      if (place != Exclusions::kNowhere && exclusions_.isExcluded(exclusions_.at(place, name))) return true;
+    for (int error = 0; !sizing_.isCancelled();) {
+      const std::string_view entries = reader.next(folder, error);
+      if (entries.empty()) return error;
+      DirectoryStack::Start start;
+      if (entries.size() >= kManyEntries && mayGive() && stack_.startAtTop(start)) {
+        give(std::move(start), levels_.back(), std::string(entries));
+      } else {
+        count(entries);
+      }
+    }
+    return 0;
+  }
+
+  /// Counts entries of the top folder.
+  void count(std::string_view entries) {
+    const int folder = stack_.top();
+    const Exclusions::Place place = levels_.back().place;
+    Sum sum;
+    DirectoryReader::forEach(entries, [&](const char* name, unsigned char type) {
+      if (sizing_.isCancelled()) return false;
+      if (place != Exclusions::kNowhere && sizing_.exclusions.isExcluded(sizing_.exclusions.at(place, name)))
+        return true;
       if (type == DT_DIR) {
         stack_.addPending(name);
         return true;
       }
       struct statx facts;
       if (const int error = factsAt(folder, name, facts)) {
-        leaveOut(name, error);
+        sizing_.leaveOut(stack_.pathOf(name), error);
       } else if (S_ISDIR(facts.stx_mode)) {
         stack_.addPending(name);
       } else if (mountOf(facts) == stack_.mount()) {
-        count(facts);
+        sum.add(facts, sizing_.linked);
       }
       return true;
     });
+    add(sum);
   }
 
-  void visit(const std::string& name) {
+  void visit(DirectoryReader& reader, const std::string& name) {
     struct statx facts;
     if (const int error = stack_.enter(name, facts)) {
-      if (error != EXDEV) leaveOut(name, error);
+      if (error != EXDEV) sizing_.leaveOut(stack_.pathOf(name), error);
       return;
     }
-    count(facts);
-    places_.push_back(exclusions_.at(places_.back(), name));
-    if (const int error = scan()) leaveOut({}, error);
+    const Level above = levels_.back();
+    levels_.push_back({sizing_.exclusions.at(above.place, name), sizing_.shareBeneath(above.share, name)});
+    Sum sum;
+    sum.add(facts, sizing_.linked);
+    add(sum);
+    if (const int error = scan(reader)) sizing_.leaveOut(stack_.pathOf({}), error);
   }
 
-  void count(const struct statx& facts) {
-    int64_t bytes = 0;
-    if (S_ISDIR(facts.stx_mode) || facts.stx_nlink < 2 ||
-        counted_.insert({::makedev(facts.stx_dev_major, facts.stx_dev_minor), facts.stx_ino}).second) {
-      constexpr uint64_t kMaximum = std::numeric_limits<int64_t>::max();
-      const auto room = kMaximum - static_cast<uint64_t>(result_.bytes);
-      bytes = static_cast<int64_t>(facts.stx_blocks > room / 512 ? room : facts.stx_blocks * 512);
+  struct Sum {
+    int64_t bytes = 0, entries = 0;
+
+    void add(const struct statx& facts, InodeSet& linked) {
+      ++entries;
+      if (!S_ISDIR(facts.stx_mode) && facts.stx_nlink > 1 &&
+          !linked.insert(::makedev(facts.stx_dev_major, facts.stx_dev_minor), facts.stx_ino))
+        return;
+      constexpr uint64_t kMaximumBlocks = INT64_MAX / 512;
+      const uint64_t blocks = std::min<uint64_t>(facts.stx_blocks, kMaximumBlocks);
+      bytes = saturatingSum(bytes, static_cast<int64_t>(blocks * 512));
     }
-    result_.bytes += bytes;
-    ++result_.entries;
-    if (progress_) progress_->add(bytes, 1);
+  };
+
+  void add(const Sum& sum) {
+    counted_ += sum.entries;
+    addSaturating(levels_.back().share->bytes, sum.bytes);
+    addSaturating(levels_.back().share->entries, sum.entries);
+    if (sizing_.progress) sizing_.progress->add(sum.bytes, sum.entries);
   }
 
-  void leaveOut(std::string_view name, int error) {
-    if (error == ENOENT || error == ENOTDIR || error == ELOOP || error == ESTALE) {
-      ++result_.vanished;
-      return;
-    }
-    ++result_.unreadable;
-    if (result_.firstUnreadable.size() < FolderSizeResult::kUnreadableNamed) {
-      result_.firstUnreadable.push_back({stack_.pathOf(name), error});
-    }
-  }
-
-  const Exclusions exclusions_;
-  WalkProgress* const progress_;
+  Sizing& sizing_;
   DirectoryStack stack_;
-  DirectoryReader reader_;
-  std::vector<Exclusions::Place> places_;  // One for each level of the stack.
-  std::unordered_set<Inode, InodeHash> counted_;
-  FolderSizeResult result_;
+  std::vector<Level> levels_;  // One for each level of the stack.
+  const bool isWhole_;
+  std::string entries_;
+  int64_t counted_ = 0;
 };
 
 }  // namespace
@@ -136,7 +254,10 @@ FolderSizeResult sizeFolder(const URL& folder, const FolderSizeOptions& options)
   struct statx facts;
   failure.status = root ? factsAt(root.get(), "", facts) : errno;
   if (failure.status) return failure;
-  return Sizing(path, std::move(root), facts, options).run();
+  Sizing sizing(path, options);
+  sizing.crew.run(
+      std::make_shared<SizingPart>(sizing, DirectoryStack::Start{std::move(root), path}, mountOf(facts)));
+  return sizing.finish();
 }
 
 }  // namespace larkspan::platform

@@ -1,8 +1,11 @@
 #include "larkspan/platform/files/ResourceValues.h"
 
+#include "larkspan/platform/base/Descriptor.h"
 #include "larkspan/platform/base/Utf8.h"
+#include "larkspan/platform/text/KeyFile.h"
 
 #include <cerrno>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -12,6 +15,16 @@ namespace larkspan::platform {
 namespace {
 
 Date dateOf(const struct statx_timestamp& time) { return {time.tv_sec, time.tv_nsec}; }
+
+/// What the desktop entry at the path says; nothing for what is none (freedesktop.org's desktop-entry-spec).
+std::optional<KeyFile> desktopEntry(const std::string& path) {
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  struct stat facts;
+  // What was swapped for a device meanwhile is not read.
+  if (!file || ::fstat(file.get(), &facts) != 0 || !S_ISREG(facts.st_mode)) return std::nullopt;
+  KeyFileError error;
+  return KeyFile::read(file.get(), error);
+}
 
 }  // namespace
 
@@ -34,7 +47,15 @@ std::optional<Error> FileFacts::read(const URL& url, ResourceValues& values) con
   if (facts.stx_mask & STATX_BTIME) values.creationDate = dateOf(facts.stx_btime);
   if (facts.stx_mask & STATX_MTIME) values.contentModificationDate = dateOf(facts.stx_mtime);
   values.isDirectory = S_ISDIR(facts.stx_mode);
-  values.isApplication = S_ISREG(facts.stx_mode) && ((facts.stx_mode & 0111) || name.ends_with(".desktop"));
+  values.isApplication = S_ISREG(facts.stx_mode) && (facts.stx_mode & 0111);
+  const auto entry =
+      S_ISREG(facts.stx_mode) && name.ends_with(".desktop") ? desktopEntry(path) : std::nullopt;
+  if (entry) {
+    constexpr std::string_view kGroup = "Desktop Entry";
+    auto shown = entry->localizedString(kGroup, "Name", messagesLocale());
+    if (shown && !shown->empty()) values.localizedName = std::move(*shown);
+    values.isApplication |= entry->string(kGroup, "Type") == "Application";
+  }
   return std::nullopt;
 }
 

@@ -1,5 +1,7 @@
 #include "larkspan/platform/files/WalkProgress.h"
 
+#include "larkspan/platform/files/Saturating.h"
+
 #include <utility>
 
 namespace larkspan::platform {
@@ -11,8 +13,8 @@ std::string WalkProgress::currentFolder() const {
 }
 
 void WalkProgress::add(int64_t bytes, int64_t entries) {
-  bytes_.fetch_add(bytes, std::memory_order_relaxed);
-  entries_.fetch_add(entries, std::memory_order_relaxed);
+  addSaturating(bytes_, bytes);
+  addSaturating(entries_, entries);
 }
 
 void WalkProgress::noteFolder(std::string path) {

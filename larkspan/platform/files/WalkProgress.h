@@ -22,7 +22,7 @@ class WalkProgress {
   /// Entries counted or removed so far.
   int64_t entries() const { return entries_.load(std::memory_order_relaxed); }
   /// Path of a folder the walk was in, any bytes; empty before the first. Asking makes the walk note the next
-  /// folder it enters, so that a walk nobody watches spells out no paths.
+  /// folder that one of its threads enters, so that a walk nobody watches spells out no paths.
   std::string currentFolder() const;
 
   /// Makes the walk stop before its next entry.

@@ -26,9 +26,16 @@ TEST(FileFacts, TellsOfTheEntryItself) {
   const ResourceValues x = valuesOf(tree.url("x"));
   EXPECT_EQ(12'288, x.totalAllocatedSize);
   EXPECT_EQ((Date{1'000'000'000, 123'456'789}), x.contentModificationDate);
-  for (const std::string name : {"d", "x", "y.desktop", "l"}) {
-    EXPECT_EQ(name == "d", valuesOf(tree.url(name)).isDirectory) << name;
-    EXPECT_EQ(name == "x" || name == "y.desktop", valuesOf(tree.url(name)).isApplication) << name;
+  tree.file("app.desktop", "[Desktop Entry]\nType=Application\nName=Shown\nName[de]=Gezeigt\n");
+  tree.file("page.desktop", "[Desktop Entry]\nType=Link\nName=\n");
+  tree.link("app.desktop", "l.desktop");
+  ASSERT_EQ(0, ::mkfifo((tree / "fifo.desktop").c_str(), 0644));
+  for (const std::string name :
+       {"d", "x", "l", "y.desktop", "app.desktop", "page.desktop", "l.desktop", "fifo.desktop"}) {
+    const ResourceValues values = valuesOf(tree.url(name));
+    EXPECT_EQ(name == "d", values.isDirectory) << name;
+    EXPECT_EQ(name == "x" || name == "app.desktop", values.isApplication) << name;
+    EXPECT_EQ(name == "app.desktop" ? "Shown" : name, values.localizedName);
   }
   EXPECT_EQ("/", valuesOf(URL::file("/")).localizedName);
 

@@ -6,6 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+#include <random>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -20,7 +23,7 @@ TEST(DirectoryStack, FindsClosedLevelsAgainOnlyWhereTheyAreTheSame) {
     struct statx facts, middleFacts;
     Descriptor root(::open(tree.path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     ASSERT_EQ(0, factsAt(root.get(), "", facts));
-    DirectoryStack stack(std::move(root), tree.path(), facts, opening);
+    DirectoryStack stack({std::move(root), tree.path()}, mountOf(facts), opening);
     std::string middle;  // Level 30: long closed when the walk is at level 60.
     while (stack.depth() < 61) {
       if (stack.depth() == 31) middle = stack.pathOf("");
@@ -41,6 +44,92 @@ TEST(DirectoryStack, FindsClosedLevelsAgainOnlyWhereTheyAreTheSame) {
     while (stack.depth() > 1) stack.leave();
     EXPECT_GE(stack.top(), 0) << "the start stays open";
   }
+}
+
+/// Fills the open folder at random: files of all kinds, holes, links of both kinds, folders within folders.
+void fill(int folder, std::minstd_rand& random, int depth) {
+  const auto chance = [&](int of) { return random() % of == 0; };
+  const int count = chance(200) ? 600 : static_cast<int>(random() % 12);
+  std::string file;
+  for (int i = 0; i < count; ++i) {
+    const std::string name = std::to_string(i) + static_cast<char>(128 + random() % 127);
+    if (depth > 0 && chance(4)) {
+      ASSERT_EQ(0, ::mkdirat(folder, name.c_str(), 0755));
+      const Descriptor inner(::openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+      fill(inner.get(), random, depth - 1);
+    } else if (!file.empty() && chance(5)) {
+      ASSERT_EQ(0, ::linkat(folder, file.c_str(), folder, name.c_str(), 0));
+    } else if (chance(10)) {
+      ASSERT_EQ(0, ::symlinkat("/usr", folder, name.c_str()));
+    } else if (chance(10)) {
+      ASSERT_EQ(0, ::mknodat(folder, name.c_str(), (chance(2) ? S_IFSOCK : S_IFIFO) | 0644, 0));
+    } else {
+      const Descriptor made(::openat(folder, name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+      const std::string content(chance(3) ? random() % 20'000 : 0, 'x');
+      ASSERT_EQ(static_cast<ssize_t>(content.size()), ::write(made.get(), content.data(), content.size()));
+      if (chance(8)) {
+        ASSERT_EQ(0, ::ftruncate(made.get(), 10'000'000));
+      }
+      file = name;
+    }
+  }
+}
+
+TEST(FolderSize, EqualsDuOnHundredsOfTreesAndSharesItOutAmongFolders) {
+  TestTree tree(TestTree::kInMemory);
+  std::minstd_rand random(20'261'122);
+  for (int i = 0; i < 300; ++i) {
+    tree.folder(std::to_string(i));
+    const Descriptor folder(::open((tree / std::to_string(i)).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    fill(folder.get(), random, static_cast<int>(random() % 3));
+  }
+  const FolderSizeResult whole = sizeFolder(tree.url(), {{}, nullptr, 2});
+  EXPECT_GT(whole.entries, 5'000);
+  std::map<std::string, int64_t> bytesOf;
+  int64_t entries = 1;
+  for (const auto& folder : whole.folders) {
+    const auto& parent = whole.folders[folder.parent];
+    EXPECT_EQ(folder.depth == 0, &folder == &whole.folders[0]);
+    EXPECT_TRUE(folder.depth == 0 || parent.depth + 1 == folder.depth);
+    if (folder.depth == 1) bytesOf[folder.name] = folder.bytes;
+    if (folder.depth == 1) entries += folder.entries;
+  }
+  EXPECT_EQ(300u, bytesOf.size());
+  EXPECT_EQ(whole.entries + 1, entries);
+  std::istringstream lines(shell("cd " + tree.path() + " && du -xB1 --max-depth=1"));
+  int64_t bytes;
+  for (std::string path; lines >> bytes >> path;) {
+    if (path == ".") continue;
+    const std::string name = path.substr(2);
+    struct stat own;
+    ASSERT_EQ(0, ::stat((tree / name).c_str(), &own));
+    EXPECT_EQ(bytes, sizeFolder(tree.url(name)).bytes + own.st_blocks * 512) << name;
+    EXPECT_EQ(bytes, bytesOf[name]) << name;
+  }
+}
+
+TEST(FolderSize, SharesOneHugeFolderAndCountsEachInodeOnce) {
+  TestTree tree(TestTree::kInMemory);
+  tree.folder("d");
+  tree.file("linked", std::string(100'000, 'x'));
+  const Descriptor folder(::open((tree / "d").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  for (int i = 0; i < 50'000; ++i) {
+    const std::string name = std::to_string(i);
+    const bool linked =
+        i % 2 && ::linkat(AT_FDCWD, (tree / "linked").c_str(), folder.get(), name.c_str(), 0) == 0;
+    if (!linked) {
+      ASSERT_EQ(0, ::mknodat(folder.get(), name.c_str(), S_IFREG | 0644, 0));
+    }
+  }
+  WalkProgress progress;
+  const FolderSizeResult result = sizeFolder(tree.url(), {{}, &progress});
+  EXPECT_EQ(50'002, result.entries);
+  EXPECT_EQ(50'002, progress.entries());
+  EXPECT_EQ(102'400, result.bytes);
+  EXPECT_EQ(result.bytes, progress.bytes());
+  std::vector<URL> odd;
+  for (int i = 1; i < 50'000; i += 2) odd.push_back(tree.url("d/" + std::to_string(i)));
+  EXPECT_EQ(25'002, sizeFolder(tree.url(), {odd}).entries);
 }
 
 TEST(FolderSize, CountsWhatDuCounts) {
@@ -113,6 +202,7 @@ TEST(FolderSize, CountsWhatItCannotReadAndWhatVanishes) {
     ASSERT_EQ(0, result.status);
     ASSERT_EQ(0, result.unreadable);
     vanished += result.vanished;
+    ASSERT_EQ(std::min<int64_t>(result.vanished, 16), static_cast<int64_t>(result.firstVanished.size()));
   }
   done = true;
   changer.join();
@@ -209,8 +299,37 @@ TEST_P(DeepDelete, TakesAnyDepthWithFewDescriptorsAndASmallStackAsSizingDoes) {
   EXPECT_EQ("", tree.list());
 }
 
+TEST_P(DeepDelete, RemovesWhatItsThreadsShareAndKeepsOnlyWhatCannotGo) {
+  TestTree tree(TestTree::kInMemory);
+  for (int chain = 0; chain < 12; ++chain) {
+    std::string path = std::to_string(chain);
+    for (int level = 0; level < 20; ++level, path += "/d") {
+      tree.folder(path);
+      tree.folder(path + "/side");
+      for (int i = 0; i < 30; ++i) tree.file(path + (i % 2 ? "/side/" : "/") + std::to_string(i), "");
+    }
+  }
+  tree.folder("flat");
+  for (int i = 0; i < 5'000; ++i) tree.file("flat/" + std::to_string(i), "");
+  tree.folder("0/side/deep");
+  const std::string kept = tree / "0/side/deep";
+  const bool isMounted = ::mount(kept.c_str(), kept.c_str(), nullptr, MS_BIND, nullptr) == 0;
+  WalkProgress progress;
+  const DeepDeleteResult result = remove({tree.url()}, &progress);
+  ::umount(kept.c_str());
+  EXPECT_EQ(12 * 20 * 32 + 5'001 + (isMounted ? -2 : 2), result.removed);
+  EXPECT_EQ(result.removed, progress.entries());
+  EXPECT_EQ(isMounted ? 1 : 0, result.failed);
+  if (isMounted) {
+    EXPECT_EQ(EBUSY, causeOf(result));
+    EXPECT_EQ("./0 ./0/side ./0/side/deep ", tree.list());
+  } else {
+    tree.folder("");
+  }
+}
+
 TEST_P(DeepDelete, NeverLeavesATreeWhoseFoldersAreSwappedForLinks) {
-  constexpr int kRounds = 150, kFolders = 40;
+  constexpr int kRounds = 20, kFolders = 400;
   TestTree outside(TestTree::kInMemory), tree(TestTree::kInMemory);
   outside.folder("s");
   for (const char* name : {"f", "s/f"}) outside.file(name);
@@ -225,7 +344,7 @@ TEST_P(DeepDelete, NeverLeavesATreeWhoseFoldersAreSwappedForLinks) {
     for (int round; (round = wanted) < kRounds; begun = round) {
       for (int i = 0; i < kFolders && round >= 0; ++i) {
         const std::string folder = victim(round, i), other = link(round, i);
-        for (int swap = 0; swap < 8; ++swap) {
+        for (int swap = 0; swap < 6; ++swap) {
           swaps += ::renameat2(at, folder.c_str(), at, other.c_str(), RENAME_EXCHANGE) == 0;
         }
       }

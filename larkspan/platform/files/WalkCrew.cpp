@@ -1,0 +1,127 @@
+#include "larkspan/platform/files/WalkCrew.h"
+
+#include "larkspan/platform/files/DirectoryStack.h"
+
+#include <algorithm>
+#include <system_error>
+
+#include <pthread.h>
+#include <signal.h>
+#include <sys/resource.h>
+
+namespace larkspan::platform {
+
+namespace {
+
+unsigned partsAllowed() {
+  struct rlimit descriptors;
+  if (::getrlimit(RLIMIT_NOFILE, &descriptors) != 0) return 1;
+  const rlim_t fitting = descriptors.rlim_cur / 2 / DirectoryStack::kMaximumDescriptors;
+  return static_cast<unsigned>(std::clamp<rlim_t>(fitting, 1, WalkCrew::kMaximumParts));
+}
+
+/// Starts a thread with all signals blocked, so that the program's handlers run on the program's threads.
+template <typename F>
+std::thread startThread(F body) {
+  sigset_t all, before;
+  ::sigfillset(&all);
+  ::pthread_sigmask(SIG_SETMASK, &all, &before);
+  std::thread thread;
+  try {
+    thread = std::thread(std::move(body));
+  } catch (const std::system_error&) {
+    // The kernel refuses; the walk goes on without.
+  }
+  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  return thread;
+}
+
+}  // namespace
+
+bool WalkCrew::Part::mustWait(Awaited& awaited) {
+  awaited.giver_ = shared_from_this();
+  if (awaited.holders_.fetch_sub(1, std::memory_order_acq_rel) != 1) return true;
+  awaited.giver_.reset();
+  return false;
+}
+
+WalkCrew::WalkCrew()
+    : partsAllowed_(partsAllowed()),
+      helpersAllowed_(
+          std::clamp(std::thread::hardware_concurrency(), 1u, std::min(kMaximumThreads, partsAllowed_)) - 1) {
+}
+
+WalkCrew::~WalkCrew() {
+  {
+    const std::lock_guard lock(mutex_);
+    ends_ = true;
+  }
+  wake_.notify_all();
+  for (std::thread& helper : helpers_) helper.join();
+}
+
+void WalkCrew::run(std::shared_ptr<Part> part) {
+  {
+    const std::lock_guard lock(mutex_);
+    ++alive_;
+    queue_.push_back(std::move(part));
+  }
+  work(false);
+}
+
+void WalkCrew::give(std::shared_ptr<Part> part, std::shared_ptr<Awaited> awaited) {
+  if (awaited) awaited->holders_.fetch_add(1, std::memory_order_relaxed);
+  part->awaited_ = std::move(awaited);
+  const std::lock_guard lock(mutex_);
+  ++alive_;
+  queue_.push_back(std::move(part));
+  if (idle_ > 0) {
+    wake_.notify_one();
+  } else if (helpers_.size() < helpersAllowed_) {
+    std::thread helper = startThread([this] { work(true); });
+    if (helper.joinable()) {
+      ::pthread_setname_np(helper.native_handle(), "lks-walk");
+      helpers_.push_back(std::move(helper));
+    } else {
+      helpersAllowed_ = helpers_.size();
+    }
+  }
+  updateAppetite();
+}
+
+void WalkCrew::updateAppetite() {
+  const bool isFull = alive_ >= partsAllowed_;
+  appetite_.store(isFull ? 0 : static_cast<int>(helpersAllowed_) - static_cast<int>(queue_.size()),
+                  std::memory_order_relaxed);
+}
+
+void WalkCrew::work(bool isHelper) {
+  DirectoryReader reader;
+  std::unique_lock lock(mutex_);
+  for (;;) {
+    ++idle_;
+    wake_.wait(lock, [&] { return !queue_.empty() || (isHelper ? ends_ : alive_ == 0); });
+    --idle_;
+    if (queue_.empty()) return;
+    std::shared_ptr<Part> part = std::move(queue_.front());
+    queue_.pop_front();
+    updateAppetite();
+    lock.unlock();
+    const bool isDone = part->run(reader);
+    std::shared_ptr<Part> giver;
+    if (isDone && part->awaited_) {
+      Awaited& awaited = *part->awaited_;
+      if (awaited.holders_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        // Which asks again whether it must wait.
+        awaited.holders_.store(1, std::memory_order_relaxed);
+        giver = std::move(awaited.giver_);
+      }
+    }
+    part.reset();
+    lock.lock();
+    if (giver) queue_.push_front(std::move(giver));
+    if (isDone && --alive_ == 0) wake_.notify_all();
+  }
+}
+
+}  // namespace larkspan::platform
