@@ -21,7 +21,9 @@ constexpr auto kTick = std::chrono::milliseconds(2);
 constexpr auto kTickAtCap = std::chrono::milliseconds(50);
 // Workers that wait by spinning look busy. After this many ticks without progress one is added anyway.
 constexpr unsigned kPatience = 50;
-constexpr int kSearchSpins = 100;
+// How long a worker without work looks for more before it sleeps: longer than the peer of a connection takes to
+// answer and call again, so that a conversation of short calls wakes no worker.
+constexpr auto kSearch = std::chrono::microseconds(50);
 
 unsigned processorCount() {
   static const unsigned count = std::max(2U, std::thread::hardware_concurrency());
@@ -169,12 +171,10 @@ void WorkerPool::work() {
       if (--busy_ == 0 && !first_) IdleSignal::notify();
       continue;
     }
-    if (!searching && searching_ == 0) {
+    if (!low_ && !searching && searching_ == 0) {
       searching = true;
       ++searching_;
-      lock.unlock();
-      for (int spins = 0; spins < kSearchSpins && !hasWaiting(); ++spins) relaxProcessor();
-      lock.lock();
+      search(lock);
       continue;
     }
     if (searching) --searching_;
@@ -188,6 +188,18 @@ void WorkerPool::work() {
     }
     searching = true;
   }
+}
+
+// Whoever pushes holds the mutex a moment longer than work is to be seen: waiting for it by sleeping would cost more
+// than all of the search saves.
+void WorkerPool::search(std::unique_lock<std::mutex>& lock) const {
+  lock.unlock();
+  const auto end = std::chrono::steady_clock::now() + kSearch;
+  while (std::chrono::steady_clock::now() < end) {
+    if (hasWaiting() && lock.try_lock()) return;
+    relaxProcessor();
+  }
+  lock.lock();
 }
 
 void WorkerPool::monitor() {

@@ -52,6 +52,7 @@ class WorkerPool {
   static WorkerPool& lowPool();
 
   void work();
+  void search(std::unique_lock<std::mutex>& lock) const;
   void monitor();
   TaskNode* pop();
   void summonWorker();
