@@ -48,7 +48,8 @@ Names living() {
   }
   for (const auto& entry : fs::directory_iterator("/proc/self/task")) {
     const std::string name = firstLine(entry.path() / "comm");
-    if (!name.empty() && !name.starts_with("lks-")) {
+    const bool lasts = name.starts_with("lks-") && name != "lks-reader";
+    if (!name.empty() && !lasts) {
       names.insert("thread " + entry.path().filename().string() + " (" + name + ")");
     }
     std::ifstream children(entry.path() / "children");

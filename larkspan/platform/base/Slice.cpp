@@ -1,5 +1,6 @@
 #include "larkspan/platform/base/Slice.h"
 
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -8,13 +9,20 @@
 namespace larkspan::platform {
 
 Slice Slice::allocate(std::size_t size, char*& writable) {
-  if (size > std::numeric_limits<uint32_t>::max()) throw std::length_error("Slice: more than 4 GiB");
   Slice result;
-  result.block_ = new (::operator new(sizeof(Block) + size)) Block;
-  writable = reinterpret_cast<char*>(result.block_ + 1);
-  result.data_ = writable;
-  result.size_ = static_cast<uint32_t>(size);
+  result.resize(size, writable);
   return result;
+}
+
+// Of a large block realloc(3) moves the pages, not the bytes.
+void Slice::resize(std::size_t size, char*& writable) {
+  if (size > std::numeric_limits<uint32_t>::max()) throw std::length_error("Slice: more than 4 GiB");
+  void* const memory = std::realloc(static_cast<void*>(block_), sizeof(Block) + size);
+  if (!memory) throw std::bad_alloc();
+  block_ = new (memory) Block;
+  writable = reinterpret_cast<char*>(block_ + 1);
+  data_ = writable;
+  size_ = static_cast<uint32_t>(size);
 }
 
 Slice Slice::copy(std::string_view bytes) {
@@ -42,7 +50,7 @@ Slice Slice::part(std::size_t offset, std::size_t length) const noexcept {
 void Slice::release() noexcept {
   if (block_ && block_->shares.fetch_sub(1, std::memory_order_acq_rel) == 1) {
     block_->~Block();
-    ::operator delete(block_);
+    std::free(block_);
   }
 }
 

@@ -36,6 +36,9 @@ class Slice {
   static Slice immortal(std::string_view bytes) noexcept;
   /// A new block of `size` bytes, to be filled through `writable` before the slice is shared.
   static Slice allocate(std::size_t size, char*& writable);
+  /// Gives a block that `allocate` made, and that is not shared yet, another size. Its bytes stay as far as they
+  /// fit, but may move: `writable` is set anew.
+  void resize(std::size_t size, char*& writable);
 
   /// `length` bytes from `offset`, sharing the block; both must lie inside.
   Slice part(std::size_t offset, std::size_t length) const noexcept;

@@ -1,6 +1,7 @@
 #include "larkspan/platform/dispatch/Thread.h"
 
 #include <condition_variable>
+#include <exception>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -44,15 +45,20 @@ class Starter {
   }
 
   void start(const char* name, Task body) {
-    const std::lock_guard lock(mutex_);
-    requests_.push_back({name, std::move(body)});
+    Request request{name, std::move(body)};
+    std::unique_lock lock(mutex_);
+    requests_.push_back(&request);
     wake_.notify_one();
+    answered_.wait(lock, [&request] { return request.done; });
+    if (request.refusal) std::rethrow_exception(request.refusal);
   }
 
  private:
   struct Request {
     const char* name;
     Task body;
+    bool done = false;
+    std::exception_ptr refusal;
   };
 
   Starter() {
@@ -60,15 +66,24 @@ class Starter {
       std::unique_lock lock(mutex_);
       for (;;) {
         wake_.wait(lock, [this] { return !requests_.empty(); });
-        for (Request& request : requests_) startHere(request.name, std::move(request.body));
+        for (Request* request : requests_) {
+          try {
+            startHere(request->name, std::move(request->body));
+          } catch (...) {
+            request->refusal = std::current_exception();
+          }
+          request->done = true;
+        }
         requests_.clear();
+        answered_.notify_all();
       }
     });
   }
 
   std::mutex mutex_;
   std::condition_variable wake_;
-  std::vector<Request> requests_;
+  std::condition_variable answered_;
+  std::vector<Request*> requests_;  // Of callers who wait.
 };
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include "larkspan/platform/dispatch/Thread.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <system_error>
@@ -10,7 +11,9 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <semaphore.h>
 #include <sys/eventfd.h>
+#include <time.h>
 #include <unistd.h>
 
 namespace larkspan::platform {
@@ -21,19 +24,10 @@ constexpr auto kTick = std::chrono::milliseconds(2);
 constexpr auto kTickAtCap = std::chrono::milliseconds(50);
 // Workers that wait by spinning look busy. After this many ticks without progress one is added anyway.
 constexpr unsigned kPatience = 50;
-constexpr int kSearchSpins = 100;
 
 unsigned processorCount() {
   static const unsigned count = std::max(2U, std::thread::hardware_concurrency());
   return count;
-}
-
-void relaxProcessor() {
-#if defined(__x86_64__) || defined(__i386__)
-  __builtin_ia32_pause();
-#elif defined(__aarch64__)
-  asm volatile("yield");
-#endif
 }
 
 // The third field of /proc/self/task/TID/stat, proc(5). A thread that cannot be looked at counts as blocked.
@@ -54,9 +48,22 @@ bool isRunnable(int thread) {
 
 struct WorkerPool::Worker {
   int thread = gettid();
-  bool woken = false;
   const DispatchQueue* running = nullptr;
-  std::condition_variable wake;
+  sem_t wake;
+
+  Worker() { sem_init(&wake, 0, 0); }
+  ~Worker() { sem_destroy(&wake); }
+
+  /// False when the time is up.
+  bool sleep(std::chrono::seconds atMost) {
+    timespec end;
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    end.tv_sec += atMost.count();
+    while (sem_clockwait(&wake, CLOCK_MONOTONIC, &end) != 0) {
+      if (errno == ETIMEDOUT) return false;
+    }
+    return true;
+  }
 };
 
 WorkerPool& WorkerPool::normalPool() {
@@ -93,12 +100,14 @@ bool WorkerPool::allIdle(std::string& busy, bool (*others)(std::string& busy)) {
 }
 
 void WorkerPool::push(TaskNode* node) {
-  const std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
   node->next = nullptr;
   (last_ ? last_->next : first_) = node;
   last_ = node;
   waiting_.store(waiting_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-  summonWorker();
+  Worker* const sleeper = summonWorker();
+  lock.unlock();
+  wake(sleeper);
 }
 
 TaskNode* WorkerPool::pop() {
@@ -112,25 +121,30 @@ TaskNode* WorkerPool::pop() {
 }
 
 // Sees to it that the waiting work will be taken: by the worker that is already on its way, by a sleeper, by
-// a new worker, or else by whoever finishes first, with the monitor watching that somebody does.
-void WorkerPool::summonWorker() {
-  if (searching_ != 0) return;
+// a new worker, or else by whoever finishes first, with the monitor watching that somebody does. Answers the
+// sleeper: it is to be woken once the mutex is free, or it would have to wait again at once.
+WorkerPool::Worker* WorkerPool::summonWorker() {
+  if (searching_ != 0) return nullptr;
   if (!sleepers_.empty()) {
     Worker* const worker = sleepers_.back();
     sleepers_.pop_back();
     ++searching_;
-    worker->woken = true;
-    worker->wake.notify_one();
-    return;
+    return worker;
   }
-  if (count_ < processorCount()) return spawn();
-  if (!hasMonitor_) {
+  if (count_ < processorCount()) {
+    spawn();
+  } else if (!hasMonitor_) {
     startThread("lks-monitor", [this] { monitor(); });
     hasMonitor_ = true;
   } else if (monitorSleeps_) {
     monitorSleeps_ = false;
     monitorWake_.notify_one();
   }
+  return nullptr;
+}
+
+void WorkerPool::wake(Worker* sleeper) {
+  if (sleeper) sem_post(&sleeper->wake);
 }
 
 void WorkerPool::spawn() {
@@ -157,11 +171,12 @@ void WorkerPool::work() {
     if (TaskNode* const node = pop()) {
       if (searching) --searching_;
       searching = false;
-      if (first_) summonWorker();
+      Worker* const next = first_ ? summonWorker() : nullptr;
       owner = std::move(node->owner);
       self.running = owner.get();
       ++busy_;
       lock.unlock();
+      wake(next);
       owner->execute(node);
       lock.lock();
       self.running = nullptr;
@@ -169,22 +184,22 @@ void WorkerPool::work() {
       if (--busy_ == 0 && !first_) IdleSignal::notify();
       continue;
     }
-    if (!searching && searching_ == 0) {
-      searching = true;
-      ++searching_;
-      lock.unlock();
-      for (int spins = 0; spins < kSearchSpins && !hasWaiting(); ++spins) relaxProcessor();
-      lock.lock();
-      continue;
-    }
     if (searching) --searching_;
-    self.woken = false;
     sleepers_.push_back(&self);
-    if (!self.wake.wait_for(lock, kIdleLife, [&self] { return self.woken; })) {
-      std::erase(sleepers_, &self);
-      std::erase(workers_, &self);
-      --count_;
-      return;
+    lock.unlock();
+    const bool woken = self.sleep(kIdleLife);
+    lock.lock();
+    if (!woken) {
+      if (std::erase(sleepers_, &self)) {
+        std::erase(workers_, &self);
+        --count_;
+        return;
+      }
+      // Somebody is about to wake it.
+      lock.unlock();
+      while (!self.sleep(kIdleLife)) {
+      }
+      lock.lock();
     }
     searching = true;
   }

@@ -182,10 +182,10 @@ std::optional<Error> Connection::post(std::string_view method, const std::vector
 /// lock.
 std::optional<Error> Connection::submit(ByteBuffer frame, std::unique_lock<std::mutex>& lock) {
   if (invalid_) return transportError(TransportErrorCode::invalidated, "The connection has ended");
-  if (transport_) {
-    // On a transport that has just closed, `closed()` is about to fail the call.
-    const bool sent = frame.empty() || transport_->send(std::move(frame));
+  if (const auto transport = transport_) {
     lock.unlock();
+    // On a transport that has just closed, `closed()` is about to fail the call.
+    const bool sent = frame.empty() || transport->send(std::move(frame));
     if (!sent) return transportError(TransportErrorCode::interrupted, "The connection is interrupted");
     return std::nullopt;
   }

@@ -4,43 +4,30 @@
 #include "larkspan/platform/archive/ValueCoding.h"
 #include "larkspan/platform/base/Format.h"
 #include "larkspan/platform/base/Limits.h"
+#include "larkspan/platform/dispatch/Thread.h"
 #include "larkspan/platform/ipc/TransportError.h"
 #include "larkspan/platform/ipc/TransportLog.h"
 
-#include <array>
+#include <system_error>
 #include <utility>
 
 #include <errno.h>
-#include <sys/epoll.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 namespace larkspan::platform {
 
 namespace {
 
-constexpr std::size_t kReadSize = 64 * 1024;
-/// Reads in one task of the delivery queue, so that a peer which sends without end does not keep out what else is to
-/// run there.
-constexpr int kReadsAtOnce = 16;
-/// Reads of what a peer that has ended left behind: more than a socket's buffer holds.
-constexpr int kLastReads = 256;
-
 Error violation(std::string_view what) { return transportError(TransportErrorCode::violation, what); }
-
-/// The length that stands at the front of a frame.
-std::size_t frameLength(std::string_view bytes) {
-  std::size_t length = 0;
-  for (std::size_t i = 0; i < kFrameLengthSize; ++i)
-    length = length << 8 | static_cast<unsigned char>(bytes[i]);
-  return length;
-}
 
 }  // namespace
 
 Transport::Transport(Descriptor socket, std::string name, Handlers handlers)
-    : socket_(std::move(socket)),
+    : socket_(std::make_shared<const Descriptor>(std::move(socket))),
       name_(std::move(name)),
       queue_(DispatchQueue::makeSerial("corvane.Larkspan.transport", QualityOfService::userInitiated)),
+      writer_(std::make_shared<FrameWriter>(socket_, name_)),
       handlers_(std::move(handlers)) {}
 
 std::shared_ptr<Transport> Transport::make(Descriptor socket, std::string name, Handlers handlers) {
@@ -50,118 +37,67 @@ std::shared_ptr<Transport> Transport::make(Descriptor socket, std::string name, 
   return transport;
 }
 
-Transport::~Transport() {
-  if (source_) source_->cancel();
-}
+Transport::~Transport() { ::shutdown(socket_->get(), SHUT_RDWR); }
 
 void Transport::start() {
-  const std::weak_ptr<Transport> weak = weak_from_this();
-  auto source = IoSource::make(socket_.get(), EPOLLIN, [weak](uint32_t events) {
-    if (const auto self = weak.lock()) self->ready(events);
-  });
-  if (!source) {
-    close(Error::posix(errno, "Watching the connection to " + name_));
-    return;
-  }
-  {
-    const std::lock_guard lock(mutex_);
-    source_ = std::move(source);
-  }
   send(encodeHello());
-}
-
-/// On the input/output thread: hands reading over to the delivery queue and watches for nothing but room to
-/// write until that is done.
-void Transport::ready(uint32_t events) {
-  std::unique_lock lock(mutex_);
-  if (closed_) return;
-  if (events & EPOLLOUT) flush();
-  if ((events & ~static_cast<uint32_t>(EPOLLOUT)) != 0 && !reading_) {
-    reading_ = true;
-    queue_->async([self = shared_from_this()] { self->readAvailable(kReadsAtOnce); });
+  try {
+    startThread("lks-reader", [socket = socket_, weak = weak_from_this()] { read(*socket, weak); });
+  } catch (const std::system_error& error) {
+    close(transportError(TransportErrorCode::launchFailed,
+                         Error::posix(error.code().value(), "Reading from " + name_).localizedDescription()));
   }
-  watch();
 }
 
-/// With the lock held.
-void Transport::watch() {
-  if (closed_ || !source_) return;
-  uint32_t events = 0;
-  if (!reading_) events |= EPOLLIN;
-  if (!outbound_.empty()) events |= EPOLLOUT;
-  source_->setEvents(events);
-}
-
-void Transport::readAvailable(int reads) {
-  // Left uninitialised on purpose: recv(2) fills what is read of it.
-  std::array<char, kReadSize> buffer;
-  for (; reads > 0; --reads) {
-    {
-      const std::lock_guard lock(mutex_);
-      if (closed_) return;
+/// The reading thread. It holds the transport only while it has something for it; `shutdown` wakes it.
+void Transport::read(const Descriptor& socket, const std::weak_ptr<Transport>& weak) {
+  FrameBuffer frames;
+  for (bool more = true; more;) {
+    const std::span<char> room = frames.room();
+    const ssize_t count = ::recv(socket.get(), room.data(), room.size(), 0);
+    const int fault = count < 0 ? errno : 0;
+    if (fault == EINTR) continue;
+    if (fault == EAGAIN || fault == EWOULDBLOCK) {
+      // Whoever made the socket did not want it to block.
+      pollfd watched{socket.get(), POLLIN, 0};
+      ::poll(&watched, 1, -1);
+      continue;
     }
-    const ssize_t count = ::recv(socket_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
-    if (count > 0) {
-      if (!takeBytes({buffer.data(), static_cast<std::size_t>(count)})) return;
-    } else if (count == 0) {
-      if (partial_.empty())
-        return close(transportError(TransportErrorCode::interrupted, name_ + " went away"));
-      return fail(violation("The connection ended inside a frame"));
-    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      const std::lock_guard lock(mutex_);
-      reading_ = false;
-      watch();
-      return;
-    } else if (errno != EINTR) {
-      return close(
-          transportError(TransportErrorCode::interrupted, Error::posix(errno, name_).localizedDescription()));
-    }
-  }
-  queue_->async([self = shared_from_this()] { self->readAvailable(kReadsAtOnce); });
-}
-
-/// Cuts the bytes into frames. False when the transport is closed.
-bool Transport::takeBytes(std::string_view bytes) {
-  while (!bytes.empty()) {
-    if (partial_.empty() && bytes.size() >= kFrameLengthSize) {
-      const std::size_t length = frameLength(bytes);
-      if (length <= bytes.size() - kFrameLengthSize) {
-        receive(Slice::copy(bytes.substr(kFrameLengthSize, length)));
-        bytes.remove_prefix(kFrameLengthSize + length);
-        continue;
+    const auto self = weak.lock();
+    if (!self) return;
+    self->queue_->sync([&] {
+      if (count > 0) {
+        frames.add(static_cast<std::size_t>(count));
+        more = self->take(frames);
+      } else {
+        more = false;
+        self->ended(
+            fault == 0 ? self->name_ + " went away" : Error::posix(fault, self->name_).localizedDescription(),
+            fault == 0 && frames.isInside());
       }
-    }
-    std::size_t wanted = kFrameLengthSize;
-    if (partial_.size() >= kFrameLengthSize) {
-      const std::size_t length = frameLength(partial_);
-      if (length > limits::kMaximumFrame) {
-        fail(violation(
-            format("A frame of %zu bytes, more than the limit of %zu", length, limits::kMaximumFrame)));
-        return false;
-      }
-      wanted += length;
-    }
-    const std::string_view taken = bytes.substr(0, wanted - partial_.size());
-    partial_.append(taken);
-    bytes.remove_prefix(taken.size());
-    if (partial_.size() == wanted && wanted > kFrameLengthSize) {
-      receive(Slice::copy(std::string_view(partial_).substr(kFrameLengthSize)));
-      partial_.clear();
-    } else if (partial_.size() == kFrameLengthSize && frameLength(partial_) == 0) {
-      receive({});
-      partial_.clear();
-    }
+    });
   }
-  if (partial_.empty()) partial_.shrink_to_fit();
-  const std::lock_guard lock(mutex_);
+}
+
+/// False when the transport is closed.
+bool Transport::take(FrameBuffer& frames) {
+  for (Slice item; !closed_ && frames.next(item);) receive(std::move(item));
+  if (frames.length() > limits::kMaximumFrame) {
+    fail(violation(
+        format("A frame of %zu bytes, more than the limit of %zu", frames.length(), limits::kMaximumFrame)));
+  }
   return !closed_;
 }
 
+void Transport::ended(std::string_view how, bool insideFrame) {
+  if (insideFrame) return fail(violation("The connection ended inside a frame"));
+  std::unique_lock lock(mutex_);
+  const Error reason = peerEnd_.value_or(transportError(TransportErrorCode::interrupted, how));
+  lock.unlock();
+  close(reason);
+}
+
 void Transport::receive(Slice item) {
-  {
-    const std::lock_guard lock(mutex_);
-    if (closed_) return;
-  }
   auto parsed = Frame::parse(std::move(item));
   if (const auto* error = std::get_if<Error>(&parsed)) return fail(violation(error->localizedDescription()));
   route(std::get<Frame>(parsed));
@@ -210,43 +146,10 @@ void Transport::route(const Frame& frame) {
 }
 
 bool Transport::send(ByteBuffer frame) {
-  std::unique_lock lock(mutex_);
   if (closed_) return false;
-  if (writeBroken_) return true;
-  outboundBytes_ += frame.size();
-  outbound_.push_back(std::move(frame));
-  if (outbound_.size() == 1) flush();
-  if (outboundBytes_ > limits::kMaximumOutbound) {
-    lock.unlock();
-    fail(transportError(TransportErrorCode::notReading, name_ + " does not read what is sent to it"));
-    return false;
-  }
-  if (!outbound_.empty()) watch();
-  return true;
-}
-
-/// Writes what the kernel takes; with the lock held.
-void Transport::flush() {
-  while (!outbound_.empty()) {
-    const ByteBuffer& first = outbound_.front();
-    const ssize_t count = ::send(socket_.get(), first.data() + outboundOffset_,
-                                 first.size() - outboundOffset_, MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (count < 0) {
-      if (errno == EINTR) continue;
-      if (errno == EAGAIN || errno == EWOULDBLOCK) return;
-      // The peer has gone; reading finds out why, after what it still said.
-      writeBroken_ = true;
-      outbound_.clear();
-      outboundBytes_ = 0;
-      return;
-    }
-    outboundOffset_ += static_cast<std::size_t>(count);
-    if (outboundOffset_ == first.size()) {
-      outboundBytes_ -= first.size();
-      outboundOffset_ = 0;
-      outbound_.pop_front();
-    }
-  }
+  const auto error = writer_->write(std::move(frame));
+  if (error) fail(*error);
+  return !error;
 }
 
 bool Transport::open(uint32_t number, std::weak_ptr<Channel> channel) {
@@ -281,18 +184,17 @@ std::optional<Error> Transport::closeReason() const {
   return closeReason_;
 }
 
+// The kernel still hands out what has arrived, and then says end of file although others may hold the other end.
 void Transport::peerEnded(const Error& reason) {
-  queue_->async([self = shared_from_this(), reason] {
-    self->readAvailable(kLastReads);
-    self->close(reason);
-  });
+  {
+    const std::lock_guard lock(mutex_);
+    peerEnd_ = reason;
+  }
+  ::shutdown(socket_->get(), SHUT_RD);
 }
 
 void Transport::fail(const Error& reason) {
-  {
-    const std::lock_guard lock(mutex_);
-    if (closed_) return;
-  }
+  if (closed_) return;
   transportLog().write(LogLevel::fault,
                        format("Connection to %@ ended: %@", name_, reason.localizedDescription()));
   close(reason);
@@ -313,12 +215,9 @@ void Transport::close(const Error& reason) {
 void Transport::finishClosing(std::unique_lock<std::mutex> lock, const Error& reason) {
   closed_ = true;
   closeReason_ = reason;
-  const auto source = std::exchange(source_, nullptr);
-  outbound_.clear();
-  outboundBytes_ = 0;
   lock.unlock();
-  if (source) source->cancel();
-  ::shutdown(socket_.get(), SHUT_RDWR);
+  writer_->close();
+  ::shutdown(socket_->get(), SHUT_RDWR);
   queue_->async([self = shared_from_this(), reason] {
     std::unordered_map<uint32_t, std::weak_ptr<Channel>> channels;
     {

@@ -3,33 +3,37 @@
 #include "larkspan/platform/base/Descriptor.h"
 #include "larkspan/platform/base/Error.h"
 #include "larkspan/platform/dispatch/DispatchQueue.h"
-#include "larkspan/platform/dispatch/IoSource.h"
 #include "larkspan/platform/ipc/Frame.h"
+#include "larkspan/platform/ipc/FrameBuffer.h"
+#include "larkspan/platform/ipc/FrameWriter.h"
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 namespace larkspan::platform {
 
 /// One end of a socket that carries the frames of any number of channels.
 ///
-/// Incoming frames are read, checked and handed on by tasks of one serial queue, the delivery queue: while a
-/// handler runs nothing more is read, so that a peer that sends without end waits in the kernel and takes no
-/// memory here. Outgoing frames are written by the thread that sends; what the kernel does not take is kept,
-/// up to `kMaximumOutbound` bytes, and written on the input/output thread.
+/// A thread of its own waits for what comes in and hands the frames on within one serial queue, the delivery queue:
+/// as a rule it runs that queue itself, so that a message costs one wake-up. While a handler runs nothing more is
+/// read, so that a peer that sends without end waits in the kernel and takes no memory here. Outgoing frames are
+/// written by the thread that sends; what the kernel does not take is kept, up to `kMaximumOutbound` bytes, and
+/// written on the input/output thread.
 ///
-/// Owner:   std::shared_ptr; what is watched and delivered holds it. It closes when the last reference goes.
-/// Thread:  every function from any thread; callbacks on the delivery queue.
+/// Owner:   std::shared_ptr; what is delivered holds it, the thread does not. It closes when the last reference goes,
+///          and the thread ends with it.
+/// Thread:  every function from any thread; callbacks on the delivery queue, mostly by the reading thread, and after
+///          the end by a worker.
 /// Failure: a peer that breaks the protocol, or does not read, ends the transport: said once in the log, and
-///          then to `onClose` and once to each channel.
+///          then to `onClose` and once to each channel. So does a thread that cannot be started.
 class Transport : public std::enable_shared_from_this<Transport> {
  public:
   /// One end of a channel. Both functions run on the delivery queue.
@@ -85,34 +89,27 @@ class Transport : public std::enable_shared_from_this<Transport> {
  private:
   Transport(Descriptor socket, std::string name, Handlers handlers);
   void start();
-  void ready(uint32_t events);
-  void watch();
-  void readAvailable(int reads);
+  static void read(const Descriptor& socket, const std::weak_ptr<Transport>& weak);
+  bool take(FrameBuffer& frames);
+  void ended(std::string_view how, bool insideFrame);
   void finishClosing(std::unique_lock<std::mutex> lock, const Error& reason);
-  bool takeBytes(std::string_view bytes);
   void receive(Slice item);
   void route(const Frame& frame);
-  void flush();
   void forget(uint32_t number);
 
-  const Descriptor socket_;
+  const std::shared_ptr<const Descriptor> socket_;  // Shared with the reading thread.
   const std::string name_;
   const std::shared_ptr<DispatchQueue> queue_;
+  const std::shared_ptr<FrameWriter> writer_;
 
   mutable std::mutex mutex_;
-  std::shared_ptr<IoSource> source_;
-  std::deque<ByteBuffer> outbound_;
-  std::size_t outboundOffset_ = 0;  // Written of the first.
-  std::size_t outboundBytes_ = 0;
   std::unordered_map<uint32_t, std::weak_ptr<Channel>> channels_;
-  bool reading_ = false;      // A read is under way on the delivery queue.
-  bool writeBroken_ = false;  // The peer takes nothing more; what it sent before may still be read.
-  bool closed_ = false;
+  std::atomic<bool> closed_{false};  // Written under the mutex.
   std::optional<Error> closeReason_;
+  std::optional<Error> peerEnd_;  // What `peerEnded` was told.
 
   // On the delivery queue only:
   Handlers handlers_;
-  std::string partial_;  // Bytes of a frame that is not whole yet.
   bool greeted_ = false;
 
   std::atomic<bool> replied_{false};

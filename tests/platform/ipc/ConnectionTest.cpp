@@ -10,7 +10,7 @@
 #include <future>
 #include <thread>
 
-#include <poll.h>
+#include <fcntl.h>
 #include <sys/socket.h>
 
 namespace larkspan::tests {
@@ -59,6 +59,7 @@ struct RawPeer : testing::Test {
     int sockets[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets), 0);
     peer = Descriptor(sockets[1]);
+    if (connects % 2 == 0) fcntl(sockets[0], F_SETFL, O_NONBLOCK);
     Transport::Handlers handlers;
     handlers.onClose = [this](const Error&) { closings.push(connects); };
     transport = Transport::make(Descriptor(sockets[0]), "peer", std::move(handlers));
@@ -95,6 +96,10 @@ struct RawPeer : testing::Test {
       if (recv(peer.get(), item.data(), length, MSG_WAITALL) != length) return {};
       if (item[1] == static_cast<char>(type)) return item;
     }
+  }
+  /// A reply to the call with that item.
+  std::string answer(const std::string& item, const std::string& value) {
+    return framed(bytes({0x84, 5}) + address(item) + bytes({0x81}) + value);
   }
   /// The bytes of the call's envelope after the type: channel and number, one byte each in these tests.
   std::string address(const std::string& item) {
@@ -152,11 +157,63 @@ TEST_F(RawPeer, HasExactlyOneOutcomePerCallWhateverThePeerAnswers) {
 
 TEST_F(RawPeer, TakesFramesInAnyPieces) {
   call("echo", "x");
-  const std::string item = readFrame(FrameType::call);
-  const std::string answer =
-      kHello + framed(bytes({0x84, 5}) + address(item) + bytes({0x81, 0x63, 'a', 'b', 'c'}));
-  for (const char byte : answer) write({byte});
+  for (const char byte : kHello + answer(readFrame(FrameType::call), bytes({0x63, 'a', 'b', 'c'})))
+    write({byte});
   EXPECT_EQ(outcomes.waitFor(1).at(0).values, std::vector<Value>{"abc"});
+
+  // Around the size of the buffer that is read into, and of the blocks that large frames grow in.
+  const std::size_t sizes[] = {0, 65'520, 65'521, 65'530, 65'536, 200'000, 10, 196'000, 5'000'000, 20};
+  std::size_t done = 1;
+  for (const std::size_t piece : {999, 65'535, 65'536, 70'001, 10'000'000}) {
+    std::string stream;
+    std::vector<Value> expected;
+    for (const std::size_t size : sizes) {
+      std::string content(size, static_cast<char>(piece));
+      for (std::size_t i = 0; i < size; i += 251) content[i] = static_cast<char>(i / 251);
+      expected.push_back(Data::copy(content));
+      call("echo", 1);
+      stream += answer(readFrame(FrameType::call), "\x5A" + framed(content));
+    }
+    for (std::size_t at = 0; at < stream.size(); at += piece) write(stream.substr(at, piece));
+    const auto all = outcomes.waitFor(done + expected.size());
+    ASSERT_EQ(all.size(), done + expected.size()) << piece;
+    for (const Value& value : expected) EXPECT_EQ(all[done++].values, std::vector<Value>{value}) << piece;
+  }
+}
+
+TEST_F(RawPeer, EndsInOrderWhoeverEndsIt) {
+  // The peer's process has ended, but another holds its socket: what it sent still counts.
+  call("echo", 1);
+  const std::string first = readFrame(FrameType::call);
+  call("echo", 2);
+  readFrame(FrameType::call);
+  write(kHello + answer(first, "\x07"));
+  transport->peerEnded(Error("test", 7));
+  auto all = outcomes.waitFor(2);
+  EXPECT_EQ(all.at(0).values, std::vector<Value>{7});
+  EXPECT_EQ(all.at(1).code(), 7);
+  EXPECT_EQ(closings.waitFor(1).size(), 1u);
+
+  // A handler ends it while another answer has come already.
+  connection->call("echo", {1}, [this](const auto& values, const auto& error) {
+    outcomes.push({values, error});
+    transport->close(Error("test", 8));
+  });
+  call("echo", 2);
+  const std::string third = readFrame(FrameType::call), fourth = readFrame(FrameType::call);
+  write(kHello + answer(third, "\x01") + answer(fourth, "\x02"));
+  all = outcomes.waitFor(4);
+  EXPECT_EQ(all.at(2).code(), 0);
+  EXPECT_EQ(all.at(3).code(), 8);
+  EXPECT_EQ(closings.waitFor(2).size(), 2u);
+
+  // Nobody holds it any more; its thread and its descriptor go too.
+  int sockets[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets), 0);
+  const Descriptor other(sockets[1]);
+  Transport::make(Descriptor(sockets[0]), "peer", {}).reset();
+  std::string hello(kHello.size() + 1, '\0');
+  EXPECT_EQ(recv(other.get(), hello.data(), hello.size(), MSG_WAITALL), static_cast<ssize_t>(kHello.size()));
 }
 
 TEST_F(RawPeer, InterruptsAPeerThatDoesNotReadAndFailsWhatIsTooLargeAlone) {
