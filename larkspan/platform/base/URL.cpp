@@ -211,9 +211,10 @@ std::optional<URL> URL::parse(std::string_view text) {
       !holdsOnly(parts.fragment, "/?:@")) {
     return std::nullopt;
   }
-  URL url(text);
-  if (url.isFileURL() && percentDecoded(parts.path).find('\0') != std::string::npos) return std::nullopt;
-  return url;
+  // Resolved against a file URL, a reference without a scheme is one as well.
+  const bool mayNameFile = parts.scheme.empty() || lowered(parts.scheme) == "file";
+  if (mayNameFile && percentDecoded(parts.path).find('\0') != std::string::npos) return std::nullopt;
+  return URL(text);
 }
 
 URL URL::file(std::string_view path, bool isDirectory) {
