@@ -14,13 +14,12 @@ struct Options {
   std::string identifier;  ///< Of the extension, or its ending.
   std::string askCommand;
   std::optional<std::string> itemsFile;      ///< "-" is standard input.
-  std::vector<std::string> paths, excluded;  ///< To size, and to leave out.
+  std::vector<std::string> paths, excluded;  ///< To size or to watch; to leave out.
   unsigned depth = 0;                        ///< Levels of folders to size one by one.
   bool json = false;
   bool watch = false;
   double timeout = 60;  ///< Seconds.
-  std::vector<std::string> paths;
-  double latency = 1;  ///< Seconds.
+  double latency = 1;   ///< Seconds.
   bool ignoreMetadata = false;
 };
 

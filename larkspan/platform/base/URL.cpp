@@ -231,7 +231,14 @@ bool URL::isWellFormed(std::string_view text) {
       !holdsOnly(parts.fragment, "/?:@")) {
     return false;
   }
+<<<<<<< HEAD
   return !isFile(parts) || percentDecoded(parts.path).find('\0') == std::string::npos;
+=======
+  // Resolved against a file URL, a reference without a scheme is one as well.
+  const bool mayNameFile = parts.scheme.empty() || lowered(parts.scheme) == "file";
+  if (mayNameFile && percentDecoded(parts.path).find('\0') != std::string::npos) return std::nullopt;
+  return URL(text);
+>>>>>>> wire
 }
 
 URL URL::file(std::string_view path, bool isDirectory) {

@@ -17,7 +17,7 @@ namespace larkspan::platform {
 class URL {
  public:
   /// Reads a URI reference; nothing when it breaks the grammar of RFC 3986, is longer than `kMaximumLength`,
-  /// or is a file URL whose path holds a NUL.
+  /// or when its path holds a NUL and its scheme is "file" or none, so that no file URL can come of it.
   static std::optional<URL> parse(std::string_view text);
   /// Whether `parse` would read it.
   static bool isWellFormed(std::string_view text);

@@ -45,7 +45,7 @@ class Starter {
   }
 
   void start(const char* name, Task body) {
-    Request request{name, std::move(body)};
+    Request request{.name = name, .body = std::move(body), .done = false, .refusal = nullptr};
     std::unique_lock lock(mutex_);
     requests_.push_back(&request);
     wake_.notify_one();

@@ -1,0 +1,62 @@
+#include "larkspan/host/LKSHostExtensionContext.h"
+#include "larkspan/platform/archive/Cbor.h"
+#include "larkspan/platform/archive/ValueCoding.h"
+#include "larkspan/platform/ipc/Frame.h"
+
+#include "fuzz/Targets.h"
+
+namespace larkspan::fuzz {
+
+using namespace platform;
+
+namespace {
+
+/// The values of a frame that has any, if a message may hold them.
+std::optional<std::vector<Value>> valuesOf(const Frame& frame) {
+  CborReader reader(frame.bytes.view());
+  reader.moveTo(frame.body);
+  uint64_t count = 1;
+  if (frame.type != FrameType::failure) {
+    const CborHead head = reader.next();
+    if (head.major != CborMajor::array) return std::nullopt;
+    count = head.argument;
+  }
+  std::vector<Value> values;
+  for (; count > 0; --count) {
+    auto [value, error] = decodeValue(frame.bytes, reader, LKSHostExtensionContext::extensionItemClasses());
+    if (error) return std::nullopt;
+    values.push_back(std::move(value));
+  }
+  expect(reader.atEnd(), "a frame ends with its values");
+  return values;
+}
+
+std::variant<std::string, Error> encode(const Frame& frame, const std::vector<Value>& values) {
+  if (frame.type < FrameType::call) return encodeChannelFrame(frame.type, frame.channel);
+  return encodeFrame(frame.type, frame.channel, frame.id, frame.method, values);
+}
+
+}  // namespace
+
+void frame(std::string_view input) {
+  const auto parsed = Frame::parse(Slice::copy(input));
+  const auto* first = std::get_if<Frame>(&parsed);
+  if (!first || first->type == FrameType::hello) return;
+  const bool hasValues = first->type >= FrameType::call;
+  const auto values = hasValues ? valuesOf(*first) : std::vector<Value>();
+  if (!values) return;
+  const auto encoded = encode(*first, *values);
+  if (const auto* error = std::get_if<Error>(&encoded))
+    return expect(isDateTooDeep(*error), "what was read can be written");
+  const std::string_view bytes = std::get<std::string>(encoded);
+  expect(detail::loadBigEndian(bytes.data(), kFrameLengthSize) == bytes.size() - kFrameLengthSize,
+         "its length leads a frame");
+  const auto second = std::get<Frame>(Frame::parse(Slice::copy(bytes.substr(kFrameLengthSize))));
+  expect(second.type == first->type && second.channel == first->channel && second.id == first->id &&
+             second.method == first->method,
+         "the envelope comes back");
+  const auto again = hasValues ? valuesOf(second) : values;
+  expect(again && encode(second, *again) == encoded, "the values come back");
+}
+
+}  // namespace larkspan::fuzz
