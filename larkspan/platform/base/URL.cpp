@@ -231,14 +231,9 @@ bool URL::isWellFormed(std::string_view text) {
       !holdsOnly(parts.fragment, "/?:@")) {
     return false;
   }
-<<<<<<< HEAD
-  return !isFile(parts) || percentDecoded(parts.path).find('\0') == std::string::npos;
-=======
   // Resolved against a file URL, a reference without a scheme is one as well.
   const bool mayNameFile = parts.scheme.empty() || lowered(parts.scheme) == "file";
-  if (mayNameFile && percentDecoded(parts.path).find('\0') != std::string::npos) return std::nullopt;
-  return URL(text);
->>>>>>> wire
+  return !mayNameFile || percentDecoded(parts.path).find('\0') == std::string::npos;
 }
 
 URL URL::file(std::string_view path, bool isDirectory) {
@@ -295,12 +290,11 @@ std::optional<std::string> URL::fragment() const {
   return std::string(parts.fragment);
 }
 
-bool URL::isFile(const Parts& parts) {
+bool URL::isFileURL() const {
+  const Parts parts = split(text_.view());
   return lowered(parts.scheme) == "file" &&
          (parts.authority.empty() || lowered(parts.authority) == "localhost") && parts.path.starts_with('/');
 }
-
-bool URL::isFileURL() const { return isFile(split(text_.view())); }
 
 bool URL::hasDirectoryPath() const { return split(text_.view()).path.ends_with('/'); }
 

@@ -75,7 +75,6 @@ class URL {
   };
   explicit URL(std::string_view text) : text_(Slice::copy(text)) {}
   explicit URL(Slice text) : text_(std::move(text)) {}
-  static bool isFile(const Parts& parts);
   static Parts split(std::string_view text);
   static std::string join(const Parts& parts);
 
