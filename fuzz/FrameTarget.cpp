@@ -1,9 +1,8 @@
+#include "fuzz/Targets.h"
 #include "larkspan/host/LKSHostExtensionContext.h"
 #include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/archive/ValueCoding.h"
 #include "larkspan/platform/ipc/Frame.h"
-
-#include "fuzz/Targets.h"
 
 namespace larkspan::fuzz {
 
@@ -23,8 +22,16 @@ std::optional<std::vector<Value>> valuesOf(const Frame& frame) {
   }
   std::vector<Value> values;
   for (; count > 0; --count) {
-    auto [value, error] = decodeValue(frame.bytes, reader, LKSHostExtensionContext::extensionItemClasses());
+    const ClassSet& classes = LKSHostExtensionContext::extensionItemClasses();
+    const std::size_t start = reader.position();
+    const auto made = decodeValue(frame.bytes, reader, classes);
+    reader.moveTo(start);
+    auto [value, error] = decodeValue(frame.bytes, reader, classes, frame.plainMaps);
+    expect(made.error.has_value() == error.has_value(),
+           "what stays encoded is refused as what is made at once");
     if (error) return std::nullopt;
+    expect(made.value.description() == value.description(),
+           "what stays encoded reads as what is made at once");
     values.push_back(std::move(value));
   }
   expect(reader.atEnd(), "a frame ends with its values");
@@ -32,8 +39,10 @@ std::optional<std::vector<Value>> valuesOf(const Frame& frame) {
 }
 
 std::variant<std::string, Error> encode(const Frame& frame, const std::vector<Value>& values) {
-  if (frame.type < FrameType::call) return encodeChannelFrame(frame.type, frame.channel);
-  return encodeFrame(frame.type, frame.channel, frame.id, frame.method, values);
+  if (frame.type < FrameType::call) return std::string(encodeChannelFrame(frame.type, frame.channel).view());
+  const auto encoded = encodeFrame(frame.type, frame.channel, frame.id, frame.method, values);
+  if (const auto* error = std::get_if<Error>(&encoded)) return *error;
+  return std::string(std::get<ByteBuffer>(encoded).view());
 }
 
 }  // namespace

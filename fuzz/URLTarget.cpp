@@ -1,8 +1,7 @@
+#include "fuzz/Targets.h"
 #include "larkspan/platform/base/URL.h"
 
 #include <string>
-
-#include "fuzz/Targets.h"
 
 namespace larkspan::fuzz {
 
