@@ -1,10 +1,9 @@
+#include "fuzz/Targets.h"
 #include "larkspan/items/LKSIconConstructor.h"
 #include "larkspan/platform/appext/ExtensionItem.h"
 #include "larkspan/platform/archive/KeyedArchiver.h"
 #include "larkspan/platform/archive/KeyedUnarchiver.h"
 #include "larkspan/platform/desktop/FileProviderItem.h"
-
-#include "fuzz/Targets.h"
 
 namespace larkspan::fuzz {
 

@@ -1,9 +1,8 @@
+#include "fuzz/Targets.h"
 #include "larkspan/host/LKSHostExtensionContext.h"
 #include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/archive/ValueCoding.h"
 #include "larkspan/platform/ipc/Frame.h"
-
-#include "fuzz/Targets.h"
 
 namespace larkspan::fuzz {
 

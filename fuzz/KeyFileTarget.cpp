@@ -1,16 +1,14 @@
+#include "fuzz/Targets.h"
 #include "larkspan/platform/appext/ExecLine.h"
 #include "larkspan/platform/appext/Manifest.h"
-#include "larkspan/platform/base/Descriptor.h"
 #include "larkspan/platform/base/Utf8.h"
 #include "larkspan/platform/text/KeyFile.h"
 
 #include <algorithm>
+#include <fstream>
 #include <string>
 
-#include <fcntl.h>
 #include <unistd.h>
-
-#include "fuzz/Targets.h"
 
 namespace larkspan::fuzz {
 
@@ -22,12 +20,10 @@ void manifest(std::string_view text) {
   std::string folder = "/tmp/larkspan-fuzz-XXXXXX";
   expect(::mkdtemp(folder.data()), "there is a folder for a manifest");
   const std::string path = folder + "/org.example.a.extension";
-  const ssize_t written = ::write(
-      Descriptor(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600)).get(), text.data(), text.size());
+  std::ofstream(path) << text;
   const auto read = readManifest(path);
   ::unlink(path.c_str());
   ::rmdir(folder.c_str());
-  expect(written == static_cast<ssize_t>(text.size()), "the manifest is written");
   if (const auto* reason = std::get_if<std::string>(&read))
     return expect(!reason->empty(), "a refusal says why");
   const auto& manifest = std::get<Manifest>(read);

@@ -1,8 +1,8 @@
+#include "fuzz/Targets.h"
 #include "larkspan/platform/base/URL.h"
 
+#include <algorithm>
 #include <string>
-
-#include "fuzz/Targets.h"
 
 namespace larkspan::fuzz {
 

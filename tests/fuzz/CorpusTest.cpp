@@ -1,10 +1,10 @@
+#include "fuzz/Targets.h"
+
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-
-#include "fuzz/Targets.h"
 
 TEST(Fuzz, NoInputOfTheCorpusBreaksAPromise) {
   for (const auto& [name, run] : larkspan::fuzz::kTargets) {
