@@ -1,6 +1,7 @@
 #include "fuzz/Targets.h"
 #include "larkspan/platform/base/URL.h"
 
+#include <algorithm>
 #include <string>
 
 namespace larkspan::fuzz {
