@@ -17,6 +17,8 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace larkspan::cli {
 
@@ -51,7 +53,12 @@ std::string resolved(const std::string& path, bool last) {
 }
 
 /// What takes space counts alone when it is no folder.
-FolderSizeResult sizeOf(const std::string& path, const platform::FolderSizeOptions& options) {
+FolderSizeResult sizeOf(const std::string& argument, const platform::FolderSizeOptions& options) {
+  std::string path = resolved(argument, false);
+  struct stat itself;
+  // A link that leads nowhere takes space itself.
+  if (::access(path.c_str(), F_OK) != 0 && ::lstat(argument.c_str(), &itself) == 0)
+    path = resolved(argument, true);
   FolderSizeResult result = platform::sizeFolder(URL::file(path), options);
   struct statx facts;
   if (result.status != ENOTDIR) return result;
@@ -151,7 +158,7 @@ class Sizes {
   void begin() {
     DispatchQueue::global(platform::QualityOfService::userInitiated)->async([this] {
       for (const std::string& path : options_.paths) {
-        all_.push_back({path, sizeOf(resolved(path, false), {excluded_, &progress_, options_.depth})});
+        all_.push_back({path, sizeOf(path, {excluded_, &progress_, options_.depth})});
       }
       DispatchQueue::main()->async([this] { print(); });
     });

@@ -72,7 +72,8 @@ TEST(LKSDirectoryObserver, MakesAndStartsAStreamOrSaysWhichOfTheTwoFailed) {
   EXPECT_EQ(5, streams.stops);
   streams.failsToMake = true;
   EXPECT_EQ(nullptr, LKSDirectoryObserver::scheduledObserverForPaths({"/a"}, queue, [](const Paths&) {}));
-  EXPECT_EQ((Paths{"FSEventStreamStart failed", "FSEventStreamCreate failed"}), log.console());
+  EXPECT_EQ((Paths{"FSEventStreamStart failed", "why not", "FSEventStreamCreate failed", "why"}),
+            log.console());
 }
 
 TEST(LKSDirectoryObserver, LeavesOutWhatIsMetadataAloneOnlyIfAskedAndMayEndInItsCallback) {

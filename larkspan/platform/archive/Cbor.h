@@ -68,7 +68,7 @@ enum class CborTag : uint64_t {
   extendedTime = 1001,  ///< {1: seconds since 1970, -9: nanoseconds} (RFC 9581, section 3).
 };
 
-/// Appends CBOR to a buffer: definite lengths, the shortest heads. Checks nothing: the caller writes as many
+/// Appends CBOR to a buffer: definite lengths, the shortest heads but in `raw`. Checks nothing: the caller writes as many
 /// items as the heads promise, and text that is UTF-8.
 /// Owner:  the buffer stays the caller's and must outlive the writer.
 /// Thread: one at a time.

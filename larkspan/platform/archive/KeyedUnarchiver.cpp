@@ -17,7 +17,7 @@ constexpr std::string_view kErrorClass = "Error";
 
 /// Text or data out of the frame; keeps no more than `kSharedLength` bytes beside its own.
 Slice contentOf(const Slice& frame, std::string_view content) {
-  if (content.size() < kSharedLength && frame.size() > kSharedLength) return Slice::copy(content);
+  if (content.size() < kSharedLength && frame.size() >= kSharedLength) return Slice::copy(content);
   return frame.part(static_cast<std::size_t>(content.data() - frame.data()), content.size());
 }
 
@@ -167,7 +167,7 @@ std::vector<Value> KeyedUnarchiver::readMembers(uint64_t size, const ClassSet& c
 /// Large maps, and those of small frames, share the frame; small ones are copied out of it, several at a time.
 Slice KeyedUnarchiver::bytesOf(const PlainMap& map) {
   const std::size_t size = map.end - map.start;
-  if (size >= kSharedLength || frame_.size() <= kSharedLength) return frame_.part(map.start, size);
+  if (size >= kSharedLength || frame_.size() < kSharedLength) return frame_.part(map.start, size);
   if (map.start < runStart_ || map.end > runStart_ + run_.size()) {
     runStart_ = map.start;
     run_ = Slice::copy(frame_.view().substr(map.start, kSharedLength));
@@ -212,8 +212,7 @@ Value KeyedUnarchiver::readObject(const ClassSet& classes, std::size_t start) {
     return forbidden("An object of the class \"" + std::string(name.substr(0, kShown)) + "\"", start);
   }
 
-  const ObjectState outer = std::exchange(object_, {&classes, reader_.position(), map.argument,
-                                                    passed_.size(), reader_.position(), false, map.argument});
+  const ObjectState outer = std::exchange(object_, {passed_.size(), reader_.position(), false, map.argument});
   Value result = isError ? readError() : Value(objectClass->decode(*this));
   if (result.isNone()) fault(ArchiveErrorCode::malformed, "An object that cannot be made", start);
   if (!error_) passRest();

@@ -29,7 +29,7 @@ class KeyedUnarchiver {
     /// With a none value.
     std::optional<Error> error;
   };
-  /// The value of an archive. Large strings and data share the archive's bytes.
+  /// The value of an archive. It shares the archive's bytes from `kSharedLength` (ValueCoding.h) bytes on.
   static Result unarchivedValue(const Data& archive, const ClassSet& classes);
 
   /// The value at the reader, which is part of a plain map in `frame`, and passes it.
@@ -78,9 +78,6 @@ class KeyedUnarchiver {
   /// The object being read. Its map is walked as its fields are asked for, and no part of it twice but for
   /// fields asked for in another order than they stand.
   struct ObjectState {
-    const ClassSet* allowed = nullptr;
-    std::size_t start = 0;
-    uint64_t size = 0;
     /// Where this object's part of `passed_` begins.
     std::size_t firstPassed = 0;
     /// Where the walk stands: at a key, or at the value of the field passed last.

@@ -12,7 +12,7 @@
 namespace larkspan::platform {
 
 /// Strings, data and plain maps of this many bytes or more share the block they arrived in, and so does all of a
-/// frame that is no larger. What is shorter is copied, so that a value which is kept does not keep a whole frame.
+/// frame that is smaller. What is shorter is copied, so that a value which is kept does not keep a whole frame.
 inline constexpr std::size_t kSharedLength = 4096;
 
 /// Appends the value. On failure, as `KeyedArchiver`, nothing has been appended. The limits hold for all that

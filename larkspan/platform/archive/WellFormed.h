@@ -12,8 +12,8 @@
 namespace larkspan::platform {
 
 /// A map whose entries need not be made before somebody asks for them: all that it holds, at any depth, is a
-/// number, a string, data, a date, a URL, an array or a map, written the usual way, so that its decoding cannot
-/// fail. Notes what a reader would otherwise have to walk the map for.
+/// number, a string, data, an array or a map, or a date or URL in the form that the archiver writes, so that its
+/// decoding cannot fail. Notes what a reader would otherwise have to walk the map for.
 struct PlainMap {
   uint32_t start;     ///< Where its head stands.
   uint32_t end;       ///< Behind its last byte.

@@ -238,13 +238,15 @@ bool URL::isWellFormed(std::string_view text) {
 
 URL URL::file(std::string_view path, bool isDirectory) {
   path = path.substr(0, path.find('\0'));
+  // Not the working directory: who lost a path must not come to delete that.
+  if (path.empty()) return URL(std::string_view("file:"));
   std::string absolute;
-  if (path.empty() || path.front() != '/') {
+  if (path.front() != '/') {
     char* directory = ::getcwd(nullptr, 0);
     // Nothing lies below a device: in a working directory that was removed no path names a file.
     absolute = directory ? directory : "/dev/null";
     std::free(directory);
-    if (!path.empty() && absolute != "/") absolute += '/';
+    if (absolute != "/") absolute += '/';
   }
   absolute += path;
   if (isDirectory && !absolute.ends_with('/')) absolute += '/';

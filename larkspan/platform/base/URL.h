@@ -31,7 +31,8 @@ class URL {
   /// A URL whose text is known to be well-formed and is shared, not copied.
   static URL wellFormed(Slice text) { return URL(std::move(text)); }
   /// The file URL (RFC 8089) of a path of any bytes but NUL, which ends the path. A relative path is taken
-  /// from the working directory, and names no file when that was removed. A directory's URL ends in "/".
+  /// from the working directory, and names no file when that was removed; nor does the empty path name one
+  /// (`isFileURL` is false). A directory's URL ends in "/".
   static URL file(std::string_view path, bool isDirectory = false);
 
   static constexpr std::size_t kMaximumLength = 64 * 1024;

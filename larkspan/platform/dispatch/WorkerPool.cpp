@@ -134,8 +134,12 @@ WorkerPool::Worker* WorkerPool::summonWorker() {
   if (count_ < processorCount()) {
     spawn();
   } else if (!hasMonitor_) {
-    startThread("lks-monitor", [this] { monitor(); });
-    hasMonitor_ = true;
+    try {
+      startThread("lks-monitor", [this] { monitor(); });
+      hasMonitor_ = true;
+    } catch (const std::system_error&) {
+      // Whoever finishes first takes the work; the next task tries again.
+    }
   } else if (monitorSleeps_) {
     monitorSleeps_ = false;
     monitorWake_.notify_one();

@@ -169,8 +169,8 @@ class DeletionPart final : public WalkCrew::Part {
   /// Enters the folder and removes what is no folder in it, or removes the entry if it is no folder any more.
   void removeFolder(const std::string& name, unsigned pass) {
     const int error = enter(name, pass);
-    if (error == 0 || error == ENOENT) return;
-    if (error == ESTALE) {
+    if (error == 0) return;
+    if (error == ENOENT || error == ESTALE) {
       state().changed = true;
     } else if (error == ENOTDIR || error == ELOOP) {
       unlink(name.c_str(), stack_.top());

@@ -120,7 +120,10 @@ void WalkCrew::work(bool isHelper) {
     part.reset();
     lock.lock();
     if (giver) queue_.push_front(std::move(giver));
-    if (isDone && --alive_ == 0) wake_.notify_all();
+    if (!isDone) continue;
+    --alive_;
+    updateAppetite();
+    if (alive_ == 0) wake_.notify_all();
   }
 }
 

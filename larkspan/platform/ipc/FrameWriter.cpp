@@ -50,7 +50,10 @@ void FrameWriter::flush() {
         ::send(socket_->get(), first.data() + written_, first.size() - written_, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (count < 0) {
       if (errno == EINTR) continue;
-      if (errno != EAGAIN && errno != EWOULDBLOCK) drop();
+      if (errno == EAGAIN || errno == EWOULDBLOCK) return;
+      drop();
+      // A peer that only shut its reading down would never be heard to end; what has arrived is still read.
+      ::shutdown(socket_->get(), SHUT_RD);
       return;
     }
     written_ += static_cast<std::size_t>(count);

@@ -80,7 +80,6 @@ void StreamSink::write(const LogRecord& record) {
     loss += std::to_string(dropped_) + (dropped_ == 1 ? " message was" : " messages were") + " dropped\n";
     line.insert(0, loss);
   }
-  isCut_ = false;
   dropped_ = put(line) ? 0 : dropped_ + 1;
 }
 
