@@ -349,20 +349,6 @@ TEST_F(Hostile, OneThatDoesNotReadIsEndedOnceTooMuchWaitsForIt) {
             1);
 }
 
-TEST_F(Hostile, ALogThatNobodyReadsHoldsNobodyUp) {
-  int ends[2];
-  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-  const platform::Descriptor reader(ends[0]), writer(ends[1]);
-  const platform::ScopedLogSink stalled(std::make_shared<platform::StreamSink>(writer.get()));
-  add("printing", "hello call print");
-  add("good", kGood);
-  discover();
-  const std::size_t number = send("printing");
-  for (int i = 0; i < 2000; ++i) EXPECT_FALSE(ask("good"));
-  of("printing")->abandon();
-  EXPECT_TRUE(becomes([&] { return hasEnded(number); }));
-}
-
 TEST_F(Hostile, WithoutDescriptorsTheErrorSaysSoAndNothingIsForgotten) {
   const CapturedLog log;
   add("good", kGood);

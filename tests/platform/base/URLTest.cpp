@@ -104,7 +104,7 @@ TEST(URL, TakesRelativePathsFromTheWorkingDirectory) {
   ASSERT_NE(mkdtemp(folder), nullptr);
   ASSERT_EQ(chdir(folder), 0);
   EXPECT_EQ(URL::file("x/y").path(), std::string(folder) + "/x/y");
-  EXPECT_EQ(URL::file("", true).absoluteString(), "file://" + std::string(folder) + "/");
+  EXPECT_FALSE(URL::file("", true).isFileURL()) << "a path that was lost became the working directory";
   ASSERT_EQ(rmdir(folder), 0);
   EXPECT_NE(access(URL::file("etc").path().c_str(), F_OK), 0)
       << "a removed folder's file became one of the root's";

@@ -259,13 +259,13 @@ TEST_P(DeepDelete, RefusesWhatMustStayAndGoesOn) {
   tree.file("last");
   const DeepDeleteResult result =
       remove({*URL::parse("file:///"), *URL::parse("file:////"), tree.url("a/."), tree.url("a/.."),
-              tree.url("a/../"), *URL::parse("https://host" + tree.path()), tree.url("missing"),
-              tree.url("missing/x"), tree.url("last")});
+              tree.url("a/../"), *URL::parse("https://host" + tree.path()), *URL::parse("file:"),
+              tree.url("missing"), tree.url("missing/x"), tree.url("last")});
   EXPECT_EQ(1, result.removed);
-  EXPECT_EQ(8, result.failed);
+  EXPECT_EQ(9, result.failed);
   ASSERT_TRUE(result.error);
   EXPECT_EQ(EINVAL, causeOf(result));
-  EXPECT_EQ("1 entries were removed, 8 could not be: /: Invalid argument",
+  EXPECT_EQ("1 entries were removed, 9 could not be: /: Invalid argument",
             result.error->localizedDescription());
   EXPECT_EQ("./a ./a/f ", tree.list());
 }
