@@ -14,6 +14,7 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <sys/resource.h>
@@ -48,8 +49,18 @@ std::string archived(const Value& value) {
   EXPECT_FALSE(result.error) << result.error->description();
   return std::string(result.data.view());
 }
+/// Reads an archive with dictionaries that stay encoded, and with all of it made at once, which must not differ; answers
+/// the latter, so that archiving it again writes all of it anew.
 Result unarchived(std::string_view bytes, const ClassSet& classes) {
-  return KeyedUnarchiver::unarchivedValue(Data::copy(bytes), classes);
+  const Data archive = Data::copy(bytes);
+  const Result kept = KeyedUnarchiver::unarchivedValue(archive, classes);
+  Result made;
+  made.error = checkWellFormed(archive.view());
+  CborReader reader(archive.view());
+  if (!made.error) made = decodeValue(archive.bytes, reader, classes);
+  EXPECT_EQ(codeOf(kept.error), codeOf(made.error));
+  EXPECT_EQ(kept.value.description(), made.value.description());
+  return made;
 }
 
 /// How reading the archive of a value ends.
@@ -71,6 +82,7 @@ class Folder : public Archivable {
     return kClass;
   }
   const ObjectClass& objectClass() const override { return archiveClass(); }
+  std::string description() const override { return "Folder of " + Value(name).description(); }
   void encodeWithCoder(KeyedArchiver& coder) const override {
     coder.encodeObject(name, "name");
     coder.encodeObject(children, "children");
@@ -105,6 +117,7 @@ class Note : public Archivable {
     return kClass;
   }
   const ObjectClass& objectClass() const override { return archiveClass(); }
+  std::string description() const override { return "Note " + fields.description(); }
   void encodeWithCoder(KeyedArchiver& coder) const override {
     for (const auto& entry : fields) coder.encodeObject(entry.value, entry.key());
   }
@@ -226,6 +239,51 @@ TEST(Archive, CopiesShortStringsAndSharesLongOnesAndKnownKeys) {
   EXPECT_TRUE(isShared(entry[0].value.text().data()));
   EXPECT_FALSE(isShared(entry[1].value.text().data())) << "a short text does not pin its frame";
   EXPECT_TRUE(isShared(entry[2].value.data()->view().data()));
+}
+
+TEST(Archive, KeepsADictionaryEncodedUntilSomebodyAsks) {
+  const Dictionary whole{{"name", "text"},
+                         {"size", 5},
+                         {"when", Date{1, 2}},
+                         {"none", Value()},
+                         {"data", Data::copy("\xFF")},
+                         {"list", Array{1, "x"}},
+                         {"url", URL::file("/a")}};
+  const Data archive = Data::copy(archived(whole));
+  const auto read = [&] {
+    return KeyedUnarchiver::unarchivedValue(archive, everything()).value.dictionary();
+  };
+  const Dictionary kept = read();
+  for (const auto& entry : whole) {
+    EXPECT_EQ(kept.get(entry.key()), entry.value);
+    EXPECT_TRUE(kept.contains(entry.key()));
+  }
+  // Enough for each bit that tells keys apart.
+  for (int i = 0; i < 1000; ++i) EXPECT_FALSE(kept.contains("nam" + std::to_string(i)));
+  Dictionary changed = kept, own = read();
+  changed.set("size", 6);
+  changed.remove("name");
+  own.set("new", 7);
+  EXPECT_EQ(kept.get("size"), Value(5));
+  EXPECT_EQ(changed.size(), whole.size() - 1);
+  EXPECT_EQ(unarchived(archived(own), everything()).value.dictionary(), own) << "not as it came";
+  EXPECT_EQ(own.size(), whole.size() + 1);
+  EXPECT_EQ(kept, whole);
+  EXPECT_EQ(read().deepCopy(), whole);
+  EXPECT_EQ(Value(read().get("name")), Value("text")) << "outlives its dictionary";
+
+  // Two make the entries, others look one up meanwhile.
+  const Dictionary shared = read();
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([mine = shared, i, &whole] {
+      if (i % 2 == 0) {
+        EXPECT_EQ(mine.get("size"), Value(5));
+      }
+      EXPECT_EQ(mine, whole);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
 }
 
 TEST(Archive, AdmitsAClassOnlyWhereItsSetNamesIt) {
