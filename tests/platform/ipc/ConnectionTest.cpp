@@ -49,7 +49,9 @@ struct RawPeer : testing::Test {
   };
   CapturedLog log;
   Collector<Outcome> outcomes;
-  Collector<std::string> events;
+  // The handlers hold what they write to: they may run once more when a test has all that it waits for.
+  const std::shared_ptr<Collector<std::string>> heard = std::make_shared<Collector<std::string>>();
+  Collector<std::string>& events = *heard;
   Collector<int> closings;
   Descriptor peer;
   std::shared_ptr<Transport> transport;
@@ -68,8 +70,8 @@ struct RawPeer : testing::Test {
 
   RawPeer() {
     connection->setRemoteInterface(echoInterface());
-    connection->setInterruptionHandler([this] { events.push("interrupted"); });
-    connection->setInvalidationHandler([this] { events.push("invalidated"); });
+    connection->setInterruptionHandler([heard = heard] { heard->push("interrupted"); });
+    connection->setInvalidationHandler([heard = heard] { heard->push("invalidated"); });
   }
   ~RawPeer() override {
     // Without a channel the close is the last thing that a transport says; then nothing refers to this test.
