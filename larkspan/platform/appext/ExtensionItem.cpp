@@ -29,7 +29,12 @@ const ClassSet& ExtensionItem::itemClasses() {
 }
 
 const ObjectClass& ExtensionItem::archiveClass() {
-  static constexpr ObjectClass kClass{"ExtensionItem", &ExtensionItem::initWithCoder};
+  static constexpr RowClass kRows{&ExtensionItem::itemClasses, [](Dictionary row) -> std::shared_ptr<Object> {
+                                    auto item = std::make_shared<ExtensionItem>();
+                                    item->userInfo_ = std::move(row);
+                                    return item;
+                                  }};
+  static constexpr ObjectClass kClass{"ExtensionItem", &ExtensionItem::initWithCoder, &kRows};
   return kClass;
 }
 

@@ -25,6 +25,7 @@ class ExtensionItem final : public Archivable {
   static const ObjectClass& archiveClass();
   const ObjectClass& objectClass() const override { return archiveClass(); }
   void encodeWithCoder(KeyedArchiver& coder) const override;
+  const Dictionary* row() const override { return &userInfo_; }
   static std::shared_ptr<Object> initWithCoder(KeyedUnarchiver& coder);
 
   std::shared_ptr<Object> deepCopy() const override;

@@ -62,6 +62,23 @@ void CborWriter::closeMap(Mark map, std::size_t entries) {
   out_.advance(size - 1);
 }
 
+CborWriter::Mark CborWriter::openArray(std::size_t items) {
+  const Mark result = mark();
+  array(items);
+  return result;
+}
+
+void CborWriter::closeArray(Mark array, std::size_t items) {
+  char* const head = out_.data() + array.size;
+  const unsigned info = static_cast<uint8_t>(*head) & 31;
+  if (info < 24) {
+    *head = static_cast<char>(static_cast<unsigned>(CborMajor::array) << 5 | items);
+    return;
+  }
+  for (std::size_t size = std::size_t{1} << (info - 24); size > 0; --size, items >>= 8)
+    head[size] = static_cast<char>(items);
+}
+
 double CborHead::real() const {
   if (info == 27) return std::bit_cast<double>(argument);
   if (info == 26) return static_cast<double>(std::bit_cast<float>(static_cast<uint32_t>(argument)));

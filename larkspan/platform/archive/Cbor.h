@@ -68,8 +68,8 @@ enum class CborTag : uint64_t {
   extendedTime = 1001,  ///< {1: seconds since 1970, -9: nanoseconds} (RFC 9581, section 3).
 };
 
-/// Appends CBOR to a buffer: definite lengths, the shortest heads but in `raw`. Checks nothing: the caller writes as many
-/// items as the heads promise, and text that is UTF-8.
+/// Appends CBOR to a buffer: definite lengths, the shortest heads but in `raw` and `closeArray`. Checks nothing: the
+/// caller writes as many items as the heads promise, and text that is UTF-8.
 /// Owner:  the buffer stays the caller's and must outlive the writer.
 /// Thread: one at a time.
 class CborWriter {
@@ -119,6 +119,10 @@ class CborWriter {
   Mark openMap();
   /// Closes the map of `openMap`, which now has this many entries.
   void closeMap(Mark map, std::size_t entries);
+  /// Opens an array of at most so many items.
+  Mark openArray(std::size_t items);
+  /// Closes the array of `openArray`, which has this many items now, with a head as long as before.
+  void closeArray(Mark array, std::size_t items);
 
  private:
   void single(uint8_t byte) {

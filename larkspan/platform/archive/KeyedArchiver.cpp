@@ -5,22 +5,63 @@
 #include "larkspan/platform/base/Limits.h"
 #include "larkspan/platform/base/Utf8.h"
 
+#include <algorithm>
 #include <string>
 #include <typeinfo>
 #include <utility>
 
 namespace larkspan::platform {
 
+namespace {
+
+/// A tag, its array, a map, an array of rows and a row, and within it a date.
+constexpr unsigned kTableDepth = 5;
+constexpr unsigned kRowValueDepth = 2;
+
+/// What a row may hold.
+bool isFlat(const Value& value) {
+  switch (value.kind()) {
+    case Value::Kind::array:
+    case Value::Kind::dictionary:
+    case Value::Kind::set:
+    case Value::Kind::error:
+    case Value::Kind::object:
+      return false;
+    default:
+      return true;
+  }
+}
+
+bool isSame(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && (a.data() == b.data() || a == b);
+}
+
+/// The keys of a dictionary that can be a row: none of one whose entries stay encoded as a map.
+std::vector<std::string_view> rowKeysOf(const Dictionary& dictionary) {
+  std::vector<std::string_view> keys;
+  const Dictionary::Packed* const packed = dictionary.packed();
+  if (packed && !packed->rowKeys) return keys;
+  keys.reserve(dictionary.size());
+  if (packed) {
+    for (const Slice& key : *packed->rowKeys) keys.push_back(key.view());
+  } else {
+    for (const auto& entry : dictionary) keys.push_back(entry.key());
+  }
+  return keys;
+}
+
+}  // namespace
+
 KeyedArchiver::Result KeyedArchiver::archivedData(const Value& root) {
   ByteBuffer bytes;
   CborWriter writer(bytes);
-  if (auto error = encodeValue(writer, root)) return {{}, std::move(error)};
+  if (auto error = encodeValue(writer, root, 0, Tables::yes)) return {{}, std::move(error)};
   return {Data::copy(bytes.view()), std::nullopt};
 }
 
-std::optional<Error> encodeValue(CborWriter& writer, const Value& value, unsigned depth) {
+std::optional<Error> encodeValue(CborWriter& writer, const Value& value, unsigned depth, Tables tables) {
   const CborWriter::Mark start = writer.mark();
-  KeyedArchiver archiver(writer, depth);
+  KeyedArchiver archiver(writer, tables, depth);
   archiver.write(value);
   if (archiver.error_) writer.rewind(start);
   return std::move(archiver.error_);
@@ -108,13 +149,87 @@ void KeyedArchiver::writeText(std::string_view text) {
 
 void KeyedArchiver::writeArray(const Array& array) {
   if (!enter(1)) return;
-  writer_.array(array.size());
-  for (const Value& member : array) write(member);
+  const CborWriter::Mark head = writer_.openArray(array.size());
+  std::size_t items = 0;
+  for (std::span<const Value> left(array.begin(), array.size()); !left.empty() && !error_; ++items) {
+    const std::size_t rows = writeTable(left);
+    if (rows == 0) write(left.front());
+    left = left.subspan(std::max<std::size_t>(rows, 1));
+  }
+  if (items < array.size()) writer_.closeArray(head, items);
   depth_ -= 1;
 }
 
+/// Writes as many of the members as make one table; 0 when that is not two at least.
+std::size_t KeyedArchiver::writeTable(std::span<const Value> members) {
+  const auto archivableAt = [&](std::size_t index) {
+    const auto* const object = members[index].contentAs<std::shared_ptr<Object>>();
+    return object ? archivableOf(**object) : nullptr;
+  };
+  if (tables_ == Tables::no || members.size() < 2 || withinError_) return 0;
+  if (depth_ + kTableDepth + kRowValueDepth > limits::kMaximumDepth) return 0;
+  const Archivable* const first = archivableAt(0);
+  const Dictionary* const firstRow = first ? first->row() : nullptr;
+  if (!firstRow || firstRow->size() < Table::kFewestKeys) return 0;
+  const ObjectClass& objectClass = first->objectClass();
+  const std::vector<std::string_view> keys = rowKeysOf(*firstRow);
+  if (keys.empty()) return 0;
+
+  const CborWriter::Mark start = writer_.mark();
+  depth_ += kTableDepth;
+  writer_.tag(CborTag::object);
+  writer_.array(2);
+  writer_.text(Table::kName);
+  writer_.map(3);
+  writer_.text(Table::kClass);
+  writer_.text(objectClass.name);
+  writer_.text(Table::kKeys);
+  writer_.array(keys.size());
+  for (const std::string_view key : keys) writer_.text(key);
+  writer_.text(Table::kRows);
+  const CborWriter::Mark rows = writer_.openArray(members.size());
+  std::size_t count = 0;
+  for (; count < members.size() && !error_; ++count) {
+    const Archivable* const member = archivableAt(count);
+    if (!member || &member->objectClass() != &objectClass || !writeRow(*member->row(), keys)) break;
+  }
+  depth_ -= kTableDepth;
+  if (count < 2 && !error_) {
+    writer_.rewind(start);
+    return 0;
+  }
+  writer_.closeArray(rows, count);
+  return count;
+}
+
+/// False, with nothing written, for a row that has other keys, or what no row may hold.
+bool KeyedArchiver::writeRow(const Dictionary& row, std::span<const std::string_view> keys) {
+  if (row.size() != keys.size()) return false;
+  if (const Dictionary::Packed* const packed = row.packed()) {
+    const auto matches = [](const Slice& a, std::string_view b) { return isSame(a.view(), b); };
+    if (!packed->rowKeys ||
+        !std::equal(packed->rowKeys->begin(), packed->rowKeys->end(), keys.begin(), matches)) {
+      return false;
+    }
+    if (packed->levels > 1 + kRowValueDepth) return false;
+    if (hasRoom(packed->bytes.size())) writer_.raw(packed->bytes.view(), packed->elements);
+    return true;
+  }
+  const CborWriter::Mark start = writer_.mark();
+  writer_.array(keys.size());
+  auto key = keys.begin();
+  for (const auto& entry : row) {
+    if (!isSame(entry.key(), *key++) || !isFlat(entry.value)) {
+      writer_.rewind(start);
+      return false;
+    }
+    write(entry.value);
+  }
+  return true;
+}
+
 void KeyedArchiver::writeDictionary(const Dictionary& dictionary) {
-  if (const Dictionary::Packed* const packed = dictionary.packed()) {
+  if (const Dictionary::Packed* const packed = dictionary.packed(); packed && !packed->rowKeys) {
     if (!enter(packed->levels) || !hasRoom(packed->bytes.size())) return;
     writer_.raw(packed->bytes.view(), packed->elements);
     depth_ -= packed->levels;
@@ -150,10 +265,7 @@ void KeyedArchiver::writeError(const Error& error) {
 
 void KeyedArchiver::writeObject(const Object& object) {
   if (withinError_) return writeText(repairedUtf8(object.description()));
-  // A list mostly holds objects of one class: it is asked once.
-  const std::type_info& type = typeid(object);
-  if (archivableType_ != &type && dynamic_cast<const Archivable*>(&object)) archivableType_ = &type;
-  const auto* archivable = archivableType_ == &type ? static_cast<const Archivable*>(&object) : nullptr;
+  const Archivable* const archivable = archivableOf(object);
   if (!archivable) {
     return fail(ArchiveErrorCode::notArchivable, "Objects of " + object.className() + " cannot be archived");
   }
@@ -166,6 +278,13 @@ void KeyedArchiver::writeObject(const Object& object) {
   archivable->encodeWithCoder(*this);
   writer_.closeMap(map, std::exchange(fields_, outerFields));
   depth_ -= 3;
+}
+
+/// Null for an object that is none. A list mostly holds objects of one class: it is asked once.
+const Archivable* KeyedArchiver::archivableOf(const Object& object) {
+  const std::type_info& type = typeid(object);
+  if (archivableType_ != &type && dynamic_cast<const Archivable*>(&object)) archivableType_ = &type;
+  return archivableType_ == &type ? static_cast<const Archivable*>(&object) : nullptr;
 }
 
 bool KeyedArchiver::enter(unsigned levels) {

@@ -8,16 +8,22 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string_view>
 #include <typeinfo>
 
 namespace larkspan::platform {
 
+class Archivable;
+/// Whether the reader knows tables.
+enum class Tables : bool { no, yes };
+
 /// Writes values and objects as CBOR (RFC 8949): numbers, text, bytes, arrays and maps as they are, dates,
 /// URLs, sets and objects under their `CborTag`. An error is the object "Error" with the keys "domain",
 /// "code" and "userInfo"; objects in its user information are written as their descriptions, so that no error
 /// is lost over what decorates it. Objects get one to write their fields to, each key once, in any order:
-/// this is what `encode…` is for.
+/// this is what `encode…` is for. Neighbours in an array that are objects of a `RowClass` with the same keys are
+/// written as a table where the reader knows tables: see `Table` in ValueCoding.h.
 /// Thread:  one at a time.
 /// Failure: the first one makes the whole archive fail: an object that is not `Archivable`, or what exceeds
 ///          the limits.
@@ -43,8 +49,10 @@ class KeyedArchiver {
   void encodeFloat(float value, std::string_view key);
 
  private:
-  friend std::optional<Error> encodeValue(CborWriter& writer, const Value& value, unsigned depth);
-  KeyedArchiver(CborWriter& writer, unsigned depth) : writer_(writer), depth_(depth) {}
+  friend std::optional<Error> encodeValue(CborWriter& writer, const Value& value, unsigned depth,
+                                          Tables tables);
+  KeyedArchiver(CborWriter& writer, Tables tables, unsigned depth)
+      : writer_(writer), tables_(tables), depth_(depth) {}
 
   void write(const Value& value);
   void writeText(std::string_view text);
@@ -53,6 +61,9 @@ class KeyedArchiver {
   void writeDate(const Date& date);
   void writeError(const Error& error);
   void writeObject(const Object& object);
+  const Archivable* archivableOf(const Object& object);
+  std::size_t writeTable(std::span<const Value> members);
+  bool writeRow(const Dictionary& row, std::span<const std::string_view> keys);
   void writeField(std::string_view key, const Value& value);
   void writeEntry(std::string_view key, const Value& value);
   /// Whether this many bytes more keep within the limits; fails else.
@@ -66,6 +77,7 @@ class KeyedArchiver {
   void fail(ArchiveErrorCode code, std::string_view fault);
 
   CborWriter& writer_;
+  const Tables tables_;
   /// Containers and tags open around the next item.
   unsigned depth_;
   /// Of the object that is being written.

@@ -14,6 +14,8 @@ namespace larkspan::platform {
 namespace {
 
 constexpr std::string_view kErrorClass = "Error";
+/// How much of a class's name is shown.
+constexpr std::size_t kShownName = 80;
 
 /// Text or data out of the frame; keeps no more than `kSharedLength` bytes beside its own.
 Slice contentOf(const Slice& frame, std::string_view content) {
@@ -160,8 +162,93 @@ Value KeyedUnarchiver::readTagged(uint64_t tag, const ClassSet& classes, std::si
 std::vector<Value> KeyedUnarchiver::readMembers(uint64_t size, const ClassSet& classes) {
   std::vector<Value> members;
   members.reserve(size);
-  for (; size > 0 && !error_; --size) members.push_back(read(classes, Place::within));
+  for (; size > 0 && !error_; --size) {
+    if (isAtTable()) {
+      readTable(classes, members);
+    } else {
+      members.push_back(read(classes, Place::within));
+    }
+  }
   return members;
+}
+
+bool KeyedUnarchiver::isAtTable() const {
+  CborReader reader = reader_;
+  if (!reader.next().isTag(CborTag::object)) return false;
+  if (const CborHead pair = reader.next(); pair.major != CborMajor::array || pair.argument == 0) return false;
+  const CborHead name = reader.next();
+  return name.major == CborMajor::text && reader.content(name) == Table::kName;
+}
+
+/// Appends the objects of the table's rows.
+void KeyedUnarchiver::readTable(const ClassSet& classes, std::vector<Value>& members) {
+  const std::size_t start = reader_.position();
+  const auto malformed = [&] { fault(ArchiveErrorCode::malformed, "A malformed table", start); };
+  reader_.next();
+  if (reader_.next().argument != 2) return malformed();
+  reader_.content(reader_.next());
+  const CborHead map = reader_.next();
+  if (map.major != CborMajor::map) return malformed();
+  const ObjectState outer = std::exchange(object_, {passed_.size(), reader_.position(), false, map.argument});
+
+  const Value className = decodeObject(Table::kClass, {ValueClass::string});
+  const std::string_view name = className.text();
+  const ObjectClass* const objectClass = classes.objectClass(name);
+  if (!error_ && (!objectClass || !objectClass->rows)) {
+    forbidden("A table of the class \"" + std::string(name.substr(0, kShownName)) + "\"", start);
+  }
+  const auto keys = find(Table::kKeys) ? readTableKeys() : nullptr;
+  if (!keys || !find(Table::kRows)) return malformed();
+  uint64_t keyBits = 0;
+  for (const Slice& key : *keys) keyBits |= keyBit(key.view());
+  const std::size_t rowsStart = reader_.position();
+  const CborHead rows = reader_.next();
+  if (rows.major != CborMajor::array) return malformed();
+  if (!error_) members.reserve(members.size() + rows.argument);
+  for (uint64_t left = rows.argument; left > 0 && !error_; --left)
+    members.emplace_back(objectClass->rows->make(readRow(keys, keyBits, objectClass->rows->classes())));
+  notePassed(rowsStart);
+  if (!error_) passRest();
+  passed_.resize(object_.firstPassed);
+  object_ = outer;
+}
+
+/// Null when they are none that a table may have.
+std::shared_ptr<const std::vector<Slice>> KeyedUnarchiver::readTableKeys() {
+  const std::size_t start = reader_.position();
+  const CborHead head = reader_.next();
+  if (head.major != CborMajor::array || head.argument < Table::kFewestKeys) return nullptr;
+  std::vector<Slice> keys;
+  std::vector<std::string_view> sorted;
+  for (uint64_t left = head.argument; left > 0; --left) {
+    const CborHead key = reader_.next();
+    if (key.major != CborMajor::text) return nullptr;
+    sorted.push_back(reader_.content(key));
+    keys.push_back(internedKey(sorted.back()));
+  }
+  notePassed(start);
+  std::sort(sorted.begin(), sorted.end());
+  if (std::adjacent_find(sorted.begin(), sorted.end()) != sorted.end()) return nullptr;
+  return std::make_shared<const std::vector<Slice>>(std::move(keys));
+}
+
+Dictionary KeyedUnarchiver::readRow(const std::shared_ptr<const std::vector<Slice>>& keys, uint64_t keyBits,
+                                    const ClassSet& classes) {
+  const std::size_t start = reader_.position();
+  const CborHead row = reader_.next();
+  if (row.major != CborMajor::array || row.argument != keys->size()) {
+    fault(ArchiveErrorCode::malformed, "A row that does not fit its table", start);
+    return {};
+  }
+  if (const PlainMap* const plain = plainAt(start); plain && classes.admitsWithin(plain->kinds)) {
+    reader_.moveTo(plain->end);
+    return packedRow(bytesOf(*plain), *plain, keys, keyBits);
+  }
+  Dictionary result = Dictionary::withCapacity(keys->size());
+  for (const Slice& key : *keys) {
+    if (!error_) result.append(key, read(classes, Place::within));
+  }
+  return result;
 }
 
 /// Large maps, and those of small frames, share the frame; small ones are copied out of it, several at a time.
@@ -176,13 +263,17 @@ Slice KeyedUnarchiver::bytesOf(const PlainMap& map) {
 }
 
 Value KeyedUnarchiver::readMap(uint64_t size, const ClassSet& classes, std::size_t start) {
-  while (!plainMaps_.empty() && plainMaps_.front().start < start) plainMaps_ = plainMaps_.subspan(1);
-  if (!plainMaps_.empty() && plainMaps_.front().start == start &&
-      classes.admitsWithin(plainMaps_.front().kinds)) {
-    reader_.moveTo(plainMaps_.front().end);
-    return packedDictionary(bytesOf(plainMaps_.front()), plainMaps_.front());
+  if (const PlainMap* const plain = plainAt(start); plain && classes.admitsWithin(plain->kinds)) {
+    reader_.moveTo(plain->end);
+    return packedDictionary(bytesOf(*plain), *plain);
   }
   return readDictionary(size, classes);
+}
+
+/// The plain map or row that begins there, or null.
+const PlainMap* KeyedUnarchiver::plainAt(std::size_t start) {
+  while (!plainMaps_.empty() && plainMaps_.front().start < start) plainMaps_ = plainMaps_.subspan(1);
+  return !plainMaps_.empty() && plainMaps_.front().start == start ? &plainMaps_.front() : nullptr;
 }
 
 Dictionary KeyedUnarchiver::readDictionary(uint64_t size, const ClassSet& classes) {
@@ -208,8 +299,7 @@ Value KeyedUnarchiver::readObject(const ClassSet& classes, std::size_t start) {
   const bool isError = name == kErrorClass && classes.admits(ValueClass::error);
   const ObjectClass* const objectClass = isError ? nullptr : classes.objectClass(name);
   if (!isError && !objectClass) {
-    constexpr std::size_t kShown = 80;
-    return forbidden("An object of the class \"" + std::string(name.substr(0, kShown)) + "\"", start);
+    return forbidden("An object of the class \"" + std::string(name.substr(0, kShownName)) + "\"", start);
   }
 
   const ObjectState outer = std::exchange(object_, {passed_.size(), reader_.position(), false, map.argument});
@@ -260,11 +350,15 @@ bool KeyedUnarchiver::find(std::string_view key) {
 Value KeyedUnarchiver::readFound(const ClassSet& classes) {
   const std::size_t start = reader_.position();
   Value value = read(classes, Place::outermost);
-  if (object_.walkAtValue && object_.walk == start) {
-    object_.walk = reader_.position();
-    object_.walkAtValue = false;
-  }
+  notePassed(start);
   return value;
+}
+
+/// The reader has passed the value of the object's field that begins at `start`.
+void KeyedUnarchiver::notePassed(std::size_t start) {
+  if (!object_.walkAtValue || object_.walk != start) return;
+  object_.walk = reader_.position();
+  object_.walkAtValue = false;
 }
 
 Value KeyedUnarchiver::decodeObject(std::string_view key, const ClassSet& classes) {

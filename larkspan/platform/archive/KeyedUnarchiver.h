@@ -90,13 +90,20 @@ class KeyedUnarchiver {
 
   Value read(const ClassSet& classes, Place place);
   std::vector<Value> readMembers(uint64_t size, const ClassSet& classes);
+  const PlainMap* plainAt(std::size_t start);
   Slice bytesOf(const PlainMap& map);
   Value readMap(uint64_t size, const ClassSet& classes, std::size_t start);
   Value readTagged(uint64_t tag, const ClassSet& classes, std::size_t start);
   Value readObject(const ClassSet& classes, std::size_t start);
   Value readError();
   Dictionary readDictionary(uint64_t size, const ClassSet& classes);
+  bool isAtTable() const;
+  void readTable(const ClassSet& classes, std::vector<Value>& members);
+  std::shared_ptr<const std::vector<Slice>> readTableKeys();
+  Dictionary readRow(const std::shared_ptr<const std::vector<Slice>>& keys, uint64_t keyBits,
+                     const ClassSet& classes);
   Value readFound(const ClassSet& classes);
+  void notePassed(std::size_t start);
   Value decodeNumber(std::string_view key);
   bool find(std::string_view key);
   void passRest();

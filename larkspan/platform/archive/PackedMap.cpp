@@ -38,12 +38,41 @@ std::vector<Dictionary::Entry> unpack(const Dictionary::Packed& packed) {
   return entries;
 }
 
-constexpr Dictionary::PackedCoding kCoding{&find, &unpack};
+constexpr Dictionary::PackedCoding kMapCoding{&find, &unpack};
+
+std::optional<Value> findInRow(const Dictionary::Packed& packed, std::string_view key) {
+  CborReader reader(packed.bytes.view());
+  reader.next();
+  for (const Slice& name : *packed.rowKeys) {
+    if (name.size() == key.size() && (name.data() == key.data() || name.view() == key))
+      return valueAt(packed.bytes, reader);
+    reader.skip();
+  }
+  return std::nullopt;
+}
+
+std::vector<Dictionary::Entry> unpackRow(const Dictionary::Packed& packed) {
+  std::vector<Dictionary::Entry> entries;
+  entries.reserve(packed.entries);
+  CborReader reader(packed.bytes.view());
+  reader.next();
+  for (const Slice& name : *packed.rowKeys) entries.push_back({name, valueAt(packed.bytes, reader)});
+  return entries;
+}
+
+constexpr Dictionary::PackedCoding kRowCoding{&findInRow, &unpackRow};
 
 }  // namespace
 
 Dictionary packedDictionary(Slice bytes, const PlainMap& map) {
-  return Dictionary({std::move(bytes), &kCoding, map.keys, map.entries, map.elements, map.levels});
+  return Dictionary(
+      {std::move(bytes), &kMapCoding, nullptr, map.keys, map.entries, map.elements, map.levels});
+}
+
+Dictionary packedRow(Slice bytes, const PlainMap& row, std::shared_ptr<const std::vector<Slice>> keys,
+                     uint64_t keyBits) {
+  return Dictionary(
+      {std::move(bytes), &kRowCoding, std::move(keys), keyBits, row.entries, row.elements, row.levels});
 }
 
 }  // namespace larkspan::platform

@@ -4,9 +4,17 @@
 #include "larkspan/platform/base/Dictionary.h"
 #include "larkspan/platform/base/Slice.h"
 
+#include <cstdint>
+#include <memory>
+#include <vector>
+
 namespace larkspan::platform {
 
 /// The dictionary of a plain map, read when somebody asks for its entries. `bytes` are the map's own.
 Dictionary packedDictionary(Slice bytes, const PlainMap& map);
+
+/// The same of a row of a table: `bytes` are an array of as many values as there are keys.
+Dictionary packedRow(Slice bytes, const PlainMap& row, std::shared_ptr<const std::vector<Slice>> keys,
+                     uint64_t keyBits);
 
 }  // namespace larkspan::platform

@@ -2,6 +2,7 @@
 
 #include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/archive/ClassSet.h"
+#include "larkspan/platform/archive/KeyedArchiver.h"
 #include "larkspan/platform/archive/KeyedUnarchiver.h"
 #include "larkspan/platform/base/Value.h"
 
@@ -15,9 +16,22 @@ namespace larkspan::platform {
 /// frame that is smaller. What is shorter is copied, so that a value which is kept does not keep a whole frame.
 inline constexpr std::size_t kSharedLength = 4096;
 
+/// How neighbours in an array are written that are objects of one `RowClass` with the same keys, in the same order:
+/// tag 27, ["Table", {"class": their class, "keys": [key, …], "rows": [[value, …], …]}]. It stands for as many members
+/// of the array as it has rows.
+struct Table {
+  static constexpr std::string_view kName = "Table";
+  static constexpr std::string_view kClass = "class";
+  static constexpr std::string_view kKeys = "keys";
+  static constexpr std::string_view kRows = "rows";
+  /// So that an object costs its sender as many data items in a table as outside.
+  static constexpr std::size_t kFewestKeys = 4;
+};
+
 /// Appends the value. On failure, as `KeyedArchiver`, nothing has been appended. The limits hold for all that
 /// the writer has written; `depth` is how many containers and tags the caller has open around the value.
-std::optional<Error> encodeValue(CborWriter& writer, const Value& value, unsigned depth = 0);
+std::optional<Error> encodeValue(CborWriter& writer, const Value& value, unsigned depth = 0,
+                                 Tables tables = Tables::no);
 
 /// Reads the value at the reader and passes it. The reader stands over the whole of `frame`, which
 /// `checkWellFormed` has passed; the dictionaries of the plain maps that it found stay encoded until somebody asks for

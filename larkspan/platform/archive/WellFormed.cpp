@@ -70,11 +70,11 @@ class Checker {
   }
 
  private:
-  enum class ObjectPart : uint8_t { none, tag, pair, fields };
+  enum class ObjectPart : uint8_t { none, tag, pair, fields, list, row };
   /// A container or tag that still lacks items.
   struct Level {
     uint64_t itemsLeft;
-    uint32_t entries;  // Of a map.
+    uint32_t entries;
     uint32_t start;
     uint32_t firstElement;
     /// Where the keys of this map begin in `keys_`.
@@ -92,7 +92,8 @@ class Checker {
     /// Too many keys to compare each with each: sorted when the map ends.
     bool isLarge;
     bool isTag;
-    /// What an object of tag 27 consists of: the map of its fields is no dictionary.
+    /// What an object of tag 27 consists of: the map of its fields is no dictionary; arrays within an array that is a
+    /// field may be a table's rows.
     ObjectPart part;
     bool isPlain;
     /// All keys so far were those of the map before at this depth.
@@ -214,12 +215,14 @@ class Checker {
       beneathTime = around.isExtendedTime;
       if (around.part == ObjectPart::tag) part = ObjectPart::pair;
       if (around.part == ObjectPart::pair) part = ObjectPart::fields;
+      if (around.part == ObjectPart::fields && major == CborMajor::array) part = ObjectPart::list;
+      if (around.part == ObjectPart::list && major == CborMajor::array) part = ObjectPart::row;
     }
     const bool isTag = major == CborMajor::tag;
     const bool allowsIntegerKeys = isMap && beneathTime;
     const bool isLarge = items > 2 * kLargeMap;
     levels_[depth_++] = {.itemsLeft = items,
-                         .entries = static_cast<uint32_t>(items / 2),
+                         .entries = static_cast<uint32_t>(isMap ? items / 2 : items),
                          .start = static_cast<uint32_t>(start),
                          .firstElement = static_cast<uint32_t>(elements_),
                          .firstKey = static_cast<uint32_t>(keys_.size()),
@@ -243,7 +246,7 @@ class Checker {
     if (level.isTag) return;
     while (level.itemsLeft > 0) {
       if (level.isMap && level.itemsLeft % 2 == 0 && !passUsualKey(level)) return;
-      if (!passUsualValue(level)) return;
+      if (!(level.part == ObjectPart::list ? passUsualRow(level) : passUsualValue(level))) return;
       --level.itemsLeft;
     }
   }
@@ -266,6 +269,41 @@ class Checker {
     level.keyBits |= key.bit;
     keys_.push_back(key.text);
     return true;
+  }
+
+  /// Passes a short row of usual values, as `passUsualValue`.
+  bool passUsualRow(Level& list) {
+    const std::size_t start = at_;
+    const std::size_t elements = elements_;
+    if (start == item_.size() || depth_ == limits::kMaximumDepth) return false;
+    const auto head = static_cast<uint8_t>(item_[start]);
+    const unsigned size = head & 31;
+    if (head >> 5 != static_cast<uint8_t>(CborMajor::array) || size > 23) return false;
+    Level& row = levels_[depth_++];
+    row.kinds = 0;
+    row.levels = 1;
+    ++at_;
+    ++elements_;
+    unsigned left = size;
+    while (left > 0 && passUsualValue(row)) --left;
+    --depth_;
+    if (left > 0) {
+      at_ = start;
+      elements_ = elements;
+      return false;
+    }
+    list.kinds |= row.kinds;
+    noteLevels(list, row.levels);
+    notePlain(start, size, elements, 0, row);
+    return true;
+  }
+
+  /// What began before this element is plain.
+  void notePlain(std::size_t start, uint32_t entries, std::size_t elements, uint64_t keys,
+                 const Level& level) {
+    if (!plainMaps_) return;
+    plainMaps_->push_back({static_cast<uint32_t>(start), static_cast<uint32_t>(at_), entries,
+                           static_cast<uint32_t>(elements_ - elements), keys, level.kinds, level.levels});
   }
 
   /// Passes a value that opens nothing, or a date or URL, if it stands far enough from all limits; else false, without
@@ -384,6 +422,10 @@ class Checker {
       passUsual(level);
       if (level.itemsLeft > 0) return false;
       if (level.isMap && !closeMap(level)) return true;
+      if (level.part == ObjectPart::row && level.isPlain && plainMaps_) {
+        plainMaps_->resize(level.firstPlain);
+        notePlain(level.start, level.entries, level.firstElement - 1, 0, level);
+      }
       if (--depth_ == 0) break;
       Level& around = levels_[depth_ - 1];
       around.isPlain = around.isPlain && level.isPlain;
@@ -399,9 +441,7 @@ class Checker {
     if (level.isPlain && level.part != ObjectPart::fields && !level.allowsIntegerKeys && plainMaps_ &&
         level.entries > 0) {
       plainMaps_->resize(level.firstPlain);
-      plainMaps_->push_back({level.start, static_cast<uint32_t>(at_), level.entries,
-                             static_cast<uint32_t>(elements_ - level.firstElement + 1), level.keyBits,
-                             level.kinds, level.levels});
+      notePlain(level.start, level.entries, level.firstElement - 1, level.keyBits, level);
     }
     if (!level.followsShape && !level.isLarge && !level.allowsIntegerKeys) {
       Shape& shape = shapes_[depth_ - 1];

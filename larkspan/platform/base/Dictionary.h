@@ -5,9 +5,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace larkspan::platform {
 
@@ -50,8 +52,10 @@ class Dictionary {
   struct PackedCoding;
   /// Entries that are encoded still, their keys well-formed and different and their values sound.
   struct Packed {
-    Slice bytes;
+    Slice bytes;  ///< A map, or an array of the values alone.
     const PackedCoding* coding;
+    /// The keys of an array's values, which other dictionaries share; null for a map.
+    std::shared_ptr<const std::vector<Slice>> rowKeys;
     uint64_t keys;      ///< The bits of all keys.
     uint32_t entries;   ///< Not 0.
     uint32_t elements;  ///< Of the encoded form, all in all.

@@ -81,7 +81,8 @@ Reply::Reply(std::shared_ptr<Transport> transport, uint32_t channel, int64_t id)
 
 void Reply::operator()(const std::vector<Value>& values) const {
   if (!state_ || !state_->answer()) return;
-  auto frame = encodeFrame(FrameType::reply, state_->channel, state_->id, {}, values);
+  auto frame =
+      encodeFrame(FrameType::reply, state_->channel, state_->id, {}, values, state_->transport->peerTables());
   if (const auto* error = std::get_if<Error>(&frame)) return state_->sendFailure(notSendable(*error));
   state_->transport->send(std::get<ByteBuffer>(std::move(frame)));
 }
@@ -172,10 +173,16 @@ void Connection::call(std::string_view method, const std::vector<Value>& argumen
 }
 
 std::optional<Error> Connection::post(std::string_view method, const std::vector<Value>& arguments) {
-  auto frame = encodeFrame(FrameType::post, channel_, 0, method, arguments);
+  auto frame = encodeFrame(FrameType::post, channel_, 0, method, arguments, peerTables());
   if (const auto* error = std::get_if<Error>(&frame)) return notSendable(*error);
   std::unique_lock lock(mutex_);
   return submit(std::get<ByteBuffer>(std::move(frame)), lock);
+}
+
+/// What a frame may use that is encoded now. One that a connector brings may have been replaced when the frame is sent.
+Tables Connection::peerTables() const {
+  const std::lock_guard lock(mutex_);
+  return transport_ && !connector_ ? transport_->peerTables() : Tables::no;
 }
 
 /// Sends the frame now or once there is a transport; an empty frame only sees to the transport. Releases the

@@ -71,7 +71,8 @@ std::variant<Frame, Error> Frame::parse(Slice bytes) {
 }
 
 std::variant<ByteBuffer, Error> encodeFrame(FrameType type, uint32_t channel, int64_t id,
-                                            std::string_view method, const std::vector<Value>& values) {
+                                            std::string_view method, const std::vector<Value>& values,
+                                            Tables tables) {
   const bool named = type == FrameType::call || type == FrameType::post;
   const bool numbered = type != FrameType::post;
   ByteBuffer frame = emptyFrame();
@@ -83,7 +84,7 @@ std::variant<ByteBuffer, Error> encodeFrame(FrameType type, uint32_t channel, in
   if (named) writer.text(method);
   if (type != FrameType::failure) writer.array(values.size());
   for (const Value& value : values) {
-    if (auto error = encodeValue(writer, value, kEnvelopeDepth)) return std::move(*error);
+    if (auto error = encodeValue(writer, value, kEnvelopeDepth, tables)) return std::move(*error);
   }
   if (writer.size() > limits::kMaximumFrame) {
     return archiveError(ArchiveErrorCode::tooLarge, "The message does not fit into a frame");
@@ -103,7 +104,8 @@ ByteBuffer encodeHello() {
   writer.text("version");
   writer.integer(kProtocolVersion);
   writer.text("capabilities");
-  writer.array(0);
+  writer.array(1);
+  writer.text(kTablesCapability);
   writeLength(frame);
   return frame;
 }

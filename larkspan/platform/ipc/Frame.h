@@ -1,5 +1,6 @@
 #pragma once
 
+#include "larkspan/platform/archive/KeyedArchiver.h"
 #include "larkspan/platform/archive/WellFormed.h"
 #include "larkspan/platform/base/ByteBuffer.h"
 #include "larkspan/platform/base/Slice.h"
@@ -32,6 +33,8 @@ inline constexpr std::size_t kFrameLengthSize = 4;
 /// The version of the protocol spoken here, and its name in the hello.
 inline constexpr int64_t kProtocolVersion = 1;
 inline constexpr std::string_view kProtocolName = "larkspan";
+/// The capability of a peer that reads tables (ValueCoding.h).
+inline constexpr std::string_view kTablesCapability = "tables";
 
 /// A frame that came in, its envelope read and its values still encoded.
 struct Frame {
@@ -50,7 +53,8 @@ struct Frame {
 /// The bytes of a frame, length included. The error is that of a value which cannot be encoded or of a frame
 /// that is too large.
 std::variant<ByteBuffer, Error> encodeFrame(FrameType type, uint32_t channel, int64_t id,
-                                            std::string_view method, const std::vector<Value>& values);
+                                            std::string_view method, const std::vector<Value>& values,
+                                            Tables tables = Tables::no);
 ByteBuffer encodeHello();
 /// Of type `open` or `close`.
 ByteBuffer encodeChannelFrame(FrameType type, uint32_t channel);

@@ -8,6 +8,7 @@
 #include "larkspan/platform/ipc/TransportError.h"
 #include "larkspan/platform/ipc/TransportLog.h"
 
+#include <algorithm>
 #include <system_error>
 #include <utility>
 
@@ -117,6 +118,9 @@ void Transport::route(const Frame& frame) {
     if (const int64_t version = content.get("version").integerValue(); version != kProtocolVersion) {
       return fail(violation(format("The peer speaks version %lld of the protocol", version)));
     }
+    const Array capabilities = content.get("capabilities").array();
+    if (std::count(capabilities.begin(), capabilities.end(), Value(kTablesCapability)) > 0)
+      peerTables_ = Tables::yes;
     greeted_ = true;
     if (handlers_.onHello) handlers_.onHello();
     return;

@@ -85,6 +85,8 @@ class Transport : public std::enable_shared_from_this<Transport> {
   /// Whether the peer has answered a call since the transport was made; a connection notes that it has.
   bool hasReplied() const { return replied_; }
   void noteReply() { replied_ = true; }
+  /// Whether the peer has said that it reads tables.
+  Tables peerTables() const { return peerTables_; }
 
  private:
   Transport(Descriptor socket, std::string name, Handlers handlers);
@@ -113,6 +115,7 @@ class Transport : public std::enable_shared_from_this<Transport> {
   bool greeted_ = false;
 
   std::atomic<bool> replied_{false};
+  std::atomic<Tables> peerTables_{Tables::no};
 };
 
 }  // namespace larkspan::platform
