@@ -102,7 +102,9 @@ void LKSExtension::run(const std::string& command, const Items& arguments, Items
   const auto fail = [&](const std::optional<Error>& error) {
     if (error) LKSCommand(reply.front()).setLks_error(error);
   };
-  const auto append = [&](const auto& items) { reply.insert(reply.end(), items.begin(), items.end()); };
+  const auto append = [&](auto items) {
+    reply.insert(reply.end(), std::move_iterator(items.begin()), std::move_iterator(items.end()));
+  };
   const auto appendIfAny = [&](const auto& item) {
     if (item) reply.push_back(*item);
   };

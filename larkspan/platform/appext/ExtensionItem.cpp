@@ -2,6 +2,7 @@
 
 #include "larkspan/platform/archive/KeyedArchiver.h"
 #include "larkspan/platform/archive/KeyedUnarchiver.h"
+#include "larkspan/platform/base/ChunkPool.h"
 #include "larkspan/platform/desktop/FileProviderItem.h"
 
 namespace larkspan::platform {
@@ -29,11 +30,12 @@ const ClassSet& ExtensionItem::itemClasses() {
 }
 
 const ObjectClass& ExtensionItem::archiveClass() {
-  static constexpr RowClass kRows{&ExtensionItem::itemClasses, [](Dictionary row) -> std::shared_ptr<Object> {
-                                    auto item = std::make_shared<ExtensionItem>();
-                                    item->userInfo_ = std::move(row);
-                                    return item;
-                                  }};
+  static constexpr RowClass kRows{
+      &ExtensionItem::itemClasses, [](Dictionary row, ChunkPool& pool) -> std::shared_ptr<Object> {
+        auto item = std::allocate_shared<ExtensionItem>(ChunkPool::Allocator<ExtensionItem>(pool));
+        item->userInfo_ = std::move(row);
+        return item;
+      }};
   static constexpr ObjectClass kClass{"ExtensionItem", &ExtensionItem::initWithCoder, &kRows};
   return kClass;
 }

@@ -2,6 +2,7 @@
 
 #include "larkspan/platform/base/ByteBuffer.h"
 
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -34,6 +35,29 @@ inline uint64_t loadBigEndian(const char* from, std::size_t size) {
       return bigEndian(loaded<uint32_t>(from)) >> (std::endian::native == std::endian::big ? 0 : 32);
     default:
       return bigEndian(loaded<uint64_t>(from));
+  }
+}
+
+/// memcpy(3) for what mostly is short.
+inline void copyBytes(char* to, std::string_view from) {
+  const std::size_t size = from.size();
+  const auto copyEnds = [&]<typename Word>(Word) {
+    const auto first = loaded<Word>(from.data());
+    const auto last = loaded<Word>(from.data() + size - sizeof(Word));
+    std::memcpy(to, &first, sizeof(Word));
+    std::memcpy(to + size - sizeof(Word), &last, sizeof(Word));
+  };
+  using Block = std::array<uint64_t, 2>;
+  if (size > 2 * sizeof(Block)) {
+    std::memcpy(to, from.data(), size);
+  } else if (size >= sizeof(Block)) {
+    copyEnds(Block());
+  } else if (size >= sizeof(uint64_t)) {
+    copyEnds(uint64_t());
+  } else if (size >= sizeof(uint32_t)) {
+    copyEnds(uint32_t());
+  } else {
+    for (std::size_t i = 0; i < size; ++i) to[i] = from[i];
   }
 }
 
@@ -138,8 +162,7 @@ class CborWriter {
   void string(CborMajor major, std::string_view content) {
     char* const to = out_.room(detail::kLongestHead + content.size());
     const std::size_t head = detail::encodeHead(to, static_cast<unsigned>(major), content.size());
-    // An empty view may have no data.
-    if (!content.empty()) std::memcpy(to + head, content.data(), content.size());
+    detail::copyBytes(to + head, content);
     out_.advance(head + content.size());
     ++elements_;
   }

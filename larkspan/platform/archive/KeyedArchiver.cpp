@@ -14,35 +14,16 @@ namespace larkspan::platform {
 
 namespace {
 
-/// A tag, its array, a map, an array of rows and a row, and within it a date.
+/// A tag, its array, a map, an array of rows and a row.
 constexpr unsigned kTableDepth = 5;
-constexpr unsigned kRowValueDepth = 2;
-
-/// What a row may hold.
-bool isFlat(const Value& value) {
-  switch (value.kind()) {
-    case Value::Kind::array:
-    case Value::Kind::dictionary:
-    case Value::Kind::set:
-    case Value::Kind::error:
-    case Value::Kind::object:
-      return false;
-    default:
-      return true;
-  }
-}
-
-bool isSame(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && (a.data() == b.data() || a == b);
-}
+/// A date.
+constexpr unsigned kFlatDepth = 2;
 
 /// The keys of a dictionary that can be a row: none of one whose entries stay encoded as a map.
 std::vector<std::string_view> rowKeysOf(const Dictionary& dictionary) {
   std::vector<std::string_view> keys;
-  const Dictionary::Packed* const packed = dictionary.packed();
-  if (packed && !packed->rowKeys) return keys;
-  keys.reserve(dictionary.size());
-  if (packed) {
+  if (const Dictionary::Packed* const packed = dictionary.packed()) {
+    if (!packed->rowKeys) return keys;
     for (const Slice& key : *packed->rowKeys) keys.push_back(key.view());
   } else {
     for (const auto& entry : dictionary) keys.push_back(entry.key());
@@ -50,13 +31,29 @@ std::vector<std::string_view> rowKeysOf(const Dictionary& dictionary) {
   return keys;
 }
 
+/// Whether these are the keys, in this order, of a dictionary that can be a row.
+bool hasKeys(const Dictionary& dictionary, std::span<const std::string_view> keys) {
+  const auto isKey = [](std::string_view a, std::string_view b) {
+    return a.size() == b.size() && (a.data() == b.data() || a == b);
+  };
+  if (dictionary.size() != keys.size()) return false;
+  if (const Dictionary::Packed* const packed = dictionary.packed()) {
+    return packed->rowKeys &&
+           std::equal(keys.begin(), keys.end(), packed->rowKeys->begin(),
+                      [&](std::string_view key, const Slice& other) { return isKey(key, other.view()); });
+  }
+  return std::equal(
+      keys.begin(), keys.end(), dictionary.begin(),
+      [&](std::string_view key, const Dictionary::Entry& entry) { return isKey(key, entry.key()); });
+}
+
 }  // namespace
 
 KeyedArchiver::Result KeyedArchiver::archivedData(const Value& root) {
-  ByteBuffer bytes;
+  ByteBuffer bytes = Slice::emptyBuffer();
   CborWriter writer(bytes);
   if (auto error = encodeValue(writer, root, 0, Tables::yes)) return {{}, std::move(error)};
-  return {Data::copy(bytes.view()), std::nullopt};
+  return {Data{Slice::adopt(std::move(bytes))}, std::nullopt};
 }
 
 std::optional<Error> encodeValue(CborWriter& writer, const Value& value, unsigned depth, Tables tables) {
@@ -86,41 +83,58 @@ void KeyedArchiver::writeEntry(std::string_view key, const Value& value) {
   write(value);
 }
 
-void KeyedArchiver::write(const Value& value) {
-  if (error_) return;
+inline void KeyedArchiver::writeText(std::string_view text) {
+  if (hasRoom(text.size())) writer_.text(text);
+}
+
+/// Writes a value that is no container, nor an error or object; false, with nothing written, for these. The caller sees
+/// to the depth, which is `kFlatDepth` at most.
+inline bool KeyedArchiver::writeFlat(const Value& value) {
   switch (value.kind()) {
     case Value::Kind::none:
       writer_.null();
-      break;
+      return true;
     case Value::Kind::boolean:
-      writer_.boolean(value.boolValue());
-      break;
+      writer_.boolean(*value.contentAs<bool>());
+      return true;
     case Value::Kind::integer:
-      writer_.integer(value.integerValue());
-      break;
+      writer_.integer(*value.contentAs<int64_t>());
+      return true;
     case Value::Kind::float32:
-      writer_.float32(static_cast<float>(value.doubleValue()));
-      break;
+      writer_.float32(*value.contentAs<float>());
+      return true;
     case Value::Kind::float64:
-      writer_.float64(value.doubleValue());
-      break;
+      writer_.float64(*value.contentAs<double>());
+      return true;
     case Value::Kind::string:
-      writeText(value.text());
-      break;
-    case Value::Kind::data: {
-      const Data& data = *value.contentAs<Data>();
-      if (hasRoom(data.bytes.size())) writer_.bytes(data.view());
-      break;
-    }
+      writeText(value.contentAs<Slice>()->view());
+      return true;
+    case Value::Kind::data:
+      if (const Slice& bytes = value.contentAs<Data>()->bytes; hasRoom(bytes.size()))
+        writer_.bytes(bytes.view());
+      return true;
     case Value::Kind::date:
-      writeDate(*value.contentAs<Date>());
-      break;
+      writer_.date(value.contentAs<Date>()->seconds, value.contentAs<Date>()->nanoseconds);
+      return true;
     case Value::Kind::url:
-      if (!enter(1)) break;
       writer_.tag(CborTag::uri);
       writeText(value.contentAs<URL>()->absoluteString());
-      depth_ -= 1;
-      break;
+      return true;
+    default:
+      return false;
+  }
+}
+
+void KeyedArchiver::write(const Value& value) {
+  if (error_) return;
+  const unsigned levels = value.kind() == Value::Kind::date ? 2 : value.kind() == Value::Kind::url ? 1 : 0;
+  if (levels > 0 && !enter(levels)) return;
+  depth_ -= levels;
+  if (writeFlat(value)) {
+    hasRoom(0);
+    return;
+  }
+  switch (value.kind()) {
     case Value::Kind::array:
       writeArray(*value.contentAs<Array>());
       break;
@@ -139,12 +153,10 @@ void KeyedArchiver::write(const Value& value) {
     case Value::Kind::object:
       writeObject(**value.contentAs<std::shared_ptr<Object>>());
       break;
+    default:
+      break;
   }
   hasRoom(0);
-}
-
-void KeyedArchiver::writeText(std::string_view text) {
-  if (hasRoom(text.size())) writer_.text(text);
 }
 
 void KeyedArchiver::writeArray(const Array& array) {
@@ -162,18 +174,22 @@ void KeyedArchiver::writeArray(const Array& array) {
 
 /// Writes as many of the members as make one table; 0 when that is not two at least.
 std::size_t KeyedArchiver::writeTable(std::span<const Value> members) {
-  const auto archivableAt = [&](std::size_t index) {
-    const auto* const object = members[index].contentAs<std::shared_ptr<Object>>();
-    return object ? archivableOf(**object) : nullptr;
+  const ObjectClass* objectClass = nullptr;
+  // Of a member that is an object of the table's class, or of any as long as there is none.
+  const auto rowOf = [&](const Value& member) -> const Dictionary* {
+    const auto* const object = member.contentAs<std::shared_ptr<Object>>();
+    const Archivable* const archivable = object ? archivableOf(**object) : nullptr;
+    if (!archivable || (objectClass && objectClass != &archivable->objectClass())) return nullptr;
+    objectClass = &archivable->objectClass();
+    return archivable->row();
   };
   if (tables_ == Tables::no || members.size() < 2 || withinError_) return 0;
-  if (depth_ + kTableDepth + kRowValueDepth > limits::kMaximumDepth) return 0;
-  const Archivable* const first = archivableAt(0);
-  const Dictionary* const firstRow = first ? first->row() : nullptr;
-  if (!firstRow || firstRow->size() < Table::kFewestKeys) return 0;
-  const ObjectClass& objectClass = first->objectClass();
-  const std::vector<std::string_view> keys = rowKeysOf(*firstRow);
-  if (keys.empty()) return 0;
+  if (depth_ + kTableDepth + kFlatDepth > limits::kMaximumDepth) return 0;
+  const Dictionary* const first = rowOf(members[0]);
+  const Dictionary* const second = first && first->size() >= Table::kFewestKeys ? rowOf(members[1]) : nullptr;
+  if (!second) return 0;
+  const std::vector<std::string_view> keys = rowKeysOf(*first);
+  if (!hasKeys(*second, keys)) return 0;
 
   const CborWriter::Mark start = writer_.mark();
   depth_ += kTableDepth;
@@ -182,7 +198,7 @@ std::size_t KeyedArchiver::writeTable(std::span<const Value> members) {
   writer_.text(Table::kName);
   writer_.map(3);
   writer_.text(Table::kClass);
-  writer_.text(objectClass.name);
+  writer_.text(objectClass->name);
   writer_.text(Table::kKeys);
   writer_.array(keys.size());
   for (const std::string_view key : keys) writer_.text(key);
@@ -190,8 +206,8 @@ std::size_t KeyedArchiver::writeTable(std::span<const Value> members) {
   const CborWriter::Mark rows = writer_.openArray(members.size());
   std::size_t count = 0;
   for (; count < members.size() && !error_; ++count) {
-    const Archivable* const member = archivableAt(count);
-    if (!member || &member->objectClass() != &objectClass || !writeRow(*member->row(), keys)) break;
+    const Dictionary* const row = rowOf(members[count]);
+    if (!row || !hasKeys(*row, keys) || !writeRow(*row)) break;
   }
   depth_ -= kTableDepth;
   if (count < 2 && !error_) {
@@ -202,29 +218,22 @@ std::size_t KeyedArchiver::writeTable(std::span<const Value> members) {
   return count;
 }
 
-/// False, with nothing written, for a row that has other keys, or what no row may hold.
-bool KeyedArchiver::writeRow(const Dictionary& row, std::span<const std::string_view> keys) {
-  if (row.size() != keys.size()) return false;
+/// False, with nothing written, for a row that holds what none may.
+bool KeyedArchiver::writeRow(const Dictionary& row) {
   if (const Dictionary::Packed* const packed = row.packed()) {
-    const auto matches = [](const Slice& a, std::string_view b) { return isSame(a.view(), b); };
-    if (!packed->rowKeys ||
-        !std::equal(packed->rowKeys->begin(), packed->rowKeys->end(), keys.begin(), matches)) {
-      return false;
-    }
-    if (packed->levels > 1 + kRowValueDepth) return false;
+    if (packed->levels > 1 + kFlatDepth) return false;
     if (hasRoom(packed->bytes.size())) writer_.raw(packed->bytes.view(), packed->elements);
     return true;
   }
   const CborWriter::Mark start = writer_.mark();
-  writer_.array(keys.size());
-  auto key = keys.begin();
+  writer_.array(row.size());
   for (const auto& entry : row) {
-    if (!isSame(entry.key(), *key++) || !isFlat(entry.value)) {
+    if (!writeFlat(entry.value)) {
       writer_.rewind(start);
       return false;
     }
-    write(entry.value);
   }
+  hasRoom(0);
   return true;
 }
 
@@ -239,12 +248,6 @@ void KeyedArchiver::writeDictionary(const Dictionary& dictionary) {
   writer_.map(dictionary.size());
   for (const auto& entry : dictionary) writeEntry(entry.key(), entry.value);
   depth_ -= 1;
-}
-
-void KeyedArchiver::writeDate(const Date& date) {
-  if (!enter(2)) return;
-  writer_.date(date.seconds, date.nanoseconds);
-  depth_ -= 2;
 }
 
 void KeyedArchiver::writeError(const Error& error) {

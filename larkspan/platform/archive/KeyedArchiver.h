@@ -55,15 +55,15 @@ class KeyedArchiver {
       : writer_(writer), tables_(tables), depth_(depth) {}
 
   void write(const Value& value);
+  bool writeFlat(const Value& value);
   void writeText(std::string_view text);
   void writeArray(const Array& array);
   void writeDictionary(const Dictionary& dictionary);
-  void writeDate(const Date& date);
   void writeError(const Error& error);
   void writeObject(const Object& object);
   const Archivable* archivableOf(const Object& object);
   std::size_t writeTable(std::span<const Value> members);
-  bool writeRow(const Dictionary& row, std::span<const std::string_view> keys);
+  bool writeRow(const Dictionary& row);
   void writeField(std::string_view key, const Value& value);
   void writeEntry(std::string_view key, const Value& value);
   /// Whether this many bytes more keep within the limits; fails else.

@@ -3,6 +3,7 @@
 #include "larkspan/platform/archive/InternedKeys.h"
 #include "larkspan/platform/archive/PackedMap.h"
 #include "larkspan/platform/archive/ValueCoding.h"
+#include "larkspan/platform/base/ChunkPool.h"
 
 #include <algorithm>
 #include <cmath>
@@ -204,11 +205,15 @@ void KeyedUnarchiver::readTable(const ClassSet& classes, std::vector<Value>& mem
   const std::size_t rowsStart = reader_.position();
   const CborHead rows = reader_.next();
   if (rows.major != CborMajor::array) return malformed();
-  if (!error_) members.reserve(members.size() + rows.argument);
+  if (error_) return;
+  members.reserve(members.size() + rows.argument);
+  const RowClass& rowClass = *objectClass->rows;
+  ChunkPool pool;
   for (uint64_t left = rows.argument; left > 0 && !error_; --left)
-    members.emplace_back(objectClass->rows->make(readRow(keys, keyBits, objectClass->rows->classes())));
+    members.emplace_back(rowClass.make(readRow(keys, keyBits, rowClass.classes(), pool), pool));
+  if (error_) return;
   notePassed(rowsStart);
-  if (!error_) passRest();
+  passRest();
   passed_.resize(object_.firstPassed);
   object_ = outer;
 }
@@ -233,7 +238,7 @@ std::shared_ptr<const std::vector<Slice>> KeyedUnarchiver::readTableKeys() {
 }
 
 Dictionary KeyedUnarchiver::readRow(const std::shared_ptr<const std::vector<Slice>>& keys, uint64_t keyBits,
-                                    const ClassSet& classes) {
+                                    const ClassSet& classes, ChunkPool& pool) {
   const std::size_t start = reader_.position();
   const CborHead row = reader_.next();
   if (row.major != CborMajor::array || row.argument != keys->size()) {
@@ -242,7 +247,7 @@ Dictionary KeyedUnarchiver::readRow(const std::shared_ptr<const std::vector<Slic
   }
   if (const PlainMap* const plain = plainAt(start); plain && classes.admitsWithin(plain->kinds)) {
     reader_.moveTo(plain->end);
-    return packedRow(bytesOf(*plain), *plain, keys, keyBits);
+    return packedRow(bytesOf(*plain), *plain, keys, keyBits, pool);
   }
   Dictionary result = Dictionary::withCapacity(keys->size());
   for (const Slice& key : *keys) {

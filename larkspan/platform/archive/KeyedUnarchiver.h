@@ -16,6 +16,8 @@
 
 namespace larkspan::platform {
 
+class ChunkPool;
+
 /// Reads what `KeyedArchiver` writes, and makes only what the reader's class sets admit. The decode function
 /// of an object's class gets one to read its fields from, in any order; reading in the order of writing is
 /// fastest. Fields nobody asks for are passed over.
@@ -101,7 +103,7 @@ class KeyedUnarchiver {
   void readTable(const ClassSet& classes, std::vector<Value>& members);
   std::shared_ptr<const std::vector<Slice>> readTableKeys();
   Dictionary readRow(const std::shared_ptr<const std::vector<Slice>>& keys, uint64_t keyBits,
-                     const ClassSet& classes);
+                     const ClassSet& classes, ChunkPool& pool);
   Value readFound(const ClassSet& classes);
   void notePassed(std::size_t start);
   Value decodeNumber(std::string_view key);

@@ -70,9 +70,9 @@ Dictionary packedDictionary(Slice bytes, const PlainMap& map) {
 }
 
 Dictionary packedRow(Slice bytes, const PlainMap& row, std::shared_ptr<const std::vector<Slice>> keys,
-                     uint64_t keyBits) {
+                     uint64_t keyBits, ChunkPool& pool) {
   return Dictionary(
-      {std::move(bytes), &kRowCoding, std::move(keys), keyBits, row.entries, row.elements, row.levels});
+      {std::move(bytes), &kRowCoding, std::move(keys), keyBits, row.entries, row.elements, row.levels}, pool);
 }
 
 }  // namespace larkspan::platform

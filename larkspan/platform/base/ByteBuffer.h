@@ -46,6 +46,11 @@ class ByteBuffer {
     std::memcpy(room(bytes.size()), bytes.data(), bytes.size());
     advance(bytes.size());
   }
+  /// The bytes for the caller to free(3).
+  char* release() {
+    size_ = capacity_ = 0;
+    return std::exchange(data_, nullptr);
+  }
   /// Takes back all but the first `size` bytes.
   void truncate(std::size_t size) { size_ = size; }
 

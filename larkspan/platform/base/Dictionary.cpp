@@ -1,5 +1,6 @@
 #include "larkspan/platform/base/Dictionary.h"
 
+#include "larkspan/platform/base/ChunkPool.h"
 #include "larkspan/platform/base/Utf8.h"
 #include "larkspan/platform/base/Value.h"
 
@@ -34,10 +35,14 @@ auto findEntry(Entries& entries, std::string_view key) {
 /// Not a std::shared_ptr, whose use_count() orders nothing: whoever writes in place must have seen the last
 /// reader on another thread leave.
 struct Dictionary::Storage {
-  std::atomic<std::size_t> shares{1};
+  Storage() = default;
+  explicit Storage(Packed encoded) : unpacked(false), packed(std::move(encoded)) {}
+
+  std::atomic<uint32_t> shares{1};
   /// Whether `entries` hold. Once they do, they hold for good; `packed` stays for readers that are under way on other
   /// threads, and goes with the first change, which comes from the only owner.
   std::atomic<bool> unpacked{true};
+  bool isPooled = false;
   std::vector<Entry> entries;
   std::optional<Packed> packed;
 };
@@ -47,7 +52,13 @@ Dictionary::Dictionary(const Dictionary& other) noexcept : storage_(other.storag
 }
 
 Dictionary::~Dictionary() {
-  if (storage_ && storage_->shares.fetch_sub(1, std::memory_order_acq_rel) == 1) delete storage_;
+  if (!storage_ || storage_->shares.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+  if (!storage_->isPooled) {
+    delete storage_;
+  } else {
+    storage_->~Storage();
+    ChunkPool::give(storage_);
+  }
 }
 
 Dictionary Dictionary::withCapacity(std::size_t capacity) {
@@ -56,9 +67,11 @@ Dictionary Dictionary::withCapacity(std::size_t capacity) {
   return result;
 }
 
-Dictionary::Dictionary(Packed packed) : storage_(new Storage) {
-  storage_->packed = std::move(packed);
-  storage_->unpacked.store(false, std::memory_order_relaxed);
+Dictionary::Dictionary(Packed packed) : storage_(new Storage(std::move(packed))) {}
+
+Dictionary::Dictionary(Packed packed, ChunkPool& pool)
+    : storage_(new (pool.take(sizeof(Storage))) Storage(std::move(packed))) {
+  storage_->isPooled = true;
 }
 
 void Dictionary::unpack() const {

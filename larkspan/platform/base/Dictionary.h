@@ -13,6 +13,7 @@
 
 namespace larkspan::platform {
 
+class ChunkPool;
 class Value;
 
 /// A key written in the program: its text lives forever, so that storing under it copies nothing.
@@ -75,6 +76,8 @@ class Dictionary {
   Dictionary(std::initializer_list<NewEntry> entries);
   /// A dictionary that reads its entries when somebody asks: for decoders.
   explicit Dictionary(Packed packed);
+  /// The same with what it needs beside the bytes taken from the pool.
+  Dictionary(Packed packed, ChunkPool& pool);
 
   std::size_t size() const;
   bool empty() const { return size() == 0; }

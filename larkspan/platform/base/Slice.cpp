@@ -33,6 +33,21 @@ Slice Slice::copy(std::string_view bytes) {
   return result;
 }
 
+ByteBuffer Slice::emptyBuffer() {
+  ByteBuffer buffer;
+  buffer.room(sizeof(Block));
+  buffer.advance(sizeof(Block));
+  return buffer;
+}
+
+Slice Slice::adopt(ByteBuffer buffer) noexcept {
+  Slice result;
+  result.size_ = static_cast<uint32_t>(buffer.size() - sizeof(Block));
+  result.block_ = new (buffer.release()) Block;
+  result.data_ = reinterpret_cast<const char*>(result.block_ + 1);
+  return result;
+}
+
 Slice Slice::immortal(std::string_view bytes) noexcept {
   Slice result;
   result.data_ = bytes.data();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "larkspan/platform/base/ByteBuffer.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -34,6 +36,9 @@ class Slice {
   static Slice copy(std::string_view bytes);
   /// Borrows bytes that are never freed or changed, such as a literal.
   static Slice immortal(std::string_view bytes) noexcept;
+  /// A buffer to append the bytes of a slice to, which `adopt` then takes as they stand.
+  static ByteBuffer emptyBuffer();
+  static Slice adopt(ByteBuffer buffer) noexcept;
   /// A new block of `size` bytes, to be filled through `writable` before the slice is shared.
   static Slice allocate(std::size_t size, char*& writable);
   /// Gives a block that `allocate` made, and that is not shared yet, another size. Its bytes stay as far as they
