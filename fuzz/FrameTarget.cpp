@@ -40,7 +40,7 @@ std::optional<std::vector<Value>> valuesOf(const Frame& frame) {
 
 std::variant<std::string, Error> encode(const Frame& frame, const std::vector<Value>& values) {
   if (frame.type < FrameType::call) return std::string(encodeChannelFrame(frame.type, frame.channel).view());
-  const auto encoded = encodeFrame(frame.type, frame.channel, frame.id, frame.method, values);
+  const auto encoded = encodeFrame(frame.type, frame.channel, frame.id, frame.method, values, Tables::yes);
   if (const auto* error = std::get_if<Error>(&encoded)) return *error;
   return std::string(std::get<ByteBuffer>(encoded).view());
 }

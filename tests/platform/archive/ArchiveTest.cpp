@@ -1,3 +1,4 @@
+#include "larkspan/platform/appext/ExtensionItem.h"
 #include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/archive/InternedKeys.h"
 #include "larkspan/platform/archive/KeyedArchiver.h"
@@ -284,6 +285,102 @@ TEST(Archive, KeepsADictionaryEncodedUntilSomebodyAsks) {
     });
   }
   for (std::thread& thread : threads) thread.join();
+}
+
+/// The bytes for a reader that knows no tables; the code of the failure, if it fails.
+std::string archivedWithoutTables(const Value& value, Code* code = nullptr) {
+  ByteBuffer bytes;
+  CborWriter writer(bytes);
+  const Code outcome = codeOf(encodeValue(writer, value));
+  if (code) *code = outcome;
+  return std::string(bytes.view());
+}
+
+TEST(Archive, WritesNeighboursOfTheSameKeysAsTables) {
+  const auto itemWith = [](Dictionary userInfo) {
+    auto item = std::make_shared<ExtensionItem>();
+    item->setUserInfo(std::move(userInfo));
+    return Value(item);
+  };
+  const auto alike = [&](Value last) {
+    return itemWith(
+        {{"k1", "t\u00E9xt"}, {"k2", Date{-5'000'000'000, 7}}, {"k3", URL::file("/a")}, {"k4", last}});
+  };
+  const Value turned = itemWith({{"k2", 1}, {"k1", 2}, {"k3", 3}, {"k4", Data::copy("\xFF")}});
+  const Value small = itemWith({{"k1", 1}, {"k2", 2}, {"k3", 3}});
+  const Array many = std::vector<Value>(300, alike(-1.5));
+  const struct {
+    Array items;
+    std::size_t tables;
+  } cases[] = {
+      {{alike(1), alike("x"), alike(Value()), alike(true)}, 1},
+      {{alike(1)}, 0},
+      {{small, small, alike(1), turned, alike(2)}, 0},
+      {{alike(1), alike(2), "stranger", small, alike(3), alike(4), turned, turned}, 3},
+      {{alike(1), alike(2), alike(Array{3}), alike(Dictionary{{"x", 1}}), alike(4)}, 1},
+      {many, 1},
+  };
+  const ClassSet& classes = ExtensionItem::itemClasses();
+  for (const auto& [items, tables] : cases) {
+    const std::string bytes = archived(items), plain = archivedWithoutTables(items);
+    std::size_t found = 0;
+    for (std::size_t at = 0; (at = bytes.find("Table", at)) != bytes.npos; ++at) ++found;
+    EXPECT_EQ(found, tables);
+    EXPECT_EQ(plain.find("Table"), plain.npos);
+    EXPECT_EQ(unarchived(bytes, classes).value.description(), Value(items).description());
+    EXPECT_EQ(unarchived(plain, classes).value.description(), Value(items).description());
+    const Value kept = KeyedUnarchiver::unarchivedValue(Data::copy(bytes), classes).value;
+    EXPECT_EQ(archived(kept), bytes);
+    EXPECT_EQ(archivedWithoutTables(kept.deepCopy()), plain);
+    EXPECT_EQ(codeOf(unarchived(bytes, {ValueClass::array, ValueClass::string}).error), Code::forbiddenClass);
+  }
+
+  // A row that is kept goes on when all others have gone, and changes alone.
+  Array rows = KeyedUnarchiver::unarchivedValue(Data::copy(archived(many)), classes).value.array();
+  const auto kept = rows[299].objectOf<ExtensionItem>();
+  rows[298].objectOf<ExtensionItem>()->setUserInfoObject(5, "k1");
+  EXPECT_EQ(archived(rows).find("Table"), archived(many).find("Table"));
+  rows = {};
+  EXPECT_EQ(kept->userInfo(), many[0].objectOf<ExtensionItem>()->userInfo());
+
+  // Tables never make a value too deep that fits without them.
+  Value nested = Array{alike(1), alike(2)};
+  for (Code code = kFine; code == kFine; nested = Array{nested}) {
+    const std::string plain = archivedWithoutTables(nested, &code);
+    EXPECT_EQ(codeOf(KeyedArchiver::archivedData(nested).error), code);
+    if (code == kFine) {
+      EXPECT_EQ(unarchived(archived(nested), classes).value.description(),
+                unarchived(plain, classes).value.description());
+    }
+  }
+
+  const std::string table = archived(Array{itemWith({{"k1", 1}, {"k2", 2}, {"k3", 3}, {"k4", 4}}),
+                                           itemWith({{"k1", 5}, {"k2", 6}, {"k3", 7}, {"k4", 8}})});
+  const struct {
+    std::string_view from, to;
+    Code code;
+  } patches[] = {
+      {"bk4", "bk5", kFine},
+      {"bk4", "bk1", Code::malformed},
+      {"\x84\x62k1\x62k2\x62k3\x62k4", "\x83\x62k1\x62k2\x62k3", Code::malformed},
+      {"bk4", "\x01", Code::malformed},
+      {"\x84\x01\x02\x03\x04", "\x83\x01\x02\x03", Code::malformed},
+      {"\x84\x01\x02\x03\x04", "\x85\x01\x02\x03\x04\x05", Code::malformed},
+      {"\x84\x01\x02\x03\x04", "\x01", Code::malformed},
+      {"\x84\x01\x02\x03\x04", "\x84\x01\x02\x03\xD9\x01\x02\x80", Code::forbiddenClass},
+      {"\x84\x01\x02\x03\x04", "\x84\x01\x02\x81\xA1\x61x\x02\xC1\x03", kFine},
+      {"ExtensionItem", "ExtensionItex", Code::forbiddenClass},
+      {"keys", "kezs", Code::malformed},
+      {"rows", "rowz", Code::malformed},
+      {"class", "klass", Code::forbiddenClass},
+      {"Table", "Tabla", Code::forbiddenClass},
+  };
+  for (const auto& [from, to, code] : patches) {
+    std::string patched = table;
+    patched.replace(table.find(from), from.size(), to);
+    EXPECT_EQ(codeOf(unarchived(patched, classes).error), code) << to;
+  }
+  EXPECT_EQ(codeOf(unarchived(table.substr(1), classes).error), Code::forbiddenClass) << "beside no array";
 }
 
 TEST(Archive, AdmitsAClassOnlyWhereItsSetNamesIt) {
