@@ -3,7 +3,6 @@
 #include "larkspan/platform/archive/InternedKeys.h"
 #include "larkspan/platform/archive/PackedMap.h"
 #include "larkspan/platform/archive/ValueCoding.h"
-#include "larkspan/platform/base/ChunkPool.h"
 
 #include <algorithm>
 #include <cmath>
@@ -206,11 +205,9 @@ void KeyedUnarchiver::readTable(const ClassSet& classes, std::vector<Value>& mem
   const CborHead rows = reader_.next();
   if (rows.major != CborMajor::array) return malformed();
   if (error_) return;
-  members.reserve(members.size() + rows.argument);
   const RowClass& rowClass = *objectClass->rows;
-  ChunkPool pool;
   for (uint64_t left = rows.argument; left > 0 && !error_; --left)
-    members.emplace_back(rowClass.make(readRow(keys, keyBits, rowClass.classes(), pool), pool));
+    members.emplace_back(rowClass.make(readRow(keys, keyBits, rowClass.classes()), pool_));
   if (error_) return;
   notePassed(rowsStart);
   passRest();
@@ -238,7 +235,7 @@ std::shared_ptr<const std::vector<Slice>> KeyedUnarchiver::readTableKeys() {
 }
 
 Dictionary KeyedUnarchiver::readRow(const std::shared_ptr<const std::vector<Slice>>& keys, uint64_t keyBits,
-                                    const ClassSet& classes, ChunkPool& pool) {
+                                    const ClassSet& classes) {
   const std::size_t start = reader_.position();
   const CborHead row = reader_.next();
   if (row.major != CborMajor::array || row.argument != keys->size()) {
@@ -247,7 +244,7 @@ Dictionary KeyedUnarchiver::readRow(const std::shared_ptr<const std::vector<Slic
   }
   if (const PlainMap* const plain = plainAt(start); plain && classes.admitsWithin(plain->kinds)) {
     reader_.moveTo(plain->end);
-    return packedRow(bytesOf(*plain), *plain, keys, keyBits, pool);
+    return packedRow(bytesOf(*plain), *plain, keys, keyBits, pool_);
   }
   Dictionary result = Dictionary::withCapacity(keys->size());
   for (const Slice& key : *keys) {

@@ -4,6 +4,7 @@
 #include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/archive/ClassSet.h"
 #include "larkspan/platform/archive/WellFormed.h"
+#include "larkspan/platform/base/ChunkPool.h"
 #include "larkspan/platform/base/Value.h"
 
 #include <cstddef>
@@ -15,8 +16,6 @@
 #include <vector>
 
 namespace larkspan::platform {
-
-class ChunkPool;
 
 /// Reads what `KeyedArchiver` writes, and makes only what the reader's class sets admit. The decode function
 /// of an object's class gets one to read its fields from, in any order; reading in the order of writing is
@@ -103,7 +102,7 @@ class KeyedUnarchiver {
   void readTable(const ClassSet& classes, std::vector<Value>& members);
   std::shared_ptr<const std::vector<Slice>> readTableKeys();
   Dictionary readRow(const std::shared_ptr<const std::vector<Slice>>& keys, uint64_t keyBits,
-                     const ClassSet& classes, ChunkPool& pool);
+                     const ClassSet& classes);
   Value readFound(const ClassSet& classes);
   void notePassed(std::size_t start);
   Value decodeNumber(std::string_view key);
@@ -119,6 +118,8 @@ class KeyedUnarchiver {
   /// A copy of the frame from `runStart_` on.
   Slice run_;
   std::size_t runStart_ = 0;
+  /// For the objects of tables, of which there may be many small ones.
+  ChunkPool pool_;
   /// All that comes is part of a plain map.
   bool isPlain_ = false;
   std::optional<Error> error_;

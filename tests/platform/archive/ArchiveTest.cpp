@@ -307,7 +307,7 @@ TEST(Archive, WritesNeighboursOfTheSameKeysAsTables) {
         {{"k1", "t\u00E9xt"}, {"k2", Date{-5'000'000'000, 7}}, {"k3", URL::file("/a")}, {"k4", last}});
   };
   const Value turned = itemWith({{"k2", 1}, {"k1", 2}, {"k3", 3}, {"k4", Data::copy("\xFF")}});
-  const Value small = itemWith({{"k1", 1}, {"k2", 2}, {"k3", 3}});
+  const Value few = itemWith({{"k1", 1}, {"k2", 2}, {"k3", 3}});
   const Array many = std::vector<Value>(300, alike(-1.5));
   const struct {
     Array items;
@@ -315,8 +315,8 @@ TEST(Archive, WritesNeighboursOfTheSameKeysAsTables) {
   } cases[] = {
       {{alike(1), alike("x"), alike(Value()), alike(true)}, 1},
       {{alike(1)}, 0},
-      {{small, small, alike(1), turned, alike(2)}, 0},
-      {{alike(1), alike(2), "stranger", small, alike(3), alike(4), turned, turned}, 3},
+      {{few, few, alike(1), turned, alike(2)}, 0},
+      {{alike(1), alike(2), "stranger", few, alike(3), alike(4), turned, turned}, 3},
       {{alike(1), alike(2), alike(Array{3}), alike(Dictionary{{"x", 1}}), alike(4)}, 1},
       {many, 1},
   };
@@ -381,6 +381,22 @@ TEST(Archive, WritesNeighboursOfTheSameKeysAsTables) {
     EXPECT_EQ(codeOf(unarchived(patched, classes).error), code) << to;
   }
   EXPECT_EQ(codeOf(unarchived(table.substr(1), classes).error), Code::forbiddenClass) << "beside no array";
+
+  // Many small tables cost no more than as many rows of one.
+  constexpr int kTables = 20'000;
+  ByteBuffer small;
+  CborWriter writer(small);
+  writer.array(kTables);
+  for (int i = 0; i < kTables; ++i) small.append(std::string_view(table).substr(1));
+  const auto pages = [] {
+    std::size_t total = 0, resident = 0;
+    std::ifstream("/proc/self/statm") >> total >> resident;
+    return resident;
+  };
+  const std::size_t before = pages();
+  const Value all = KeyedUnarchiver::unarchivedValue(Data::copy(small.view()), classes).value;
+  EXPECT_EQ(all.array().size(), 2U * kTables);
+  EXPECT_LT(pages() - before, (std::size_t{100} << 20) / static_cast<std::size_t>(sysconf(_SC_PAGESIZE)));
 }
 
 TEST(Archive, AdmitsAClassOnlyWhereItsSetNamesIt) {
