@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+
 #include <sys/types.h>
 
 namespace larkspan::benchmarks {
@@ -26,5 +28,8 @@ inline constexpr int kPeerSocket = 3;
 int serveRaw();
 int serveCapnProto();
 int serveExtension(int items);
+
+/// How many bytes the answer with all items takes between an extension and its host.
+std::size_t bytesOfItems();
 
 }  // namespace larkspan::benchmarks

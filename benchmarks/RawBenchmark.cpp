@@ -45,7 +45,7 @@ namespace {
 void raw(benchmark::State& state) {
   const PeerProcess peer("raw");
   alignas(uint64_t) char call[kCall] = {};
-  const auto size = static_cast<std::size_t>(state.range(0));
+  const std::size_t size = state.range(0) == kItems ? bytesOfItems() : kCall;
   *reinterpret_cast<uint64_t*>(call) = size;
   std::vector<char> block(kBlock);
   for (auto _ : state) {
@@ -57,8 +57,8 @@ void raw(benchmark::State& state) {
     }
   }
 }
-BENCHMARK(raw)->Name("exchange/raw")->Arg(kCall)->UseRealTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(raw)->Name("items/raw")->Arg(2'500'000)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(raw)->Name("exchange/raw")->Arg(0)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(raw)->Name("items/raw")->Arg(kItems)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 }  // namespace larkspan::benchmarks
