@@ -19,7 +19,7 @@ constexpr std::size_t kShownName = 80;
 
 /// Text or data out of the frame; keeps no more than `kSharedLength` bytes beside its own.
 Slice contentOf(const Slice& frame, std::string_view content) {
-  if (content.size() < kSharedLength && frame.size() >= kSharedLength) return Slice::copy(content);
+  if (content.size() < kSharedLength && frame.blockSize() >= kSharedLength) return Slice::copy(content);
   return frame.part(static_cast<std::size_t>(content.data() - frame.data()), content.size());
 }
 
@@ -206,6 +206,9 @@ void KeyedUnarchiver::readTable(const ClassSet& classes, std::vector<Value>& mem
   if (rows.major != CborMajor::array) return malformed();
   if (error_) return;
   const RowClass& rowClass = *objectClass->rows;
+  // There may be many tables.
+  if (const std::size_t size = members.size() + rows.argument; size > members.capacity())
+    members.reserve(std::max(size, 2 * members.capacity()));
   for (uint64_t left = rows.argument; left > 0 && !error_; --left)
     members.emplace_back(rowClass.make(readRow(keys, keyBits, rowClass.classes()), pool_));
   if (error_) return;
@@ -244,7 +247,7 @@ Dictionary KeyedUnarchiver::readRow(const std::shared_ptr<const std::vector<Slic
   }
   if (const PlainMap* const plain = plainAt(start); plain && classes.admitsWithin(plain->kinds)) {
     reader_.moveTo(plain->end);
-    return packedRow(bytesOf(*plain), *plain, keys, keyBits, pool_);
+    return packedRow(frame_.part(plain->start, plain->end - plain->start), *plain, keys, keyBits, pool_);
   }
   Dictionary result = Dictionary::withCapacity(keys->size());
   for (const Slice& key : *keys) {

@@ -13,7 +13,8 @@
 namespace larkspan::platform {
 
 /// Strings, data and plain maps of this many bytes or more share the block they arrived in, and so does all of a
-/// frame that is smaller. What is shorter is copied, so that a value which is kept does not keep a whole frame.
+/// frame that is smaller. What is shorter is copied, so that a value which is kept does not keep a whole frame. The
+/// objects of a table are a list that is mostly kept or dropped as one: they share the frame until they are changed.
 inline constexpr std::size_t kSharedLength = 4096;
 
 /// How neighbours in an array are written that are objects of one `RowClass` with the same keys, in the same order:

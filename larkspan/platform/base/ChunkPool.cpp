@@ -1,20 +1,55 @@
 #include "larkspan/platform/base/ChunkPool.h"
 
 #include <cstdlib>
+#include <mutex>
 #include <new>
+#include <utility>
 
 namespace larkspan::platform {
 
 namespace {
+
 /// What the pool holds of the chunk that it takes from: more than there can be objects.
 constexpr uint32_t kHeld = ChunkPool::kChunk;
+
+/// Chunks that wait for the next list: pages that are there already cost less than new ones (2 MiB at most).
+constexpr std::size_t kMostSpare = 128;
+struct Spare {
+  Spare* next;
+};
+constinit std::mutex mutex;
+constinit Spare* spares = nullptr;
+constinit std::size_t spareCount = 0;
+
+void* newChunk() {
+  {
+    const std::lock_guard lock(mutex);
+    if (spares) {
+      --spareCount;
+      return std::exchange(spares, spares->next);
+    }
+  }
+  void* const memory = std::aligned_alloc(ChunkPool::kChunk, ChunkPool::kChunk);
+  return memory ? memory : throw std::bad_alloc();
+}
+
+void freeChunk(void* memory) {
+  {
+    const std::lock_guard lock(mutex);
+    if (spareCount < kMostSpare) {
+      ++spareCount;
+      spares = new (memory) Spare{spares};
+      return;
+    }
+  }
+  std::free(memory);
+}
+
 }  // namespace
 
 void ChunkPool::nextChunk() {
   leaveChunk();
-  void* const memory = std::aligned_alloc(kChunk, kChunk);
-  if (!memory) throw std::bad_alloc();
-  chunk_ = new (memory) Chunk{kHeld};
+  chunk_ = new (newChunk()) Chunk{kHeld};
   used_ = sizeof(Chunk);
   objects_ = 0;
 }
@@ -29,7 +64,7 @@ void ChunkPool::give(void* object) noexcept {
 }
 
 void ChunkPool::drop(Chunk* chunk, uint32_t objects) noexcept {
-  if (chunk->objects.fetch_sub(objects, std::memory_order_acq_rel) == objects) std::free(chunk);
+  if (chunk->objects.fetch_sub(objects, std::memory_order_acq_rel) == objects) freeChunk(chunk);
 }
 
 }  // namespace larkspan::platform

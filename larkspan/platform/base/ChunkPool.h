@@ -7,7 +7,7 @@
 namespace larkspan::platform {
 
 /// Memory for small objects that are made together, such as the items of a list: cut from chunks, each of which is freed
-/// when the last of its objects has gone. An object that is kept keeps its chunk.
+/// when the last of its objects has gone, but for a few that wait for the next pool. An object that is kept keeps its chunk.
 /// Owner:   objects may outlive the pool.
 /// Thread:  `take` one at a time; `give` from any.
 /// Failure: std::bad_alloc where there is no memory.

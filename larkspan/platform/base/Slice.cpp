@@ -19,7 +19,7 @@ void Slice::resize(std::size_t size, char*& writable) {
   if (size > std::numeric_limits<uint32_t>::max()) throw std::length_error("Slice: more than 4 GiB");
   void* const memory = std::realloc(static_cast<void*>(block_), sizeof(Block) + size);
   if (!memory) throw std::bad_alloc();
-  block_ = new (memory) Block;
+  block_ = new (memory) Block{1, static_cast<uint32_t>(size)};
   writable = reinterpret_cast<char*>(block_ + 1);
   data_ = writable;
   size_ = static_cast<uint32_t>(size);
@@ -43,7 +43,7 @@ ByteBuffer Slice::emptyBuffer() {
 Slice Slice::adopt(ByteBuffer buffer) noexcept {
   Slice result;
   result.size_ = static_cast<uint32_t>(buffer.size() - sizeof(Block));
-  result.block_ = new (buffer.release()) Block;
+  result.block_ = new (buffer.release()) Block{1, result.size_};
   result.data_ = reinterpret_cast<const char*>(result.block_ + 1);
   return result;
 }

@@ -52,6 +52,8 @@ class Slice {
   const char* data() const noexcept { return data_; }
   std::size_t size() const noexcept { return size_; }
   bool empty() const noexcept { return size_ == 0; }
+  /// How many bytes the slice keeps in memory; 0 for those that live forever.
+  std::size_t blockSize() const noexcept { return block_ ? block_->size : 0; }
 
   friend bool operator==(const Slice& a, const Slice& b) noexcept {
     return a.size_ == b.size_ && (a.data_ == b.data_ || a.view() == b.view());
@@ -60,6 +62,7 @@ class Slice {
  private:
   struct Block {
     std::atomic<uint32_t> shares{1};
+    uint32_t size;
   };
   void retain() const noexcept {
     if (block_) block_->shares.fetch_add(1, std::memory_order_relaxed);
