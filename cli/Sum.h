@@ -1,5 +1,7 @@
 #pragma once
 
+#include "larkspan/platform/base/Saturating.h"
+
 #include <cstddef>
 #include <cstdint>
 
@@ -12,7 +14,7 @@ struct Sum {
 
   void add(int64_t size) {
     ++count;
-    if (size > 0 && __builtin_add_overflow(bytes, size, &bytes)) bytes = INT64_MAX;
+    if (size > 0) bytes = platform::saturatingSum(bytes, size);
   }
 };
 

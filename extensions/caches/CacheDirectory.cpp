@@ -5,7 +5,7 @@
 #include "larkspan/platform/files/DeepDelete.h"
 #include "larkspan/platform/files/Directory.h"
 #include "larkspan/platform/files/FolderSize.h"
-#include "larkspan/platform/process/Identity.h"
+#include "larkspan/platform/process/UserFolders.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -21,11 +21,6 @@ using platform::Error;
 using platform::URL;
 
 namespace {
-
-std::string absoluteVariable(const char* name) {
-  const char* value = getenv(name);
-  return value && *value == '/' ? value : "";
-}
 
 /// The path without links, or as it stands when it leads nowhere.
 std::string realPath(const std::string& path) {
@@ -51,11 +46,8 @@ std::string nameIn(const std::string& directory, const URL& url) {
 }  // namespace
 
 CacheDirectory CacheDirectory::ofUser() {
-  std::string home = absoluteVariable("HOME");
-  if (home.empty()) home = platform::Identity::current().homeFolder;
-  std::string path = absoluteVariable("XDG_CACHE_HOME");
-  if (path.empty() && !home.empty()) path = home + "/.cache";
-  if (path.empty() || holds(realPath(path), realPath(home))) return CacheDirectory("");
+  const std::string path = platform::userCacheFolder();
+  if (path.empty() || holds(realPath(path), realPath(platform::userHome()))) return CacheDirectory("");
   return CacheDirectory(URL::file(path).path());
 }
 

@@ -4,6 +4,7 @@
 #include "extensions/caches/Thumbnails.h"
 #include "larkspan/host/LKSCallbackManager.h"
 #include "larkspan/platform/base/Format.h"
+#include "larkspan/platform/base/Saturating.h"
 
 #include <algorithm>
 
@@ -113,9 +114,7 @@ const std::vector<CacheEntry>& CachesExtension::entries(const std::function<void
 
 int64_t CachesExtension::totalSpaceUsed() {
   int64_t total = 0;
-  for (const CacheEntry& entry : entries()) {
-    if (__builtin_add_overflow(total, entry.bytes, &total)) return INT64_MAX;
-  }
+  for (const CacheEntry& entry : entries()) total = platform::saturatingSum(total, entry.bytes);
   return total;
 }
 

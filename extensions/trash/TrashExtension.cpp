@@ -3,6 +3,7 @@
 #include "extensions/trash/Texts.h"
 #include "larkspan/host/LKSCallbackManager.h"
 #include "larkspan/platform/base/Format.h"
+#include "larkspan/platform/base/Saturating.h"
 
 #include <algorithm>
 
@@ -27,9 +28,7 @@ bool isOld(const TrashEntry& entry) { return entry.deleted.seconds < Date::now()
 
 int64_t bytesOf(const std::vector<TrashEntry>& entries) {
   int64_t total = 0;
-  for (const TrashEntry& entry : entries) {
-    if (__builtin_add_overflow(total, entry.bytes, &total)) return INT64_MAX;
-  }
+  for (const TrashEntry& entry : entries) total = platform::saturatingSum(total, entry.bytes);
   return total;
 }
 
@@ -188,8 +187,7 @@ std::optional<LKSConfirmPanel> TrashExtension::confirmationTextForDelete(
   if (items.empty()) return std::nullopt;
   int64_t bytes = 0;
   for (const LKSResource& item : items) {
-    const int64_t size = std::max<int64_t>(item.lks_size(), 0);
-    if (__builtin_add_overflow(bytes, size, &bytes)) bytes = INT64_MAX;
+    bytes = platform::saturatingSum(bytes, std::max<int64_t>(item.lks_size(), 0));
   }
   return deletePanel(items[0].lks_name().value_or(""), items.size(), bytes);
 }

@@ -7,11 +7,10 @@
 #include "larkspan/platform/files/DeepDelete.h"
 #include "larkspan/platform/files/Directory.h"
 #include "larkspan/platform/files/FolderSize.h"
-#include "larkspan/platform/process/Identity.h"
+#include "larkspan/platform/process/UserFolders.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
 #include <fcntl.h>
@@ -28,19 +27,6 @@ using platform::URL;
 namespace {
 
 constexpr int64_t kStrayAfterSeconds = 60 * 60;
-
-std::string absoluteVariable(const char* name) {
-  const char* value = getenv(name);
-  return value && *value == '/' ? value : "";
-}
-
-std::string dataHome() {
-  const std::string path = absoluteVariable("XDG_DATA_HOME");
-  if (!path.empty()) return path;
-  std::string home = absoluteVariable("HOME");
-  if (home.empty()) home = platform::Identity::current().homeFolder;
-  return home.empty() ? "" : home + "/.local/share";
-}
 
 /// The folder beneath another, on its mount; none if it is a link.
 Descriptor folderIn(const Descriptor& parent, const std::string& name) {
@@ -59,8 +45,8 @@ Date dateOf(const statx_timestamp& time) { return {time.tv_sec, time.tv_nsec}; }
 
 std::vector<TrashFolder::Place> TrashFolder::places() {
   std::vector<Place> result;
-  if (const std::string home = dataHome(); !home.empty())
-    result.push_back({"", URL::file(home).path() + "/Trash"});
+  if (const std::string data = platform::userDataFolder(); !data.empty())
+    result.push_back({"", URL::file(data).path() + "/Trash"});
   const std::string user = std::to_string(getuid());
   for (const std::string& mount : localMountPoints()) {
     const std::string volume = mount == "/" ? "" : mount;

@@ -3,6 +3,7 @@
 #include "larkspan/platform/archive/KeyedArchiver.h"
 #include "larkspan/platform/archive/KeyedUnarchiver.h"
 #include "larkspan/platform/base/Format.h"
+#include "larkspan/platform/base/Saturating.h"
 #include "larkspan/platform/log/Console.h"
 
 namespace larkspan {
@@ -62,11 +63,7 @@ void MessageItem::setFPItem(const std::shared_ptr<platform::FileProviderItem>& i
 int64_t MessageItem::lks_size() const {
   const int64_t app = lks_appSize();
   const int64_t data = lks_dataSize();
-  if (app > 0 || data >= 1) {
-    int64_t sum;
-    // Only two large positive parts can overflow.
-    return __builtin_add_overflow(app, data, &sum) ? std::numeric_limits<int64_t>::max() : sum;
-  }
+  if (app > 0 || data >= 1) return platform::saturatingSum(app, data);
   const Value size = userInfo().get(kSizeKey);
   return size.isNone() ? LKSExtensionTotalSpaceUsedUnknown : size.integerValue();
 }

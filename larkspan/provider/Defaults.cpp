@@ -1,6 +1,7 @@
 // The default operations of LKSExtension that do more than answer a constant.
 
 #include "larkspan/platform/base/Format.h"
+#include "larkspan/platform/base/Saturating.h"
 #include "larkspan/platform/files/ResourceValues.h"
 #include "larkspan/platform/text/SizeText.h"
 #include "larkspan/provider/LKSExtension.h"
@@ -36,9 +37,7 @@ std::optional<LKSConfirmPanel> LKSExtension::confirmationTextForDelete(
   const auto text = &LKSLocalizedStringFromFramework;
   const auto name = items.front().lks_name();
   int64_t total = 0;
-  for (const LKSResource& item : items) {
-    if (__builtin_add_overflow(total, knownSize(item), &total)) total = INT64_MAX;
-  }
+  for (const LKSResource& item : items) total = platform::saturatingSum(total, knownSize(item));
   if (items.size() == 1) {
     return panelWith(format(text("DM_REMOVE_TITLE_1"), name),
                      total >= 1 ? format(text("DM_REMOVE_MESSAGE_1"), localizedFileSize(total))

@@ -1,20 +1,19 @@
 #include "larkspan/platform/appext/ExtensionDirectories.h"
 
-#include "larkspan/platform/process/Identity.h"
+#include "larkspan/platform/process/UserFolders.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <string_view>
-#include <utility>
 
 namespace larkspan::platform {
 namespace {
 
 constexpr std::string_view kBelowData = "/larkspan/extensions";
 
-std::string environment(const char* name, std::string byDefault = {}) {
+std::string environment(const char* name, const char* byDefault) {
   const char* value = secure_getenv(name);
-  return value && *value ? value : std::move(byDefault);
+  return value && *value ? value : byDefault;
 }
 
 void append(std::vector<std::string>& folders, std::string_view base, std::string_view below) {
@@ -38,12 +37,8 @@ void appendList(std::vector<std::string>& folders, std::string_view list, std::s
 
 std::vector<std::string> extensionDirectories() {
   std::vector<std::string> folders;
-  appendList(folders, environment("LARKSPAN_EXTENSION_PATH"), {});
-  std::string dataHome = environment("XDG_DATA_HOME");
-  if (!dataHome.starts_with('/')) {
-    dataHome = environment("HOME", Identity::current().homeFolder) + "/.local/share";
-  }
-  append(folders, dataHome, kBelowData);
+  appendList(folders, environment("LARKSPAN_EXTENSION_PATH", ""), {});
+  append(folders, userDataFolder(), kBelowData);
   appendList(folders, environment("XDG_DATA_DIRS", "/usr/local/share:/usr/share"), kBelowData);
   return folders;
 }

@@ -2,10 +2,9 @@
 
 #include "larkspan/platform/base/Descriptor.h"
 #include "larkspan/platform/desktop/RecentFiles.h"
-#include "larkspan/platform/process/Identity.h"
+#include "larkspan/platform/process/UserFolders.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -19,21 +18,6 @@ namespace {
 
 /// Stops a list that something has filled up from taking all memory.
 constexpr off_t kMaximumList = 64'000'000;
-
-std::string absoluteVariable(const char* name) {
-  const char* value = ::secure_getenv(name);
-  return value && *value == '/' ? value : "";
-}
-
-std::string pathOfList() {
-  std::string folder = absoluteVariable("XDG_DATA_HOME");
-  if (folder.empty()) {
-    folder = absoluteVariable("HOME");
-    if (folder.empty()) folder = Identity::current().homeFolder;
-    folder += "/.local/share";
-  }
-  return folder + "/recently-used.xbel";
-}
 
 /// Which state of which file was read.
 struct Version {
@@ -74,7 +58,7 @@ std::shared_ptr<const RecentFiles> currentList() {
     std::shared_ptr<const RecentFiles> files;
   };
   static auto* const cache = new Cache;
-  const std::string path = pathOfList();
+  const std::string path = userDataFolder() + "/recently-used.xbel";
   struct stat facts;
   if (::stat(path.c_str(), &facts) != 0) return nullptr;
   const std::lock_guard lock(cache->mutex);

@@ -1,9 +1,9 @@
 #include "larkspan/platform/files/FolderSize.h"
 
+#include "larkspan/platform/base/Saturating.h"
 #include "larkspan/platform/files/DirectoryStack.h"
 #include "larkspan/platform/files/Exclusions.h"
 #include "larkspan/platform/files/InodeSet.h"
-#include "larkspan/platform/files/Saturating.h"
 #include "larkspan/platform/files/WalkCrew.h"
 
 #include <algorithm>

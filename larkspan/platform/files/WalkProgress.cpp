@@ -1,6 +1,6 @@
 #include "larkspan/platform/files/WalkProgress.h"
 
-#include "larkspan/platform/files/Saturating.h"
+#include "larkspan/platform/base/Saturating.h"
 
 #include <utility>
 

@@ -5,7 +5,7 @@
 
 namespace larkspan::platform {
 
-/// The sum of two counts that are not negative; INT64_MAX where it does not fit.
+/// The sum of two counts of which one at most is negative; INT64_MAX where it does not fit.
 inline int64_t saturatingSum(int64_t a, int64_t b) {
   int64_t sum;
   return __builtin_add_overflow(a, b, &sum) ? INT64_MAX : sum;

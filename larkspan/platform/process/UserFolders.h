@@ -1,0 +1,18 @@
+#pragma once
+
+#include <string>
+
+namespace larkspan::platform {
+
+// Where the user's files lie (freedesktop.org's basedir-spec). As there, a variable that holds no absolute path
+// counts as none; a program that runs with other rights than its caller's sees none (secure_getenv(3)).
+// Thread: any; read from the environment each time.
+
+/// $HOME, else the home folder of the password database; empty where there is neither.
+std::string userHome();
+/// $XDG_DATA_HOME, else .local/share in `userHome`; empty where there is neither.
+std::string userDataFolder();
+/// $XDG_CACHE_HOME, else .cache in `userHome`; empty where there is neither.
+std::string userCacheFolder();
+
+}  // namespace larkspan::platform
