@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -27,8 +28,8 @@ namespace {
 
 constexpr int kMaxPassedNumber = 255;
 
-/// What is read of a child's lines at once, and the time until more is read: stops one that prints without end from
-/// keeping the input/output thread busy. It is the child that waits, in its full pipe.
+/// What is read of a child's lines at once, and the time until more is read: stops one that prints without
+/// end from keeping the input/output thread busy. It is the child that waits, in its full pipe.
 constexpr std::size_t kLinesAtOnce = 64 * 1024;
 constexpr std::chrono::milliseconds kLinesPause{50};
 /// More than a pipe can hold.
@@ -72,16 +73,6 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
   return result;
 }
 
-/// Replaces what may stand there and returns where the child is to write its id.
-std::size_t announceListeners(std::vector<std::string>& environment, std::size_t count) {
-  std::erase_if(environment, [](const std::string& entry) {
-    return entry.starts_with("LISTEN_FDS=") || entry.starts_with("LISTEN_PID=");
-  });
-  environment.push_back("LISTEN_FDS=" + std::to_string(count));
-  environment.push_back("LISTEN_PID=" + std::string(11, '\0'));
-  return environment.size() - 1;
-}
-
 Spawned spawnWith(const ChildOptions& options, const std::string& program, int standardError) {
   const Descriptor null(open("/dev/null", O_RDWR | O_CLOEXEC));
   if (!null) return {-1, {}, errno, "/dev/null"};
@@ -92,14 +83,9 @@ Spawned spawnWith(const ChildOptions& options, const std::string& program, int s
 
   std::vector<std::string> arguments = options.arguments;
   std::vector<std::string> environment = options.environment ? *options.environment : inheritedEnvironment();
-  char* processIdentifierText = nullptr;
-  if (options.announcesListeners) {
-    const std::size_t at = announceListeners(environment, options.descriptors.size());
-    processIdentifierText = environment[at].data() + std::strlen("LISTEN_PID=");
-  }
   return spawn({program.c_str(), pointers(arguments).data(), pointers(environment).data(),
                 options.workingFolder.empty() ? nullptr : options.workingFolder.c_str(), passed.data(),
-                static_cast<int>(passed.size()), processIdentifierText, options.parentDeathSignal});
+                static_cast<int>(passed.size()), options.parentDeathSignal});
 }
 
 ExitStatus reap(int handle, int flags) {
@@ -175,10 +161,7 @@ std::string ExitStatus::description() const {
 class Child::Process : public std::enable_shared_from_this<Child::Process> {
  public:
   Process(Spawned spawned, ExitHandler onExit, std::unique_ptr<LineReader> lines)
-      : identifier_(spawned.process),
-        handle_(std::move(spawned.handle)),
-        onExit_(std::move(onExit)),
-        lines_(std::move(lines)) {}
+      : handle_(std::move(spawned.handle)), onExit_(std::move(onExit)), lines_(std::move(lines)) {}
 
   /// False, with errno set, where the descriptors cannot be watched; the child is then ended and reaped.
   bool watch() {
@@ -209,13 +192,6 @@ class Child::Process : public std::enable_shared_from_this<Child::Process> {
       source = std::move(lineSource_);
     }
     if (source) source->cancel();
-  }
-
-  pid_t identifier() const { return identifier_; }
-
-  std::optional<ExitStatus> status() const {
-    std::lock_guard lock(mutex_);
-    return status_;
   }
 
   bool kill(int signal) {
@@ -260,8 +236,7 @@ class Child::Process : public std::enable_shared_from_this<Child::Process> {
     if (onExit) onExit(*status_);
   }
 
-  const pid_t identifier_;
-  mutable std::mutex mutex_;
+  std::mutex mutex_;
   Descriptor handle_;                 // Closed by the input/output thread alone, once the status is known.
   std::optional<ExitStatus> status_;  // Written under the lock, by the input/output thread alone.
   std::shared_ptr<IoSource> exitSource_;
@@ -305,18 +280,6 @@ Child::Child(std::shared_ptr<Process> process) : process_(std::move(process)) {}
 
 Child::~Child() = default;
 
-pid_t Child::processIdentifier() const { return process_->identifier(); }
-
-std::optional<ExitStatus> Child::exitStatus() const { return process_->status(); }
-
 bool Child::kill(int signal) { return process_->kill(signal); }
-
-void Child::terminate(std::chrono::nanoseconds grace) {
-  if (!kill(SIGTERM)) return;
-  DispatchQueue::global(QualityOfService::utility)
-      ->after(grace, [process = std::weak_ptr<Process>(process_)] {
-        if (const auto running = process.lock()) running->kill(SIGKILL);
-      });
-}
 
 }  // namespace larkspan::platform

@@ -2,7 +2,6 @@
 
 #include "larkspan/platform/base/Error.h"
 
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -10,8 +9,6 @@
 #include <string_view>
 #include <variant>
 #include <vector>
-
-#include <sys/types.h>
 
 namespace larkspan::platform {
 
@@ -49,9 +46,6 @@ struct ChildOptions {
   std::string workingFolder;
   /// Numbers from 3 to 255.
   std::vector<Passed> descriptors;
-  /// Tells the child how many descriptors from 3 on are listeners, in LISTEN_FDS and LISTEN_PID
-  /// (sd_listen_fds(3)).
-  bool announcesListeners = false;
   /// None inherits standard error.
   LineHandler standardErrorLine;
   /// The signal that the child gets when this process ends, whatever ends it; 0 for none (PR_SET_PDEATHSIG).
@@ -66,8 +60,8 @@ struct ChildOptions {
 /// Thread:  any; handlers run on the input/output thread and must not block.
 /// Failure: starting gives an error that names the step; the exit handler is called once for every child that
 ///          started.
-/// Limits:  Linux 5.9 or later; a line of standard error longer than 4096 bytes comes in pieces, and more than
-///          64 KiB in 50 ms hold the child up.
+/// Limits:  Linux 5.9 or later; a line of standard error longer than 4096 bytes comes in pieces, and more
+///          than 64 KiB in 50 ms hold the child up.
 class Child {
  public:
   using ExitHandler = std::function<void(ExitStatus)>;
@@ -81,13 +75,8 @@ class Child {
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
 
-  pid_t processIdentifier() const;
-  /// Nothing as long as it runs.
-  std::optional<ExitStatus> exitStatus() const;
   /// Never reaches another process that got the same id. False when the child has ended.
   bool kill(int signal);
-  /// Sends SIGTERM now, and SIGKILL if it still runs once `grace` has passed.
-  void terminate(std::chrono::nanoseconds grace);
 
  private:
   class Process;

@@ -1,20 +1,14 @@
 #include "larkspan/platform/process/Identity.h"
 
-#include <cerrno>
 #include <mutex>
 #include <utility>
 #include <vector>
 
 #include <pwd.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 namespace larkspan::platform {
 namespace {
-
-#ifndef SO_PEERPIDFD
-constexpr int SO_PEERPIDFD = 77;
-#endif
 
 struct Kept {
   std::mutex mutex;
@@ -53,20 +47,6 @@ std::string homeFolderOf(uid_t user) {
     if (status != ERANGE) break;
   }
   return {};
-}
-
-std::optional<PeerCredentials> peerCredentials(int socket) {
-  ucred credentials{};
-  socklen_t size = sizeof credentials;
-  if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return std::nullopt;
-  if (credentials.pid <= 0) {  // what an unconnected socket answers
-    errno = ENOTCONN;
-    return std::nullopt;
-  }
-  int handle = -1;
-  size = sizeof handle;
-  if (getsockopt(socket, SOL_SOCKET, SO_PEERPIDFD, &handle, &size) != 0) handle = -1;
-  return PeerCredentials{credentials.pid, credentials.uid, credentials.gid, Descriptor(handle)};
 }
 
 }  // namespace larkspan::platform

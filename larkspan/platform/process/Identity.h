@@ -1,7 +1,5 @@
 #pragma once
 
-#include "larkspan/platform/base/Descriptor.h"
-
 #include <optional>
 #include <string>
 
@@ -35,18 +33,5 @@ class ScopedIdentity {
 
 /// The home folder of a user by the password database (getpwuid_r(3)); empty where there is none.
 std::string homeFolderOf(uid_t user);
-
-/// Who opened the other end of a unix socket, as the kernel recorded it when it was connected (unix(7)).
-struct PeerCredentials {
-  pid_t process;
-  uid_t user;
-  gid_t group;
-  /// Refers to the very process, even if its id is used again; empty before Linux 6.5 and when the peer has
-  /// been reaped.
-  Descriptor processHandle;
-};
-
-/// Nothing when it is no connected unix socket; errno says why.
-std::optional<PeerCredentials> peerCredentials(int socket);
 
 }  // namespace larkspan::platform

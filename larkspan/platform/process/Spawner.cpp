@@ -49,14 +49,6 @@ struct Job {
 
 #define LARKSPAN_IN_CHILD __attribute__((no_sanitize("address", "thread", "undefined")))
 
-LARKSPAN_IN_CHILD void writeProcessIdentifier(char* text) {
-  char digits[11];
-  int count = 0;
-  for (long id = syscall(SYS_getpid); id > 0; id /= 10) digits[count++] = static_cast<char>('0' + id % 10);
-  while (count > 0) *text++ = digits[--count];
-  *text = '\0';
-}
-
 /// Returns the name of the step that failed, with errno set.
 LARKSPAN_IN_CHILD const char* becomeProgram(const SpawnPlan& plan, pid_t parent) {
   // All zeros is the kernel's structure for the default action without flags, and the empty set of signals.
@@ -91,7 +83,6 @@ LARKSPAN_IN_CHILD const char* becomeProgram(const SpawnPlan& plan, pid_t parent)
   if (syscall(SYS_close_range, end, ~0U, 0) != 0) return "closing descriptors";
 
   if (plan.folder && syscall(SYS_chdir, plan.folder) != 0) return "working folder";
-  if (plan.processIdentifierText) writeProcessIdentifier(plan.processIdentifierText);
   if (syscall(SYS_rt_sigprocmask, SIG_SETMASK, zeros, nullptr, kSignalSetSize) != 0) return "signal mask";
   syscall(SYS_execve, plan.program, plan.arguments, plan.environment);
   return "execve";

@@ -22,8 +22,6 @@ struct SpawnPlan {
   /// All that the child gets, 0 to 2 included; the highest number is at most 255.
   Passed* passed;
   int passedCount;
-  /// Where the child writes its process id, with room for eleven bytes; null where it does not.
-  char* processIdentifierText;
   int parentDeathSignal;
 };
 
