@@ -1,49 +1,15 @@
 #include "fuzz/Targets.h"
-#include "larkspan/platform/appext/ExecLine.h"
-#include "larkspan/platform/appext/Manifest.h"
 #include "larkspan/platform/base/Utf8.h"
 #include "larkspan/platform/text/KeyFile.h"
 
 #include <algorithm>
-#include <fstream>
 #include <string>
-
-#include <unistd.h>
 
 namespace larkspan::fuzz {
 
 using namespace platform;
 
 namespace {
-
-void manifest(std::string_view text) {
-  std::string folder = "/tmp/larkspan-fuzz-XXXXXX";
-  expect(::mkdtemp(folder.data()), "there is a folder for a manifest");
-  const std::string path = folder + "/org.example.a.extension";
-  std::ofstream(path) << text;
-  const auto read = readManifest(path);
-  ::unlink(path.c_str());
-  ::rmdir(folder.c_str());
-  if (std::holds_alternative<int>(read)) return;  // The machine is short of something.
-  if (const auto* reason = std::get_if<std::string>(&read))
-    return expect(!reason->empty(), "a refusal says why");
-  const auto& manifest = std::get<Manifest>(read);
-  if (manifest.hidden) return;
-  const std::string& program = manifest.exec.at(0);
-  expect(program.starts_with('/') || program.find('/') == program.npos, "a program has its folder");
-  std::string line;
-  for (const std::string& argument : manifest.exec) {
-    line += " \"";
-    for (const char c : argument) {
-      expect(static_cast<unsigned char>(c) >= ' ' && c != 0x7F, "no control characters");
-      if (std::string_view("\"`$\\").find(c) != std::string_view::npos) line += '\\';
-      line.append(c == '%' ? 2 : 1, c);
-    }
-    line += '"';
-  }
-  const auto again = parseExecLine(line, "/elsewhere");
-  expect(again.index() == 0 && std::get<0>(again) == manifest.exec, "quoted arguments come back");
-}
 
 /// Looks up what a line of an accepted file says.
 void lookUp(const KeyFile& file, const std::string& group, std::string_view line) {
@@ -80,7 +46,6 @@ void keyfile(std::string_view input) {
       lookUp(*file, group, line);
     }
   }
-  if (file->hasGroup("Extension")) manifest(input);
 }
 
 }  // namespace larkspan::fuzz

@@ -14,7 +14,7 @@ namespace larkspan::fuzz {
 void frame(std::string_view input);
 /// A byte that says which classes are admitted, then an archive.
 void archive(std::string_view input);
-/// A key file, also as a manifest.
+/// A key file.
 void keyfile(std::string_view input);
 /// A URL, a reference and the bytes of a path, a line each.
 void url(std::string_view input);

@@ -29,7 +29,8 @@ class LKSCallbackManager {
   /// The host at the other end of the current context's connection; null without a context.
   std::shared_ptr<LKSExtensionCallbackProtocol> hostProxy();
   std::shared_ptr<LKSRemoteExtensionContext> context();
-  /// Null forgets earlier ones too; otherwise the host is still reached through an earlier request when this one ends.
+  /// Null forgets earlier ones too; otherwise the host is still reached through an earlier request when this
+  /// one ends.
   void setContext(std::shared_ptr<LKSRemoteExtensionContext> context);
 
   /// The extension's own identifier, which every callback carries.

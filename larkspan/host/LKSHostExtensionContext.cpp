@@ -34,6 +34,12 @@ Interface makeHostProtocol() {
 
 }  // namespace
 
+LKSHostExtensionContext::LKSHostExtensionContext(platform::UUID uuid,
+                                                 std::shared_ptr<platform::Connection> connection)
+    : ExtensionContext(uuid, std::move(connection)), budget_([this](std::size_t calls) {
+        LKSLog("%@ calls too often: %zu calls were not logged", extension(), calls);
+      }) {}
+
 std::shared_ptr<LKSHostExtensionContext> LKSHostExtensionContext::make(
     platform::UUID uuid, std::shared_ptr<platform::Connection> connection) {
   std::shared_ptr<LKSHostExtensionContext> context(new LKSHostExtensionContext(uuid, connection));
@@ -83,30 +89,37 @@ void LKSHostExtensionContext::setExtension(const std::shared_ptr<LKSOpaqueExtens
   extension_ = extension;
 }
 
+/// An extension that calls without end does not fill the log.
+template <typename... Arguments>
+void LKSHostExtensionContext::log(std::string_view sender, const char* format,
+                                  const Arguments&... arguments) {
+  if (budget_.allows(sender.size())) LKSLog(format, arguments...);
+}
+
 void LKSHostExtensionContext::post(platform::Key name, platform::Dictionary userInfo) {
   platform::NotificationCenter::defaultCenter().post(name, extension(), std::move(userInfo));
 }
 
 void LKSHostExtensionContext::extensionPartialResourceItems(std::string_view extension, const Items& items) {
-  LKSLog("Received %ld partial resource items from %@", items.size(), extension);
+  log(extension, "Received %ld partial resource items from %@", items.size(), extension);
   post(LKSOpaqueExtensionResourceEnumerationProgressNotification,
        {{LKSOpaqueExtensionAddedResourcesKey, arrayFromItems(items)}});
 }
 
 void LKSHostExtensionContext::extensionNotifyResourcesDidChange(std::string_view extension,
                                                                 const Items& items) {
-  LKSLog("%@ sent resourcesDidChange with %ld items", extension, items.size());
+  log(extension, "%@ sent resourcesDidChange with %ld items", extension, items.size());
   post(LKSOpaqueExtensionResourcesDidChangeNotification);
 }
 
 void LKSHostExtensionContext::extensionNotifyTipsDidChange(std::string_view extension, const Items& items) {
-  LKSLog("%@ sent tipsDidChange with %ld items", extension, items.size());
+  log(extension, "%@ sent tipsDidChange with %ld items", extension, items.size());
   post(LKSOpaqueExtensionRecommendationsDidChangeNotification);
 }
 
 void LKSHostExtensionContext::extensionNotifyTotalSpaceUsedDidChange(std::string_view extension,
                                                                      int64_t bytes) {
-  LKSLog("%@ sent totalSpaceUsedDidChange : %@", extension, bytes);
+  log(extension, "%@ sent totalSpaceUsedDidChange : %@", extension, bytes);
   post(LKSOpaqueExtensionBytesUsedDidChangeNotification);
 }
 

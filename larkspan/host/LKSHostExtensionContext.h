@@ -3,6 +3,7 @@
 #include "larkspan/host/LKSExtensionProtocols.h"
 #include "larkspan/platform/appext/ExtensionContext.h"
 #include "larkspan/platform/ipc/Interface.h"
+#include "larkspan/platform/log/LogBudget.h"
 
 #include <memory>
 #include <mutex>
@@ -65,11 +66,14 @@ class LKSHostExtensionContext final : public platform::ExtensionContext,
                platform::Reply reply) override;
 
  private:
-  using ExtensionContext::ExtensionContext;
+  LKSHostExtensionContext(platform::UUID uuid, std::shared_ptr<platform::Connection> connection);
+  template <typename... Arguments>
+  void log(std::string_view sender, const char* format, const Arguments&... arguments);
   void post(platform::Key name, platform::Dictionary userInfo = {});
 
   mutable std::mutex mutex_;
   std::weak_ptr<LKSOpaqueExtension> extension_;
+  platform::LogBudget budget_;  // On the delivery queue only.
 };
 
 }  // namespace larkspan

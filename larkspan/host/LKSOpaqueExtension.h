@@ -58,8 +58,9 @@ class LKSOpaqueExtension : public platform::Object {
   std::shared_ptr<LKSHostExtensionContext> context_;
 };
 
-/// The discovered handles, each replaced by an equal one that is already held, if any, so that its request goes
-/// on. A held handle whose manifest now names another program gets the discovered extension and begins anew.
+/// The discovered handles, each replaced by an equal one that is already held, if any, so that its request
+/// goes on. A held handle whose manifest now names another program gets the discovered extension and begins
+/// anew.
 std::vector<std::shared_ptr<LKSOpaqueExtension>> mergeHandles(
     const std::vector<std::shared_ptr<LKSOpaqueExtension>>& discovered,
     const std::vector<std::shared_ptr<LKSOpaqueExtension>>& held);

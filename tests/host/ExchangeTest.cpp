@@ -88,7 +88,7 @@ struct Exchange : testing::Test {
       gate.wait();
     });
     send(kCmdResources, handle);
-    reached->get_future().wait();
+    EXPECT_EQ(reached->get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
   }
   template <typename Operation>
   std::shared_ptr<Operation> run(std::optional<Items> input = std::nullopt) {
@@ -107,11 +107,8 @@ TEST_F(Exchange, EachCommandTravelsAsOneOperationAndComesBackAsItemsOrItsError) 
   const Items tip{*LKSTipMessage::initLKSTipWithTitle("Tip")};
   const Items summary{LKSSummaryResource::initLKSSummaryResource()};
 
-  const auto info = run<LKSFetchExtensionInfoOperation>()->returnedItems();
-  ASSERT_TRUE(info && info->size() == 1);
-  EXPECT_EQ(info->front().userInfo().get(kSizeKey), Value(42));
-  EXPECT_TRUE(info->front().userInfo().get(kItemKindKey).isNone());
-
+  EXPECT_EQ(run<LKSFetchExtensionInfoOperation>()->returnedItems()->at(0).userInfo().get(kSizeKey),
+            Value(42));
   const auto fetched = run<LKSFetchResourcesOperation>()->returnedItems();
   ASSERT_TRUE(fetched && fetched->size() == 2);
   EXPECT_EQ(fetched->front().lks_size(), int64_t{1} << 40);
@@ -119,12 +116,8 @@ TEST_F(Exchange, EachCommandTravelsAsOneOperationAndComesBackAsItemsOrItsError) 
   EXPECT_EQ(run<LKSFetchRecommendationsOperation>()->returnedItems()->front().lks_name(), "Tip");
 
   const auto refused = run<LKSDeleteResourcesOperation>(resources);
-  ASSERT_TRUE(refused->error());
-  EXPECT_EQ(refused->error()->domain(), "test");
-  EXPECT_EQ(refused->error()->code(), 1);
-  EXPECT_EQ(refused->error()->localizedDescription(), "cannot delete A");
+  EXPECT_EQ(refused->error(), Error("test", 1, "cannot delete A"));
   EXPECT_FALSE(refused->returnedItems());
-
   for (const auto& done :
        {std::shared_ptr<LKSExtensionOperation>(run<LKSShowResourceOperation>(resources)),
         std::shared_ptr<LKSExtensionOperation>(run<LKSPerformRecommendationOperation>(tip)),
@@ -136,56 +129,36 @@ TEST_F(Exchange, EachCommandTravelsAsOneOperationAndComesBackAsItemsOrItsError) 
   EXPECT_EQ(run<LKSPerformSummaryActionOperation>()->error(), Error("test", 7));
 
   const auto titleOf = [](const auto& operation) {
-    const auto items = operation->returnedItems();
-    return items && items->size() == 1 ? LKSConfirmPanel(items->front()).lks_confirmTitle() : std::nullopt;
+    return LKSConfirmPanel(operation->returnedItems()->at(0)).lks_confirmTitle();
   };
   EXPECT_EQ(titleOf(run<LKSFetchDeleteResourcesConfirmationOperation>(resources)), "Delete “A”?");
   EXPECT_EQ(titleOf(run<LKSFetchPerformRecommendationConfirmationOperation>(tip)),
             "Apply This Recommendation?");
   EXPECT_EQ(titleOf(run<LKSFetchPerformSummaryActionConfirmationOperation>(summary)), "Perform This Action?");
-  EXPECT_TRUE(run<LKSFetchDeleteResourcesConfirmationOperation>()->returnedItems()->empty());
   EXPECT_EQ(launcher->launches, 1) << "one process serves every exchange";
   clock.advance(std::chrono::milliseconds(10));
 }
 
-TEST(ExtensionOperation, SendsTheCommandFirstAndTakesTheHeaderForTheOutcome) {
+TEST(ExtensionOperation, TakesTheHeaderForTheOutcomeAndRunsOnlyWithACommandAndAnExtension) {
   const auto operation = LKSOperation::makeOperation<LKSFetchResourcesOperation>();
   const MessageItem a = LKSResource::initLKSResourceItemWithName("A");
-  const MessageItem b = LKSResource::initLKSResourceItemWithName("B");
-  operation->setInputItems(Items{a, b});
-  const Items sent = operation->allInputItems();
-  ASSERT_EQ(sent.size(), 3u);
-  EXPECT_EQ(sent[0].userInfo(), (platform::Dictionary{{"_KIND_", "COMMAND"},
-                                                      {"\u2022"
-                                                       "COMMAND",
-                                                       "RESOURCES?"}}));
-  EXPECT_TRUE(sent[1] == a && sent[2] == b);
-
   LKSCommand header(operation->commandInputItem());
   operation->finishWithItems({header, a});
   EXPECT_EQ(operation->returnedItems(), Items{a});
   EXPECT_FALSE(operation->error());
   header.setLks_error(Error("test", 3));
-  operation->finishWithItems({header, b});
+  operation->finishWithItems({header, header});
   EXPECT_EQ(operation->error(), Error("test", 3));
   EXPECT_EQ(operation->returnedItems(), Items{a}) << "an error leaves earlier items alone";
   EXPECT_THROW(operation->finishWithItems({}), std::out_of_range);
 
-  // Neither a class without a command nor one without an extension can run.
-  for (const auto& incomplete : {LKSOperation::makeOperation<LKSExtensionOperation>(),
-                                 std::shared_ptr<LKSExtensionOperation>(operation)}) {
-    auto fresh =
-        incomplete == operation ? LKSOperation::makeOperation<LKSFetchResourcesOperation>() : incomplete;
-    fresh->start();
-    ASSERT_TRUE(fresh->isFinished() && fresh->error());
-    EXPECT_EQ(fresh->error()->domain(), "LKSExtensionOperationErrorDomain");
-  }
-  try {
-    LKSExtensionOperation().commandInputItem();
-    FAIL();
-  } catch (const std::invalid_argument& error) {
-    EXPECT_STREQ(error.what(),
-                 "You must override +commandName and return a string appropriate for your subclass.");
+  EXPECT_THROW(LKSExtensionOperation().commandInputItem(), std::invalid_argument);
+  for (const std::shared_ptr<LKSExtensionOperation>& incomplete :
+       {LKSOperation::makeOperation<LKSExtensionOperation>(),
+        std::shared_ptr<LKSExtensionOperation>(LKSOperation::makeOperation<LKSFetchResourcesOperation>())}) {
+    incomplete->start();
+    ASSERT_TRUE(incomplete->isFinished() && incomplete->error());
+    EXPECT_EQ(incomplete->error()->domain(), "LKSExtensionOperationErrorDomain");
   }
 }
 
@@ -220,31 +193,11 @@ TEST_F(Exchange, OneRequestServesUntilItIsInvalidatedAndInterruptionKeepsIt) {
   EXPECT_NE(handle->context(), first);
   EXPECT_EQ(outcomes.now().size(), 5u);
 
-  const auto lines = log.system();
-  const auto count = [&](const std::string& text) {
-    return std::count_if(lines.begin(), lines.end(),
-                         [&](auto& line) { return line.find(text) != line.npos; });
-  };
-  EXPECT_EQ(count("communication error with <Extension test.extension"), 1);
-  EXPECT_EQ(count(" interrupted"), 1);
-  EXPECT_EQ(count("result count 2, error (null)"), 4);
-}
-
-TEST_F(Exchange, FailsOnceAndWithoutARequestWhenTheExtensionCannotBeStarted) {
-  CapturedLog log;
-  launcher->failure = Error("test", 5, "no such program");
-  send(kCmdTips, handle);
-  const Outcome outcome = outcomes.waitFor(1).at(0);
-  EXPECT_FALSE(outcome.items);
-  EXPECT_EQ(outcome.error->domain(), "LKSExtensionOperationErrorDomain");
-  EXPECT_EQ(outcome.error->localizedDescription(), "test.extension could not be started: no such program");
-  EXPECT_EQ(handle->context(), nullptr);
-  EXPECT_NE(log.system().at(0).find(" failed to begin extension request to <Extension test.extension"),
-            std::string::npos);
-  launcher->failure.reset();
-  send(kCmdTips, handle);
-  EXPECT_TRUE(outcomes.waitFor(2).at(1).items)
-      << "a program that could not be started may be tried again at once";
+  std::string lines;
+  for (const std::string& line : log.system()) lines += line + '\n';
+  for (const char* part :
+       {"communication error with <Extension test.extension", " interrupted", "result count 2, error (null)"})
+    EXPECT_NE(lines.find(part), lines.npos) << lines;
 }
 
 TEST_F(Exchange, SimultaneousBeginsOfEqualHandlesShareOneProcess) {
@@ -281,18 +234,17 @@ TEST_F(Exchange, CallbacksBecomeNotificationsAboutTheHandleInOrderAndWithCopies)
   });
   send(kCmdResources, handle);
   const auto notifications = heard.waitFor(6);
-  ASSERT_EQ(notifications.size(), 6u);
-  for (std::size_t i = 0; i < 6; ++i) EXPECT_EQ(notifications[i].object, handle) << i;
-  for (std::size_t i = 0; i < 3; ++i) {
-    EXPECT_EQ(notifications[i].name, LKSOpaqueExtensionResourceEnumerationProgressNotification);
-    const Items items = itemsFromValue(notifications[i].userInfo.get(LKSOpaqueExtensionAddedResourcesKey));
-    ASSERT_EQ(items.size(), 1u);
-    EXPECT_EQ(items[0].lks_name(), std::to_string(i + 1));
+  std::string names;
+  for (const Notification& notification : notifications) {
+    EXPECT_EQ(notification.object, handle);
+    names += notification.name.substr(18) + ' ';
+    const Value added = notification.userInfo.get(LKSOpaqueExtensionAddedResourcesKey);
+    if (!added.isNone()) names += *itemsFromValue(added).at(0).lks_name() + ' ';
   }
-  EXPECT_EQ(notifications[3].name, LKSOpaqueExtensionResourcesDidChangeNotification);
-  EXPECT_EQ(notifications[4].name, LKSOpaqueExtensionRecommendationsDidChangeNotification);
-  EXPECT_EQ(notifications[5].name, LKSOpaqueExtensionBytesUsedDidChangeNotification);
-  for (std::size_t i = 3; i < 6; ++i) EXPECT_TRUE(notifications[i].userInfo.empty()) << i;
+  const std::string progress = "ResourceEnumerationProgressNotification ";
+  EXPECT_EQ(names, progress + "1 " + progress + "2 " + progress +
+                       "3 ResourcesDidChangeNotification RecommendationsDidChangeNotification "
+                       "BytesUsedDidChangeNotification ");
   outcomes.waitFor(1);
 }
 
@@ -373,29 +325,20 @@ TEST_F(Exchange, AnEditedManifestStartsItsNewProgramAndKeepsItsHandle) {
 }
 
 TEST_F(Exchange, AbandoningEndsWhatIsUnderWayAtOnceAndCountsForNothing) {
-  std::promise<void> released;
-  sendAndStopInside(released);
-  handle->abandon();
-  EXPECT_TRUE(outcomes.waitFor(1).at(0).error);
-  EXPECT_EQ(handle->context(), nullptr);
-  released.set_value();
-  EXPECT_EQ(outcomes.now().size(), 1u);
-
-  Collector<int> abandoned;
-  provider->setBeforeResources([&] {
+  // More often than starts may fail.
+  for (std::size_t i = 1; i < 8; ++i) {
+    std::promise<void> released;
+    sendAndStopInside(released);
     handle->abandon();
-    abandoned.push(1);
-  });
-  for (std::size_t i = 2; i < 9; ++i) {
-    send(kCmdResources, handle);
     const auto all = outcomes.waitFor(i);
     ASSERT_EQ(all.size(), i);
-    abandoned.waitFor(i - 1);
-    EXPECT_NE(all.back().error->code(), static_cast<int64_t>(TransportErrorCode::launchDelayed));
+    EXPECT_NE(all.back().error.value().code(), static_cast<int64_t>(TransportErrorCode::launchDelayed));
+    EXPECT_EQ(handle->context(), nullptr);
+    released.set_value();
   }
   provider->setBeforeResources(nullptr);
   send(kCmdTips, handle);
-  EXPECT_TRUE(outcomes.waitFor(9).at(8).items);
+  EXPECT_TRUE(outcomes.waitFor(8).at(7).items);
 }
 
 }  // namespace

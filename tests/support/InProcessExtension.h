@@ -23,12 +23,10 @@ class InProcessExtension : public platform::Launcher,
   explicit InProcessExtension(std::shared_ptr<LKSExtension> provider) : provider_(std::move(provider)) {}
 
   std::atomic<int> launches{0};
-  std::optional<platform::Error> failure;
 
   std::variant<std::shared_ptr<platform::LaunchedProcess>, platform::Error> launch(
       const platform::Manifest&, platform::Descriptor& socket, ExitHandler) override {
     ++launches;
-    if (failure) return *failure;
     auto process = std::make_shared<Process>();
     platform::Transport::Handlers handlers;
     // Requests live as long as the transport's handlers.

@@ -36,8 +36,8 @@ class Extension : public Object {
   /// "<Extension IDENTIFIER (MANIFEST)>".
   std::string description() const override;
 
-  /// Begins a request without input items (only an empty list is of use), starting the extension if it does not run; calls back once. There is no limit on the
-  /// time that a start may take.
+  /// Begins a request without input items (only an empty list is of use), starting the extension if it does
+  /// not run; calls back once. There is no limit on the time that a start may take.
   void beginExtensionRequestWithInputItems(const std::vector<std::shared_ptr<ExtensionItem>>& inputItems,
                                            ContextMaker makeContext, Begun completion);
   /// The context of a request that has begun and is still held by somebody.

@@ -169,7 +169,8 @@ void ExtensionProcess::closed(const std::shared_ptr<Transport>& transport, const
   if (ended && !transport->hasReplied()) failedStarts_.push_back(Clock::current().monotonicNow());
   lock.unlock();
   if (process) {
-    // One that breaks the protocol or does not read would not leave either; with the next start there would be two.
+    // One that breaks the protocol or does not read would not leave either; with the next start there would
+    // be two.
     const bool isHostile =
         is(reason, TransportErrorCode::violation) || is(reason, TransportErrorCode::notReading);
     isHostile ? process->kill() : killAfterGrace(process);
@@ -178,9 +179,12 @@ void ExtensionProcess::closed(const std::shared_ptr<Transport>& transport, const
 }
 
 /// Nobody needs the extension any more, unless somebody has just begun to. The rest is that of an end.
-void ExtensionProcess::letGo(const std::shared_ptr<Transport>& transport) {
+/// An extension that closed the last channel before it answered anything might as well have ended.
+void ExtensionProcess::letGo(const std::shared_ptr<Transport>& transport, bool byExtension) {
   const Error reason =
-      transportError(TransportErrorCode::invalidated, "The host has let go of " + manifest_.identifier);
+      byExtension && !transport->hasReplied()
+          ? transportError(TransportErrorCode::interrupted, manifest_.identifier + " closed its channel")
+          : transportError(TransportErrorCode::invalidated, "The host has let go of " + manifest_.identifier);
   if (transport->closeIfUnused(reason)) closed(transport, reason);
 }
 

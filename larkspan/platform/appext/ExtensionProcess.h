@@ -17,8 +17,9 @@ namespace larkspan::platform {
 /// to its manifest, and is let go with the last of them: it sees end of file, and is killed if it stays,
 /// or at once if it broke the protocol.
 ///
-/// A process that ends before it answered anything counts as a failed start; after five within three minutes
-/// no more are made until the oldest is three minutes old. Ends by the host's own hand do not count.
+/// A process that ends, or closes its last channel, before it answered anything counts as a failed start;
+/// after five within three minutes no more are made until the oldest is three minutes old. Ends by the host's
+/// own hand do not count.
 ///
 /// Owner:  kept for the life of the host, one per manifest, because it remembers the failed starts.
 /// Thread: any; transports are handed out on any thread.
@@ -40,7 +41,7 @@ class ExtensionProcess : public std::enable_shared_from_this<ExtensionProcess> {
   void launch(const std::shared_ptr<Transport>& transport, Descriptor socket);
   void ready(const std::shared_ptr<Transport>& transport);
   void closed(const std::shared_ptr<Transport>& transport, const Error& reason);
-  void letGo(const std::shared_ptr<Transport>& transport);
+  void letGo(const std::shared_ptr<Transport>& transport, bool byExtension);
   std::optional<Error> delayError();
 
   const Manifest manifest_;

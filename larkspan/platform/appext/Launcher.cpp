@@ -1,9 +1,8 @@
 #include "larkspan/platform/appext/Launcher.h"
 
 #include "larkspan/platform/appext/ExtensionLog.h"
-#include "larkspan/platform/base/Clock.h"
 #include "larkspan/platform/base/Format.h"
-#include "larkspan/platform/base/Limits.h"
+#include "larkspan/platform/log/LogBudget.h"
 #include "larkspan/platform/process/Child.h"
 
 #include <mutex>
@@ -29,35 +28,18 @@ class ChildProcess final : public LaunchedProcess {
 class PrintLog {
  public:
   explicit PrintLog(std::string identifier) : identifier_(std::move(identifier)) {}
-  ~PrintLog() { reportDropped(); }
 
   void take(std::string_view line) {
-    const MonotonicTime now = Clock::current().monotonicNow();
-    if (now - windowStart_ >= limits::kPrintWindow) {
-      reportDropped();
-      windowStart_ = now;
-      bytes_ = 0;
-    }
-    bytes_ += line.size() + limits::kPrintOverhead;
-    if (bytes_ > limits::kMaximumPrint) {
-      ++dropped_;
-    } else {
+    if (budget_.allows(line.size()))
       extensionLog().write(LogLevel::standard, identifier_ + ": " + std::string(line));
-    }
   }
 
  private:
-  void reportDropped() {
-    if (dropped_ == 0) return;
-    extensionLog().write(LogLevel::standard,
-                         format("%@ prints too much: %zu lines were dropped", identifier_, dropped_));
-    dropped_ = 0;
-  }
-
   const std::string identifier_;
-  MonotonicTime windowStart_{};
-  std::size_t bytes_ = 0;
-  std::size_t dropped_ = 0;
+  LogBudget budget_{[this](std::size_t lines) {
+    extensionLog().write(LogLevel::standard,
+                         format("%@ prints too much: %zu lines were dropped", identifier_, lines));
+  }};
 };
 
 class ProcessLauncher final : public Launcher {

@@ -38,7 +38,7 @@ bool isShortage(int errorNumber) {
   return errorNumber == EMFILE || errorNumber == ENFILE || errorNumber == ENOMEM;
 }
 
-std::variant<Manifest, std::string, int> readManifest(const std::string& path) {
+std::variant<Manifest, std::string, Shortage> readManifest(const std::string& path) {
   const std::size_t slash = path.rfind('/');
   const std::string folder = slash == path.npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
   const std::string fileName = path.substr(slash + 1);
@@ -49,13 +49,13 @@ std::variant<Manifest, std::string, int> readManifest(const std::string& path) {
   struct stat status;
   const Descriptor parent(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!parent || fstat(parent.get(), &status) != 0) {
-    if (isShortage(errno)) return errno;
+    if (isShortage(errno)) return Shortage{errno};
     return std::string("its folder: ") + std::strerror(errno);
   }
   if (const auto reason = reasonForDistrust(status)) return "its folder: " + *reason;
   const Descriptor file(openat(parent.get(), fileName.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   if (!file || fstat(file.get(), &status) != 0) {
-    if (isShortage(errno)) return errno;
+    if (isShortage(errno)) return Shortage{errno};
     return std::string(std::strerror(errno));
   }
   if (!S_ISREG(status.st_mode)) return "not a regular file";

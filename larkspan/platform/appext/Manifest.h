@@ -29,16 +29,20 @@ struct Manifest {
   friend bool operator==(const Manifest& a, const Manifest& b) { return a.path == b.path; }
 };
 
-/// The manifest at `path`, the reason in English why it is not one, or the errno of a shortage (see `isShortage`)
-/// that keeps it from being read just now. Links are followed; the file that they
-/// lead to must be regular. It and the folder of `path` must be trustworthy (see `reasonForDistrust`).
-/// `Identifier`, `ExtensionPoint`, `Name` and `Exec` must be there unless `Hidden` is true; whether the
-/// program exists is for the launch to find out. `Identifier` and `ExtensionPoint` are made of ASCII letters,
-/// digits, '.', '-' and '_' and start with a letter or digit.
-/// Thread: any; reads files.
-std::variant<Manifest, std::string, int> readManifest(const std::string& path);
+/// What this process or the machine is short of: another try may go well.
+struct Shortage {
+  int errorNumber;
+};
 
-/// Whether an errno speaks of this process or machine and not of the file: another try may go well.
+/// The manifest at `path`, the reason in English why it is not one, or the shortage that keeps it from being
+/// read just now. Links are followed; the file that they lead to must be regular. It and the folder of `path`
+/// must be trustworthy (see `reasonForDistrust`). `Identifier`, `ExtensionPoint`, `Name` and `Exec` must be
+/// there unless `Hidden` is true; whether the program exists is for the launch to find out. `Identifier` and
+/// `ExtensionPoint` are made of ASCII letters, digits, '.', '-' and '_' and start with a letter or digit.
+/// Thread: any; reads files.
+std::variant<Manifest, std::string, Shortage> readManifest(const std::string& path);
+
+/// Whether an errno speaks of a `Shortage` and not of the file.
 bool isShortage(int errorNumber);
 
 }  // namespace larkspan::platform

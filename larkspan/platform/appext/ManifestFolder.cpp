@@ -80,25 +80,26 @@ int ManifestFolder::update(int folder, const std::string& name) {
 
   const WallTime now = Clock::current().wallNow();
   auto content = readManifest(path_ + '/' + name);
-  if (const int* errorNumber = std::get_if<int>(&content)) {
+  if (const auto* shortage = std::get_if<Shortage>(&content)) {
     if (isNew) files_.erase(found);
-    return *errorNumber;
+    return shortage->errorNumber;
   }
+  file.manifest.reset();
+  if (auto* manifest = std::get_if<Manifest>(&content)) file.manifest = std::move(*manifest);
   const auto* reason = std::get_if<std::string>(&content);
-  const auto* oldReason = std::get_if<std::string>(&file.content);
-  if (reason && (isNew || file.version != version || !oldReason || *oldReason != *reason)) {
+  if (reason && (isNew || file.version != version || file.refusal != *reason)) {
     extensionLog().write(LogLevel::standard, format("Skipped extension manifest %@: %@",
                                                     repairedUtf8(path_ + '/' + name), *reason));
   }
+  file.refusal = reason ? *reason : "";
   file.version = version;
   file.isSettled = std::chrono::nanoseconds(version.changed) + kStampStep < now;
-  file.content = std::move(content);
   return 0;
 }
 
 void ManifestFolder::forEach(const std::function<void(const Manifest&)>& take) const {
   for (const auto& [name, file] : files_) {
-    if (const auto* manifest = std::get_if<Manifest>(&file.content)) take(*manifest);
+    if (file.manifest) take(*file.manifest);
   }
 }
 

@@ -4,11 +4,11 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
-#include <variant>
 
 #include <sys/stat.h>
 
@@ -41,8 +41,9 @@ class ManifestFolder {
   };
   struct File {
     Version version;
-    bool isSettled = false;                            ///< A later change is sure to show in the version.
-    std::variant<Manifest, std::string, int> content;  ///< Never a shortage.
+    bool isSettled = false;            ///< A later change is sure to show in the version.
+    std::optional<Manifest> manifest;  ///< None where `refusal` says why.
+    std::string refusal;
     unsigned seen = 0;
   };
 

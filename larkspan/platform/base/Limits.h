@@ -21,8 +21,9 @@ inline constexpr std::size_t kMaximumInternedKeys = 1024;
 /// Room for two of the largest frames.
 inline constexpr std::size_t kMaximumOutbound = 2 * kMaximumFrame + 1024;
 
-/// Bytes of an extension's standard error that go to the log within `kPrintWindow`, each line counted with
-/// `kPrintOverhead` more: stops one that prints without end from filling the log.
+/// Bytes of an extension's standard error, and as many about its callbacks, that go to the log within
+/// `kPrintWindow`, each line counted with `kPrintOverhead` more: stops one that prints or calls without end
+/// from filling the log.
 inline constexpr std::size_t kMaximumPrint = 128 * 1024;
 inline constexpr std::size_t kPrintOverhead = 64;
 inline constexpr std::chrono::seconds kPrintWindow{10};

@@ -143,8 +143,9 @@ void Transport::route(const Frame& frame) {
   // Frames of a channel that was closed here may still be under way.
   if (!channel) return;
   if (frame.type == FrameType::close) {
-    channel->closed(transportError(TransportErrorCode::invalidated, name_ + " closed the channel"), true);
-    return forget(frame.channel);
+    forget(frame.channel, true);
+    return channel->closed(transportError(TransportErrorCode::invalidated, name_ + " closed the channel"),
+                           true);
   }
   channel->received(frame);
 }
@@ -168,18 +169,18 @@ bool Transport::open(uint32_t number, std::weak_ptr<Channel> channel) {
 
 void Transport::closeChannel(uint32_t number) {
   send(encodeChannelFrame(FrameType::close, number));
-  forget(number);
+  forget(number, false);
 }
 
-void Transport::forget(uint32_t number) {
+void Transport::forget(uint32_t number, bool byPeer) {
   bool last;
   {
     const std::lock_guard lock(mutex_);
     last = channels_.erase(number) > 0 && channels_.empty() && !closed_;
   }
   if (!last) return;
-  queue_->async([self = shared_from_this()] {
-    if (self->handlers_.onLastChannel) self->handlers_.onLastChannel();
+  queue_->async([self = shared_from_this(), byPeer] {
+    if (self->handlers_.onLastChannel) self->handlers_.onLastChannel(byPeer);
   });
 }
 

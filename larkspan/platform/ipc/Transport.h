@@ -51,8 +51,8 @@ class Transport : public std::enable_shared_from_this<Transport> {
     /// The peer opens a channel; answers who is at this end. Without this handler only this side may open
     /// channels.
     std::function<std::shared_ptr<Channel>(uint32_t channel)> onOpen;
-    /// The last channel has been closed, by either side; another may have been opened since: see `closeIfUnused`.
-    std::function<void()> onLastChannel;
+    /// The last channel has been closed; another may have been opened since: see `closeIfUnused`.
+    std::function<void(bool byPeer)> onLastChannel;
     /// The last callback, before the channels are told; the handlers are dropped after it.
     std::function<void(const Error& error)> onClose;
   };
@@ -97,7 +97,7 @@ class Transport : public std::enable_shared_from_this<Transport> {
   void finishClosing(std::unique_lock<std::mutex> lock, const Error& reason);
   void receive(Slice item);
   void route(const Frame& frame);
-  void forget(uint32_t number);
+  void forget(uint32_t number, bool byPeer);
 
   const std::shared_ptr<const Descriptor> socket_;  // Shared with the reading thread.
   const std::string name_;

@@ -88,11 +88,20 @@ bool send(int socket, const std::string& path, std::span<iovec> pieces) {
 
 }  // namespace
 
-JournalSink::JournalSink(std::string_view socketPath)
-    : socketPath_(socketPath), socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {}
+JournalSink::JournalSink(std::string_view socketPath) : socketPath_(socketPath) { socket(); }
 
 JournalSink::~JournalSink() {
   if (socket_ >= 0) close(socket_);
+}
+
+/// Made as soon as there is a descriptor for it; -1 where there is none.
+int JournalSink::socket() {
+  int known = socket_;
+  if (known >= 0) return known;
+  const int made = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (made < 0 || socket_.compare_exchange_strong(known, made)) return made;
+  close(made);  // Another thread was faster.
+  return known;
 }
 
 void JournalSink::write(const LogRecord& record) {
@@ -108,7 +117,7 @@ void JournalSink::write(const LogRecord& record) {
   if (dropped > 0) {
     fields.add("LARKSPAN_DROPPED", {digits, std::to_chars(digits, digits + sizeof digits, dropped).ptr});
   }
-  if (!send(socket_, socketPath_, fields.pieces())) {
+  if (!send(socket(), socketPath_, fields.pieces())) {
     dropped_.fetch_add(dropped + 1, std::memory_order_relaxed);
   }
 }

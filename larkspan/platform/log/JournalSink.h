@@ -12,8 +12,8 @@ namespace larkspan::platform {
 /// with MESSAGE=, PRIORITY=, SUBSYSTEM=, CATEGORY= and SYSLOG_IDENTIFIER=; what is too large for a datagram
 /// travels in a sealed memfd.
 /// Thread:  any; never blocks.
-/// Failure: a message that is not taken is dropped; the next one that is says in LARKSPAN_DROPPED= how many
-///          were.
+/// Failure: a message that is not taken, or for which there is no descriptor, is dropped; the next one that
+///          is says in LARKSPAN_DROPPED= how many were.
 class JournalSink : public LogSink {
  public:
   explicit JournalSink(std::string_view socketPath = "/run/systemd/journal/socket");
@@ -24,8 +24,10 @@ class JournalSink : public LogSink {
   void write(const LogRecord& record) override;
 
  private:
+  int socket();
+
   const std::string socketPath_;
-  const int socket_;
+  std::atomic<int> socket_ = -1;
   std::atomic<uint64_t> dropped_ = 0;
 };
 
