@@ -21,9 +21,6 @@ class Caches : public ExtensionTest {
     for (const auto& item : ask<LKSFetchResourcesOperation>()) result.emplace(*item.lks_name(), item);
     return result;
   }
-  std::string shell(const std::string& command) {
-    return platform::shell("cd " + tree.path() + " && set -e && " + command);
-  }
   std::string list() { return shell("find cache outside | sort | tr '\\n' ' '"); }
 
   const std::string cache = tree / "cache";

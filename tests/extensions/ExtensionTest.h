@@ -45,6 +45,10 @@ class ExtensionTest : public testing::Test {
     std::unique_lock lock(mutex);
     EXPECT_TRUE(changed.wait_for(lock, std::chrono::seconds(20), [&] { return count(name) > 0; })) << name;
   }
+  /// In the folder of the test.
+  std::string shell(const std::string& command) {
+    return platform::shell("cd " + tree.path() + " && set -e && " + command);
+  }
   void forgetNotices() {
     const std::lock_guard lock(mutex);
     heard.clear();

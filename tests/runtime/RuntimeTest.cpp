@@ -84,6 +84,13 @@ TEST(LKSOperation, TakesItsStepsInOrderAndPostsItsEndOnTheMainQueueLater) {
   clock.advance(1ns);
   EXPECT_EQ(operation->steps.back(), "LKSOperationDidFinishNotification");
 
+  const auto cancelled = Recorded::make();
+  cancelled->cancel();
+  cancelled->start();
+  clock.advance(kFinishDelay);
+  EXPECT_EQ(cancelled->steps, (Steps{"dequeue from none", "will isFinished", "did isFinished",
+                                     "LKSOperationDidFinishNotification"}));
+
   // Nothing guards against a second end: it overwrites, and posts again, without a further change.
   operation->steps.clear();
   operation->finishWithError(std::nullopt);
@@ -91,37 +98,7 @@ TEST(LKSOperation, TakesItsStepsInOrderAndPostsItsEndOnTheMainQueueLater) {
   clock.advance(kFinishDelay);
   EXPECT_EQ(operation->steps, (Steps{"dequeue from none", "LKSOperationDidFinishNotification"}));
   EXPECT_EQ(log.system().size(), 1u) << "success is not logged";
-  try {
-    operation->start();
-    FAIL();
-  } catch (const std::invalid_argument& error) {
-    EXPECT_STREQ(error.what(), "You can't start an operation more than once.");
-  }
-}
-
-TEST(LKSOperation, ThatIsCancelledFinishesWithoutRunningAsOftenAsItIsStarted) {
-  platform::ManualClock clock;
-  const auto operation = Recorded::make();
-  operation->cancel();
-  for (int i = 0; i < 2; ++i) operation->start();
-  clock.advance(kFinishDelay);
-  EXPECT_EQ(operation->steps,
-            (Steps{"dequeue from none", "will isFinished", "did isFinished", "dequeue from none",
-                   "LKSOperationDidFinishNotification", "LKSOperationDidFinishNotification"}));
-  EXPECT_TRUE(operation->isFinished() && !operation->error());
-  EXPECT_EQ(operation->startTime(), 0);
-  EXPECT_EQ(operation->duration(), 0);
-}
-
-TEST(LKSOperation, FinishesWithAnErrorWhenItsWorkThrows) {
-  struct Throwing : LKSOperation {
-    void main() override { throw std::runtime_error("broken"); }
-  };
-  const auto operation = LKSOperation::makeOperation<Throwing>();
-  LKSOperationQueue::serialBackgroundQueue()->addOperation(operation);
-  operation->waitUntilFinished();
-  EXPECT_EQ(operation->error(),
-            Error("LKSExtensionOperationErrorDomain", operation->error()->code(), "broken"));
+  EXPECT_THROW(operation->start(), std::invalid_argument);
 }
 
 TEST(LKSOperationQueue, TellsOperationsThatTheyAreQueuedAndWhichQueueRanThem) {
@@ -129,16 +106,19 @@ TEST(LKSOperationQueue, TellsOperationsThatTheyAreQueuedAndWhichQueueRanThem) {
   const auto queue = std::make_shared<LKSOperationQueue>();
   const auto first = Recorded::make(), unhooked = Recorded::make();
   const auto empty = std::make_shared<LKSBlockOperation>();
-  const auto later = std::make_shared<LKSBlockOperation>([](LKSBlockOperation& self) {
-    std::thread([&self, keep = self.shared_from_this()] { self.finishWithError(Error("test", 2)); }).join();
-  });
+  const auto later = std::make_shared<LKSBlockOperation>(
+      [](LKSBlockOperation& self) { self.finishWithError(Error("test", 2)); });
+  const auto throwing =
+      std::make_shared<LKSBlockOperation>([](LKSBlockOperation&) { throw std::runtime_error("broken"); });
   queue->setSuspended(true);
-  queue->addOperations({first, std::make_shared<platform::Operation>(), empty, later});
+  queue->addOperations({first, std::make_shared<platform::Operation>(), empty, later, throwing});
   EXPECT_EQ(first->steps, Steps{"enqueue"});
   queue->setSuspended(false);
   empty->waitUntilFinished();
   later->waitUntilFinished();
+  throwing->waitUntilFinished();
   EXPECT_FALSE(empty->error());
+  EXPECT_EQ(throwing->error().value().localizedDescription(), "broken");
   EXPECT_EQ(later->error(), Error("test", 2));
   EXPECT_EQ(later->operationQueue(), queue);
   while (!first->isExecuting()) std::this_thread::yield();
@@ -149,16 +129,6 @@ TEST(LKSOperationQueue, TellsOperationsThatTheyAreQueuedAndWhichQueueRanThem) {
   EXPECT_EQ(std::count(first->steps.begin(), first->steps.end(), "dequeue"), 1);
   EXPECT_EQ(std::count(unhooked->steps.begin(), unhooked->steps.end(), "enqueue"), 0);
   clock.advance(kFinishDelay);
-}
-
-TEST(LKSOperationQueue, SharesTwoQueuesPerProcess) {
-  const auto& concurrent = LKSOperationQueue::concurrentBackgroundQueue();
-  EXPECT_EQ(concurrent->maxConcurrentOperationCount(), 2 * platform::HostFacts::current().processorCount);
-  EXPECT_EQ(static_cast<int>(concurrent->qualityOfService()), -1);
-  const auto& serial = LKSOperationQueue::serialBackgroundQueue();
-  EXPECT_EQ(serial, LKSOperationQueue::serialBackgroundQueue());
-  EXPECT_EQ(serial->maxConcurrentOperationCount(), 1);
-  EXPECT_EQ(static_cast<int>(serial->qualityOfService()), 17);
 }
 
 TEST(Log, WritesWholeMessagesToOneChannel) {
@@ -179,19 +149,13 @@ TEST(HostFacts, AreWhatTheMachineSaysAndErrorsFlattenToTheirTexts) {
   const std::string release = "# comment\nVERSION_IDX=1\nVERSION_ID=\"12 \\\"x\\\"\"\nEMPTY=\n";
   EXPECT_EQ(platform::osReleaseValue(release, "VERSION_ID"), "12 \"x\"");
   EXPECT_EQ(platform::osReleaseValue(release, "EMPTY"), std::nullopt);
-
   EXPECT_TRUE(LKSStorageIsUserVolumeMountPath("/System/Volumes/Database"));
-  for (const char* other : {"/", "", "/system/volumes/data", "/Volumes/Data"}) {
-    EXPECT_FALSE(LKSStorageIsUserVolumeMountPath(other)) << other;
-  }
+  EXPECT_FALSE(LKSStorageIsUserVolumeMountPath("/system/volumes/data"));
 
-  const platform::Dictionary all{{platform::kLocalizedDescriptionKey, "what"},
-                                 {platform::kLocalizedFailureReasonKey, "why"},
-                                 {platform::kLocalizedRecoverySuggestionKey, "what now"},
-                                 {platform::kHelpAnchorKey, "where"}};
-  platform::Dictionary more = all;
+  const platform::Dictionary text{{platform::kLocalizedDescriptionKey, "what"}};
+  platform::Dictionary more = text;
   more.set("other", 1);
-  EXPECT_EQ(LKSConvertNSErrorToDictionary(Error("d", 1, more)), all);
+  EXPECT_EQ(LKSConvertNSErrorToDictionary(Error("d", 1, more)), text);
   EXPECT_EQ(LKSConvertNSErrorToDictionary(Error("d", 1)).size(), 1u) << "there is always a description";
 }
 
@@ -221,42 +185,27 @@ TEST_F(Throttle, RunsOnlyTheLastBlockOfABurstADelayAfterIt) {
   clock.advance(1s);
   EXPECT_EQ(ran, "cx");
   EXPECT_TRUE(DispatchSourcesDictionary().empty());
-  throttle("key", "d", 0);
+  // A block that throttles its own key starts afresh.
+  ThrottleOnMainQueue(
+      "key", [this] { throttle("key", "d", 1); }, 0);
   EXPECT_EQ(ran, "cx") << "returns at once";
   clock.advance(0s);
+  EXPECT_EQ(ran, "cx");
+  clock.advance(1s);
   EXPECT_EQ(ran, "cxd");
 }
 
-TEST_F(Throttle, StartsAfreshWhenTheBlockThrottlesItsOwnKey) {
-  const auto again = [this] { throttle("key", "second", 1); };
-  ThrottleOnMainQueue("key", again, 1);
-  clock.advance(1s);
-  EXPECT_EQ(ran, "");
-  clock.advance(1s);
-  EXPECT_EQ(ran, "second");
-}
-
-TEST_F(Throttle, DropsTheBlockAndSaysSoWithoutAKey) {
-  testing::internal::CaptureStderr();
+TEST_F(Throttle, DropsABlockWithoutAKeyAndAStartedTimerRepeatsUntilCancelled) {
+  CapturedLog log;
   ThrottleOnMainQueue(
       std::nullopt, [this] { ran += "never"; }, 0);
-  EXPECT_NE(testing::internal::GetCapturedStderr().find("sp_throttleOnMainQueue: uuid can not be nil\n"),
-            std::string::npos);
-  clock.advance(10s);
-  EXPECT_EQ(ran, "");
-}
-
-TEST_F(Throttle, AStartedTimerRepeatsUntilCancelledOrFiresOnce) {
-  const auto queue = DispatchQueue::makeSerial("test.started");
-  const auto once = StartedDispatchTimer(
-      false, queue, [this] { ran += "o"; }, 0.5);
+  EXPECT_EQ(log.console(), Steps{"sp_throttleOnMainQueue: uuid can not be nil"});
   const auto repeating = StartedDispatchTimer(
-      true, queue, [this] { ran += "r"; }, 2);
+      true, DispatchQueue::makeSerial("test.started"), [this] { ran += "r"; }, 2);
   clock.advance(7s);
-  EXPECT_EQ(ran, "orrr");
   repeating->cancel();
   clock.advance(7s);
-  EXPECT_EQ(ran, "orrr");
+  EXPECT_EQ(ran, "rrr");
 }
 
 }  // namespace

@@ -43,26 +43,25 @@ TEST(NotificationCenter, LetsHandlersPostRegisterEndAndThrow) {
   NotificationCenter center;
   std::string log;
   Token late, self, next;
+  const auto notes = [&](const char* text) { return [&log, text](const Notification&) { log += text; }; };
   const Token first = center.addObserver("outer", nullptr, [&](const Notification&) {
     log += "first ";
     center.post("inner");
-    if (log == "first inner ") late = center.addObserver("outer", nullptr, [&](auto&) { log += "late "; });
+    if (log == "first inner ") late = center.addObserver("outer", nullptr, notes("late "));
     next.reset();  // told in the same post, had it lasted
   });
-  const Token inner = center.addObserver("inner", nullptr, [&](auto&) { log += "inner "; });
+  const Token inner = center.addObserver("inner", nullptr, notes("inner "));
   self = center.addObserver("outer", nullptr, [&](auto&) {
     log += "self ";
     self.reset();
   });
-  next = center.addObserver("outer", nullptr, [&](auto&) { log += "next "; });
-  center.post("outer");
-  EXPECT_EQ(log, "first inner self ");
-  center.post("outer");
+  next = center.addObserver("outer", nullptr, notes("next "));
+  for (int i = 0; i < 2; ++i) center.post("outer");
   EXPECT_EQ(log, "first inner self first inner late ");
 
   const Token thrower = center.addObserver("throw", nullptr, [](auto&) { throw std::runtime_error("x"); });
   EXPECT_THROW(center.post("throw"), std::runtime_error);
-  const Token orphan = NotificationCenter().addObserver("outer", nullptr, [](auto&) {});
+  const Token orphan = NotificationCenter().addObserver("outer", nullptr, notes("orphan "));
 }
 
 TEST(NotificationCenter, TokensWaitForTheHandlerOnAnotherThread) {

@@ -31,9 +31,7 @@ TEST(Format, PrintsWhateverAnArgumentIsAndMisreadsNone) {
   EXPECT_EQ(format("%d %f %.1f", uint64_t{1} << 63, 2, -2), "9223372036854775808 2.000000 -2.0");
   EXPECT_EQ(format("%2$@ %1$ld %2$@ %3$@ %@", 1, "b"), "b 1 b (null) 1");
   EXPECT_EQ(format("[%5@] [%-5s] [%05@]", "ab", "cd", 7), "[   ab] [cd   ] [    7]");
-}
-
-TEST(Format, LeavesWhatIsNoConversionAsItStands) {
+  // What is no conversion stays as it stands.
   EXPECT_EQ(format("100%% %y %-5.3lk %*d"), "100% %y %-5.3lk %*d");
   EXPECT_EQ(format("%@ %5$d %999999999999$@"), "(null) (null) (null)");
   EXPECT_EQ(format("%999999999999d", 1).size(), 255u);

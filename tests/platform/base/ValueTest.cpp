@@ -173,8 +173,7 @@ TEST(Dictionary, IsWrittenInPlaceOnlyAfterTheLastReaderOnAnotherThreadHasLeft) {
 }
 
 TEST(Error, TellsWhatItCarriesAndMakesUpADescription) {
-  EXPECT_EQ(Error("d", 5, {{kLocalizedDescriptionKey, 7}}).localizedDescription(),
-            "The operation could not be completed (d error 5).");
+  EXPECT_EQ(Error("d", 5).localizedDescription(), "The operation could not be completed (d error 5).");
   EXPECT_EQ(Error::posix(ENOENT, "open /x\xFF").description(),
             "Error Domain=POSIX Code=2 \"open /x\xEF\xBF\xBD: No such file or directory\"");
 }

@@ -48,23 +48,23 @@ std::shared_ptr<Operation> block(std::function<void()> work = [] {}) {
 TEST(Operation, AnnouncesItsStatesWhenStartedByHandAndStartsOnce) {
   std::string seen;
   const auto operation = block([&] { seen += "main "; });
-  const auto noteAll = [&](const char* key, bool (Operation::*value)() const) {
-    return operation->observe(key, [&, key, value](KeyChange change) {
+  std::vector<KeyObservation> observations;
+  for (const char* key : {"isExecuting", "isFinished"}) {
+    observations.push_back(operation->observe(key, [&, key](KeyChange change) {
       seen += std::string(change == KeyChange::will ? "will " : "did ") + key + "=" +
-              (((*operation).*value)() ? "1 " : "0 ");
-    });
-  };
-  const auto executing = noteAll("isExecuting", &Operation::isExecuting);
-  const auto finished = noteAll("isFinished", &Operation::isFinished);
+              (operation->isExecuting()  ? "executing "
+               : operation->isFinished() ? "finished "
+                                         : "neither ");
+    }));
+  }
   const auto other = block();
   operation->addDependency(other);
   EXPECT_THROW(operation->start(), std::invalid_argument);
   other->start();
   operation->start();
-  EXPECT_EQ(
-      seen,
-      "will isExecuting=0 did isExecuting=1 main will isExecuting=1 will isFinished=0 did isExecuting=0 "
-      "did isFinished=1 ");
+  EXPECT_EQ(seen,
+            "will isExecuting=neither did isExecuting=executing main will isExecuting=executing will "
+            "isFinished=executing did isExecuting=finished did isFinished=finished ");
   EXPECT_TRUE(operation->dependencies().empty());
   EXPECT_THROW(operation->start(), std::invalid_argument);
   EXPECT_THROW(operation->addDependency(operation), std::invalid_argument);
@@ -75,8 +75,7 @@ TEST(Operation, AnnouncesItsStatesWhenStartedByHandAndStartsOnce) {
   const auto key = cancelled->observe("isFinished", [&](KeyChange) { seen += "change "; });
   (void)cancelled->observe("isFinished", [&](KeyChange) { seen += "never "; });
   cancelled->cancel();
-  cancelled->start();
-  cancelled->start();
+  for (int i = 0; i < 2; ++i) cancelled->start();
   EXPECT_EQ(seen, "change change ");
 }
 

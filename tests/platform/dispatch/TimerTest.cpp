@@ -99,25 +99,6 @@ TEST_F(ManualTimer, LeavesOutTheTimesItMissedAndKeepsToItsGrid) {
   EXPECT_EQ(fired, (Fired{{4, 0s}, {1, 5500ms}, {2, 5500ms}, {1, 6s}, {1, 7s}}));
 }
 
-TEST_F(ManualTimer, AdvanceFollowsChainsAcrossQueuesIncludingTheMainQueue) {
-  int steps = 0;
-  std::function<void()> step = [&] {
-    note(++steps);
-    if (steps == 6) return;
-    const auto next = steps % 2 ? DispatchQueue::main() : queue;
-    next->after(10ms, [&, next] {
-      DispatchQueue::global(QualityOfService::utility)->async([&] { queue->async(step); });
-    });
-  };
-  queue->after(10ms, step);
-  clock.advance(45ms);
-  EXPECT_EQ(fired, (Fired{{1, 10ms}, {2, 20ms}, {3, 30ms}, {4, 40ms}}));
-  queue->sync([&] { EXPECT_THROW(clock.advance(1s), std::logic_error); });
-  clock.advance(1s);
-  EXPECT_EQ(steps, 6);
-  EXPECT_EQ(fired.back(), std::pair(6, Nanoseconds(60ms)));
-}
-
 TEST(Timer, FiresOnTheSystemClockAndNotEarly) {
   const MonotonicTime start = Clock::current().monotonicNow();
   std::promise<MonotonicTime> fired;
