@@ -1,4 +1,5 @@
-// What the machine itself takes: the same bytes over a socket pair between two processes that do nothing else.
+// What the machine itself takes: the same bytes over a socket pair between two processes that do nothing
+// else.
 
 #include <benchmark/benchmark.h>
 

@@ -1,5 +1,5 @@
-// The road of a command: from the handle to the provider's operation in a process of its own and back, what the answer's
-// archive costs, and how long it takes to find the extensions.
+// The road of a command: from the handle to the provider's operation in a process of its own and back, what
+// the answer's archive costs, and how long it takes to find the extensions.
 
 #include "larkspan/host/LKSHostExtensionContext.h"
 #include "larkspan/host/LKSOpaqueExtension.h"

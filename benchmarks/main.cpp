@@ -1,5 +1,5 @@
-// Runs the competitors in turns and ends with a table of ratios: what counts is not the time, which depends on the machine
-// and on what else it does, but how we compare with others in the same run.
+// Runs the competitors in turns and ends with a table of ratios: what counts is not the time, which depends
+// on the machine and on what else it does, but how we compare with others in the same run.
 
 #include <benchmark/benchmark.h>
 

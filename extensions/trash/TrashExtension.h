@@ -10,10 +10,10 @@ namespace larkspan::trash {
 
 /// Shows what lies in the user's trash folders, on all local volumes, and deletes it for good.
 ///
-/// What is listed says what it was when it was listed: an entry carries its identity as its reference, the summary
-/// and the tip the time of the latest entry that they speak of. So nothing goes that was trashed after somebody was
-/// asked. Hosts hear when something is trashed or restored, and when a volume comes or goes.
-/// A walk serves all questions of the next ten seconds, unless something happens meanwhile.
+/// What is listed says what it was when it was listed: an entry carries its identity as its reference, the
+/// summary and the tip the time of the latest entry that they speak of. So nothing goes that was trashed
+/// after somebody was asked. Hosts hear when something is trashed or restored, and when a volume comes or
+/// goes. A walk serves all questions of the next ten seconds, unless something happens meanwhile.
 class TrashExtension final : public LKSExtension {
  public:
   std::vector<std::string> categories() override;
@@ -24,8 +24,8 @@ class TrashExtension final : public LKSExtension {
   bool showsSummaryPanel() override { return true; }
   int64_t totalSpaceUsed() override;
 
-  /// The summary, then the entries, the latest first. An entry's modification date is when it was deleted, its
-  /// secondary title where it was.
+  /// The summary, then the entries, the latest first. An entry's modification date is when it was deleted,
+  /// its secondary title where it was.
   std::vector<LKSResource> resourceItems() override;
   std::optional<LKSConfirmPanel> confirmationTextForDelete(const std::vector<LKSResource>& items) override;
   std::optional<platform::Error> deleteResourceItems(const std::vector<LKSResource>& items) override;

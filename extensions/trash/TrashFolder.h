@@ -31,10 +31,10 @@ struct TrashEntry {
   int64_t bytes = 0;
 };
 
-/// A trash folder of the user (freedesktop.org's trash-spec, version 1.0): "files" holds what was deleted, "info" a
-/// file for each that tells where it came from. What lies in "files" without an info file, such as what an
-/// interrupted restoration left behind, is an entry all the same. An info file alone is none: it belongs to
-/// something that is just being moved in, or that is gone.
+/// A trash folder of the user (freedesktop.org's trash-spec, version 1.0): "files" holds what was deleted,
+/// "info" a file for each that tells where it came from. What lies in "files" without an info file, such as
+/// what an interrupted restoration left behind, is an entry all the same. An info file alone is none: it
+/// belongs to something that is just being moved in, or that is gone.
 /// Owner:   the caller.
 /// Thread:  any, one at a time; everything reads the disk and blocks.
 /// Limits:  a folder that links or other mounts lead out of is passed over, so that whoever else may write to
@@ -52,8 +52,8 @@ class TrashFolder {
   /// The entry at the URL, from wherever that comes, if it is one of this folder's and still the same. A
   /// folder is not sized.
   std::optional<TrashEntry> find(const platform::URL& url) const;
-  /// Deletes an entry of this folder, its content first and its info file last: what could not go can still be
-  /// restored.
+  /// Deletes an entry of this folder, its content first and its info file last: what could not go can still
+  /// be restored.
   std::optional<platform::Error> remove(const TrashEntry& entry) const;
   /// Removes info files of nothing that are older than an hour.
   void removeStrayInfo() const;

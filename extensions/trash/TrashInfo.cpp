@@ -23,6 +23,8 @@ std::optional<platform::Date> localDate(const std::string& text) {
 
 bool climbs(const std::string& path) { return ("/" + path + "/").find("/../") != path.npos; }
 
+/// Not with `KeyFile`, which refuses what the trash-spec lets stand: a key that comes twice, lines as long as
+/// the longest path, bytes that are no text.
 void parse(std::string_view content, TrashInfo& info) {
   bool isInGroup = false, hasPath = false;
   while (!content.empty()) {

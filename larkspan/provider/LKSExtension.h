@@ -48,8 +48,8 @@ class LKSExtension : public LKSRemoteExtensionContextProtocol,
   /// The panel that asks before these resources are deleted, or nothing. Default: how many, and how much that
   /// frees.
   virtual std::optional<LKSConfirmPanel> confirmationTextForDelete(const std::vector<LKSResource>& items);
-  /// The panel that asks before the summary is acted on, or nothing. Default: one that tells the author to write it; so
-  /// does the next.
+  /// The panel that asks before the summary is acted on, or nothing. Default: one that tells the author to
+  /// write it; so does the next.
   virtual std::optional<LKSConfirmPanel> confirmationTextForSummaryAction(
       const std::optional<LKSSummaryResource>& item);
   virtual std::optional<LKSConfirmPanel> confirmationTextForTipAction(

@@ -15,8 +15,8 @@ namespace larkspan {
 
 /// Posted on the thread that starts the operation, before it executes; the object is the operation.
 inline constexpr platform::Key LKSOperationWillStartNotification = "LKSOperationWillStartNotification";
-/// Posted on the main queue at least 10 ms after the operation finished; the object is the operation. A program that
-/// does not run its main queue never hears it, and keeps every finished operation.
+/// Posted on the main queue at least 10 ms after the operation finished; the object is the operation. A
+/// program that does not run its main queue never hears it, and keeps every finished operation.
 inline constexpr platform::Key LKSOperationDidFinishNotification = "LKSOperationDidFinishNotification";
 
 /// An asynchronous operation: it goes on executing after `main` has returned and ends only when somebody

@@ -9,8 +9,8 @@
 
 namespace larkspan::platform {
 
-/// Bytes that are appended to: as std::string, but what is written need not be filled first, and a large buffer grows by
-/// moving its pages instead of copying them (realloc(3)).
+/// Bytes that are appended to: as std::string, but what is written need not be filled first, and a large
+/// buffer grows by moving its pages instead of copying them (realloc(3)).
 /// Owner:   a value that moves.
 /// Thread:  one at a time.
 /// Failure: std::bad_alloc where there is no memory.

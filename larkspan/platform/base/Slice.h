@@ -41,8 +41,8 @@ class Slice {
   static Slice adopt(ByteBuffer buffer) noexcept;
   /// A new block of `size` bytes, to be filled through `writable` before the slice is shared.
   static Slice allocate(std::size_t size, char*& writable);
-  /// Gives a block that `allocate` made, and that is not shared yet, another size. Its bytes stay as far as they
-  /// fit, but may move: `writable` is set anew.
+  /// Gives a block that `allocate` made, and that is not shared yet, another size. Its bytes stay as far as
+  /// they fit, but may move: `writable` is set anew.
   void resize(std::size_t size, char*& writable);
 
   /// `length` bytes from `offset`, sharing the block; both must lie inside.

@@ -25,10 +25,11 @@ class PooledQueue : public DispatchQueue {
 /// A pool keeps as many workers as there are processors. Only when work waits and no worker has taken any for
 /// some milliseconds does the pool's monitor look at the workers, and adds one for each processor that they
 /// leave unused because they are blocked, up to `kMaxWorkers`. A worker without work sleeps for seconds, then
-/// ends. It does not look for work by spinning first: a thread that posts and then blocks, as one that reads from a
-/// socket does, is followed by the worker on the same processor, which is cheaper than keeping another one busy. At
-/// most one worker is on its way to the work at a time, and it wakes the next when it finds more than it takes: a
-/// burst of tasks does not wake the whole pool, and a task posted while a worker is on its way costs no system call.
+/// ends. It does not look for work by spinning first: a thread that posts and then blocks, as one that reads
+/// from a socket does, is followed by the worker on the same processor, which is cheaper than keeping another
+/// one busy. At most one worker is on its way to the work at a time, and it wakes the next when it finds more
+/// than it takes: a burst of tasks does not wake the whole pool, and a task posted while a worker is on its
+/// way costs no system call.
 ///
 /// Limits: `kMaxWorkers` tasks that are all blocked on tasks queued behind them wait forever.
 class WorkerPool {
