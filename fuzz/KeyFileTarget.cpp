@@ -9,25 +9,6 @@ namespace larkspan::fuzz {
 
 using namespace platform;
 
-namespace {
-
-/// Looks up what a line of an accepted file says.
-void lookUp(const KeyFile& file, const std::string& group, std::string_view line) {
-  const std::string_view key = line.substr(0, line.find_first_of(" \t[="));
-  const std::string_view name = line.substr(0, line.find('='));
-  const auto bracket = name.find('[');
-  const auto plain = file.string(group, key);
-  const auto text = file.localizedString(
-      group, key, bracket == name.npos ? "" : name.substr(bracket + 1, name.find(']') - bracket - 1));
-  expect(text && isValidUtf8(*text), "a key is found");
-  expect(bracket != name.npos || text == plain, "without a locale the plain text is");
-  const auto flag = file.boolean(group, key);
-  expect(!flag || plain == (*flag ? "true" : "false"), "a boolean is one of two texts");
-  expect(!file.string("no " + group, key), "a key is in its group only");
-}
-
-}  // namespace
-
 void keyfile(std::string_view input) {
   KeyFileError error;
   const auto file = KeyFile::parse(input, error);
@@ -35,6 +16,7 @@ void keyfile(std::string_view input) {
   expect(error.reason.empty() == file.has_value() && static_cast<std::ptrdiff_t>(error.line) <= lines,
          "a refusal has a line and a reason");
   if (!file) return;
+  // Looks up what each line says.
   std::string group;
   for (std::string_view rest = input; !rest.empty();) {
     const std::string_view line = rest.substr(0, rest.find('\n'));
@@ -43,7 +25,10 @@ void keyfile(std::string_view input) {
       group = line.substr(1, line.find(']') - 1);
       expect(file->hasGroup(group), "a group is found");
     } else if (!line.starts_with('#') && line.find('=') != line.npos) {
-      lookUp(*file, group, line);
+      const std::string_view key = line.substr(0, line.find_first_of(" \t[="));
+      const auto text = file->localizedString(group, key, line.substr(key.size() + 1, line.find(']')));
+      expect(!text || isValidUtf8(*text), "a text is well-formed");
+      expect(line[key.size()] == '[' || file->string(group, key), "a key is found");
     }
   }
 }

@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -69,13 +68,6 @@ void Program::read(int& descriptor, std::string& text) {
   } else {
     close(std::exchange(descriptor, -1));
   }
-}
-
-std::string Program::readLine() {
-  while (output_ >= 0 && outcome_.output.find('\n') == outcome_.output.npos) read(output_, outcome_.output);
-  const std::string line = outcome_.output.substr(0, outcome_.output.find('\n'));
-  outcome_.output.erase(0, line.size() + 1);
-  return line;
 }
 
 void Program::closeOutput() { close(std::exchange(output_, -1)); }

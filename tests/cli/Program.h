@@ -33,8 +33,6 @@ class Program {
   void start(const std::vector<std::string>& arguments, const std::string& input = "",
              const std::vector<std::string>& under = {});
   pid_t process() const { return process_; }
-  /// The next line of the output, without its end.
-  std::string readLine();
   void closeOutput();
   /// Returns once the command has said this much on standard output (else standard error), or has ended.
   void awaitText(std::string_view text, bool onOutput);

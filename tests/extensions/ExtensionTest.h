@@ -3,12 +3,12 @@
 #include "larkspan/host/LKSExtensionOperation.h"
 #include "larkspan/platform/base/NotificationCenter.h"
 #include "tests/platform/files/TestTree.h"
+#include "tests/support/Collector.h"
 #include "tests/support/ManifestTree.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <condition_variable>
 
 namespace larkspan::tests {
 
@@ -22,11 +22,8 @@ class ExtensionTest : public testing::Test {
                 platform::readManifest(LARKSPAN_TEST_BIN "/../share/larkspan/extensions/corvane.larkspan." +
                                        name + ".extension"))))),
         observer(platform::NotificationCenter::defaultCenter().addObserver(
-            std::nullopt, handle.get(), [this](const platform::Notification& notification) {
-              const std::lock_guard lock(mutex);
-              heard.push_back(notification.name);
-              changed.notify_all();
-            })) {}
+            std::nullopt, handle.get(),
+            [this](const platform::Notification& notification) { heard.push(notification.name); })) {}
   ~ExtensionTest() override { handle->abandon(); }
 
   /// The answer; why there is none is then in `error`.
@@ -40,25 +37,19 @@ class ExtensionTest : public testing::Test {
     error = operation->error() ? operation->error()->localizedDescription() : "";
     return operation->returnedItems().value_or(Items());
   }
-  long count(std::string_view name) { return std::count(heard.begin(), heard.end(), name); }
   void expectNotice(std::string_view name) {
-    std::unique_lock lock(mutex);
-    EXPECT_TRUE(changed.wait_for(lock, std::chrono::seconds(20), [&] { return count(name) > 0; })) << name;
+    const auto has = [name](const auto& names) { return std::count(names.begin(), names.end(), name) > 0; };
+    EXPECT_TRUE(has(heard.waitUntil(has))) << name;
   }
   /// In the folder of the test.
   std::string shell(const std::string& command) {
     return platform::shell("cd " + tree.path() + " && set -e && " + command);
   }
-  void forgetNotices() {
-    const std::lock_guard lock(mutex);
-    heard.clear();
-  }
+  void forgetNotices() { heard.clear(); }
 
   platform::TestTree tree;
   std::string error;
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::vector<std::string> heard;
+  Collector<std::string> heard;
   const std::shared_ptr<LKSOpaqueExtension> handle;
   const platform::NotificationCenter::Token observer;
 };

@@ -211,7 +211,6 @@ TEST_F(Hostile, ABadFrameIsNamedInOneLineAndEndsThatConnectionAlone) {
       {"=8404!" + text(kNotifyTotalSpaceUsedDidChange) + "82" + text("x") + text("y"),
        "A string is not allowed here"},
       {"+0000000984 eof", "The connection ended inside a frame"},
-      {"fds eof", "The connection ended inside a frame"},
   };
   add("good", kGood);
   for (std::size_t i = 0; i < std::size(cases); ++i) {
@@ -435,6 +434,26 @@ TEST_F(Hostile, WithoutDescriptorsManifestsStayAndNewOnesComeOnceThereAreSome) {
     ASSERT_EQ(all.size(), before + 1);
     EXPECT_EQ(all.back().size(), 2 + left);
   }
+}
+
+TEST_F(Hostile, ANotifierHandsOverTheWholeSetOnEachChangeWhileItIsStarted) {
+  notifier->setDelegate(delegate);
+  for (int i = 0; i < 2; ++i) notifier->start();
+  EXPECT_EQ(sets.waitFor(1).size(), 1u) << "the empty set is no error, and it starts once";
+  add("b", kGood);
+  EXPECT_EQ(sets.waitFor(2).back().size(), 1u);
+  for (int i = 0; i < 2; ++i) notifier->stop();
+  notifier->serialAccessQueue()->sync([] {});
+  EXPECT_EQ(notifier->matchingContext(), nullptr);
+  add("a", kGood);
+  notifier->start();
+  const auto all = sets.waitFor(3);
+  EXPECT_EQ(all.back().at(0)->identifier() + all.back().at(1)->identifier(), "ab");
+  notifier->handleMatchingResponse(std::nullopt, Error("test", 4));
+  notifier->setDelegate(nullptr);
+  notifier->handleMatchingResponse(std::vector<platform::Manifest>{}, std::nullopt);
+  EXPECT_EQ(errors.now(), std::vector{Error("test", 4)});
+  EXPECT_EQ(sets.now().size(), 3u);
 }
 
 }  // namespace

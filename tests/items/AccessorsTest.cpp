@@ -128,14 +128,8 @@ TEST(Accessors, StoreUnderTheirKeysAndHaveOlderNames) {
   flag("_SKIP_CONFIRMATION_", Value(), FIELD(S, skipConfirmation, SkipConfirmation));
   flag("_IS_DESTRUCTIVE", Value(), FIELD(S, isDestructive, IsDestructive));
 
-  using P = LKSConfirmPanel;
-  object("_CONFIRM_TITLE_", "text", FIELD(P, confirmTitle, ConfirmTitle));
-  object("_CONFIRM_MESSAGE_", "text", FIELD(P, confirmMessage, ConfirmMessage));
-  object("_CONFIRM_OK_", "text", FIELD(P, confirmOKButtonTitle, ConfirmOKButtonTitle));
-  object("_CONFIRM_CANCEL_", "text", FIELD(P, confirmCancelButtonTitle, ConfirmCancelButtonTitle));
+  using P = LKSConfirmPanel;  // Its other texts are those above.
   object("_OPTION_TITLE_", "text", FIELD(P, confirmOptionTitle, ConfirmOptionTitle));
-  object("_OPTION_MESSAGE_", "text", FIELD(P, confirmOptionMessage, ConfirmOptionMessage));
-  object("_OPTION_CHKBOX_", "text", FIELD(P, confirmOptionCheckbox, ConfirmOptionCheckbox));
   number("_OPTION_CHKBOX_STATE_", 0, FIELD(P, confirmOptionCheckboxState, ConfirmOptionCheckboxState));
   number("_OPTION_MENU_INDEX", 0, FIELD(P, confirmOptionMenuIndex, ConfirmOptionMenuIndex));
   object("_OPTION_MENU", Array{"one", "two"}, FIELD(P, confirmOptionMenuItems, ConfirmOptionMenuItems));

@@ -1,9 +1,9 @@
 #pragma once
 
 #include "larkspan/platform/log/LogSink.h"
+#include "tests/support/Collector.h"
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -12,42 +12,24 @@ namespace larkspan::tests {
 /// Takes what is logged while it lives, in place of the journal and standard error.
 class CapturedLog {
  public:
-  struct Line {
-    platform::LogChannel channel;
-    platform::LogLevel level;
-    std::string subsystem, category, message;
-  };
-
-  CapturedLog() : sink_(std::make_shared<Sink>()), scope_(sink_) {}
-
-  std::vector<Line> lines() const {
-    std::lock_guard lock(sink_->mutex);
-    return sink_->lines;
-  }
+  /// "SUBSYSTEM/CATEGORY: MESSAGE" of both channels.
+  std::vector<std::string> lines() const { return sink_->lines.now(); }
   /// The messages of one channel, exactly as they were logged.
-  std::vector<std::string> messages(platform::LogChannel channel) const {
-    std::vector<std::string> result;
-    for (const Line& line : lines()) {
-      if (line.channel == channel) result.push_back(line.message);
-    }
-    return result;
-  }
-  std::vector<std::string> console() const { return messages(platform::LogChannel::console); }
-  std::vector<std::string> system() const { return messages(platform::LogChannel::system); }
+  std::vector<std::string> console() const { return sink_->console.now(); }
+  std::vector<std::string> system() const { return sink_->system.now(); }
 
  private:
   struct Sink : platform::LogSink {
-    void write(const platform::LogRecord& r) override {
-      std::lock_guard lock(mutex);
-      lines.push_back(
-          {r.channel, r.level, std::string(r.subsystem), std::string(r.category), std::string(r.message)});
+    void write(const platform::LogRecord& record) override {
+      const std::string message(record.message);
+      (record.channel == platform::LogChannel::console ? console : system).push(message);
+      lines.push(std::string(record.subsystem).append("/").append(record.category) + ": " + message);
     }
-    std::mutex mutex;
-    std::vector<Line> lines;
+    Collector<std::string> lines, console, system;
   };
 
-  std::shared_ptr<Sink> sink_;
-  platform::ScopedLogSink scope_;
+  const std::shared_ptr<Sink> sink_ = std::make_shared<Sink>();
+  const platform::ScopedLogSink scope_{sink_};
 };
 
 }  // namespace larkspan::tests

@@ -19,9 +19,18 @@ class Collector {
   }
   /// All that came once there are `count` of them, or when ten seconds have passed.
   std::vector<T> waitFor(std::size_t count) {
+    return waitUntil([count](const auto& values) { return values.size() >= count; });
+  }
+  /// All that came once that is enough, or when ten seconds have passed.
+  template <typename Condition>
+  std::vector<T> waitUntil(Condition isEnough) {
     std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, std::chrono::seconds(10), [&] { return values_.size() >= count; });
+    changed_.wait_for(lock, std::chrono::seconds(10), [&] { return isEnough(values_); });
     return values_;
+  }
+  void clear() {
+    const std::lock_guard lock(mutex_);
+    values_.clear();
   }
   std::vector<T> now() {
     const std::lock_guard lock(mutex_);

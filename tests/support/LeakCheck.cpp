@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -20,6 +19,7 @@
 #include <thread>
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace larkspan::tests {
 namespace {
@@ -37,13 +37,11 @@ Names living() {
   namespace fs = std::filesystem;
   Names names;
   std::error_code gone;
-  Names descriptors;
-  for (const auto& entry : fs::directory_iterator("/proc/self/fd"))
-    descriptors.insert(entry.path().filename());
-  for (const std::string& number : descriptors) {
-    // The one that listed the folder is closed by now.
-    const fs::path target = fs::read_symlink("/proc/self/fd/" + number, gone);
-    if (!gone) names.insert("descriptor " + number + " (" + target.string() + ")");
+  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+    const std::string target = fs::read_symlink(entry.path(), gone);
+    // Not the one that lists the folder.
+    if (target != "/proc/" + std::to_string(getpid()) + "/fd")
+      names.insert("descriptor " + entry.path().filename().string() + " (" + target + ")");
   }
   for (const auto& entry : fs::directory_iterator("/proc/self/task")) {
     const std::string name = firstLine(entry.path() / "comm");
@@ -51,13 +49,10 @@ Names living() {
     if (!name.empty() && !lasts) {
       names.insert("thread " + entry.path().filename().string() + " (" + name + ")");
     }
-    std::ifstream children(entry.path() / "children");
-    for (std::string id; children >> id;)
-      names.insert("child " + id + " (" + firstLine("/proc/" + id + "/comm") + ")");
   }
-  // Kernels without the lists of children still say whether there is one.
   siginfo_t info{};
-  if (waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT | __WALL) == 0) names.insert("a child");
+  if (waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT | __WALL) == 0)
+    names.insert("child " + std::to_string(info.si_pid));
   return names;
 }
 

@@ -109,18 +109,16 @@ TEST(Manifest, IsRefusedWhereSomebodyElseCouldHaveWrittenIt) {
 TEST(ExtensionDirectories, FollowTheEnvironmentInOrderWithoutRelativeOnesAndDuplicates) {
   const ScopedIdentity identity({0, 0, "/password"});
   const std::string below = "/larkspan/extensions", local = "/.local/share" + below;
-  const struct {
-    const char *own, *home, *dataHome, *dataDirs;
-    Texts expected;
-  } cases[] = {
+  // LARKSPAN_EXTENSION_PATH, HOME, XDG_DATA_HOME, XDG_DATA_DIRS.
+  const std::tuple<const char*, const char*, const char*, const char*, Texts> cases[] = {
       {"", nullptr, "", "", {"/password" + local, "/usr/local/share" + below, "/usr/share" + below}},
       {"/own//:rel:/own:/", "/h", "rel", ":/s/:r:/s:/", {"/own", "/", "/h" + local, "/s" + below, below}},
       {"/a/larkspan/extensions", "/h", "/a", "/a:/b:c", {"/a" + below, "/b" + below}},
       {"", "rel", "/with:colon", "rel", {"/with:colon" + below}}};
-  for (const auto& c : cases) {
-    const ScopedVariable own("LARKSPAN_EXTENSION_PATH", c.own), home("HOME", c.home);
-    const ScopedVariable dataHome("XDG_DATA_HOME", c.dataHome), dataDirs("XDG_DATA_DIRS", c.dataDirs);
-    EXPECT_EQ(extensionDirectories(), c.expected);
+  for (const auto& [own, home, dataHome, dataDirs, expected] : cases) {
+    const ScopedVariable first("LARKSPAN_EXTENSION_PATH", own), second("HOME", home);
+    const ScopedVariable third("XDG_DATA_HOME", dataHome), fourth("XDG_DATA_DIRS", dataDirs);
+    EXPECT_EQ(extensionDirectories(), expected);
   }
 }
 

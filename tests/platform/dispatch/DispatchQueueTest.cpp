@@ -14,7 +14,6 @@
 
 #include <poll.h>
 #include <sched.h>
-#include <unistd.h>
 
 namespace larkspan::platform {
 namespace {

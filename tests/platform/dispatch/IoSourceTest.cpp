@@ -55,29 +55,6 @@ TEST(IoSource, ReportsReadinessUntilItIsConsumedPausedOrCancelled) {
   EXPECT_EQ(calls, 2);
 }
 
-TEST(IoSource, MayCancelOrDropItselfAndOthersInTheHandler) {
-  const Event event, victimEvent;
-  auto self = std::make_shared<std::shared_ptr<IoSource>>();
-  std::promise<void> done;
-  std::atomic<bool> cancelled = false;
-  std::atomic<int> late = 0;
-  const auto victim = IoSource::make(victimEvent.descriptor, EPOLLIN, [&](uint32_t) { late += cancelled; });
-  const std::weak_ptr<std::shared_ptr<IoSource>> watched = self;
-  *self = IoSource::make(event.descriptor, 0, [&, self](uint32_t) {
-    victim->cancel();
-    cancelled = true;
-    (*self)->cancel();
-    self->reset();
-    done.set_value();
-  });
-  (*self)->setEvents(EPOLLIN);
-  self.reset();
-  done.get_future().get();
-  awaitRound();  // The handler above is over.
-  EXPECT_EQ(late, 0);
-  EXPECT_TRUE(watched.expired());
-}
-
 TEST(IoSource, IsSilentOnceCancelledOrDroppedAlthoughTheDescriptorIsReusedAtOnce) {
   const Event flood;  // Keeps the thread in rounds of its own.
   std::atomic<long> rounds = 0;

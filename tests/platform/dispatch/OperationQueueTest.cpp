@@ -47,36 +47,27 @@ std::shared_ptr<Operation> block(std::function<void()> work = [] {}) {
 
 TEST(Operation, AnnouncesItsStatesWhenStartedByHandAndStartsOnce) {
   std::string seen;
-  const auto operation = block([&] { seen += "main "; });
+  const auto other = block(), operation = block([&] { seen += "main "; });
   std::vector<KeyObservation> observations;
   for (const char* key : {"isExecuting", "isFinished"}) {
     observations.push_back(operation->observe(key, [&, key](KeyChange change) {
-      seen += std::string(change == KeyChange::will ? "will " : "did ") + key + "=" +
-              (operation->isExecuting()  ? "executing "
-               : operation->isFinished() ? "finished "
-                                         : "neither ");
+      seen += std::string(change == KeyChange::will ? "will " : "did ") + key +
+              (operation->isExecuting()  ? " executing, "
+               : operation->isFinished() ? " finished, "
+                                         : ", ");
     }));
   }
-  const auto other = block();
   operation->addDependency(other);
   EXPECT_THROW(operation->start(), std::invalid_argument);
   other->start();
   operation->start();
   EXPECT_EQ(seen,
-            "will isExecuting=neither did isExecuting=executing main will isExecuting=executing will "
-            "isFinished=executing did isExecuting=finished did isFinished=finished ");
+            "will isExecuting, did isExecuting executing, main will isExecuting executing, will isFinished "
+            "executing, did isExecuting finished, did isFinished finished, ");
   EXPECT_TRUE(operation->dependencies().empty());
   EXPECT_THROW(operation->start(), std::invalid_argument);
   EXPECT_THROW(operation->addDependency(operation), std::invalid_argument);
   EXPECT_THROW(operation->addDependency(nullptr), std::invalid_argument);
-
-  seen.clear();
-  const auto cancelled = block([&] { seen += "main "; });
-  const auto key = cancelled->observe("isFinished", [&](KeyChange) { seen += "change "; });
-  (void)cancelled->observe("isFinished", [&](KeyChange) { seen += "never "; });
-  cancelled->cancel();
-  for (int i = 0; i < 2; ++i) cancelled->start();
-  EXPECT_EQ(seen, "change change ");
 }
 
 TEST(OperationQueue, StartsByPriorityInOrderOfAdditionAndAfterDependencies) {

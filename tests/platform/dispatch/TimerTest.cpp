@@ -4,9 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <functional>
 #include <future>
-#include <stdexcept>
 #include <utility>
 #include <vector>
 
