@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <latch>
 #include <thread>
 
 namespace larkspan::tests {
@@ -27,6 +28,7 @@ constexpr auto kFinishDelay = 10ms;
 /// Writes down everything that happens to one operation.
 struct Recorded : LKSOperation {
   std::vector<std::string> steps;
+  std::latch ran{1};
   std::vector<NotificationCenter::Token> tokens;
   std::vector<platform::KeyObservation> observations;
 
@@ -45,7 +47,10 @@ struct Recorded : LKSOperation {
     }
     return operation;
   }
-  void main() override { steps.push_back("main"); }
+  void main() override {
+    steps.push_back("main");
+    ran.count_down();
+  }
   void willEnqueueInOperationQueue(const std::shared_ptr<platform::OperationQueue>& queue) override {
     steps.push_back(queue ? "enqueue" : "enqueue in none");
   }
@@ -117,14 +122,14 @@ TEST(LKSOperationQueue, TellsOperationsThatTheyAreQueuedAndWhichQueueRanThem) {
   EXPECT_EQ(throwing->error().value().localizedDescription(), "broken");
   EXPECT_EQ(later->error(), Error("test", 2));
   EXPECT_EQ(later->operationQueue(), queue);
-  while (!first->isExecuting()) std::this_thread::yield();
+  first->ran.wait();
   first->finishWithError(std::nullopt);
   unhooked->cancel();
   queue->addOperations({unhooked}, true);
   queue->waitUntilAllOperationsAreFinished();
+  clock.advance(kFinishDelay);  // Until no thread is at it any more.
   EXPECT_EQ(std::count(first->steps.begin(), first->steps.end(), "dequeue"), 1);
   EXPECT_EQ(std::count(unhooked->steps.begin(), unhooked->steps.end(), "enqueue"), 0);
-  clock.advance(kFinishDelay);
 }
 
 TEST(Log, WritesWholeMessagesToOneChannel) {

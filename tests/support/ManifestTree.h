@@ -38,11 +38,14 @@ struct ManifestTree {
     std::ofstream(file) << text;
     return file;
   }
-  /// A sound manifest of the point "p" with that name.
+  /// A sound manifest of the point "p" with that name; nobody sees half of it.
   std::string add(const std::string& below, const std::string& name = "N", const char* more = "") const {
     const std::string identifier = std::filesystem::path(below).stem();
-    return write(below, "[Extension]\nExtensionPoint=p\nExec=x\nIdentifier=" + identifier + "\nName=" + name +
-                            '\n' + more);
+    const std::string file =
+        write(below + '~', "[Extension]\nExtensionPoint=p\nExec=x\nIdentifier=" + identifier +
+                               "\nName=" + name + '\n' + more);
+    std::filesystem::rename(file, path(below));
+    return path(below);
   }
 };
 

@@ -109,7 +109,7 @@ TEST(ExtensionMatcher, LogsWhatItSkipsOnceForEachStateOfIt) {
   chmod(tree.path(kSystem).c_str(), 0777);
   Matched m(tree);
   for (const std::string name : {"one", "two", "three"}) {  // A look each.
-    if (name == "three") tree.write("own/bad.extension", "[Extension]\nIdentifier=bad\n");
+    if (name == "three") rename(tree.write("own/new", "[Extension]\nIdentifier=bad\n"), bad);
     tree.add("own/a.extension", name);
     EXPECT_TRUE(m.delivers("a=" + name + " "));
   }

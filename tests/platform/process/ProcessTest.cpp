@@ -71,8 +71,8 @@ TEST(Child, GetsWhatItWasPromisedAndNothingElse) {
 
   ChildOptions options = script(
       "echo \"[$1] [$2]\"; ls -m /proc/$$/fd; readlink /proc/$$/fd/0;"
-      "[ /dev/fd/1 -ef /dev/fd/2 ] && grep -E 'Sig(Blk|Ign)' /proc/$$/status; pwd; echo $LARKSPAN_VALUE; cat "
-      "<&3");
+      "[ /dev/fd/1 -ef /dev/fd/2 ] && grep -E 'Sig(Blk|Ign)' /proc/self/status;"
+      "pwd; echo $LARKSPAN_VALUE; cat <&3");
   options.arguments.insert(options.arguments.end(), {"sh", "a b", ""});
   options.environment = Lines{"LARKSPAN_VALUE=7", "PATH=/usr/bin:/bin"};
   options.workingFolder = "/";
