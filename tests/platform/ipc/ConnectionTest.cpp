@@ -115,49 +115,6 @@ struct RawPeer : testing::Test {
   }
 };
 
-TEST_F(RawPeer, HasExactlyOneOutcomePerCallWhateverThePeerAnswers) {
-  struct Case {
-    const char* what;
-    std::string answer;  // After [type, channel, id …; the array's head and type come first.
-    bool reply;
-    int64_t code;
-    bool ends;  // The connection.
-  };
-  const auto violation = static_cast<int64_t>(TransportErrorCode::violation);
-  const Case cases[] = {
-      {"a value", bytes({0x81, 0x05}), true, 0, false},
-      {"none", bytes({0x81, 0xF6}), true, 0, false},
-      {"a failure",
-       "\xD8\x1B\x82\x65"
-       "Error\xA2\x66"
-       "domain\x61t\x64"
-       "code\x09",
-       false, 9, false},
-      {"too few values", bytes({0x80}), true, violation, true},
-      {"too many values", bytes({0x82, 0x01, 0x02}), true, violation, true},
-      {"a forbidden class", bytes({0x81, 0x61, 'x'}), true, violation, true},
-      {"a failure without an error", bytes({0x01}), false, violation, true},
-      {"an answer that is no array", bytes({0x05}), true, violation, true},
-  };
-  std::size_t calls = 0;
-  for (const Case& c : cases) {
-    call("number", 1);
-    write(kHello);
-    const std::string item = readFrame(FrameType::call);
-    ASSERT_FALSE(item.empty());
-    write(framed(bytes({0x84, c.reply ? 5 : 6}) + address(item) + c.answer));
-    const auto all = outcomes.waitFor(++calls);
-    ASSERT_EQ(all.size(), calls) << c.what;
-    EXPECT_EQ(all.back().code(), c.code) << c.what;
-    EXPECT_EQ(all.back().error.has_value(), c.code != 0) << c.what;
-    if (!c.ends) transport->close(Error("test", 0));
-    ASSERT_EQ(events.waitFor(calls).size(), calls);
-    EXPECT_TRUE(connection->isValid()) << c.what;
-  }
-  EXPECT_EQ(connects, static_cast<int>(std::size(cases))) << "each new call finds a new transport";
-  EXPECT_EQ(outcomes.now().size(), calls);
-}
-
 TEST_F(RawPeer, TakesFramesInAnyPieces) {
   call("echo", "x");
   for (const char byte : kHello + answer(readFrame(FrameType::call), bytes({0x63, 'a', 'b', 'c'})))
@@ -361,23 +318,6 @@ TEST_F(Answering, EveryCallEndsHoweverTheAnswerFails) {
   EXPECT_EQ(ask("echo"), code(TransportErrorCode::notAnswered)) << "the exported object is gone";
   EXPECT_EQ(ask("number", "no number"), code(TransportErrorCode::violation));
   EXPECT_EQ(closed.waitFor(2).size(), 2u) << "a forbidden argument ends the connection";
-}
-
-TEST_F(Answering, ManyThreadsCallAtOnce) {
-  answer = [](const Reply& reply) { reply({Value(1)}); };
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&] {
-      for (int j = 0; j < 200; ++j) {
-        connection->call("echo", {Value(j)},
-                         [this](const auto&, const auto& error) { outcomes.push(error); });
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  const auto all = outcomes.waitFor(800);
-  EXPECT_EQ(all.size(), 800u);
-  EXPECT_EQ(std::count(all.begin(), all.end(), std::nullopt), 800);
 }
 
 }  // namespace
