@@ -23,6 +23,10 @@ std::string checkLatency(const std::string& text) {
   return number && seconds >= 0 && seconds <= kLongestTime ? "" : "must be a number of seconds";
 }
 
+const CLI::Validator kNotEmpty(
+    [](const std::string& text) { return text.empty() ? "must not be empty" : std::string(); }, "",
+    "not empty");
+
 }  // namespace
 
 Options parseArguments(int argc, char** argv) {
@@ -75,9 +79,7 @@ Options parseArguments(int argc, char** argv) {
                         "    larkspan ask caches 'DELETE_CONFIRM?' --items -");
   ask->add_option("COMMAND", options.askCommand, "Such as INFO?, RESOURCES? or DELETE_CONFIRM?")
       ->required()
-      ->check(CLI::Validator(
-          [](const std::string& text) { return text.empty() ? "must not be empty" : std::string(); }, "",
-          "command"));
+      ->check(kNotEmpty);
   ask->add_option("--items", options.itemsFile,
                   "JSON file with an array of items to send; - is standard input")
       ->type_name("FILE");
@@ -87,21 +89,24 @@ Options parseArguments(int argc, char** argv) {
                         "  larkspan watch ~/Downloads\n"
                         "  larkspan watch ~ --latency 5 --ignore-metadata --json | jq -r '.paths[]'");
   watch->add_option("PATH", options.paths, "Folders or files; paths on a line stand between tabs")
-      ->required();
+      ->required()
+      ->check(kNotEmpty);
   watch->add_option("--latency", options.latency, "How long a batch gathers changes from the first one on")
       ->type_name("SECONDS")
       ->capture_default_str()
       ->check(CLI::Validator(checkLatency, "", "latency"));
-  watch->add_flag("--ignore-metadata", options.ignoreMetadata,
-                  "Leave out what only got other attributes or another name");
+  watch->add_flag(
+      "--ignore-metadata", options.ignoreMetadata,
+      "Leave out what only got other attributes or another name, and a batch without anything else");
 
   CLI::App* size =
       add(Command::size, "size", "Show what folders hold: all that is on their volume, beneath them",
           "  larkspan size ~ --depth 2\n"
           "  larkspan size ~/.cache --exclude ~/.cache/thumbnails --json");
-  size->add_option("PATH", options.paths, "Folders, or single files")->required();
+  size->add_option("PATH", options.paths, "Folders, or single files")->required()->check(kNotEmpty);
   size->add_option("--exclude", options.excluded, "Leave this out, and what is in it; may be repeated")
       ->type_name("PATH")
+      ->check(kNotEmpty)
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
   size->add_option("--depth", options.depth, "Show so many levels of folders, too, the largest first")

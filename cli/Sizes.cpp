@@ -75,17 +75,24 @@ struct Sized {
   FolderSizeResult result;
 };
 
-/// The folders in each folder, by index, the largest first.
-std::vector<std::vector<std::size_t>> foldersIn(const std::vector<Folder>& folders) {
+/// The indices of folders, each before those in it, the largest first.
+std::vector<std::size_t> inOrder(const std::vector<Folder>& folders) {
   std::vector<std::vector<std::size_t>> inside(folders.size());
   for (std::size_t i = 1; i < folders.size(); ++i) inside[folders[i].parent].push_back(i);
   for (auto& each : inside) {
     std::sort(each.begin(), each.end(), [&](std::size_t a, std::size_t b) {
-      return folders[a].bytes != folders[b].bytes ? folders[a].bytes > folders[b].bytes
-                                                  : folders[a].name < folders[b].name;
+      return folders[a].bytes != folders[b].bytes ? folders[a].bytes < folders[b].bytes
+                                                  : folders[a].name > folders[b].name;
     });
   }
-  return inside;
+  std::vector<std::size_t> order;
+  for (std::vector<std::size_t> next{0}; !next.empty();) {
+    const std::size_t at = next.back();
+    next.pop_back();
+    next.insert(next.end(), inside[at].begin(), inside[at].end());
+    order.push_back(at);
+  }
+  return order;
 }
 
 /// A bar that is full for the whole, in eighths of a column.
@@ -100,12 +107,7 @@ std::string barOf(int64_t bytes, int64_t whole) {
 
 void addRows(Table& table, const Sized& sized) {
   const auto& folders = sized.result.folders;
-  const auto inside = foldersIn(folders);
-  std::vector<std::size_t> next{0};
-  while (!next.empty()) {
-    const std::size_t at = next.back();
-    next.pop_back();
-    next.insert(next.end(), inside[at].rbegin(), inside[at].rend());
+  for (const std::size_t at : inOrder(folders)) {
     const Folder& folder = folders[at];
     table.add({std::string(2 * folder.depth, ' ') + (at ? folder.name : sized.path), sizeText(folder.bytes),
                barOf(folder.bytes, sized.result.bytes)});
@@ -137,13 +139,13 @@ Value valueOf(const Sized& sized) {
                         {"unreadable", result.unreadable}};
   if (result.folders.empty()) return dictionary;
   std::vector<Value> folders;
-  std::vector<std::string> paths{sized.path};
-  for (std::size_t i = 1; i < result.folders.size(); ++i) {
-    const Folder& folder = result.folders[i];
+  std::vector<std::string> paths(result.folders.size(), sized.path);
+  for (const std::size_t at : inOrder(result.folders)) {
+    if (at == 0) continue;
+    const Folder& folder = result.folders[at];
     const std::string& parent = paths[folder.parent];
-    paths.push_back(parent + (parent.ends_with('/') ? "" : "/") + folder.name);
-    folders.push_back(
-        Dictionary{{"path", paths.back()}, {"bytes", folder.bytes}, {"entries", folder.entries}});
+    paths[at] = parent + (parent.ends_with('/') ? "" : "/") + folder.name;
+    folders.push_back(Dictionary{{"path", paths[at]}, {"bytes", folder.bytes}, {"entries", folder.entries}});
   }
   dictionary.set("folders", Array(std::move(folders)));
   return dictionary;

@@ -33,7 +33,7 @@ std::string lineOf(const std::vector<std::string>& paths, bool json) {
 void watch(const Options& options) {
   // The library waits for a path to appear; who types one that is not there has mistyped it.
   for (const std::string& path : options.paths) {
-    if (access(path.c_str(), R_OK) != 0) fail(path + ": " + std::strerror(errno));
+    if (access(path.c_str(), F_OK) != 0) fail(path + ": " + std::strerror(errno));
   }
   std::optional<platform::Error> error;
   // Lives as long as the program.

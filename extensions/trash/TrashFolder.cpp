@@ -39,8 +39,6 @@ Descriptor folderIn(const Descriptor& parent, const std::string& name) {
   return result;
 }
 
-Date dateOf(const statx_timestamp& time) { return {time.tv_sec, time.tv_nsec}; }
-
 }  // namespace
 
 std::vector<TrashFolder::Place> TrashFolder::places() {
@@ -125,7 +123,7 @@ std::optional<TrashEntry> TrashFolder::look(const std::string& name) const {
     return std::nullopt;
   TrashEntry entry{URL::file(place_.path + "/files/" + name), name, {}, {}, {}, {}};
   // A rename, which is how things come here, sets the change time.
-  entry.came = entry.deleted = dateOf(facts.stx_ctime);
+  entry.came = entry.deleted = platform::dateOf(facts.stx_ctime);
   if (const auto info = readTrashInfo(info_.get(), name)) {
     entry.came = info->written;
     entry.deleted = info->deleted.value_or(info->written);
@@ -136,7 +134,8 @@ std::optional<TrashEntry> TrashFolder::look(const std::string& name) const {
     if (!last.empty()) entry.originalName = last;
   }
   // The number of an inode is soon used again, the time of its birth is not, where there is one.
-  entry.identity = platform::format("%llu %@ %@", facts.stx_ino, dateOf(facts.stx_btime), entry.came);
+  entry.identity =
+      platform::format("%llu %@ %@", facts.stx_ino, platform::dateOf(facts.stx_btime), entry.came);
   entry.isFolder = S_ISDIR(facts.stx_mode);
   if (!entry.isFolder) entry.bytes = static_cast<int64_t>(facts.stx_blocks) * 512;
   return entry;

@@ -1,8 +1,8 @@
 #include "larkspan/fs/LKSDirectoryObserver.h"
 
+#include "larkspan/platform/base/Clock.h"
 #include "larkspan/platform/log/Console.h"
 
-#include <limits>
 #include <utility>
 
 namespace larkspan {
@@ -15,12 +15,6 @@ constexpr uint32_t kSubstance = platform::kEventMustScanSubdirectories | platfor
                                 platform::kEventItemRemoved | platform::kEventItemModified |
                                 platform::kEventItemCloned;
 static_assert(kSubstance == 0x00401307);
-
-std::chrono::nanoseconds nanoseconds(double seconds) {
-  constexpr double kMost = 9e9;
-  if (!(seconds > 0)) return std::chrono::nanoseconds(0);
-  return std::chrono::nanoseconds(static_cast<int64_t>((seconds < kMost ? seconds : kMost) * 1e9));
-}
 
 }  // namespace
 
@@ -53,7 +47,7 @@ std::shared_ptr<LKSDirectoryObserver> LKSDirectoryObserver::initWithPaths(
     if (error) *error = std::move(reason);
     return nullptr;
   };
-  const platform::EventStreamOptions options{paths, nanoseconds(latency),
+  const platform::EventStreamOptions options{paths, platform::nanosecondsFromSeconds(latency),
                                              eventFlags | platform::kEventStreamPathStrings};
   std::optional<platform::Error> reason;
   // The stream is ended before what its handler refers to.

@@ -20,12 +20,15 @@ using platform::ResourceValues;
 
 namespace {
 
-/// "~" expanded, empty and "." components removed, ".." resolved against the component before it in an
+/// "~" and "~NAME" of a known user expanded, empty and "." components removed, ".." resolved against the component before it in an
 /// absolute path.
 std::string standardized(std::string_view path) {
   std::string expanded(path);
-  if (path == "~" || path.starts_with("~/")) {
-    expanded = platform::Identity::current().homeFolder + std::string(path.substr(1));
+  if (path.starts_with('~')) {
+    const std::string user(path.substr(1, path.find('/') - 1));
+    const std::string home =
+        user.empty() ? platform::Identity::current().homeFolder : platform::homeFolderOf(user);
+    if (user.empty() || !home.empty()) expanded = home + expanded.substr(1 + user.size());
   }
   const bool absolute = expanded.starts_with('/');
   std::vector<std::string_view> components;

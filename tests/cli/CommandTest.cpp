@@ -1,3 +1,4 @@
+#include "larkspan/platform/text/SizeText.h"
 #include "tests/cli/Program.h"
 
 #include <gtest/gtest.h>
@@ -6,6 +7,7 @@
 
 #include <poll.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -146,6 +148,7 @@ TEST(Command, ExplainsWrongUsage) {
       {{"ask", "a", ""}, "COMMAND: must not be empty (see larkspan ask --help)"},
       {{"--timeout", "nan"}, "--timeout: must be"},
       {{"watch"}, "PATH is required (see larkspan watch --help)"},
+      {{"size", ""}, "PATH: must not be empty (see larkspan size --help)"},
       {{"watch", "/", "--latency", "-1"}, "--latency: must be"},
   };
   for (const auto& [words, text] : cases) {
@@ -183,26 +186,43 @@ TEST(Command, SizesFoldersAndShowsWhereItGoes) {
     return R"({"path":")" + path + R"(","bytes":)" + std::to_string(bytes) + R"(,"entries":)" +
            std::to_string(entries);
   };
-  const std::string whole = json(root, 61'440 + 4096 + 3 * 4096, 5) + R"(,"unreadable":0)";
+  const auto own = [&](const std::string& name) {
+    struct stat facts {};
+    EXPECT_EQ(stat((root + name).c_str(), &facts), 0) << name;
+    return facts.st_blocks * 512;
+  };
+  const int64_t large = own("/large") + own("/large/f");
+  const int64_t small = own("/small\x1b") + own("/small\x1b/deep") + own("/small\x1b/deep/f");
+  const std::string whole = json(root, large + small, 5) + R"(,"unreadable":0)";
   EXPECT_EQ(flat(program.run({"size", root, "--json"}).output), "[" + whole + "}]");
   const auto some = program.run({"size", root + "/./nowhere/..", root + "/large/f", root + "/none", "--json",
                                  "--exclude", root + "/../sized/large"});
   EXPECT_EQ(some.code(), 1);
-  EXPECT_EQ(flat(some.output), "[{\"path\":\"" + root +
-                                   "/./nowhere/..\",\"error\":\"Nosuchfileordirectory\"}," +
-                                   json(root + "/large/f", 61'440, 1) + ",\"unreadable\":0},{\"path\":\"" +
-                                   root + "/none\",\"error\":\"Nosuchfileordirectory\"}]");
+  EXPECT_EQ(flat(some.output),
+            "[{\"path\":\"" + root + "/./nowhere/..\",\"error\":\"Nosuchfileordirectory\"}," +
+                json(root + "/large/f", own("/large/f"), 1) + ",\"unreadable\":0},{\"path\":\"" + root +
+                "/none\",\"error\":\"Nosuchfileordirectory\"}]");
   EXPECT_TRUE(some.error.ends_with("larkspan: " + root + "/none: No such file or directory\n")) << some.error;
   EXPECT_EQ(program.run({"size", root, "--exclude", root + "/../sized/large"}).output,
-            "12 KB  " + root + "\n");
+            platform::sizeText(small) + "  " + root + "\n");
   const auto lines = program.run({"size", root, "--depth", "1"}).output;
   EXPECT_LT(lines.find("  large"), lines.find("  small\\x1b")) << lines;
-  EXPECT_NE(lines.find("66 KB  ████████████████▉\n"), std::string::npos) << lines;
+  EXPECT_NE(lines.find(platform::sizeText(large) + "  ███████████████"), std::string::npos) << lines;
   EXPECT_EQ(lines.find("deep"), std::string::npos);
-  EXPECT_EQ(
-      flat(program.run({"size", root, "--depth", "1", "--exclude", root + "/small\x1b", "--json"}).output),
-      "[" + json(root, 61'440 + 4096, 2) + R"(,"unreadable":0,"folders":[)" +
-          json(root + "/large", 61'440 + 4096, 2) + "}]}]");
+  EXPECT_EQ(flat(program.run({"size", root, "--depth", "1", "--json"}).output),
+            "[" + whole + R"(,"folders":[)" + json(root + "/large", large, 2) + "}," +
+                json(root + "/small\\u001b", small, 3) + "}]}]");
+
+  // Until it is told to end it sizes much more than the first redrawing of the line takes.
+  Words much{"size"};
+  much.insert(much.end(), 10'000, "/usr");
+  program.start(much, "", {"env", "TERM=xterm"}, true);
+  program.awaitText("/usr", false);
+  kill(program.process(), SIGINT);
+  const auto ended = program.finish();
+  EXPECT_EQ(ended.code(), 128 + SIGINT);
+  EXPECT_TRUE(ended.error.starts_with("\r\x1b[K… ")) << ended.error;
+  EXPECT_TRUE(ended.error.ends_with("\r\x1b[K")) << ended.error;
 }
 
 TEST(Command, EndsAtOnceWhenItIsInterruptedAndTakesEvenStoppedExtensionsAlong) {

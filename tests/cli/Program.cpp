@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pty.h>
 #include <sched.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -33,7 +34,7 @@ void Program::add(const std::string& identifier, const std::string& behaviour) {
 }
 
 void Program::start(const std::vector<std::string>& arguments, const std::string& input,
-                    const std::vector<std::string>& under) {
+                    const std::vector<std::string>& under, bool onTerminal) {
   const std::string none = tree_.path("none");
   std::vector<std::string> words{"/usr/bin/env",          "-i",     "LARKSPAN_LOG=none",
                                  "XDG_DATA_HOME=" + none, "TZ=UTC", "XDG_DATA_DIRS=" + none};
@@ -45,7 +46,9 @@ void Program::start(const std::vector<std::string>& arguments, const std::string
   pointers.push_back(nullptr);
 
   int output[2], error[2];
-  ASSERT_EQ(pipe2(output, O_CLOEXEC) | pipe2(error, O_CLOEXEC), 0);
+  ASSERT_EQ(pipe2(output, O_CLOEXEC), 0);
+  ASSERT_EQ(onTerminal ? openpty(&error[0], &error[1], nullptr, nullptr, nullptr) : pipe2(error, O_CLOEXEC),
+            0);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, 0, tree_.write("input", input).c_str(), O_RDONLY, 0);

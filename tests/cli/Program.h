@@ -29,9 +29,9 @@ class Program {
   /// Runs the command to its end.
   Outcome run(const std::vector<std::string>& arguments, const std::string& input = "");
 
-  /// `under` are the words of a program that runs the command.
+  /// `under` are the words of a program that runs the command. Standard error may be a terminal.
   void start(const std::vector<std::string>& arguments, const std::string& input = "",
-             const std::vector<std::string>& under = {});
+             const std::vector<std::string>& under = {}, bool onTerminal = false);
   pid_t process() const { return process_; }
   void closeOutput();
   /// Returns once the command has said this much on standard output (else standard error), or has ended.

@@ -48,6 +48,7 @@ TEST(Resource, IsMadeOfAFileOrOfANameOrNotAtAll) {
   for (const char* path : {"/a//./x/../real.txt", "/../a/real.txt", "/a/real.txt/"}) {
     EXPECT_EQ(LKSResource::initResourceItemWithFilePath(path)->lks_URL(), url) << path;
   }
+  EXPECT_EQ(LKSResource::initResourceItemWithFilePath("~root/x")->lks_URL(), URL::file("/root/x"));
   EXPECT_EQ(LKSResource::initLKSResourceItemWithName(std::nullopt).userInfo(),
             (Dictionary{{"_NAME_", ""}, {"_KIND_", "RESOURCE"}}));
 }

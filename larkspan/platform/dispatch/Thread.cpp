@@ -110,6 +110,8 @@ void startLowPriorityThread(const char* name, Task body) {
   });
 }
 
+bool isLowPriorityThread() { return lowPriority; }
+
 bool isInitialThread() {
   thread_local const bool initial = gettid() == getpid();
   return initial;

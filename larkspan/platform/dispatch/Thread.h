@@ -11,6 +11,8 @@ void startThread(const char* name, Task body);
 
 /// The same at low CPU and I/O priority.
 void startLowPriorityThread(const char* name, Task body);
+/// Whether the caller is a thread that was started so.
+bool isLowPriorityThread();
 
 /// Whether the caller is the thread that the process began with.
 bool isInitialThread();

@@ -38,7 +38,12 @@ class Deletion {
  public:
   explicit Deletion(const DeepDeleteOptions& batchOptions) : options(batchOptions) {}
 
-  bool isCancelled() const { return options.progress && options.progress->isCancelled(); }
+  /// Whether to stop before something that is still to be done.
+  bool stops() {
+    if (!options.progress || !options.progress->isCancelled()) return false;
+    isStopped_.store(true, std::memory_order_relaxed);
+    return true;
+  }
 
   void addRemoved(int64_t count) {
     removed_.fetch_add(count, std::memory_order_relaxed);
@@ -53,13 +58,13 @@ class Deletion {
 
   DeepDeleteResult finish() {
     DeepDeleteResult result{removed_, failed_, std::nullopt};
-    if (!isCancelled() && !firstCause_) return result;
+    if (!isStopped_ && !firstCause_) return result;
     Dictionary information;
     information.set(kRemovedCountKey, result.removed);
     information.set(kFailedCountKey, failed_);
     auto code = DeletionErrorCode::cancelled;
     std::string text = format("Cancelled after %lld entries were removed", result.removed);
-    if (!isCancelled()) {
+    if (!isStopped_) {
       code = DeletionErrorCode::incomplete;
       text = format("%lld entries were removed, %lld could not be: %@", result.removed, failed_,
                     firstCause_->localizedDescription());
@@ -75,19 +80,20 @@ class Deletion {
 
  private:
   std::atomic<int64_t> removed_ = 0;
+  std::atomic<bool> isStopped_ = false;
   std::mutex mutex_;
   int64_t failed_ = 0;
   std::optional<Error> firstCause_;
 };
 
-/// Removes what is pending at the start, and the entries, which are of the start, with all beneath. A part waits before it leaves a folder of which it
-/// gave something away, because that can go only when it is empty.
+/// Removes what is pending at the start, and the entries, which are of the start, with all beneath. A part waits
+/// before it leaves a folder of which it gave something away, because that can go only when it is empty.
 class DeletionPart final : public WalkCrew::Part {
  public:
   DeletionPart(Deletion& deletion, DirectoryStack::Start start, uint64_t mount,
                std::shared_ptr<Findings> findings = nullptr, std::string entries = {})
-      : deletion_(deletion),
-        stack_(std::move(start), mount, deletion.options.opening),
+      : Part(deletion.crew, std::move(start), mount, deletion.options.opening),
+        deletion_(deletion),
         levels_(1),
         findings_(std::move(findings)),
         entries_(std::move(entries)) {}
@@ -108,17 +114,21 @@ class DeletionPart final : public WalkCrew::Part {
     }
     removeEntries(std::exchange(entries_, {}), false);
     const std::size_t lowest = emptied_.empty() ? 1 : 2;
-    std::string name;
-    while (!deletion_.isCancelled()) {
-      if (stack_.takePending(name)) {
+    for (std::string name;;) {
+      if (stack_.hasPending()) {
+        if (deletion_.stops()) break;
+        stack_.takePending(name);
         removeFolder(name, 0);
         giveAway();
       } else if (levels_.back().findings && mustWaitForGiven()) {
         return false;
       } else if (stack_.depth() > lowest) {
+        if (deletion_.stops()) break;
         leave();
-      } else if (emptied_.empty() || !readAgain()) {
+      } else if (emptied_.empty() || !mayReadAgain() || deletion_.stops()) {
         break;
+      } else {
+        readAgain();
       }
     }
     flush();
@@ -133,27 +143,15 @@ class DeletionPart final : public WalkCrew::Part {
     std::shared_ptr<Findings> findings;  // Of those who were given something of it.
   };
 
-  /// Entries that a part removes before it may give work away: less is done sooner than given.
-  static constexpr int64_t kWorthSharing = 256;
-  /// Bytes of entries worth a part of their own.
-  static constexpr std::size_t kManyEntries = 16 * 1024;
   /// Entries removed between two additions to the count that all share.
   static constexpr int64_t kFlushInterval = 64;
 
-  bool mayGive() const { return removed_ >= kWorthSharing && deletion_.crew.isHungry(); }
-
-  void giveAway() {
-    DirectoryStack::Start start;
-    std::size_t level;
-    if (mayGive() && stack_.split(start, level)) give(std::move(start), level, {});
-  }
-
-  void give(DirectoryStack::Start start, std::size_t level, std::string entries) {
+  void give(DirectoryStack::Start start, std::size_t level, std::string entries) override {
     auto& findings = levels_[level].findings;
     if (!findings) findings = std::make_shared<Findings>();
-    deletion_.crew.give(std::make_shared<DeletionPart>(deletion_, std::move(start), stack_.mount(), findings,
-                                                       std::move(entries)),
-                        findings);
+    crew_.give(std::make_shared<DeletionPart>(deletion_, std::move(start), stack_.mount(), findings,
+                                              std::move(entries)),
+               findings);
   }
 
   /// Waits for what was given away of the top folder, and learns what became of it.
@@ -194,38 +192,31 @@ class DeletionPart final : public WalkCrew::Part {
     return 0;
   }
 
-  /// Reads the folder that stays once more, if there is reason to.
-  bool readAgain() {
-    State& last = state();
-    if (!last.changed || last.failed || last.pass + 1 == kMaximumPasses) return false;
-    last = {false, false, last.pass + 1};
+  /// Reads the folder that stays once more.
+  void readAgain() {
+    state() = {false, false, state().pass + 1};
     ::lseek(stack_.top(), 0, SEEK_SET);
     scan();
-    return true;
   }
+  bool mayReadAgain() { return state().changed && !state().failed && state().pass + 1 < kMaximumPasses; }
 
   void scan() {
     const bool keeps = stack_.depth() == 2 && !keep_.empty();
     int error = 0;
-    while (!deletion_.isCancelled()) {
+    for (;;) {
       const std::string_view entries = reader_->next(stack_.top(), error);
       if (entries.empty()) break;
-      DirectoryStack::Start start;
-      if (entries.size() >= kManyEntries && !keeps && mayGive() && stack_.startAtTop(start)) {
-        give(std::move(start), levels_.size() - 1, std::string(entries));
-      } else {
-        removeEntries(entries, keeps);
-      }
+      if ((keeps || !giveAway(entries)) && !removeEntries(entries, keeps)) break;
     }
     if (error) fail({}, error);
   }
 
-  /// Removes those entries of the top folder that are no folders, and notes the others.
-  void removeEntries(std::string_view entries, bool keeps) {
+  /// Removes those entries of the top folder that are no folders, and notes the others. False when cancelled.
+  bool removeEntries(std::string_view entries, bool keeps) {
     const int folder = stack_.top();
-    DirectoryReader::forEach(entries, [&](const char* name, unsigned char type) {
-      if (deletion_.isCancelled()) return false;
+    return DirectoryReader::forEach(entries, [&](const char* name, unsigned char type) {
       if (keeps && std::find(keep_.begin(), keep_.end(), name) != keep_.end()) return true;
+      if (deletion_.stops()) return false;
       if (type == DT_DIR) {
         stack_.addPending(name);
       } else {
@@ -274,10 +265,10 @@ class DeletionPart final : public WalkCrew::Part {
 
   void countRemoved() {
     state().changed = true;
-    if (++removed_ - flushed_ == kFlushInterval) flush();
+    if (++done_ - flushed_ == kFlushInterval) flush();
   }
 
-  void flush() { deletion_.addRemoved(removed_ - std::exchange(flushed_, removed_)); }
+  void flush() { deletion_.addRemoved(done_ - std::exchange(flushed_, done_)); }
 
   void fail(std::string_view name, int error) {
     state().failed = true;
@@ -285,14 +276,13 @@ class DeletionPart final : public WalkCrew::Part {
   }
 
   Deletion& deletion_;
-  DirectoryStack stack_;
   std::vector<Level> levels_;  // One for each level of the stack.
   const std::shared_ptr<Findings> findings_;
   std::string entries_;
   std::string emptied_;
   std::span<const std::string> keep_;
   DirectoryReader* reader_ = nullptr;  // Of the thread.
-  int64_t removed_ = 0, flushed_ = 0;
+  int64_t flushed_ = 0;                // Of those that were removed, told to all.
 };
 
 /// Splits the item's path into the folder that holds it, which becomes the start, and its name.
@@ -316,7 +306,7 @@ int openParent(const URL& item, DirectoryStack::Start& start, uint64_t& mount, s
 DeepDeleteResult deepDelete(std::span<const URL> items, const DeepDeleteOptions& options) {
   Deletion deletion(options);
   for (const URL& item : items) {
-    if (deletion.isCancelled()) break;
+    if (deletion.stops()) break;
     DirectoryStack::Start start;
     uint64_t mount = 0;
     std::string name;

@@ -16,7 +16,7 @@ namespace larkspan::platform {
 inline constexpr std::string_view kDeletionErrorDomain = "corvane.larkspan.deletion";
 
 enum class DeletionErrorCode : int64_t {
-  cancelled = -128,  ///< Stopped through `WalkProgress::cancel()`; what went before is gone.
+  cancelled = -128,  ///< Stopped through `WalkProgress::cancel()` with something left; the rest is gone.
   incomplete = 1,    ///< Some entries could not go.
 };
 

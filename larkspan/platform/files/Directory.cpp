@@ -1,6 +1,8 @@
 #include "larkspan/platform/files/Directory.h"
 
 #include <atomic>
+#include <charconv>
+#include <string>
 
 #include <fcntl.h>
 #include <linux/openat2.h>
@@ -24,12 +26,36 @@ int openBeneath(int parent, const char* name) {
   return static_cast<int>(::syscall(SYS_openat2, parent, name, &how, sizeof how));
 }
 
+/// Opened so, the place of an automount stays one.
+int addMount(int folder, const char* name, struct statx& facts) {
+  const Descriptor entry(*name ? ::openat(folder, name, O_PATH | O_NOFOLLOW | O_CLOEXEC) : -1);
+  if (*name && !entry) return errno;
+  facts.stx_mnt_id = mountFromProc(*name ? entry.get() : folder);
+  if (facts.stx_mnt_id != 0) facts.stx_mask |= STATX_MNT_ID;
+  return 0;
+}
+
 }  // namespace
 
 int factsAt(int folder, const char* name, struct statx& facts) {
   constexpr unsigned kMask = STATX_BASIC_STATS | STATX_BTIME | STATX_MNT_ID;
   constexpr int kFlags = AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT;
-  return ::statx(folder, name, *name ? kFlags : kFlags | AT_EMPTY_PATH, kMask, &facts) == 0 ? 0 : errno;
+  if (::statx(folder, name, *name ? kFlags : kFlags | AT_EMPTY_PATH, kMask, &facts) != 0) return errno;
+  return facts.stx_mask & STATX_MNT_ID ? 0 : addMount(folder, name, facts);
+}
+
+uint64_t mountFromProc(int file) {
+  const std::string path = "/proc/self/fdinfo/" + std::to_string(file);
+  const Descriptor info(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  char text[512];
+  const ssize_t size = info ? ::read(info.get(), text, sizeof text) : -1;
+  const std::string_view lines(text, size < 0 ? 0 : static_cast<std::size_t>(size));
+  constexpr std::string_view kKey = "\nmnt_id:\t";
+  const std::size_t found = lines.find(kKey);
+  uint64_t mount = 0;
+  if (found != lines.npos)
+    std::from_chars(lines.data() + found + kKey.size(), lines.data() + lines.size(), mount);
+  return mount;
 }
 
 uint64_t mountOf(const struct statx& facts) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "larkspan/platform/base/Date.h"
 #include "larkspan/platform/base/Descriptor.h"
 
 #include <cerrno>
@@ -23,8 +24,13 @@ enum class FolderOpening : uint8_t {
 /// The facts of one entry of a folder, neither following a link nor waking an automount; of the folder itself
 /// when `name` is empty. Returns 0 or an errno.
 int factsAt(int folder, const char* name, struct statx& facts);
-/// Tells mounts apart: the mount's id, or the device where the kernel (before 5.8) tells no mount ids.
+/// Tells mounts apart, of what `factsAt` found: the mount's id, or the device where not even /proc tells ids.
 uint64_t mountOf(const struct statx& facts);
+/// The id of the mount that an open file lies on, as /proc tells it (proc_pid_fdinfo(5)): for kernels before
+/// 5.8, whose statx(2) does not. 0 where there is no /proc.
+uint64_t mountFromProc(int file);
+
+inline Date dateOf(const struct statx_timestamp& time) { return {time.tv_sec, time.tv_nsec}; }
 
 /// Opens the folder `name`, one component, of `parent` for reading. Returns 0 or an errno: ENOTDIR or ELOOP
 /// for what is no folder, EXDEV for one that is not on `mount`.

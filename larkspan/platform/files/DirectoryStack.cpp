@@ -35,25 +35,18 @@ std::string DirectoryStack::pathOf(std::string_view name) const {
   return path;
 }
 
-bool DirectoryStack::identify(const Descriptor& folder, Identity& identity) {
-  struct statx facts;
-  if (factsAt(folder.get(), "", facts) != 0) return false;
-  identity = {::makedev(facts.stx_dev_major, facts.stx_dev_minor), facts.stx_ino, mountOf(facts), 0, 0};
+DirectoryStack::Identity DirectoryStack::identityOf(const struct statx& facts) {
+  Identity identity{::makedev(facts.stx_dev_major, facts.stx_dev_minor), facts.stx_ino, mountOf(facts), 0, 0};
   if (facts.stx_mask & STATX_BTIME) {
     identity.birthSeconds = facts.stx_btime.tv_sec;
     identity.birthNanoseconds = facts.stx_btime.tv_nsec;
   }
-  return true;
+  return identity;
 }
 
 bool DirectoryStack::is(const Descriptor& folder, const Identity& identity) {
-  Identity found;
-  return folder && identify(folder, found) && found == identity;
-}
-
-void DirectoryStack::close(Level& level) {
-  // A level that cannot be told from others later has to stay open.
-  if (level.directory && identify(level.directory, level.identity)) level.directory.reset();
+  struct statx facts;
+  return folder && factsAt(folder.get(), "", facts) == 0 && identityOf(facts) == identity;
 }
 
 int DirectoryStack::top() {
@@ -104,14 +97,16 @@ int DirectoryStack::enter(const std::string& name, struct statx& facts) {
   Descriptor directory;
   int error = openFolderAt(parent, name.c_str(), mount_, opening_, directory);
   if (error == EMFILE || error == ENFILE) {
-    for (std::size_t i = 1; i + 1 < levels_.size(); ++i) close(levels_[i]);
+    for (std::size_t i = 1; i + 1 < levels_.size(); ++i) levels_[i].directory.reset();
     error = openFolderAt(parent, name.c_str(), mount_, opening_, directory);
   }
   if (error) return error;
   Level& level = levels_.emplace_back();
   level.directory = std::move(directory);
+  // If another folder was put there before it was opened, this level is lost once it is closed.
+  level.identity = identityOf(facts);
   level.name = name;
-  if (levels_.size() > kOpenLevels + 1) close(levels_[levels_.size() - 1 - kOpenLevels]);
+  if (levels_.size() > kOpenLevels + 1) levels_[levels_.size() - 1 - kOpenLevels].directory.reset();
   return 0;
 }
 

@@ -52,6 +52,7 @@ class DirectoryStack {
 
   /// Notes the name of a folder of the top folder for later.
   void addPending(const char* name);
+  bool hasPending() const { return !levels_.back().pending.empty(); }
   /// Moves one pending name of the top folder to `name`; false when there is none.
   bool takePending(std::string& name);
   /// A start at the top folder with nothing pending. False when no descriptor is to be had.
@@ -69,14 +70,13 @@ class DirectoryStack {
   };
   struct Level {
     Descriptor directory;
-    Identity identity;  // Known once `directory` has been closed.
+    Identity identity;  // Unknown for the start, which stays open.
     std::string name;
     std::string pending;  // Names, each preceded by a NUL.
     bool isLost = false;
   };
-  static bool identify(const Descriptor& folder, Identity& identity);
+  static Identity identityOf(const struct statx& facts);
   static bool is(const Descriptor& folder, const Identity& identity);
-  static void close(Level& level);
   bool startAt(std::size_t level, Start& start) const;
   std::string pathOfLevel(std::size_t level) const;
   bool climb();

@@ -84,6 +84,7 @@ class Watching : public std::enable_shared_from_this<Watching> {
   void take();
   // The stream's queue.
   int checkRoots(bool isFirst);
+  Error refusalError() const { return Error::posix(refusal_.second, refusal_.first + " cannot be watched"); }
   void work();
   void settle();
   void mendShortage();
@@ -105,6 +106,7 @@ class Watching : public std::enable_shared_from_this<Watching> {
 
   WatchTree tree_;
   std::optional<PathWatch> anchors_;
+  std::pair<std::string, int> refusal_;
   bool isMending_ = false;
   std::shared_ptr<DispatchQueue> queue_;
   std::vector<FileEvent> pending_;
@@ -131,8 +133,9 @@ std::optional<Error> Watching::establish() {
     });
     failure = checkRoots(true);
   });
-  if (failure == 0) return std::nullopt;
-  return watchError(failure, "Folders cannot be watched");
+  if (failure != 0) return watchError(failure, "Folders cannot be watched");
+  if (refusal_.second) return refusalError();
+  return std::nullopt;
 }
 
 int Watching::checkRoots(bool isFirst) {
@@ -140,6 +143,10 @@ int Watching::checkRoots(bool isFirst) {
   for (const std::string& path : tree_.rootPaths()) anchors_->addPlace(path);
   tree_.checkRoots(isFirst);
   const int failure = anchors_->finish();
+  if (auto refusal = tree_.refusal(); refusal != refusal_) {
+    refusal_ = std::move(refusal);
+    if (refusal_.second && !isFirst) consoleLog(refusalError().localizedDescription());
+  }
   return failure ? failure : tree_.shortage();
 }
 
@@ -180,13 +187,13 @@ void Watching::take() {
 }
 
 void Watching::work() {
-  for (std::vector<char> events;;) {
-    events.clear();
-    inotify_event lost{};
+  for (;;) {
+    std::vector<char> events;
+    bool isIncomplete;
     {
       const std::lock_guard lock(backlogMutex_);
       events.swap(backlog_);
-      if (std::exchange(backlogDropped_, false)) lost.mask = IN_Q_OVERFLOW;
+      isIncomplete = std::exchange(backlogDropped_, false);
       if (events.empty()) {
         isWorking_ = false;
         break;
@@ -197,13 +204,13 @@ void Watching::work() {
       tree_.handle(*event);
       at += sizeof *event + event->len;
     }
-    tree_.handle(lost);
+    if (isIncomplete) tree_.loseEvents(kEventUserDropped);
   }
   settle();
 }
 
 void Watching::settle() {
-  if (tree_.hasLostEvents()) tree_.rescan(kEventKernelDropped);
+  if (tree_.hasLostEvents()) tree_.rescan();
   if (tree_.hasLostRoot()) checkRoots(false);
   tree_.rest();
   if (tree_.shortage() != 0 && !isMending_) {
@@ -220,7 +227,7 @@ void Watching::mendShortage() {
   work_->after(kShortageRetry, [weak = weak_from_this()] {
     const auto self = weak.lock();
     if (!self) return;
-    self->tree_.rescan(0);
+    self->tree_.rescan();
     self->tree_.rest();
     self->mendShortage();
   });

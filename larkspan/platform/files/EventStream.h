@@ -59,9 +59,10 @@ struct EventStreamOptions {
 /// Owner:   the caller; its end is a `stop()`.
 /// Thread:  any, one at a time.
 /// Failure: events that cannot be kept, and watches that run out later, become an event that says
-///          `kEventMustScanSubdirectories` for each watched path; nothing is lost in silence.
+///          `kEventMustScanSubdirectories` for each watched path; nothing is lost in silence. A path that becomes
+///          another thing which may not be read is told likewise, and said in the console log.
 /// Limits:  those of inotify(7): one watch for each folder; what other machines change, and what is written
-///          through a memory map, is not seen. Folders that may not be read and other mounts beneath a path are
+///          through a memory map, is not seen. Folders beneath a path that may not be read, and other mounts, are
 ///          left out. A folder that two paths reach is told by one of them.
 class EventStream {
  public:
@@ -87,8 +88,8 @@ class EventStream {
 class EventStreams {
  public:
   virtual ~EventStreams() = default;
-  /// A stream that sees every change from the return on, or nothing and the reason, which names the limit where
-  /// one of inotify's is too low. Blocks the caller while all folders are walked.
+  /// A stream that sees every change from the return on, or nothing and the reason, which names the path that
+  /// may not be read, or the limit where one of inotify's is too low. Blocks the caller while all folders are walked.
   virtual std::unique_ptr<EventStream> make(const EventStreamOptions& options, EventStream::Handler handler,
                                             std::optional<Error>& error);
 

@@ -101,16 +101,13 @@ class SizingPart final : public WalkCrew::Part {
  public:
   /// The whole walk.
   SizingPart(Sizing& sizing, DirectoryStack::Start start, uint64_t mount)
-      : sizing_(sizing),
-        stack_(std::move(start), mount, FolderOpening::automatic),
-        levels_{sizing.root()},
-        isWhole_(true) {}
-  /// What is pending at the start, and the entries, which are of the start.
-  SizingPart(Sizing& sizing, DirectoryStack::Start start, uint64_t mount, Level level, std::string entries)
-      : sizing_(sizing),
-        stack_(std::move(start), mount, FolderOpening::automatic),
+      : SizingPart(sizing, std::move(start), mount, sizing.root(), {}, true) {}
+  SizingPart(Sizing& sizing, DirectoryStack::Start start, uint64_t mount, Level level, std::string entries,
+             bool isWhole = false)
+      : Part(sizing.crew, std::move(start), mount, FolderOpening::automatic),
+        sizing_(sizing),
         levels_{level},
-        isWhole_(false),
+        isWhole_(isWhole),
         entries_(std::move(entries)) {}
 
   bool run(DirectoryReader& reader) override {
@@ -137,22 +134,9 @@ class SizingPart final : public WalkCrew::Part {
   }
 
  private:
-  /// Entries that a part counts before it may give work away: less is done sooner than given.
-  static constexpr int64_t kWorthSharing = 256;
-  /// Bytes of entries worth a part of their own.
-  static constexpr std::size_t kManyEntries = 16 * 1024;
-
-  bool mayGive() const { return counted_ >= kWorthSharing && sizing_.crew.isHungry(); }
-
-  void giveAway() {
-    DirectoryStack::Start start;
-    std::size_t level;
-    if (mayGive() && stack_.split(start, level)) give(std::move(start), levels_[level], {});
-  }
-
-  void give(DirectoryStack::Start start, Level level, std::string entries) {
-    sizing_.crew.give(
-        std::make_shared<SizingPart>(sizing_, std::move(start), stack_.mount(), level, std::move(entries)));
+  void give(DirectoryStack::Start start, std::size_t level, std::string entries) override {
+    crew_.give(std::make_shared<SizingPart>(sizing_, std::move(start), stack_.mount(), levels_[level],
+                                            std::move(entries)));
   }
 
   /// Counts what the top folder holds and notes the folders in it. Returns 0 or an errno.
@@ -162,12 +146,7 @@ class SizingPart final : public WalkCrew::Part {
     for (int error = 0; !sizing_.isCancelled();) {
       const std::string_view entries = reader.next(folder, error);
       if (entries.empty()) return error;
-      DirectoryStack::Start start;
-      if (entries.size() >= kManyEntries && mayGive() && stack_.startAtTop(start)) {
-        give(std::move(start), levels_.back(), std::string(entries));
-      } else {
-        count(entries);
-      }
+      if (!giveAway(entries)) count(entries);
     }
     return 0;
   }
@@ -227,18 +206,16 @@ class SizingPart final : public WalkCrew::Part {
   };
 
   void add(const Sum& sum) {
-    counted_ += sum.entries;
+    done_ += sum.entries;
     addSaturating(levels_.back().share->bytes, sum.bytes);
     addSaturating(levels_.back().share->entries, sum.entries);
     if (sizing_.progress) sizing_.progress->add(sum.bytes, sum.entries);
   }
 
   Sizing& sizing_;
-  DirectoryStack stack_;
   std::vector<Level> levels_;  // One for each level of the stack.
   const bool isWhole_;
   std::string entries_;
-  int64_t counted_ = 0;
 };
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include "larkspan/platform/base/Descriptor.h"
 #include "larkspan/platform/base/Utf8.h"
+#include "larkspan/platform/files/Directory.h"
 #include "larkspan/platform/text/KeyFile.h"
 
 #include <cerrno>
@@ -13,8 +14,6 @@
 namespace larkspan::platform {
 
 namespace {
-
-Date dateOf(const struct statx_timestamp& time) { return {time.tv_sec, time.tv_nsec}; }
 
 /// What the desktop entry at the path says; nothing for what is none (freedesktop.org's desktop-entry-spec).
 std::optional<KeyFile> desktopEntry(const std::string& path) {

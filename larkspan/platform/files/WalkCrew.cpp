@@ -1,12 +1,11 @@
 #include "larkspan/platform/files/WalkCrew.h"
 
-#include "larkspan/platform/files/DirectoryStack.h"
+#include "larkspan/platform/dispatch/Thread.h"
 
 #include <algorithm>
 #include <system_error>
+#include <thread>
 
-#include <pthread.h>
-#include <signal.h>
 #include <sys/resource.h>
 
 namespace larkspan::platform {
@@ -20,23 +19,29 @@ unsigned partsAllowed() {
   return static_cast<unsigned>(std::clamp<rlim_t>(fitting, 1, WalkCrew::kMaximumParts));
 }
 
-/// Starts a thread with all signals blocked, so that the program's handlers run on the program's threads.
-template <typename F>
-std::thread startThread(F body) {
-  sigset_t all, before;
-  ::sigfillset(&all);
-  ::pthread_sigmask(SIG_SETMASK, &all, &before);
-  std::thread thread;
-  try {
-    thread = std::thread(std::move(body));
-  } catch (const std::system_error&) {
-    // The kernel refuses; the walk goes on without.
-  }
-  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  return thread;
-}
+/// Entries that a part does before it may give work away: less is done sooner than given.
+constexpr int64_t kWorthSharing = 256;
+/// Bytes of entries worth a part of their own.
+constexpr std::size_t kManyEntries = 16 * 1024;
 
 }  // namespace
+
+bool WalkCrew::Part::mayGive() const {
+  return done_ >= kWorthSharing && crew_.appetite_.load(std::memory_order_relaxed) > 0;
+}
+
+void WalkCrew::Part::giveAway() {
+  DirectoryStack::Start start;
+  std::size_t level;
+  if (mayGive() && stack_.split(start, level)) give(std::move(start), level, {});
+}
+
+bool WalkCrew::Part::giveAway(std::string_view entries) {
+  DirectoryStack::Start start;
+  if (entries.size() < kManyEntries || !mayGive() || !stack_.startAtTop(start)) return false;
+  give(std::move(start), stack_.depth() - 1, std::string(entries));
+  return true;
+}
 
 bool WalkCrew::Part::mustWait(Awaited& awaited) {
   awaited.giver_ = shared_from_this();
@@ -52,12 +57,10 @@ WalkCrew::WalkCrew()
 }
 
 WalkCrew::~WalkCrew() {
-  {
-    const std::lock_guard lock(mutex_);
-    ends_ = true;
-  }
+  std::unique_lock lock(mutex_);
+  ends_ = true;
   wake_.notify_all();
-  for (std::thread& helper : helpers_) helper.join();
+  wake_.wait(lock, [this] { return helpers_ == 0; });
 }
 
 void WalkCrew::run(std::shared_ptr<Part> part) {
@@ -77,13 +80,12 @@ void WalkCrew::give(std::shared_ptr<Part> part, std::shared_ptr<Awaited> awaited
   queue_.push_back(std::move(part));
   if (idle_ > 0) {
     wake_.notify_one();
-  } else if (helpers_.size() < helpersAllowed_) {
-    std::thread helper = startThread([this] { work(true); });
-    if (helper.joinable()) {
-      ::pthread_setname_np(helper.native_handle(), "lks-walk");
-      helpers_.push_back(std::move(helper));
-    } else {
-      helpersAllowed_ = helpers_.size();
+  } else if (helpers_ < helpersAllowed_) {
+    try {
+      (isLowPriorityThread() ? startLowPriorityThread : startThread)("lks-walk", [this] { work(true); });
+      ++helpers_;
+    } catch (const std::system_error&) {
+      helpersAllowed_ = helpers_;  // The kernel refuses; the walk goes on without.
     }
   }
   updateAppetite();
@@ -102,7 +104,12 @@ void WalkCrew::work(bool isHelper) {
     ++idle_;
     wake_.wait(lock, [&] { return !queue_.empty() || (isHelper ? ends_ : alive_ == 0); });
     --idle_;
-    if (queue_.empty()) return;
+    if (queue_.empty()) {
+      if (!isHelper) return;
+      --helpers_;
+      wake_.notify_all();  // Under the lock: whoever ends the crew must find nobody here.
+      return;
+    }
     std::shared_ptr<Part> part = std::move(queue_.front());
     queue_.pop_front();
     updateAppetite();

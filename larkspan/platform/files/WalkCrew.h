@@ -1,22 +1,22 @@
 #pragma once
 
-#include "larkspan/platform/files/Directory.h"
+#include "larkspan/platform/files/DirectoryStack.h"
 
 #include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <memory>
 #include <mutex>
-#include <thread>
-#include <vector>
+#include <string>
+#include <string_view>
 
 namespace larkspan::platform {
 
-/// The threads of a walk. A walk begins as one part on the caller's thread. While threads are idle, whoever
-/// walks gives half of what it has noted for later away as a part of its own, so that no thread runs out of
-/// work while another has plenty, and nobody pays for sharing while all are busy. Threads are started only
-/// when there is a part for them, as children of the caller: they have its CPU and I/O priority.
-/// Owner:   the walk; the threads end with this.
+/// The threads of a walk. A walk begins as one part on the caller's thread. While threads are idle, who has done
+/// something and walks on gives half of what it has noted for later away as a part of its own; while all are
+/// busy, sharing costs a load. Threads are started only when there is a part for them; those of a low-priority
+/// thread are such threads, too.
+/// Owner:   the walk; no thread runs anything of it once this ends.
 /// Thread:  `run` on one thread at a time, the rest on those that run a part.
 /// Limits:  as many threads as processors, at most `kMaximumThreads`, and parts for half of the descriptors
 ///          that the process may have.
@@ -36,21 +36,39 @@ class WalkCrew {
     std::shared_ptr<Part> giver_;       // While it waits.
   };
 
-  /// What one thread walks at a time.
+  /// What one thread walks at a time: from a start on downwards.
   class Part : public std::enable_shared_from_this<Part> {
    public:
     virtual ~Part() = default;
+    Part(const Part&) = delete;
+    Part& operator=(const Part&) = delete;
     /// Walks to the end and answers true; or answers false after `mustWait`, and is run again later, perhaps
     /// by another thread. Buffers of the reader are the thread's.
     virtual bool run(DirectoryReader& reader) = 0;
 
    protected:
+    Part(WalkCrew& crew, DirectoryStack::Start start, uint64_t mount, FolderOpening opening)
+        : crew_(crew), stack_(std::move(start), mount, opening) {}
+
+    /// Where another thread is idle and it is worth it, gives half of what is pending away; or these entries,
+    /// just read, of the top folder, and answers whether it did.
+    void giveAway();
+    bool giveAway(std::string_view entries);
+    /// Gives `crew_` a part for what is pending at the start, and the entries, which are of the start: a folder
+    /// that is `level` levels beneath this part's own.
+    virtual void give(DirectoryStack::Start start, std::size_t level, std::string entries) = 0;
+
     /// Whether some of the parts are not done yet. If so `run` has to return false at once and touch nothing
     /// any more: another thread may run this part already.
     bool mustWait(Awaited& awaited);
 
+    WalkCrew& crew_;
+    DirectoryStack stack_;
+    int64_t done_ = 0;  // Entries so far, which the part counts.
+
    private:
     friend class WalkCrew;
+    bool mayGive() const;
     std::shared_ptr<Awaited> awaited_;
   };
 
@@ -61,8 +79,6 @@ class WalkCrew {
 
   /// Returns when the part and all that came of it are done.
   void run(std::shared_ptr<Part> part);
-  /// Whether a part would be welcome. Costs a load.
-  bool isHungry() const { return appetite_.load(std::memory_order_relaxed) > 0; }
   /// Queues a part, for which somebody may wait.
   void give(std::shared_ptr<Part> part, std::shared_ptr<Awaited> awaited = nullptr);
 
@@ -77,8 +93,8 @@ class WalkCrew {
   unsigned idle_ = 0;   // Threads without one.
   bool ends_ = false;
   const unsigned partsAllowed_;
-  std::size_t helpersAllowed_;
-  std::vector<std::thread> helpers_;
+  unsigned helpersAllowed_;
+  unsigned helpers_ = 0;
   std::atomic<int> appetite_ = 0;
 };
 

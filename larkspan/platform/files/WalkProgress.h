@@ -9,7 +9,8 @@ namespace larkspan::platform {
 
 /// Watches and stops one walk over a tree, be it sizing or deletion: the caller hands it to the walk and asks
 /// from other threads.
-/// Owner:  the caller, until the walk has returned; one walk each, as a cancelled one stays so.
+/// Owner:  the caller, until the walk has returned. Walks that get the same one after another are summed; once
+///         cancelled it stops them all.
 /// Thread: any, at any time.
 class WalkProgress {
  public:
@@ -21,11 +22,12 @@ class WalkProgress {
   int64_t bytes() const { return bytes_.load(std::memory_order_relaxed); }
   /// Entries counted or removed so far.
   int64_t entries() const { return entries_.load(std::memory_order_relaxed); }
-  /// Path of a folder the walk was in, any bytes; empty before the first. Asking makes the walk note the next
-  /// folder that one of its threads enters, so that a walk nobody watches spells out no paths.
+  /// Path of a folder the walk was in, any bytes; empty before the first. That is the first folder, until
+  /// somebody asks: then the walk notes the next one that a thread of it enters, so that one nobody watches
+  /// spells out a single path.
   std::string currentFolder() const;
 
-  /// Makes the walk stop before its next entry.
+  /// Makes each thread of the walk stop before its next entry.
   void cancel() { cancelled_.store(true, std::memory_order_relaxed); }
   bool isCancelled() const { return cancelled_.load(std::memory_order_relaxed); }
 

@@ -131,7 +131,7 @@ bool WatchTree::place(Number number, Number parent, const char* name) {
     if (watch.parent == parent && watch.name == name) return true;
     // Folders that change places in a way that the events so far do not explain.
     for (Number above = parent; above != kNone; above = watches_.at(above).parent) {
-      if (above == number) return lostEvents_ = true, false;
+      if (above == number) return loseEvents(0), false;
     }
     unlink(number);
     forgetPaths();
@@ -247,7 +247,12 @@ void WatchTree::checkRoots(bool isFirst) {
 void WatchTree::checkRoot(unsigned index, bool isFirst) {
   Root& root = roots_[index];
   int number = inotify_add_watch(inotify_, spelled(root.path), kEvents);
-  if (number < 0) noteShortage(errno), number = kNone;
+  root.refusal = 0;
+  if (number < 0) {
+    noteShortage(errno);
+    if (shortage_ != errno && errno != ENOENT && errno != ENOTDIR) root.refusal = errno;
+    number = kNone;
+  }
   if (number == root.number) return;
   const auto old = watches_.find(std::exchange(root.number, number));
   // One that also lies beneath another root is that one's affair.
@@ -263,9 +268,16 @@ void WatchTree::checkRoot(unsigned index, bool isFirst) {
   if (!isFirst) tell_(spelled(root.path), kEventRootChanged | kEventMustScanSubdirectories);
 }
 
-void WatchTree::rescan(uint32_t flags) {
+std::pair<std::string, int> WatchTree::refusal() const {
+  for (const Root& root : roots_) {
+    if (root.refusal) return {spelled(root.path), root.refusal};
+  }
+  return {};
+}
+
+void WatchTree::rescan() {
   ++round_;
-  lostEvents_ = false;
+  const uint32_t flags = kEventMustScanSubdirectories | std::exchange(lost_, 0);
   shortage_ = 0;
   checkRoots(true);
   for (const Root& root : roots_) {
@@ -281,11 +293,11 @@ void WatchTree::rescan(uint32_t flags) {
   for (const Number number : gone) {
     if (watches_.contains(number)) drop(number);
   }
-  for (const std::string& path : rootPaths()) tell_(path, kEventMustScanSubdirectories | flags);
+  for (const std::string& path : rootPaths()) tell_(path, flags);
 }
 
 void WatchTree::handle(const inotify_event& event) {
-  if (event.mask & IN_Q_OVERFLOW) lostEvents_ = true;
+  if (event.mask & IN_Q_OVERFLOW) loseEvents(kEventKernelDropped);
   const Number number = event.wd;
   const auto found = watches_.find(number);
   if (found == watches_.end()) return;

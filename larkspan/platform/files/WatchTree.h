@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 struct inotify_event;
@@ -37,20 +38,25 @@ class WatchTree {
 
   /// Watches what stands at the roots now. A root that has become another thing is told, unless `isFirst`.
   void checkRoots(bool isFirst = false);
-  /// Watches exactly what is there now, after events were lost, and tells the roots with these flags.
-  void rescan(uint32_t flags);
+  /// Watches exactly what is there now and tells the roots to be looked at, with the flags of what was lost.
+  void rescan();
   /// Tells what an event means, and watches what it shows. Events come in the kernel's order.
   void handle(const inotify_event& event);
   /// After some events: lets go of what only served to take them in.
   void rest() { forgetPaths(); }
 
+  /// Notes that events were lost: `kEventUserDropped` or `kEventKernelDropped`.
+  void loseEvents(uint32_t cause) { lost_ |= kEventMustScanSubdirectories | cause; }
   /// Whether events were lost, so that a `rescan()` is due.
-  bool hasLostEvents() const { return lostEvents_; }
+  bool hasLostEvents() const { return lost_ != 0; }
   /// Whether a root's watch was lost, so that `checkRoots()` is due.
   bool hasLostRoot() const { return lostRoot_; }
   /// The errno for which folders are not watched that should be: ENOSPC for watches, or a want of descriptors
   /// or memory. 0 when all are; a `rescan()` finds out.
   int shortage() const { return shortage_; }
+  /// The first root that stands there and cannot be watched, as the process may not read it, and the errno; the
+  /// errno is 0 when there is none.
+  std::pair<std::string, int> refusal() const;
   std::vector<std::string> rootPaths() const;
 
  private:
@@ -60,6 +66,7 @@ class WatchTree {
     std::string path;
     Number number = kNone;
     uint64_t mount = 0;
+    int refusal = 0;           // An errno.
     bool countsLinks = false;  // A folder's link count tells how many folders it holds.
   };
   struct Watch {
@@ -101,7 +108,8 @@ class WatchTree {
   std::unordered_map<Number, Watch> watches_;
   std::vector<Number> deep_;  // Too far down to be listed by the walk that met them.
   unsigned round_ = 0;
-  bool lostEvents_ = false, lostRoot_ = false;
+  uint32_t lost_ = 0;  // What to tell of lost events.
+  bool lostRoot_ = false;
   int shortage_ = 0;
   DirectoryReader reader_;
   // The last folders that were told of and opened; neighbouring events are often of the same.

@@ -11,11 +11,12 @@ namespace larkspan::platform {
 /// Writes each message as one line: "2026-11-22T20:46:54.123Z PROGRAM[PID] MESSAGE", and for the system log
 /// "SUBSYSTEM:CATEGORY LEVEL: " before the message. Control characters are escaped as \n, \t, \xHH.
 /// Owner:   borrows the descriptor unless told to close it.
-/// Thread:  any; never blocks on a pipe or socket that nobody reads.
-/// Failure: what such a descriptor has no room for is dropped; the next line that goes through is preceded by one
-///          that says how many were.
-/// Limits:  up to 4096 bytes (PIPE_BUF) a line is one write(2); a longer one comes in pieces of that size, unless
-///          the descriptor is a file.
+/// Thread:  any; does not wait for the reader of a pipe, unless another process fills it in between looking for room
+///          and writing.
+/// Failure: a line for which there is no room is dropped, a long one perhaps with its beginning written; the next
+///          that goes through is preceded by one that says how many were.
+/// Limits:  up to 4096 bytes (PIPE_BUF), the account of a loss included, is one write(2); what is longer comes in
+///          pieces of that size, unless the descriptor has a position, as files have.
 class StreamSink : public LogSink {
  public:
   enum class Closes { no, yes };

@@ -37,16 +37,30 @@ ScopedIdentity::ScopedIdentity(Identity identity) : previous_(exchangeKept(std::
 
 ScopedIdentity::~ScopedIdentity() { exchangeKept(std::move(previous_)); }
 
-std::string homeFolderOf(uid_t user) {
+namespace {
+
+/// `read` is one of getpwuid_r(3) and its like, but for the key.
+template <typename Read>
+std::string homeFolder(Read read) {
   constexpr std::size_t kMaxEntry = 1 << 20;
   for (std::vector<char> buffer(1024); buffer.size() <= kMaxEntry; buffer.resize(buffer.size() * 4)) {
     passwd entry{};
     passwd* found = nullptr;
-    const int status = getpwuid_r(user, &entry, buffer.data(), buffer.size(), &found);
+    const int status = read(&entry, buffer.data(), buffer.size(), &found);
     if (status == 0) return found ? found->pw_dir : "";
     if (status != ERANGE) break;
   }
   return {};
+}
+
+}  // namespace
+
+std::string homeFolderOf(uid_t user) {
+  return homeFolder([user](auto... rest) { return getpwuid_r(user, rest...); });
+}
+
+std::string homeFolderOf(const std::string& name) {
+  return homeFolder([&name](auto... rest) { return getpwnam_r(name.c_str(), rest...); });
 }
 
 }  // namespace larkspan::platform

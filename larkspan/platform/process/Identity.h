@@ -33,5 +33,7 @@ class ScopedIdentity {
 
 /// The home folder of a user by the password database (getpwuid_r(3)); empty where there is none.
 std::string homeFolderOf(uid_t user);
+/// The same by the user's name (getpwnam_r(3)).
+std::string homeFolderOf(const std::string& name);
 
 }  // namespace larkspan::platform

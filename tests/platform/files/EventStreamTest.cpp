@@ -8,11 +8,12 @@
 #include <condition_variable>
 #include <filesystem>
 #include <future>
-#include <latch>
 #include <mutex>
 #include <random>
 #include <set>
+#include <thread>
 
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 
@@ -154,11 +155,17 @@ TEST(EventStream, SurvivesABurstThroughANewFolderAndAFullQueueOfTheKernel) {
     for (int i = 0; i < files; ++i)
       ASSERT_EQ(0, mknod((tree / folder + "/" + std::to_string(i)).c_str(), S_IFREG | 0644, 0));
   };
-  tree.folder("first");
-  burst("first", 100'000);
-  tree.folder("first/second");
-  model.expectEqual(tree.path(), "burst");
-  EXPECT_EQ(0u, model.flags() & kEventMustScanSubdirectories) << "nothing was lost";
+  // A busy machine may keep the queue from being emptied; not each time.
+  bool wasLost = true;
+  for (int attempt = 0; wasLost && attempt < 5; ++attempt) {
+    const std::string folder = "first" + std::to_string(attempt);
+    tree.folder(folder);
+    burst(folder, 100'000);
+    model.expectEqual(tree.path(), "burst");
+    wasLost = model.flags() & kEventMustScanSubdirectories;
+  }
+  EXPECT_FALSE(wasLost);
+  tree.folder("second");
 
   // Nobody empties the queue while the input/output thread stands still.
   std::promise<void> stands, goOn;
@@ -170,14 +177,14 @@ TEST(EventStream, SurvivesABurstThroughANewFolderAndAFullQueueOfTheKernel) {
     goOn.get_future().wait();
   });
   stands.get_future().wait();
-  burst("first/second", 20'000);
+  burst("second", 20'000);
   tree.folder("third");
   goOn.set_value();
   block.reset();
   close(event);
   model.expectEqual(tree.path(), "overflow");
   EXPECT_EQ(kEventMustScanSubdirectories | kEventKernelDropped,
-            model.flags() & (kEventMustScanSubdirectories | kEventKernelDropped));
+            model.flags() & (kEventMustScanSubdirectories | kEventUserDropped | kEventKernelDropped));
   tree.file("third/x");
   model.expectEqual(tree.path(), "a folder that only the look after the overflow found");
 }
@@ -225,45 +232,97 @@ TEST(EventStream, WatchesTreesOfAnyDepthAndTellsFoldersAloneIfAsked) {
 TEST(EventStream, GathersForTheLatencyAndDeliversNothingOnceItHasEnded) {
   const TestTree tree;
   std::optional<Error> error;
-  std::promise<std::vector<std::string>> first;
-  std::promise<void> second;
-  std::unique_ptr<EventStream> stream = EventStreams().make(
-      {{tree.path()}, 200ms},
-      [&](std::span<const FileEvent> batch) {
-        std::vector<std::string> paths;
-        for (const FileEvent& event : batch) paths.push_back(event.path);
-        first.set_value(paths);
-        stream.reset();  // A second batch would be an exception that ends the program.
-      },
-      error);
-  stream->start(DispatchQueue::main());
+  std::unique_ptr<EventStream> stream;
+  std::vector<std::string> told;
+  const auto queue = DispatchQueue::makeSerial("test");
+  const auto watch = [&](const std::shared_ptr<DispatchQueue>& on, std::chrono::nanoseconds latency,
+                         EventStream::Handler handler) {
+    stream = EventStreams().make({{tree.path()}, latency}, std::move(handler), error);
+    ASSERT_TRUE(stream);
+    ASSERT_EQ(std::nullopt, stream->start(on));
+  };
+  const auto note = [&](std::span<const FileEvent> batch) {
+    for (const FileEvent& event : batch) told.push_back(event.path);
+  };
+  // Nobody runs the main queue but this thread: a batch that it holds stays there.
+  pollfd batchQueued{mainQueueDescriptor(), POLLIN, 0};
+  watch(DispatchQueue::main(), 200ms, note);
   const auto begin = std::chrono::steady_clock::now();
   for (const char* name : {"c", "a", "b"}) tree.file(name);
-  auto paths = first.get_future();
-  while (paths.wait_for(0s) != std::future_status::ready) drainMainQueue();
-  EXPECT_EQ((std::vector<std::string>{tree / "c", tree / "a", tree / "b"}), paths.get());
+  ASSERT_EQ(1, poll(&batchQueued, 1, 30'000));
   EXPECT_GE(std::chrono::steady_clock::now() - begin, 200ms);
+  drainMainQueue();
+  EXPECT_EQ((std::vector<std::string>{tree / "c", tree / "a", tree / "b"}), std::exchange(told, {}));
+  for (const bool isDestroyed : {false, true}) {
+    tree.file(isDestroyed ? "e" : "d");
+    ASSERT_EQ(1, poll(&batchQueued, 1, 30'000));
+    isDestroyed ? stream.reset() : stream->stop();
+    drainMainQueue();
+    EXPECT_TRUE(told.empty()) << "a batch that was queued before the end";
+    watch(DispatchQueue::main(), 0ns, note);
+  }
 
-  std::latch isDelivering(1), mayReturn(1);
-  std::atomic<bool> returned = false;
-  stream = EventStreams().make(
-      {{tree.path()}, 0ns},
-      [&](std::span<const FileEvent>) {
-        isDelivering.count_down();
-        mayReturn.wait();
-        returned = true;
-      },
-      error);
-  stream->start(DispatchQueue::global());
-  tree.file("d");
-  isDelivering.wait();
-  auto end = std::async(std::launch::async, [&] {
-    stream->stop();
-    return returned.load();
+  // The end waits for a batch that is being delivered, or else finds it unfinished.
+  std::promise<void> isDelivering;
+  std::atomic<bool> stops = false, returned = false;
+  watch(queue, 0ns, [&](auto) {
+    isDelivering.set_value();
+    while (!stops) std::this_thread::yield();
+    for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+    returned = true;
   });
-  tree.file("e");
-  mayReturn.count_down();
-  EXPECT_TRUE(end.get()) << "it waits for the batch on its way";
+  tree.file("f");
+  isDelivering.get_future().wait();
+  stops = true;
+  stream->stop();
+  EXPECT_TRUE(returned);
+
+  // An end from within a batch, while another is on its way.
+  std::promise<void> first, second;
+  watch(queue, 0ns, [&](std::span<const FileEvent> batch) {
+    note(batch);
+    tree.file("h");
+    told.size() > 1 ? stream.reset() : stream->stop();
+    first.set_value();
+  });
+  tree.file("g");
+  first.get_future().wait();
+  const auto witness = EventStreams().make(
+      {{tree.path()}, 0ns}, [&](auto) { second.set_value(); }, error);
+  witness->start(DispatchQueue::makeSerial("witness"));
+  tree.file("i");
+  second.get_future().wait();
+  queue->sync([] {});
+  EXPECT_EQ(std::vector<std::string>{tree / "g"}, told);
+}
+
+TEST(EventStream, SaysWhatItHadToDropAndWhatItMayNotRead) {
+  const TestTree tree(TestTree::kInMemory);
+  std::optional<Error> error;
+  std::string path;
+  uint32_t flags = 0;
+  auto stream = EventStreams().make(
+      {{tree.path()}, 0ns},
+      [&](std::span<const FileEvent> batch) { path = batch[0].path, flags = batch[0].flags; }, error);
+  stream->start(DispatchQueue::main());
+  // Nobody takes the second batch until those with these names are too many for it.
+  const std::string names[] = {std::string(255, 'a'), std::string(255, 'b')};
+  for (const std::string& name : names) tree.file(name);
+  pollfd batchQueued{mainQueueDescriptor(), POLLIN, 0};
+  for (int times = 250'000; times < 3'000'000 && !(flags & kEventUserDropped); times *= 2) {
+    for (int i = 0; i < times; ++i) ASSERT_EQ(0, chmod((tree / names[i % 2]).c_str(), 0644));
+    for (int batch = 0; batch < 2 && poll(&batchQueued, 1, 30'000) == 1; ++batch) drainMainQueue();
+  }
+  EXPECT_EQ(tree.path(), path);
+  EXPECT_EQ(kEventMustScanSubdirectories | kEventUserDropped, flags & ~kEventKernelDropped);
+
+  ASSERT_EQ(0, chmod(tree.path().c_str(), 0));
+  const bool isRoot = geteuid() == 0 && seteuid(65534) == 0;
+  stream = EventStreams().make(
+      {{tree.path()}}, [](auto) {}, error);
+  ASSERT_TRUE(!isRoot || seteuid(0) == 0);
+  EXPECT_FALSE(stream);
+  EXPECT_EQ(tree.path() + " cannot be watched: Permission denied", error->localizedDescription());
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include "larkspan/platform/files/CacheDirTag.h"
+#include "larkspan/platform/files/Directory.h"
 #include "larkspan/platform/files/ResourceValues.h"
 #include "tests/platform/files/TestTree.h"
 
@@ -26,6 +27,10 @@ TEST(FileFacts, TellsOfTheEntryItself) {
   const ResourceValues x = valuesOf(tree.url("x"));
   EXPECT_EQ(12'288, x.totalAllocatedSize);
   EXPECT_EQ((Date{1'000'000'000, 123'456'789}), x.contentModificationDate);
+  struct statx facts;
+  ASSERT_EQ(0, ::statx(AT_FDCWD, (tree / "x").c_str(), 0, STATX_BTIME, &facts));
+  EXPECT_EQ(facts.stx_mask & STATX_BTIME ? std::optional(dateOf(facts.stx_btime)) : std::nullopt,
+            x.creationDate);
   tree.file("app.desktop", "[Desktop Entry]\nType=Application\nName=Shown\nName[de]=Gezeigt\n");
   tree.file("page.desktop", "[Desktop Entry]\nType=Link\nName=\n");
   tree.link("app.desktop", "l.desktop");

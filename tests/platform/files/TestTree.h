@@ -53,6 +53,12 @@ class TestTree {
     ASSERT_EQ(static_cast<ssize_t>(content.size()), ::write(file, content.data(), content.size()));
     ::close(file);
   }
+  /// Bytes of disk that an entry itself takes.
+  int64_t allocated(const std::string& name) const {
+    struct stat facts {};
+    EXPECT_EQ(0, ::lstat((*this / name).c_str(), &facts)) << name;
+    return facts.st_blocks * 512;
+  }
   bool has(const std::string& name) const { return ::access((*this / name).c_str(), F_OK) == 0; }
   void link(const std::string& target, const std::string& name) const {
     ASSERT_EQ(0, ::symlink(target.c_str(), (*this / name).c_str())) << name;
