@@ -1,8 +1,10 @@
+#include "larkspan/fs/DirectorySize.h"
 #include "larkspan/platform/base/Value.h"
 #include "larkspan/platform/files/DeepDelete.h"
 #include "larkspan/platform/files/DirectoryStack.h"
 #include "larkspan/platform/files/FolderSize.h"
 #include "tests/platform/files/TestTree.h"
+#include "tests/support/CapturedLog.h"
 
 #include <gtest/gtest.h>
 
@@ -67,11 +69,8 @@ void fill(int folder, std::minstd_rand& random, int depth) {
       ASSERT_EQ(0, ::mknodat(folder, name.c_str(), (chance(2) ? S_IFSOCK : S_IFIFO) | 0644, 0));
     } else {
       const Descriptor made(::openat(folder, name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
-      const std::string content(chance(3) ? random() % 20'000 : 0, 'x');
-      ASSERT_EQ(static_cast<ssize_t>(content.size()), ::write(made.get(), content.data(), content.size()));
-      if (chance(8)) {
-        ASSERT_EQ(0, ::ftruncate(made.get(), 10'000'000));
-      }
+      ASSERT_EQ(0, chance(3) ? ::posix_fallocate(made.get(), 0, 1 + random() % 20'000) : 0);
+      ASSERT_EQ(0, chance(8) ? ::ftruncate(made.get(), 10'000'000) : 0);
       file = name;
     }
   }
@@ -86,40 +85,28 @@ TEST(FolderSize, EqualsDuOnHundredsOfTreesAndSharesItOutAmongFolders) {
     fill(folder.get(), random, static_cast<int>(random() % 3));
   }
   const FolderSizeResult whole = sizeFolder(tree.url(), {{}, nullptr, 2});
-  EXPECT_GT(whole.entries, 5'000);
   std::map<std::string, int64_t> bytesOf;
-  int64_t entries = 1;
+  int64_t entries = 0;
   for (const auto& folder : whole.folders) {
-    const auto& parent = whole.folders[folder.parent];
-    EXPECT_EQ(folder.depth == 0, &folder == &whole.folders[0]);
-    EXPECT_TRUE(folder.depth == 0 || parent.depth + 1 == folder.depth);
-    if (folder.depth == 1) bytesOf[folder.name] = folder.bytes;
-    if (folder.depth == 1) entries += folder.entries;
+    EXPECT_TRUE(folder.depth == 0 || whole.folders[folder.parent].depth + 1 == folder.depth);
+    if (folder.depth != 1) continue;
+    bytesOf[folder.name] = folder.bytes;
+    entries += folder.entries;
   }
   EXPECT_EQ(300u, bytesOf.size());
-  EXPECT_EQ(whole.entries + 1, entries);
-  std::istringstream lines(shell("cd " + tree.path() + " && du -xB1 --max-depth=1"));
+  EXPECT_EQ(whole.entries, entries);
+  EXPECT_GT(entries, 5'000);
+  std::istringstream lines(shell("cd " + tree.path() + " && du -xB1 --max-depth=1 */"));
   int64_t bytes;
   for (std::string path; lines >> bytes >> path;) {
-    if (path == ".") continue;
-    const std::string name = path.substr(2);
-    struct stat own;
-    ASSERT_EQ(0, ::stat((tree / name).c_str(), &own));
-    EXPECT_EQ(bytes, sizeFolder(tree.url(name)).bytes + own.st_blocks * 512) << name;
-    EXPECT_EQ(bytes, bytesOf[name]) << name;
+    if (path.find('/') + 1 != path.size()) continue;
+    path.pop_back();
+    EXPECT_EQ(bytes, sizeFolder(tree.url(path)).bytes + tree.allocated(path)) << path;
+    EXPECT_EQ(bytes, bytesOf[path]) << path;
   }
-  struct stat own;
-  ASSERT_EQ(0, ::stat("/usr", &own));
-  EXPECT_EQ(shell("du -xsB1 /usr"),
-            std::to_string(sizeFolder(URL::file("/usr")).bytes + own.st_blocks * 512) + "\t/usr\n");
-}
-
-/// Cancels as soon as so many entries are done.
-std::jthread cancelAfter(int64_t entries, WalkProgress& progress) {
-  return std::jthread([entries, &progress](const std::stop_token& end) {
-    while (progress.entries() < entries && !end.stop_requested()) std::this_thread::yield();
-    progress.cancel();
-  });
+  EXPECT_EQ(
+      shell("du -xsB1 /usr"),
+      std::to_string(sizeFolder(URL::file("/usr")).bytes + tree.allocated("../../../usr")) + "\t/usr\n");
 }
 
 TEST(FolderSize, SharesOneHugeFolderAndCountsEachInodeOnce) {
@@ -149,16 +136,6 @@ TEST(FolderSize, SharesOneHugeFolderAndCountsEachInodeOnce) {
   EXPECT_EQ(ENOENT, sizeFolder(tree.url("missing")).status);
   EXPECT_EQ(ENOTDIR, sizeFolder(tree.url("linked")).status);
   EXPECT_EQ(EINVAL, sizeFolder(*URL::parse("https://host/tmp")).status);
-  FolderSizeResult cancelled;
-  for (int attempt = 0; attempt < 50 && cancelled.status == 0; ++attempt) {
-    WalkProgress cancelling;
-    const std::jthread canceller = cancelAfter(5, cancelling);
-    cancelled = sizeFolder(tree.url(), {{}, &cancelling});
-    EXPECT_NE("", cancelling.currentFolder());
-    EXPECT_EQ(cancelled.entries, cancelling.entries());
-  }
-  EXPECT_EQ(ECANCELED, cancelled.status);
-  EXPECT_TRUE(cancelled.entries >= 5 && cancelled.entries < kFiles) << cancelled.entries;
 }
 
 TEST(FolderSize, LeavesOutExcludedChildrenBySpelling) {
@@ -173,14 +150,16 @@ TEST(FolderSize, LeavesOutExcludedChildrenBySpelling) {
     within += tree.allocated(name);
   EXPECT_EQ(within, block("in"));
   EXPECT_EQ(tree.allocated("sp\xff ace"), block("sp\xff ace"));
-  EXPECT_EQ(all - block("in/deep/er") - block("other"),
-            sizeWithout({tree.url("in/deep/er"), tree.url("other")}));
   EXPECT_EQ(all - block("in"), sizeWithout({tree.url("in/deep/er/f"), tree.url("in")}));
   const std::string text(tree.url("in").absoluteString());
   for (const std::string& miss : {text + "/", text + "x", "file://localhost" + tree.path() + "/in",
                                   text + "/../other", tree.url().description() + "/%69n", text + "?q"}) {
     EXPECT_EQ(all, sizeWithout({*URL::parse(miss)})) << miss;
   }
+  EXPECT_EQ(all - within, LKSSizeDirectoryWithExcludedChildURLs(tree.url(), {{tree.url("in")}}));
+  const tests::CapturedLog log;
+  EXPECT_EQ(0, LKSSizeDirectoryWithExcludedChildURLs(tree.url("missing")));
+  EXPECT_TRUE(log.lines().empty());
 }
 
 TEST(FolderSize, CountsWhatItCannotReadAndWhatVanishes) {
@@ -197,8 +176,7 @@ TEST(FolderSize, CountsWhatItCannotReadAndWhatVanishes) {
   const auto patience = std::chrono::steady_clock::now() + std::chrono::seconds(30);
   for (int i = 0; i < 200 || (vanished == 0 && std::chrono::steady_clock::now() < patience); ++i) {
     const FolderSizeResult result = sizeFolder(tree.url());
-    ASSERT_EQ(0, result.status);
-    ASSERT_EQ(0, result.unreadable);
+    ASSERT_EQ(0, result.status + result.unreadable);
     vanished += result.vanished;
     ASSERT_EQ(std::min<int64_t>(result.vanished, 16), static_cast<int64_t>(result.firstVanished.size()));
   }
@@ -302,9 +280,10 @@ TEST_P(DeepDelete, RemovesWhatItsThreadsShareAndKeepsOnlyWhatCannotGo) {
   for (int chain = 0; chain < 12; ++chain) {
     std::string path = std::to_string(chain);
     for (int level = 0; level < 20; ++level, path += "/d") {
-      tree.folder(path);
-      tree.folder(path + "/side");
-      for (int i = 0; i < 30; ++i) tree.file(path + (i % 2 ? "/side/" : "/") + std::to_string(i), "");
+      for (const std::string& folder : {path, path + "/side"}) {
+        tree.folder(folder);
+        for (int i = 0; i < 15; ++i) tree.file(folder + "/" + std::to_string(i), "");
+      }
     }
   }
   tree.folder("flat");
@@ -321,16 +300,13 @@ TEST_P(DeepDelete, RemovesWhatItsThreadsShareAndKeepsOnlyWhatCannotGo) {
   if (isMounted) {
     EXPECT_EQ(EBUSY, causeOf(result));
     EXPECT_EQ("./0 ./0/side ./0/side/deep ", tree.list());
-  } else {
-    tree.folder("");
   }
 }
 
 TEST_P(DeepDelete, NeverLeavesATreeWhoseFoldersAreSwappedForLinks) {
   constexpr int kRounds = 20, kFolders = 400;
   TestTree outside(TestTree::kInMemory), tree(TestTree::kInMemory);
-  outside.folder("s");
-  for (const char* name : {"f", "s/f"}) outside.file(name);
+  outside.chain(2);
   const std::string before = outside.list();
   const auto victim = [&](int round, int i) { return std::to_string(round) + "/v/" + std::to_string(i); };
   const auto link = [&](int round, int i) { return std::to_string(round) + "/" + std::to_string(i); };
@@ -339,10 +315,10 @@ TEST_P(DeepDelete, NeverLeavesATreeWhoseFoldersAreSwappedForLinks) {
   std::atomic<int> wanted = -1, begun = -1;
   std::atomic<int64_t> swaps = 0;
   int64_t removed = 0;
-  std::vector<std::jthread> attackers;
-  for (int first = 0; first < 3; ++first) {
-    attackers.emplace_back([&, first](const std::stop_token& end) {
-      for (int i = first; !end.stop_requested(); i = (i + 1) % kFolders) {
+  std::vector<std::jthread> attackers(3);
+  for (std::jthread& attacker : attackers) {
+    attacker = std::jthread([&](const std::stop_token& end) {
+      for (int i = 0; !end.stop_requested(); i = (i + 1) % kFolders) {
         const int round = wanted;
         const std::string folder = victim(round, i), other = link(round, i);
         for (int swap = 0; swap < 6; ++swap)
@@ -369,24 +345,34 @@ TEST_P(DeepDelete, NeverLeavesATreeWhoseFoldersAreSwappedForLinks) {
   EXPECT_EQ(before, outside.list());
 }
 
-TEST_P(DeepDelete, StopsWhenCancelled) {
+TEST_P(DeepDelete, StopsWhenCancelledAsSizingDoes) {
   TestTree tree(TestTree::kInMemory);
-  DeepDeleteResult result;
-  // The canceller may come too late on a busy machine.
-  for (int attempt = 0; attempt < 50 && !result.error; ++attempt) {
+  DeepDeleteResult deleted;
+  FolderSizeResult sized;
+  // Whoever cancels may come too late on a busy machine.
+  for (int attempt = 0; attempt < 50 && !(deleted.error && sized.status); ++attempt) {
     tree.folder("a");
     for (int i = 0; i < 20'000; ++i) tree.file("a/" + std::to_string(i), "");
-    WalkProgress progress;
-    const std::jthread canceller = cancelAfter(5, progress);
-    result = remove({tree.url("a")}, &progress);
-    EXPECT_EQ(tree / "a", progress.currentFolder());
-    EXPECT_EQ(result.removed, progress.entries());
-    EXPECT_EQ(!result.error, !tree.has("a")) << "with nothing left it was not cancelled";
+    for (const bool deletes : {false, true}) {
+      WalkProgress progress;
+      std::jthread canceller([&progress](const std::stop_token& end) {
+        while (progress.entries() < 5 && !end.stop_requested()) std::this_thread::yield();
+        progress.cancel();
+      });
+      deletes ? void(deleted = remove({tree.url("a")}, &progress))
+              : void(sized = sizeFolder(tree.url("a"), {{}, &progress}));
+      EXPECT_EQ(tree / "a", progress.currentFolder());
+      EXPECT_EQ(deletes ? deleted.removed : sized.entries, progress.entries());
+    }
+    EXPECT_EQ(!deleted.error, !tree.has("a")) << "with nothing left it was not cancelled";
+    if (!deleted.error || !sized.status) remove({tree.url("a")});
   }
-  ASSERT_TRUE(result.error);
-  EXPECT_EQ(-128, result.error->code());
-  EXPECT_EQ(result.removed, result.error->userInfo().get(kRemovedCountKey).integerValue());
-  EXPECT_TRUE(result.removed >= 5 && result.removed <= 20'000) << result.removed;
+  EXPECT_EQ(ECANCELED, sized.status);
+  EXPECT_TRUE(sized.entries >= 5 && sized.entries < 20'000) << sized.entries;
+  ASSERT_TRUE(deleted.error);
+  EXPECT_EQ(-128, deleted.error->code());
+  EXPECT_EQ(deleted.removed, deleted.error->userInfo().get(kRemovedCountKey).integerValue());
+  EXPECT_TRUE(deleted.removed >= 5 && deleted.removed <= 20'000) << deleted.removed;
 }
 
 TEST_P(DeepDelete, EmptiesAFolderButKeepsNames) {
