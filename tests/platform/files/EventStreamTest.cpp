@@ -245,9 +245,8 @@ TEST(EventStream, GathersForTheLatencyAndDeliversNothingOnceItHasEnded) {
   });
   const auto begin = std::chrono::steady_clock::now();
   for (const char* name : {"c", "a", "b"}) tree.file(name);
-  ASSERT_EQ(1, poll(&batchQueued, 1, 30'000));
+  while (told.empty() && poll(&batchQueued, 1, 30'000) == 1) drainMainQueue();
   EXPECT_GE(std::chrono::steady_clock::now() - begin, 200ms);
-  drainMainQueue();
   EXPECT_EQ((std::vector<std::string>{tree / "c", tree / "a", tree / "b"}), told);
   EXPECT_FALSE(stream);
   for (const bool isDestroyed : {false, true}) {
