@@ -53,9 +53,10 @@ struct EventStreamOptions {
 /// Tells in batches what changes beneath a set of paths from its creation on.
 ///
 /// Who keeps a model of the tree has one that equals the disk once that is at rest if it looks again at the path
-/// of each event in turn; forgets what it knew beneath the path for `kEventItemRenamed`, as it does where there
-/// is no folder; and looks at everything beneath it for `kEventMustScanSubdirectories`. So what is in a folder
-/// that appears, be it new or moved, is told as created after it. Neighbouring events at one path become one.
+/// of each event in turn; forgets what it knew beneath the path for `kEventItemCreated`, `kEventItemRemoved` and
+/// `kEventItemRenamed`, as another folder may stand there by now, and where there is none; and looks at
+/// everything beneath it for `kEventMustScanSubdirectories`. So what is in a folder that appears, be it new or
+/// moved, is told as created after it. Neighbouring events at one path become one.
 /// Owner:   the caller; its end is a `stop()`.
 /// Thread:  any, one at a time.
 /// Failure: events that cannot be kept, and watches that run out later, become an event that says

@@ -77,7 +77,7 @@ class Model {
       const bool isThere = lstat(path.c_str(), &facts) == 0;
       const bool isFolder = isThere && S_ISDIR(facts.st_mode);
       model_.erase(path);
-      if (!isFolder || all || (flags & kEventItemRenamed))
+      if (!isFolder || all || (flags & (kEventItemCreated | kEventItemRemoved | kEventItemRenamed)))
         model_.erase(model_.lower_bound(path + "/"), model_.lower_bound(path + "0"));
       if (all) {
         addBeneath(path, model_, true);
