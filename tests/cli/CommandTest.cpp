@@ -183,8 +183,8 @@ TEST(Command, SizesFoldersAndShowsWhereItGoes) {
   program.tree().write("sized/large/f", std::string(60'000, 'x'));
   program.tree().write("sized/small\x1b/deep/f", std::string(4000, 'x'));
   const auto json = [](const std::string& path, int64_t bytes, int entries) {
-    return R"({"path":")" + path + R"(","bytes":)" + std::to_string(bytes) + R"(,"entries":)" +
-           std::to_string(entries);
+    return "{\"path\":\"" + path + "\",\"bytes\":" + std::to_string(bytes) +
+           ",\"entries\":" + std::to_string(entries);
   };
   const auto own = [&](const std::string& name) {
     struct stat facts {};
@@ -194,13 +194,12 @@ TEST(Command, SizesFoldersAndShowsWhereItGoes) {
   const int64_t large = own("/large") + own("/large/f");
   const int64_t small = own("/small\x1b") + own("/small\x1b/deep") + own("/small\x1b/deep/f");
   const std::string whole = json(root, large + small, 5) + R"(,"unreadable":0)";
-  const auto some = program.run({"size", root + "/./nowhere/..", root + "/large/f", root + "/none", "--json",
-                                 "--exclude", root + "/../sized/large"});
+  const auto some = program.run({"size", root + "/./nowhere/..", root + "/large/f", "--json"});
   EXPECT_EQ(some.code(), 1);
-  EXPECT_EQ(flat(some.output),
-            "[{\"path\":\"" + root + "/./nowhere/..\",\"error\":\"Nosuchfileordirectory\"}," +
-                json(root + "/large/f", own("/large/f"), 1) + ",\"unreadable\":0},{\"path\":\"" + root +
-                "/none\",\"error\":\"Nosuchfileordirectory\"}]");
+  EXPECT_EQ(flat(some.output), "[{\"path\":\"" + root +
+                                   "/./nowhere/..\",\"error\":\"Nosuchfileordirectory\"}," +
+                                   json(root + "/large/f", own("/large/f"), 1) + ",\"unreadable\":0}]");
+  EXPECT_EQ(some.error, "larkspan: " + root + "/./nowhere/..: No such file or directory\n");
   EXPECT_EQ(program.run({"size", root, "--exclude", root + "/../sized/large"}).output,
             platform::sizeText(small) + "  " + root + "\n");
   const auto lines = program.run({"size", root, "--depth", "1"}).output;
