@@ -200,6 +200,8 @@ TEST_F(Hostile, ABadFrameIsNamedInOneLineAndEndsThatConnectionAlone) {
       {"=82011844", "A channel that cannot be opened"},
       {reply + "9A40000000", "The bytes end inside an item"},
       {reply + "8061FF", "Text that is not UTF-8"},
+      {reply + hex(std::string(100, '\x81')) + "00F6", "More than 64 levels of nesting"},
+      {reply + "81D81B82" + text("Table") + "A0F6", "A malformed table"},
       {reply + "80F600", "Bytes follow the item"},
       {reply + "806178", "A string is not allowed here"},
       {item + text("Evil") + "A0F6", "An object of the class \"Evil\" is not allowed here"},
@@ -213,6 +215,9 @@ TEST_F(Hostile, ABadFrameIsNamedInOneLineAndEndsThatConnectionAlone) {
       {"+0000000984 eof", "The connection ended inside a frame"},
   };
   add("good", kGood);
+  add("table", "hello call " + reply + "81D81B82" + text("Table") + "A3" + text("class") +
+                   text("ExtensionItem") + text("keys") + "84" + text("a") + text("b") + text("c") +
+                   text("d") + text("rows") + "818401020304F6 hang");
   for (std::size_t i = 0; i < std::size(cases); ++i) {
     const std::string& steps = cases[i].first;
     // It then stays, whatever it reads or does not.
@@ -220,6 +225,7 @@ TEST_F(Hostile, ABadFrameIsNamedInOneLineAndEndsThatConnectionAlone) {
   }
   discover();
   EXPECT_FALSE(ask("good"));
+  EXPECT_FALSE(ask("table"));
   const long before = peakMemory();
   for (std::size_t i = 0; i < std::size(cases); ++i) {
     const auto& [steps, fault] = cases[i];

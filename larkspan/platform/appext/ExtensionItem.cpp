@@ -30,14 +30,16 @@ const ClassSet& ExtensionItem::itemClasses() {
 }
 
 const ObjectClass& ExtensionItem::archiveClass() {
-  static constexpr RowClass kRows{
-      &ExtensionItem::itemClasses, [](Dictionary row, ChunkPool& pool) -> std::shared_ptr<Object> {
-        auto item = std::allocate_shared<ExtensionItem>(ChunkPool::Allocator<ExtensionItem>(pool));
-        item->userInfo_ = std::move(row);
-        return item;
-      }};
+  static constexpr RowClass kRows{&ExtensionItem::itemClasses, &ExtensionItem::makeFromRow};
   static constexpr ObjectClass kClass{"ExtensionItem", &ExtensionItem::initWithCoder, &kRows};
   return kClass;
+}
+
+std::shared_ptr<Object> ExtensionItem::makeFromRow(Dictionary row, ChunkPool* pool) {
+  auto item = pool ? std::allocate_shared<ExtensionItem>(ChunkPool::Allocator<ExtensionItem>(*pool))
+                   : std::make_shared<ExtensionItem>();
+  item->userInfo_ = std::move(row);
+  return item;
 }
 
 void ExtensionItem::encodeWithCoder(KeyedArchiver& coder) const {

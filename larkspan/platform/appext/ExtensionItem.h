@@ -33,6 +33,8 @@ class ExtensionItem final : public Archivable {
   std::string description() const override;
 
  private:
+  static std::shared_ptr<Object> makeFromRow(Dictionary row, ChunkPool* pool);
+
   Dictionary userInfo_;
 };
 

@@ -218,7 +218,7 @@ std::size_t KeyedArchiver::writeTable(std::span<const Value> members) {
   return count;
 }
 
-/// False, with nothing written, for a row that holds what none may.
+/// False, with nothing written, for a row that holds what is written in none. One that came in a table goes out as it came.
 bool KeyedArchiver::writeRow(const Dictionary& row) {
   if (const Dictionary::Packed* const packed = row.packed()) {
     if (packed->levels > 1 + kFlatDepth) return false;
@@ -254,7 +254,7 @@ void KeyedArchiver::writeError(const Error& error) {
   if (!enter(3)) return;
   writer_.tag(CborTag::object);
   writer_.array(2);
-  writer_.text("Error");
+  writer_.text(kErrorClassName);
   writer_.map(error.userInfo().empty() ? 2 : 3);
   writeEntry("domain", error.domain());
   writeEntry("code", error.code());

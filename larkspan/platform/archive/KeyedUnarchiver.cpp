@@ -1,7 +1,7 @@
 #include "larkspan/platform/archive/KeyedUnarchiver.h"
 
 #include "larkspan/platform/archive/InternedKeys.h"
-#include "larkspan/platform/archive/PackedMap.h"
+#include "larkspan/platform/archive/PackedDictionary.h"
 #include "larkspan/platform/archive/ValueCoding.h"
 
 #include <algorithm>
@@ -13,7 +13,6 @@ namespace larkspan::platform {
 
 namespace {
 
-constexpr std::string_view kErrorClass = "Error";
 /// How much of a class's name is shown.
 constexpr std::size_t kShownName = 80;
 
@@ -53,10 +52,10 @@ std::optional<Date> extendedTime(const CborHead& head, CborReader& reader) {
 }  // namespace
 
 KeyedUnarchiver::Result KeyedUnarchiver::unarchivedValue(const Data& archive, const ClassSet& classes) {
-  PlainMaps plainMaps;
-  if (auto error = checkWellFormed(archive.view(), &plainMaps)) return {{}, std::move(error)};
+  PlainRuns plainRuns;
+  if (auto error = checkWellFormed(archive.view(), &plainRuns)) return {{}, std::move(error)};
   CborReader reader(archive.view());
-  return decodeValue(archive.bytes, reader, classes, plainMaps);
+  return decodeValue(archive.bytes, reader, classes, plainRuns);
 }
 
 Value KeyedUnarchiver::plainValue(const Slice& frame, CborReader& reader) {
@@ -68,8 +67,8 @@ Value KeyedUnarchiver::plainValue(const Slice& frame, CborReader& reader) {
 }
 
 KeyedUnarchiver::Result decodeValue(const Slice& frame, CborReader& reader, const ClassSet& classes,
-                                    std::span<const PlainMap> plainMaps) {
-  KeyedUnarchiver unarchiver(frame, reader.position(), plainMaps);
+                                    std::span<const PlainRun> plainRuns) {
+  KeyedUnarchiver unarchiver(frame, reader.position(), plainRuns);
   KeyedUnarchiver::Result result{unarchiver.read(classes, KeyedUnarchiver::Place::outermost), std::nullopt};
   reader.moveTo(unarchiver.reader_.position());
   if (unarchiver.error_) result = {{}, std::move(unarchiver.error_)};
@@ -77,8 +76,8 @@ KeyedUnarchiver::Result decodeValue(const Slice& frame, CborReader& reader, cons
 }
 
 KeyedUnarchiver::KeyedUnarchiver(const Slice& frame, std::size_t position,
-                                 std::span<const PlainMap> plainMaps)
-    : frame_(frame), reader_(frame.view()), plainMaps_(plainMaps) {
+                                 std::span<const PlainRun> plainRuns)
+    : frame_(frame), reader_(frame.view()), plainRuns_(plainRuns) {
   reader_.moveTo(position);
 }
 
@@ -131,7 +130,7 @@ Value KeyedUnarchiver::read(const ClassSet& classes, Place place) {
 Value KeyedUnarchiver::readTagged(uint64_t tag, const ClassSet& classes, std::size_t start) {
   switch (static_cast<CborTag>(tag)) {
     case CborTag::object:
-      return readObject(classes, start);
+      return readObject(classes, start, nullptr);
     case CborTag::epochTime:
     case CborTag::extendedTime: {
       if (!classes.admits(ValueClass::date)) return forbidden("A date", start);
@@ -163,59 +162,47 @@ std::vector<Value> KeyedUnarchiver::readMembers(uint64_t size, const ClassSet& c
   std::vector<Value> members;
   members.reserve(size);
   for (; size > 0 && !error_; --size) {
-    if (isAtTable()) {
-      readTable(classes, members);
-    } else {
+    const std::size_t start = reader_.position();
+    if (!reader_.peek().isTag(CborTag::object)) {
       members.push_back(read(classes, Place::within));
+      continue;
     }
+    reader_.next();
+    Value object = readObject(classes, start, &members);
+    if (!object.isNone()) members.push_back(std::move(object));
   }
   return members;
 }
 
-bool KeyedUnarchiver::isAtTable() const {
-  CborReader reader = reader_;
-  if (!reader.next().isTag(CborTag::object)) return false;
-  if (const CborHead pair = reader.next(); pair.major != CborMajor::array || pair.argument == 0) return false;
-  const CborHead name = reader.next();
-  return name.major == CborMajor::text && reader.content(name) == Table::kName;
-}
-
-/// Appends the objects of the table's rows.
-void KeyedUnarchiver::readTable(const ClassSet& classes, std::vector<Value>& members) {
-  const std::size_t start = reader_.position();
+/// The fields of a table, whose objects it appends.
+void KeyedUnarchiver::readTable(const ClassSet& classes, std::vector<Value>& members, std::size_t start) {
   const auto malformed = [&] { fault(ArchiveErrorCode::malformed, "A malformed table", start); };
-  reader_.next();
-  if (reader_.next().argument != 2) return malformed();
-  reader_.content(reader_.next());
-  const CborHead map = reader_.next();
-  if (map.major != CborMajor::map) return malformed();
-  const ObjectState outer = std::exchange(object_, {passed_.size(), reader_.position(), false, map.argument});
-
   const Value className = decodeObject(Table::kClass, {ValueClass::string});
+  if (className.isNone()) return malformed();
   const std::string_view name = className.text();
   const ObjectClass* const objectClass = classes.objectClass(name);
-  if (!error_ && (!objectClass || !objectClass->rows)) {
+  if (!objectClass || !objectClass->rows) {
     forbidden("A table of the class \"" + std::string(name.substr(0, kShownName)) + "\"", start);
+    return;
   }
-  const auto keys = find(Table::kKeys) ? readTableKeys() : nullptr;
-  if (!keys || !find(Table::kRows)) return malformed();
-  uint64_t keyBits = 0;
-  for (const Slice& key : *keys) keyBits |= keyBit(key.view());
+  TableForm form;
+  form.keys = find(Table::kKeys) ? readTableKeys() : nullptr;
+  if (!form.keys || !find(Table::kRows)) return malformed();
+  for (const Slice& key : *form.keys) form.keyBits |= keyBit(key.view());
   const std::size_t rowsStart = reader_.position();
   const CborHead rows = reader_.next();
   if (rows.major != CborMajor::array) return malformed();
-  if (error_) return;
-  const RowClass& rowClass = *objectClass->rows;
+  // A few objects, one of which may be kept, shall keep neither the frame nor a chunk.
+  constexpr uint64_t kFewRows = 16;
+  form.sharesFrame = frame_.size() / kSharedLength <= rows.argument;
+  form.pool = rows.argument < kFewRows ? nullptr : &pool_;
   // There may be many tables.
   if (const std::size_t size = members.size() + rows.argument; size > members.capacity())
     members.reserve(std::max(size, 2 * members.capacity()));
+  const RowClass& rowClass = *objectClass->rows;
   for (uint64_t left = rows.argument; left > 0 && !error_; --left)
-    members.emplace_back(rowClass.make(readRow(keys, keyBits, rowClass.classes()), pool_));
-  if (error_) return;
+    members.emplace_back(rowClass.make(readRow(form, rowClass.classes()), form.pool));
   notePassed(rowsStart);
-  passRest();
-  passed_.resize(object_.firstPassed);
-  object_ = outer;
 }
 
 /// Null when they are none that a table may have.
@@ -237,27 +224,27 @@ std::shared_ptr<const std::vector<Slice>> KeyedUnarchiver::readTableKeys() {
   return std::make_shared<const std::vector<Slice>>(std::move(keys));
 }
 
-Dictionary KeyedUnarchiver::readRow(const std::shared_ptr<const std::vector<Slice>>& keys, uint64_t keyBits,
-                                    const ClassSet& classes) {
+Dictionary KeyedUnarchiver::readRow(const TableForm& form, const ClassSet& classes) {
   const std::size_t start = reader_.position();
   const CborHead row = reader_.next();
-  if (row.major != CborMajor::array || row.argument != keys->size()) {
+  if (row.major != CborMajor::array || row.argument != form.keys->size()) {
     fault(ArchiveErrorCode::malformed, "A row that does not fit its table", start);
     return {};
   }
-  if (const PlainMap* const plain = plainAt(start); plain && classes.admitsWithin(plain->kinds)) {
+  if (const PlainRun* const plain = plainAt(start); plain && classes.admitsWithin(plain->kinds)) {
     reader_.moveTo(plain->end);
-    return packedRow(frame_.part(plain->start, plain->end - plain->start), *plain, keys, keyBits, pool_);
+    Slice bytes = form.sharesFrame ? frame_.part(plain->start, plain->end - plain->start) : bytesOf(*plain);
+    return packedRow(std::move(bytes), *plain, form.keys, form.keyBits, form.pool);
   }
-  Dictionary result = Dictionary::withCapacity(keys->size());
-  for (const Slice& key : *keys) {
+  Dictionary result = Dictionary::withCapacity(form.keys->size());
+  for (const Slice& key : *form.keys) {
     if (!error_) result.append(key, read(classes, Place::within));
   }
   return result;
 }
 
 /// Large maps, and those of small frames, share the frame; small ones are copied out of it, several at a time.
-Slice KeyedUnarchiver::bytesOf(const PlainMap& map) {
+Slice KeyedUnarchiver::bytesOf(const PlainRun& map) {
   const std::size_t size = map.end - map.start;
   if (size >= kSharedLength || frame_.size() < kSharedLength) return frame_.part(map.start, size);
   if (map.start < runStart_ || map.end > runStart_ + run_.size()) {
@@ -268,7 +255,7 @@ Slice KeyedUnarchiver::bytesOf(const PlainMap& map) {
 }
 
 Value KeyedUnarchiver::readMap(uint64_t size, const ClassSet& classes, std::size_t start) {
-  if (const PlainMap* const plain = plainAt(start); plain && classes.admitsWithin(plain->kinds)) {
+  if (const PlainRun* const plain = plainAt(start); plain && classes.admitsWithin(plain->kinds)) {
     reader_.moveTo(plain->end);
     return packedDictionary(bytesOf(*plain), *plain);
   }
@@ -276,9 +263,9 @@ Value KeyedUnarchiver::readMap(uint64_t size, const ClassSet& classes, std::size
 }
 
 /// The plain map or row that begins there, or null.
-const PlainMap* KeyedUnarchiver::plainAt(std::size_t start) {
-  while (!plainMaps_.empty() && plainMaps_.front().start < start) plainMaps_ = plainMaps_.subspan(1);
-  return !plainMaps_.empty() && plainMaps_.front().start == start ? &plainMaps_.front() : nullptr;
+const PlainRun* KeyedUnarchiver::plainAt(std::size_t start) {
+  while (!plainRuns_.empty() && plainRuns_.front().start < start) plainRuns_ = plainRuns_.subspan(1);
+  return !plainRuns_.empty() && plainRuns_.front().start == start ? &plainRuns_.front() : nullptr;
 }
 
 Dictionary KeyedUnarchiver::readDictionary(uint64_t size, const ClassSet& classes) {
@@ -291,7 +278,9 @@ Dictionary KeyedUnarchiver::readDictionary(uint64_t size, const ClassSet& classe
   return result;
 }
 
-Value KeyedUnarchiver::readObject(const ClassSet& classes, std::size_t start) {
+/// The object behind the tag that has been passed; none after an error, and for a table among `members`, which its rows
+/// are appended to.
+Value KeyedUnarchiver::readObject(const ClassSet& classes, std::size_t start, std::vector<Value>* members) {
   const auto malformed = [&] { return fault(ArchiveErrorCode::malformed, "A malformed object", start); };
   const CborHead pair = reader_.next();
   if (pair.major != CborMajor::array || pair.argument != 2) return malformed();
@@ -301,15 +290,21 @@ Value KeyedUnarchiver::readObject(const ClassSet& classes, std::size_t start) {
   const CborHead map = reader_.next();
   if (map.major != CborMajor::map) return malformed();
 
-  const bool isError = name == kErrorClass && classes.admits(ValueClass::error);
-  const ObjectClass* const objectClass = isError ? nullptr : classes.objectClass(name);
-  if (!isError && !objectClass) {
+  const bool isError = name == kErrorClassName && classes.admits(ValueClass::error);
+  const bool isTable = members && name == Table::kName;
+  const ObjectClass* const objectClass = isError || isTable ? nullptr : classes.objectClass(name);
+  if (!isError && !isTable && !objectClass) {
     return forbidden("An object of the class \"" + std::string(name.substr(0, kShownName)) + "\"", start);
   }
 
   const ObjectState outer = std::exchange(object_, {passed_.size(), reader_.position(), false, map.argument});
-  Value result = isError ? readError() : Value(objectClass->decode(*this));
-  if (result.isNone()) fault(ArchiveErrorCode::malformed, "An object that cannot be made", start);
+  Value result;
+  if (isTable) {
+    readTable(classes, *members, start);
+  } else {
+    result = isError ? readError() : Value(objectClass->decode(*this));
+  }
+  if (result.isNone() && !isTable) fault(ArchiveErrorCode::malformed, "An object that cannot be made", start);
   if (!error_) passRest();
   passed_.resize(object_.firstPassed);
   object_ = outer;

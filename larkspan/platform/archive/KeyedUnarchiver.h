@@ -30,7 +30,7 @@ class KeyedUnarchiver {
     /// With a none value.
     std::optional<Error> error;
   };
-  /// The value of an archive. It shares the archive's bytes from `kSharedLength` (ValueCoding.h) bytes on.
+  /// The value of an archive. Large parts of it share the archive's bytes: see `kSharedLength` in ValueCoding.h.
   static Result unarchivedValue(const Data& archive, const ClassSet& classes);
 
   /// The value at the reader, which is part of a plain map in `frame`, and passes it.
@@ -69,7 +69,7 @@ class KeyedUnarchiver {
 
  private:
   friend Result decodeValue(const Slice& frame, CborReader& reader, const ClassSet& classes,
-                            std::span<const PlainMap> plainMaps);
+                            std::span<const PlainRun> plainRuns);
 
   enum class Place { outermost, within };
   struct Field {
@@ -87,22 +87,29 @@ class KeyedUnarchiver {
     uint64_t fieldsLeft = 0;
   };
 
-  KeyedUnarchiver(const Slice& frame, std::size_t position, std::span<const PlainMap> plainMaps);
+  /// What the rows of a table have in common.
+  struct TableForm {
+    std::shared_ptr<const std::vector<Slice>> keys;
+    uint64_t keyBits = 0;
+    bool sharesFrame = false;
+    /// Null where the objects come from the heap.
+    ChunkPool* pool = nullptr;
+  };
+
+  KeyedUnarchiver(const Slice& frame, std::size_t position, std::span<const PlainRun> plainRuns);
 
   Value read(const ClassSet& classes, Place place);
   std::vector<Value> readMembers(uint64_t size, const ClassSet& classes);
-  const PlainMap* plainAt(std::size_t start);
-  Slice bytesOf(const PlainMap& map);
+  const PlainRun* plainAt(std::size_t start);
+  Slice bytesOf(const PlainRun& map);
   Value readMap(uint64_t size, const ClassSet& classes, std::size_t start);
   Value readTagged(uint64_t tag, const ClassSet& classes, std::size_t start);
-  Value readObject(const ClassSet& classes, std::size_t start);
+  Value readObject(const ClassSet& classes, std::size_t start, std::vector<Value>* members);
   Value readError();
   Dictionary readDictionary(uint64_t size, const ClassSet& classes);
-  bool isAtTable() const;
-  void readTable(const ClassSet& classes, std::vector<Value>& members);
+  void readTable(const ClassSet& classes, std::vector<Value>& members, std::size_t start);
   std::shared_ptr<const std::vector<Slice>> readTableKeys();
-  Dictionary readRow(const std::shared_ptr<const std::vector<Slice>>& keys, uint64_t keyBits,
-                     const ClassSet& classes);
+  Dictionary readRow(const TableForm& form, const ClassSet& classes);
   Value readFound(const ClassSet& classes);
   void notePassed(std::size_t start);
   Value decodeNumber(std::string_view key);
@@ -114,7 +121,7 @@ class KeyedUnarchiver {
   const Slice& frame_;
   CborReader reader_;
   /// Those that the reader has not come to yet.
-  std::span<const PlainMap> plainMaps_;
+  std::span<const PlainRun> plainRuns_;
   /// A copy of the frame from `runStart_` on.
   Slice run_;
   std::size_t runStart_ = 0;

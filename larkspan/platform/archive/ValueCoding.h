@@ -14,8 +14,11 @@ namespace larkspan::platform {
 
 /// Strings, data and plain maps of this many bytes or more share the block they arrived in, and so does all of a
 /// frame that is smaller. What is shorter is copied, so that a value which is kept does not keep a whole frame. The
-/// objects of a table are a list that is mostly kept or dropped as one: they share the frame until they are changed.
+/// rows of a table that is most of its frame are a list which mostly is kept or dropped as one: they share the frame.
 inline constexpr std::size_t kSharedLength = 4096;
+
+/// The class name of an error in tag 27.
+inline constexpr std::string_view kErrorClassName = "Error";
 
 /// How neighbours in an array are written that are objects of one `RowClass` with the same keys, in the same order:
 /// tag 27, ["Table", {"class": their class, "keys": [key, …], "rows": [[value, …], …]}]. It stands for as many members
@@ -25,7 +28,7 @@ struct Table {
   static constexpr std::string_view kClass = "class";
   static constexpr std::string_view kKeys = "keys";
   static constexpr std::string_view kRows = "rows";
-  /// So that an object costs its sender as many data items in a table as outside.
+  /// So that an object costs its sender no fewer data items than the least one outside a table.
   static constexpr std::size_t kFewestKeys = 4;
 };
 
@@ -38,6 +41,6 @@ std::optional<Error> encodeValue(CborWriter& writer, const Value& value, unsigne
 /// `checkWellFormed` has passed; the dictionaries of the plain maps that it found stay encoded until somebody asks for
 /// their entries. After an error the reader's place is undefined.
 KeyedUnarchiver::Result decodeValue(const Slice& frame, CborReader& reader, const ClassSet& classes,
-                                    std::span<const PlainMap> plainMaps = {});
+                                    std::span<const PlainRun> plainRuns = {});
 
 }  // namespace larkspan::platform

@@ -3,6 +3,7 @@
 #include "larkspan/platform/archive/ArchiveError.h"
 #include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/archive/ClassSet.h"
+#include "larkspan/platform/archive/ValueCoding.h"
 #include "larkspan/platform/base/Dictionary.h"
 #include "larkspan/platform/base/Limits.h"
 #include "larkspan/platform/base/URL.h"
@@ -56,7 +57,7 @@ std::size_t sharedPrefix(std::string_view a, std::string_view b) {
 /// `passUsual` knows. All else, and all that is at fault, goes through `passHead`.
 class Checker {
  public:
-  Checker(std::string_view item, PlainMaps* plainMaps) : item_(item), plainMaps_(plainMaps) {}
+  Checker(std::string_view item, PlainRuns* plainRuns) : item_(item), plainRuns_(plainRuns) {}
 
   std::optional<Error> run() {
     if (item_.size() > limits::kMaximumFrame) {
@@ -226,7 +227,7 @@ class Checker {
                          .start = static_cast<uint32_t>(start),
                          .firstElement = static_cast<uint32_t>(elements_),
                          .firstKey = static_cast<uint32_t>(keys_.size()),
-                         .firstPlain = static_cast<uint32_t>(plainMaps_ ? plainMaps_->size() : 0),
+                         .firstPlain = static_cast<uint32_t>(plainRuns_ ? plainRuns_->size() : 0),
                          .keyBits = 0,
                          .kinds = 0,
                          .levels = 1,
@@ -259,7 +260,7 @@ class Checker {
     if (index >= shape.size) return false;
     const Shape::Key& key = shape.keys[index];
     const std::size_t size = key.text.offset + key.text.length - key.head;
-    if (item_.size() - at_ < size || elements_ == limits::kMaximumElements ||
+    if (item_.size() - at_ < size || elements_ >= limits::kMaximumElements ||
         !sameBytes(item_.data() + at_, item_.data() + key.head, size)) {
       return false;
     }
@@ -271,14 +272,16 @@ class Checker {
     return true;
   }
 
-  /// Passes a short row of usual values, as `passUsualValue`.
+  /// Passes a row of usual values, as `passUsualValue`, and notes it.
   bool passUsualRow(Level& list) {
     const std::size_t start = at_;
     const std::size_t elements = elements_;
-    if (start == item_.size() || depth_ == limits::kMaximumDepth) return false;
+    if (start == item_.size() || depth_ == limits::kMaximumDepth || elements == limits::kMaximumElements)
+      return false;
     const auto head = static_cast<uint8_t>(item_[start]);
     const unsigned size = head & 31;
-    if (head >> 5 != static_cast<uint8_t>(CborMajor::array) || size > 23) return false;
+    if (head >> 5 != static_cast<uint8_t>(CborMajor::array) || size > 23 || size < Table::kFewestKeys)
+      return false;
     Level& row = levels_[depth_++];
     row.kinds = 0;
     row.levels = 1;
@@ -301,8 +304,8 @@ class Checker {
   /// What began before this element is plain.
   void notePlain(std::size_t start, uint32_t entries, std::size_t elements, uint64_t keys,
                  const Level& level) {
-    if (!plainMaps_) return;
-    plainMaps_->push_back({static_cast<uint32_t>(start), static_cast<uint32_t>(at_), entries,
+    if (!plainRuns_) return;
+    plainRuns_->push_back({static_cast<uint32_t>(start), static_cast<uint32_t>(at_), entries,
                            static_cast<uint32_t>(elements_ - elements), keys, level.kinds, level.levels});
   }
 
@@ -422,8 +425,9 @@ class Checker {
       passUsual(level);
       if (level.itemsLeft > 0) return false;
       if (level.isMap && !closeMap(level)) return true;
-      if (level.part == ObjectPart::row && level.isPlain && plainMaps_) {
-        plainMaps_->resize(level.firstPlain);
+      if (level.part == ObjectPart::row && level.isPlain && plainRuns_ &&
+          level.entries >= Table::kFewestKeys) {
+        plainRuns_->resize(level.firstPlain);
         notePlain(level.start, level.entries, level.firstElement - 1, 0, level);
       }
       if (--depth_ == 0) break;
@@ -438,9 +442,9 @@ class Checker {
 
   bool closeMap(const Level& level) {
     if (level.isLarge && !keysDiffer(level)) return false;
-    if (level.isPlain && level.part != ObjectPart::fields && !level.allowsIntegerKeys && plainMaps_ &&
+    if (level.isPlain && level.part != ObjectPart::fields && !level.allowsIntegerKeys && plainRuns_ &&
         level.entries > 0) {
-      plainMaps_->resize(level.firstPlain);
+      plainRuns_->resize(level.firstPlain);
       notePlain(level.start, level.entries, level.firstElement - 1, level.keyBits, level);
     }
     if (!level.followsShape && !level.isLarge && !level.allowsIntegerKeys) {
@@ -491,7 +495,7 @@ class Checker {
   }
 
   const std::string_view item_;
-  PlainMaps* const plainMaps_;
+  PlainRuns* const plainRuns_;
   std::size_t at_ = 0;
   std::size_t elements_ = 0;
   unsigned depth_ = 0;
@@ -506,9 +510,9 @@ class Checker {
 
 }  // namespace
 
-std::optional<Error> checkWellFormed(std::string_view item, PlainMaps* plainMaps) {
-  if (plainMaps) plainMaps->clear();
-  return Checker(item, plainMaps).run();
+std::optional<Error> checkWellFormed(std::string_view item, PlainRuns* plainRuns) {
+  if (plainRuns) plainRuns->clear();
+  return Checker(item, plainRuns).run();
 }
 
 }  // namespace larkspan::platform

@@ -15,7 +15,7 @@ namespace larkspan::platform {
 /// number, a string, data, an array or a map, or a date or URL in the form that the archiver writes, so that its
 /// decoding cannot fail. Notes what a reader would otherwise have to walk the map for.
 /// The same of a row of a table, which has no keys of its own.
-struct PlainMap {
+struct PlainRun {
   uint32_t start;     ///< Where its head stands.
   uint32_t end;       ///< Behind its last byte.
   uint32_t entries;   ///< Its own.
@@ -26,15 +26,15 @@ struct PlainMap {
 };
 
 /// Outermost plain maps, and the plain rows of tables, in the order in which they stand.
-using PlainMaps = std::vector<PlainMap>;
+using PlainRuns = std::vector<PlainRun>;
 
 /// Nothing if the bytes are exactly one CBOR item that `CborReader` may walk, else the first fault with its
 /// byte offset. What is refused beyond RFC 8949's own rules: indefinite lengths, trailing bytes, integers
 /// outside int64_t, simple values but false, true and null, text that is not UTF-8, map keys that are not
 /// text (directly beneath tag 1001: integers too), keys that stand twice in a map, and what exceeds
 /// `limits`. Heads longer than necessary and floats of 16 bits pass: other encoders write them.
-/// Takes no memory on account of claimed lengths, and O(n log n) time on n bytes. `plainMaps`, if given, gets
+/// Takes no memory on account of claimed lengths, and O(n log n) time on n bytes. `plainRuns`, if given, gets
 /// the plain maps; it is left undefined when there is a fault.
-std::optional<Error> checkWellFormed(std::string_view item, PlainMaps* plainMaps = nullptr);
+std::optional<Error> checkWellFormed(std::string_view item, PlainRuns* plainRuns = nullptr);
 
 }  // namespace larkspan::platform

@@ -29,8 +29,9 @@ void* newChunk() {
       return std::exchange(spares, spares->next);
     }
   }
-  void* const memory = std::aligned_alloc(ChunkPool::kChunk, ChunkPool::kChunk);
-  return memory ? memory : throw std::bad_alloc();
+  void* memory = nullptr;
+  if (posix_memalign(&memory, ChunkPool::kAlignment, ChunkPool::kChunk) != 0) throw std::bad_alloc();
+  return memory;
 }
 
 void freeChunk(void* memory) {
@@ -60,7 +61,8 @@ void ChunkPool::leaveChunk() noexcept {
 }
 
 void ChunkPool::give(void* object) noexcept {
-  drop(reinterpret_cast<Chunk*>(reinterpret_cast<uintptr_t>(object) & ~(kChunk - 1)), 1);
+  if (kIsChecked) return ::operator delete(object);
+  drop(reinterpret_cast<Chunk*>(reinterpret_cast<uintptr_t>(object) & ~(kAlignment - 1)), 1);
 }
 
 void ChunkPool::drop(Chunk* chunk, uint32_t objects) noexcept {

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <new>
 
 namespace larkspan::platform {
 
@@ -13,7 +14,9 @@ namespace larkspan::platform {
 /// Failure: std::bad_alloc where there is no memory.
 class ChunkPool {
  public:
-  static constexpr std::size_t kChunk = std::size_t{16} << 10;
+  static constexpr std::size_t kAlignment = std::size_t{16} << 10;
+  /// Leaves room for the allocator's own header, so that chunks lie side by side.
+  static constexpr std::size_t kChunk = kAlignment - 2 * sizeof(void*);
 
   ChunkPool() = default;
   ChunkPool(const ChunkPool&) = delete;
@@ -21,6 +24,7 @@ class ChunkPool {
 
   /// Room for an object of the usual alignment, far smaller than a chunk; until `give`.
   void* take(std::size_t bytes) {
+    if (kIsChecked) return ::operator new(bytes);
     bytes = (bytes + alignof(std::max_align_t) - 1) & ~(alignof(std::max_align_t) - 1);
     if (!chunk_ || used_ + bytes > kChunk) nextChunk();
     void* const taken = reinterpret_cast<char*>(chunk_) + used_;
@@ -37,15 +41,26 @@ class ChunkPool {
     explicit Allocator(ChunkPool& from) : pool(&from) {}
     template <typename U>
     Allocator(const Allocator<U>& other) : pool(other.pool) {}
-    T* allocate(std::size_t count) { return static_cast<T*>(pool->take(count * sizeof(T))); }
+    T* allocate(std::size_t count) {
+      static_assert(sizeof(T) <= kChunk / 16 && alignof(T) <= alignof(std::max_align_t));
+      return static_cast<T*>(pool->take(count * sizeof(T)));
+    }
     void deallocate(T* object, std::size_t) noexcept { give(object); }
     friend bool operator==(const Allocator& a, const Allocator& b) { return a.pool == b.pool; }
 
-    ChunkPool* pool;
+    ChunkPool* pool;  ///< May have gone when an object is given back.
   };
 
  private:
-  /// Stands at the front of its chunk, which is aligned to its size.
+  /// The address sanitizer is to see each object by itself.
+#if defined(__SANITIZE_ADDRESS__)
+  static constexpr bool kIsChecked = true;
+#elif defined(__has_feature)
+  static constexpr bool kIsChecked = __has_feature(address_sanitizer);
+#else
+  static constexpr bool kIsChecked = false;
+#endif
+  /// Stands at the front of its chunk, which is aligned to `kAlignment`.
   struct alignas(std::max_align_t) Chunk {
     std::atomic<uint32_t> objects;
   };

@@ -67,11 +67,10 @@ Dictionary Dictionary::withCapacity(std::size_t capacity) {
   return result;
 }
 
-Dictionary::Dictionary(Packed packed) : storage_(new Storage(std::move(packed))) {}
-
-Dictionary::Dictionary(Packed packed, ChunkPool& pool)
-    : storage_(new (pool.take(sizeof(Storage))) Storage(std::move(packed))) {
-  storage_->isPooled = true;
+Dictionary::Dictionary(Packed packed, ChunkPool* pool)
+    : storage_(pool ? new (pool->take(sizeof(Storage))) Storage(std::move(packed))
+                    : new Storage(std::move(packed))) {
+  storage_->isPooled = pool != nullptr;
 }
 
 void Dictionary::unpack() const {
@@ -114,14 +113,14 @@ const Dictionary::Entry* Dictionary::end() const { return begin() + size(); }
 
 bool Dictionary::contains(std::string_view key) const {
   if (const Packed* const encoded = packed(); encoded && !storage_->unpacked.load(std::memory_order_acquire))
-    return (encoded->keys & keyBit(key)) != 0 && encoded->coding->find(*encoded, key);
+    return (encoded->keyBits & keyBit(key)) != 0 && encoded->coding->find(*encoded, key);
   return findEntry(*this, key) != end();
 }
 
 Value Dictionary::get(std::string_view key) const {
   if (const Packed* const encoded = packed();
       encoded && !storage_->unpacked.load(std::memory_order_acquire)) {
-    if ((encoded->keys & keyBit(key)) == 0) return {};
+    if ((encoded->keyBits & keyBit(key)) == 0) return {};
     return encoded->coding->find(*encoded, key).value_or(Value());
   }
   const Entry* entry = findEntry(*this, key);

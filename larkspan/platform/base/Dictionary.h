@@ -57,7 +57,7 @@ class Dictionary {
     const PackedCoding* coding;
     /// The keys of an array's values, which other dictionaries share; null for a map.
     std::shared_ptr<const std::vector<Slice>> rowKeys;
-    uint64_t keys;      ///< The bits of all keys.
+    uint64_t keyBits;   ///< See `keyBit`.
     uint32_t entries;   ///< Not 0.
     uint32_t elements;  ///< Of the encoded form, all in all.
     uint8_t levels;     ///< Of nesting in it.
@@ -75,9 +75,8 @@ class Dictionary {
   static Dictionary withCapacity(std::size_t capacity);
   Dictionary(std::initializer_list<NewEntry> entries);
   /// A dictionary that reads its entries when somebody asks: for decoders.
-  explicit Dictionary(Packed packed);
-  /// The same with what it needs beside the bytes taken from the pool.
-  Dictionary(Packed packed, ChunkPool& pool);
+  /// What it needs beside the bytes comes from the pool, if there is one.
+  explicit Dictionary(Packed packed, ChunkPool* pool = nullptr);
 
   std::size_t size() const;
   bool empty() const { return size() == 0; }

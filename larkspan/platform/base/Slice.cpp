@@ -40,11 +40,12 @@ ByteBuffer Slice::emptyBuffer() {
   return buffer;
 }
 
-Slice Slice::adopt(ByteBuffer buffer) noexcept {
+Slice Slice::adopt(ByteBuffer buffer) {
+  const std::size_t size = buffer.size() - sizeof(Block);
   Slice result;
-  result.size_ = static_cast<uint32_t>(buffer.size() - sizeof(Block));
-  result.block_ = new (buffer.release()) Block{1, result.size_};
-  result.data_ = reinterpret_cast<const char*>(result.block_ + 1);
+  result.block_ = reinterpret_cast<Block*>(buffer.release());
+  char* writable = nullptr;
+  result.resize(size, writable);
   return result;
 }
 

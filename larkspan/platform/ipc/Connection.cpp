@@ -43,7 +43,7 @@ std::variant<std::vector<Value>, Error> decodeValues(const Frame& frame,
   std::vector<Value> values;
   values.reserve(classes.size());
   for (const ClassSet& allowed : classes) {
-    auto [value, error] = decodeValue(frame.bytes, reader, allowed, frame.plainMaps);
+    auto [value, error] = decodeValue(frame.bytes, reader, allowed, frame.plainRuns);
     if (error) return transportError(TransportErrorCode::violation, error->localizedDescription());
     values.push_back(std::move(value));
   }
@@ -150,17 +150,22 @@ void Connection::connect(std::function<void(const std::optional<Error>&)> comple
 }
 
 void Connection::call(std::string_view method, const std::vector<Value>& arguments, Outcome outcome) {
-  int64_t id;
-  {
-    const std::lock_guard lock(mutex_);
-    id = ++lastId_;
-  }
-  auto frame = encodeFrame(FrameType::call, channel_, id, method, arguments);
-  if (const auto* error = std::get_if<Error>(&frame)) return outcome({}, notSendable(*error));
   std::unique_lock lock(mutex_);
+  const int64_t id = ++lastId_;
+  const auto transport = transport_;
+  lock.unlock();
+  const Tables tables = transport ? transport->peerTables() : Tables::no;
+  auto frame = encodeFrame(FrameType::call, channel_, id, method, arguments, tables);
+  if (const auto* error = std::get_if<Error>(&frame)) return outcome({}, notSendable(*error));
+  lock.lock();
   if (invalid_) {
     lock.unlock();
     return outcome({}, transportError(TransportErrorCode::invalidated, "The connection has ended"));
+  }
+  if (tables == Tables::yes && transport_ != transport) {
+    // Who reads it now might know no tables.
+    lock.unlock();
+    return outcome({}, transportError(TransportErrorCode::interrupted, "The connection is interrupted"));
   }
   const auto self = shared_from_this();
   calls_.emplace(id, Call{std::string(method), std::move(outcome), self});
@@ -173,16 +178,15 @@ void Connection::call(std::string_view method, const std::vector<Value>& argumen
 }
 
 std::optional<Error> Connection::post(std::string_view method, const std::vector<Value>& arguments) {
-  auto frame = encodeFrame(FrameType::post, channel_, 0, method, arguments, peerTables());
-  if (const auto* error = std::get_if<Error>(&frame)) return notSendable(*error);
   std::unique_lock lock(mutex_);
+  // One that a connector brings may have been replaced when the frame is sent.
+  const auto transport = connector_ ? nullptr : transport_;
+  lock.unlock();
+  auto frame = encodeFrame(FrameType::post, channel_, 0, method, arguments,
+                           transport ? transport->peerTables() : Tables::no);
+  if (const auto* error = std::get_if<Error>(&frame)) return notSendable(*error);
+  lock.lock();
   return submit(std::get<ByteBuffer>(std::move(frame)), lock);
-}
-
-/// What a frame may use that is encoded now. One that a connector brings may have been replaced when the frame is sent.
-Tables Connection::peerTables() const {
-  const std::lock_guard lock(mutex_);
-  return transport_ && !connector_ ? transport_->peerTables() : Tables::no;
 }
 
 /// Sends the frame now or once there is a transport; an empty frame only sees to the transport. Releases the

@@ -99,7 +99,6 @@ class Connection : public Transport::Channel, public std::enable_shared_from_thi
   void connected(const std::shared_ptr<Transport>& transport, const std::optional<Error>& error);
   Connected connectedHandler();
   void end(const Error& error);
-  Tables peerTables() const;
   std::optional<Error> submit(ByteBuffer frame, std::unique_lock<std::mutex>& lock);
 
   const Connector connector_;

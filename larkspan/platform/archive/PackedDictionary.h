@@ -13,10 +13,11 @@ namespace larkspan::platform {
 class ChunkPool;
 
 /// The dictionary of a plain map, read when somebody asks for its entries. `bytes` are the map's own.
-Dictionary packedDictionary(Slice bytes, const PlainMap& map);
+Dictionary packedDictionary(Slice bytes, const PlainRun& map);
 
-/// The same of a row of a table: `bytes` are an array of as many values as there are keys.
-Dictionary packedRow(Slice bytes, const PlainMap& row, std::shared_ptr<const std::vector<Slice>> keys,
-                     uint64_t keyBits, ChunkPool& pool);
+/// The same of a row of a table: `bytes` are an array of as many values as there are keys. Without a pool it comes from
+/// the heap.
+Dictionary packedRow(Slice bytes, const PlainRun& row, std::shared_ptr<const std::vector<Slice>> keys,
+                     uint64_t keyBits, ChunkPool* pool);
 
 }  // namespace larkspan::platform
