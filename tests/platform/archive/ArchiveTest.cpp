@@ -401,7 +401,7 @@ TEST(Archive, WritesNeighboursOfTheSameKeysAsTables) {
     std::ifstream("/proc/self/statm") >> total >> resident;
     return resident * sysconf(_SC_PAGESIZE) >> 20;
   };
-  const long before = megabytes();
+  [[maybe_unused]] const long before = megabytes();
   const Value all = KeyedUnarchiver::unarchivedValue(Data::copy(small.view()), classes).value;
   EXPECT_EQ(all.array().size(), 2U * kTables);
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
