@@ -20,15 +20,16 @@ using platform::ResourceValues;
 
 namespace {
 
-/// "~" and "~NAME" of a known user expanded, empty and "." components removed, ".." resolved against the component before it in an
-/// absolute path.
+/// "~" and "~NAME" of a user with a home expanded, empty and "." components removed, ".." resolved against the
+/// component before it in an absolute path.
 std::string standardized(std::string_view path) {
   std::string expanded(path);
   if (path.starts_with('~')) {
     const std::string user(path.substr(1, path.find('/') - 1));
     const std::string home =
         user.empty() ? platform::Identity::current().homeFolder : platform::homeFolderOf(user);
-    if (user.empty() || !home.empty()) expanded = home + expanded.substr(1 + user.size());
+    // "~/x" of nobody must not become "/x".
+    if (!home.empty()) expanded = home + expanded.substr(1 + user.size());
   }
   const bool absolute = expanded.starts_with('/');
   std::vector<std::string_view> components;

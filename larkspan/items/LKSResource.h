@@ -22,7 +22,8 @@ class LKSResource : public MessageItem {
   /// the size of its own entry, not of what it holds. Nothing for a URL that is no file URL or has no path.
   /// When the file cannot be read the item carries the URL alone.
   static std::optional<LKSResource> initLKSResourceItemWithFileURL(const platform::URL& url);
-  /// The same for a path, which is first standardised: "~" expanded, "//" and "." removed, ".." resolved.
+  /// The same for a path, which is first standardised: "~" and "~NAME" expanded to the home of the user or of
+  /// that one, where there is such a home; "//" and "." removed, ".." resolved.
   static std::optional<LKSResource> initLKSResourceWithFileAtPath(std::string_view path);
   static std::optional<LKSResource> initLKSResourceItemWithFilePath(std::string_view path) {
     return initLKSResourceWithFileAtPath(path);

@@ -45,7 +45,7 @@ Names living() {
   }
   for (const auto& entry : fs::directory_iterator("/proc/self/task")) {
     const std::string name = firstLine(entry.path() / "comm");
-    const bool lasts = name.starts_with("lks-") && name != "lks-reader";
+    const bool lasts = name.starts_with("lks-") && name != "lks-reader" && name != "lks-walk";
     if (!name.empty() && !lasts) {
       names.insert("thread " + entry.path().filename().string() + " (" + name + ")");
     }

@@ -32,7 +32,10 @@ using namespace std::chrono_literals;
 constexpr std::size_t kMostBacklog = 64u << 20;
 constexpr std::size_t kMostPending = 64u << 20;
 constexpr auto kRootsSettle = 20ms;
-constexpr auto kShortageRetry = 30s;
+/// Events understood before the queue's timers have their turn: milliseconds, even if each is of a new folder.
+constexpr int kEventsAtOnce = 256;
+/// How often what cannot be watched is looked at.
+constexpr auto kLookAgain = 30s;
 
 Error watchError(int errorNumber, std::string_view context) {
   std::string text = format("%@: %@", context, std::strerror(errorNumber));
@@ -85,9 +88,11 @@ class Watching : public std::enable_shared_from_this<Watching> {
   // The stream's queue.
   int checkRoots(bool isFirst);
   Error refusalError() const { return Error::posix(refusal_.second, refusal_.first + " cannot be watched"); }
+  void workLater();
   void work();
   void settle();
-  void mendShortage();
+  int shortage() const { return placeShortage_ ? placeShortage_ : tree_.shortage(); }
+  void attendUnwatched();
   void add(const std::string& path, uint32_t flags);
   void send();
   // The caller's queue.
@@ -104,10 +109,13 @@ class Watching : public std::enable_shared_from_this<Watching> {
   bool backlogDropped_ = false;
   bool isWorking_ = false;
 
+  std::vector<char> events_;  // Taken from the backlog, and how far they are understood.
+  std::size_t understood_ = 0;
   WatchTree tree_;
   std::optional<PathWatch> anchors_;
   std::pair<std::string, int> refusal_;
-  bool isMending_ = false;
+  int placeShortage_ = 0;
+  bool isShort_ = false, looksAgain_ = false;
   std::shared_ptr<DispatchQueue> queue_;
   std::vector<FileEvent> pending_;
   std::size_t pendingBytes_ = 0;
@@ -132,6 +140,7 @@ std::optional<Error> Watching::establish() {
       });
     });
     failure = checkRoots(true);
+    if (failure == 0) attendUnwatched();
   });
   if (failure != 0) return watchError(failure, "Folders cannot be watched");
   if (refusal_.second) return refusalError();
@@ -142,22 +151,24 @@ int Watching::checkRoots(bool isFirst) {
   anchors_->begin();
   for (const std::string& path : tree_.rootPaths()) anchors_->addPlace(path);
   tree_.checkRoots(isFirst);
-  const int failure = anchors_->finish();
+  placeShortage_ = anchors_->finish();
   if (auto refusal = tree_.refusal(); refusal != refusal_) {
     refusal_ = std::move(refusal);
     if (refusal_.second && !isFirst) consoleLog(refusalError().localizedDescription());
   }
-  return failure ? failure : tree_.shortage();
+  if (!isFirst) attendUnwatched();
+  return shortage();
 }
 
 std::optional<Error> Watching::start(std::shared_ptr<DispatchQueue> queue) {
-  work_->sync([&] {
-    queue_ = std::move(queue);
-    send();
-  });
   // Cancelled before the handle lets go of this.
   source_ = IoSource::make(inotify_.get(), EPOLLIN, [this](uint32_t) { take(); });
   if (!source_) return watchError(errno, "Events cannot be awaited");
+  // The last step: the handler may end the stream before this returns.
+  work_->async([self = shared_from_this(), queue = std::move(queue)]() mutable {
+    self->queue_ = std::move(queue);
+    self->send();
+  });
   return std::nullopt;
 }
 
@@ -183,53 +194,61 @@ void Watching::take() {
     if (backlog_.size() > kMostBacklog) backlogDropped_ = true;
     if (!backlogDropped_) backlog_.insert(backlog_.end(), events, events + size);
   }
-  if (!std::exchange(isWorking_, true)) work_->async([self = shared_from_this()] { self->work(); });
+  if (!std::exchange(isWorking_, true)) workLater();
 }
 
+void Watching::workLater() {
+  work_->async([weak = weak_from_this()] {
+    if (const auto self = weak.lock()) self->work();
+  });
+}
+
+/// Understands some events; the rest is a task of its own, so that batches leave in time however many come in.
 void Watching::work() {
-  for (;;) {
-    std::vector<char> events;
-    bool isIncomplete;
-    {
-      const std::lock_guard lock(backlogMutex_);
-      events.swap(backlog_);
-      isIncomplete = std::exchange(backlogDropped_, false);
-      if (events.empty()) {
-        isWorking_ = false;
-        break;
-      }
-    }
-    for (const char* at = events.data(); at != events.data() + events.size();) {
-      const auto* event = reinterpret_cast<const inotify_event*>(at);
-      tree_.handle(*event);
-      at += sizeof *event + event->len;
-    }
-    if (isIncomplete) tree_.loseEvents(kEventUserDropped);
+  if (understood_ == events_.size()) {
+    events_ = {};
+    understood_ = 0;
+    const std::lock_guard lock(backlogMutex_);
+    events_.swap(backlog_);
+    if (std::exchange(backlogDropped_, false)) tree_.loseEvents(kEventUserDropped);
+    isWorking_ = !events_.empty();
+    if (!isWorking_) return;
   }
-  settle();
+  for (int left = kEventsAtOnce; left > 0 && understood_ != events_.size(); --left) {
+    const auto* event = reinterpret_cast<const inotify_event*>(events_.data() + understood_);
+    tree_.handle(*event);
+    understood_ += sizeof *event + event->len;
+  }
+  attendUnwatched();
+  if (understood_ == events_.size()) settle();
+  workLater();
 }
 
 void Watching::settle() {
   if (tree_.hasLostEvents()) tree_.rescan();
   if (tree_.hasLostRoot()) checkRoots(false);
   tree_.rest();
-  if (tree_.shortage() != 0 && !isMending_) {
-    consoleLog(
-        watchError(tree_.shortage(), "Some folders are looked at twice a minute, as they cannot be watched")
-            .localizedDescription());
-    mendShortage();
-  }
+  attendUnwatched();
 }
 
-void Watching::mendShortage() {
-  isMending_ = tree_.shortage() != 0;
-  if (!isMending_) return;
-  work_->after(kShortageRetry, [weak = weak_from_this()] {
+/// No event tells of what cannot be watched. A want of watches is announced, and the roots are told at once and
+/// at each look, as anything may have changed; a path that may not be read is told when another thing stands there.
+void Watching::attendUnwatched() {
+  if (shortage() != 0 && !std::exchange(isShort_, true)) {
+    consoleLog(watchError(shortage(), "Some folders are looked at twice a minute, as they cannot be watched")
+                   .localizedDescription());
+    for (const std::string& root : tree_.rootPaths()) add(root, kEventMustScanSubdirectories);
+  }
+  const bool isDue = isShort_ || refusal_.second != 0 || anchors_->isBlind();
+  if (!isDue || std::exchange(looksAgain_, true)) return;
+  work_->after(kLookAgain, [weak = weak_from_this()] {
     const auto self = weak.lock();
     if (!self) return;
-    self->tree_.rescan();
+    self->looksAgain_ = false;
+    if (self->isShort_) self->tree_.rescan();
+    self->checkRoots(false);
     self->tree_.rest();
-    self->mendShortage();
+    self->isShort_ = self->shortage() != 0;
   });
 }
 

@@ -60,8 +60,10 @@ struct EventStreamOptions {
 /// Owner:   the caller; its end is a `stop()`.
 /// Thread:  any, one at a time.
 /// Failure: events that cannot be kept, and watches that run out later, become an event that says
-///          `kEventMustScanSubdirectories` for each watched path; nothing is lost in silence. A path that becomes
-///          another thing which may not be read is told likewise, and said in the console log.
+///          `kEventMustScanSubdirectories` for each watched path, twice a minute for as long as watches are
+///          short; nothing is lost in silence. A path that becomes another thing which may not be read is told
+///          likewise, and said in the console log; what then becomes of it, and of folders on the way to a path
+///          that may not be read, is told within half a minute.
 /// Limits:  those of inotify(7): one watch for each folder; what other machines change, and what is written
 ///          through a memory map, is not seen. Folders beneath a path that may not be read, and other mounts, are
 ///          left out. A folder that two paths reach is told by one of them.

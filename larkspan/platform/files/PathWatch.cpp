@@ -43,6 +43,7 @@ PathWatch::~PathWatch() {
 
 void PathWatch::begin() {
   failure_ = 0;
+  isBlind_ = false;
   added_.clear();
   if (!source_) {
     inotify_.reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
@@ -65,6 +66,7 @@ bool PathWatch::watch(const std::string& path, uint32_t events) {
   const int number = inotify_add_watch(inotify_.get(), path.c_str(), events | IN_DONT_FOLLOW | IN_MASK_ADD);
   if (number >= 0) added_.insert(number);
   if (number < 0 && (errno == ENOSPC || errno == ENOMEM)) failure_ = errno;
+  isBlind_ |= number < 0 && errno == EACCES;
   return number >= 0;
 }
 

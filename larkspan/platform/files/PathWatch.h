@@ -19,7 +19,7 @@ namespace larkspan::platform {
 /// Owner:   the caller.
 /// Thread:  one at a time; the handler runs on the input/output thread and must not block.
 /// Failure: `finish()` gives the errno of what could not be watched for want of memory or for a limit. Paths
-///          that may not be read are not watched.
+///          that may not be read are not watched; `isBlind()` says so.
 class PathWatch {
  public:
   /// `onChange` is called once for each `finish()`, as soon as something changed since its `begin()`.
@@ -36,6 +36,8 @@ class PathWatch {
   void addPlace(const std::string& path);
   /// Watches no more what was not added since `begin()`. 0 or an errno.
   int finish();
+  /// Whether a component could not be watched, as this process may not read it; only a look tells what became of it.
+  bool isBlind() const { return isBlind_; }
 
  private:
   bool watch(const std::string& path, uint32_t events);
@@ -46,6 +48,7 @@ class PathWatch {
   std::shared_ptr<IoSource> source_;
   std::set<int> watched_, added_;
   int failure_ = 0;
+  bool isBlind_ = false;
 };
 
 }  // namespace larkspan::platform
