@@ -1,6 +1,6 @@
-// What watching a tree costs: the time and memory to establish the watches of 20,000 folders, beside inotifywait -m -r
-// where that is installed, and a burst of 100,000 creations until the last one is told. Each program is timed from its
-// start to the line in which it says that it watches.
+// What watching a tree costs: the time and memory to establish the watches of 20,000 folders, beside inotifywait -m
+// -r, and a burst of 100,000 creations until the last one is told. Each program is timed from its start to the line
+// in which it says that it watches.
 
 #include "larkspan/platform/dispatch/DispatchQueue.h"
 #include "larkspan/platform/files/EventStream.h"
@@ -11,6 +11,7 @@
 #include <cstring>
 #include <fstream>
 #include <future>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -44,8 +45,8 @@ std::unique_ptr<EventStream> watch(const std::string& tree, EventStream::Handler
 }
 
 struct Cost {
-  double milliseconds = 1e9;
-  long kilobytes = 0;  // 0 when it did not do it.
+  double milliseconds;
+  long kilobytes;
 };
 
 Cost median(std::vector<Cost> costs) {
@@ -54,13 +55,13 @@ Cost median(std::vector<Cost> costs) {
   return costs[costs.size() / 2];
 }
 
-/// Of a program that says "established" on standard error.
-Cost costOf(std::vector<std::string> words) {
+/// Of a program that says "established" on standard error; nothing, and a word about it, of one that does not.
+std::optional<Cost> costOf(std::vector<std::string> words) {
   std::vector<char*> pointers;
   for (std::string& word : words) pointers.push_back(word.data());
   pointers.push_back(nullptr);
   int says[2];
-  if (pipe2(says, O_CLOEXEC) != 0) return {};
+  if (pipe2(says, O_CLOEXEC) != 0) return std::nullopt;
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, says[1], 2);
@@ -78,14 +79,19 @@ Cost costOf(std::vector<std::string> words) {
   }
   Cost cost{millisecondsSince(begin), 0};
   close(says[0]);
-  if (failed || said.find("established") == said.npos) return {};
+  if (failed) {
+    std::fprintf(stderr, "%s: %s\n", pointers[0], std::strerror(failed));
+    return std::nullopt;
+  }
   std::ifstream status("/proc/" + std::to_string(process) + "/status");
   for (std::string line; std::getline(status, line);) {
     if (line.starts_with("VmHWM:")) cost.kilobytes = std::stol(line.substr(6));
   }
   kill(process, SIGKILL);
   waitpid(process, nullptr, 0);
-  return cost;
+  if (said.find("established") != said.npos && cost.kilobytes != 0) return cost;
+  std::fprintf(stderr, "%s ended before it watched: %s\n", pointers[0], said.c_str());
+  return std::nullopt;
 }
 
 void burst(const std::string& tree) {
@@ -124,18 +130,22 @@ int main(int argc, char** argv) {
         " for d in $(seq 9); do echo folder$a/sub$b/third$c/leaf$d; done; done; done; done | xargs mkdir -p" +
         " && find . -mindepth 4 -type d | sed 's|.*|&/a.txt &/b.txt &/c.txt|' | xargs touch");
   std::vector<Cost> costs[2];
+  bool isComplete = true;
   for (int round = 0; round < 7; ++round) {
-    costs[0].push_back(costOf({argv[0], "--watch", tree}));
-    costs[1].push_back(costOf({"inotifywait", "-m", "-r", tree}));
+    const auto ours = costOf({argv[0], "--watch", tree}), theirs = costOf({"inotifywait", "-m", "-r", tree});
+    isComplete = ours && theirs;
+    if (!isComplete) break;
+    costs[0].push_back(*ours);
+    costs[1].push_back(*theirs);
   }
-  const Cost ours = median(costs[0]), theirs = median(costs[1]);
-  if (ours.kilobytes == 0) return 1;
-  std::printf("watches of 20,221 folders: %.0f ms, %ld kB\n", ours.milliseconds, ours.kilobytes);
-  if (theirs.kilobytes != 0) {
+  if (isComplete) {
+    const Cost ours = median(costs[0]), theirs = median(costs[1]);
+    std::printf("watches of 20,221 folders: %.0f ms, %ld kB\n", ours.milliseconds, ours.kilobytes);
     std::printf("inotifywait: %.0f ms, %ld kB; ratio of time %.2f (goal 0.35), of memory %.2f (goal 1.00)\n",
                 theirs.milliseconds, theirs.kilobytes, ours.milliseconds / theirs.milliseconds,
                 static_cast<double>(ours.kilobytes) / static_cast<double>(theirs.kilobytes));
+    burst(tree);
   }
-  burst(tree);
   shell("rm -rf " + tree);
+  return isComplete ? 0 : 1;
 }

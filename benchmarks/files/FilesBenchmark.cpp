@@ -1,6 +1,6 @@
 // What it costs to size and to delete trees, beside the programs that people use for it. Whole processes are
-// compared: they run in turn, several rounds, and the medians of time and memory are printed, with what ours should be of
-// them at most. Everything is warm in the cache, as the first round is thrown away.
+// compared: they run in turn, several rounds, and the medians of time and memory are printed, with what ours should
+// be of them at most. Everything is warm in the cache, as the first round is thrown away.
 
 #include "larkspan/platform/files/DeepDelete.h"
 
@@ -40,8 +40,15 @@ struct Cost {
   long kilobytes;
 };
 
-/// Runs a program with its output thrown away. What it is said to have needed is never less than what this
-/// program needs itself, which is therefore kept small.
+/// What this program has needed at most. What a program that it starts is said to have needed is never less, as the
+/// kernel counts from before execve(2); so whatever takes memory is done in children.
+long floorOfMemory() {
+  struct rusage usage;
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss;
+}
+
+/// Runs a program with its output thrown away.
 Cost run(const Words& words) {
   std::vector<char*> arguments;
   for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
@@ -97,13 +104,15 @@ void compare(const std::string& title, const std::vector<Program>& programs, Goa
       kilobytes[i].push_back(cost.kilobytes);
     }
   }
+  const long floor = floorOfMemory();
   double best = 0;
-  std::printf("%s\n", title.c_str());
+  std::printf("%s (no memory below %.1f MB can be told)\n", title.c_str(), static_cast<double>(floor) / 1024);
   for (std::size_t i = 0; i < programs.size(); ++i) {
     const double time = median(seconds[i]);
     if (i > 0 && (best == 0 || time < best)) best = time;
-    std::printf("  %-24s %8.3f s %8.1f MB\n", programs[i].first.c_str(), time,
-                static_cast<double>(median(kilobytes[i])) / 1024);
+    const long memory = median(kilobytes[i]);
+    std::printf("  %-24s %8.3f s %8.1f MB%s\n", programs[i].first.c_str(), time,
+                static_cast<double>(memory) / 1024, memory <= floor ? " at most" : "");
   }
   printRatio("time", median(seconds[0]) / best, goals.time);
   printRatio("memory", static_cast<double>(median(kilobytes[0])) / static_cast<double>(median(kilobytes[1])),
@@ -167,8 +176,29 @@ void make(const Shape& shape, const std::string& path) {
   close(root);
 }
 
+const std::string kSelf = "/proc/self/exe";
+
+/// Run as a program of its own.
 bool removeTree(const std::string& path) {
   return !larkspan::platform::deepDelete({{larkspan::platform::URL::file(path)}}).error;
+}
+
+std::string typeOf(const struct statfs& facts) {
+  switch (facts.f_type) {
+    case TMPFS_MAGIC:
+      return "tmpfs";
+    case EXT4_SUPER_MAGIC:
+      return "ext4";
+    case XFS_SUPER_MAGIC:
+      return "xfs";
+    case BTRFS_SUPER_MAGIC:
+      return "btrfs";
+    case OVERLAYFS_SUPER_MAGIC:
+      return "overlayfs";
+  }
+  char text[32];
+  std::snprintf(text, sizeof text, "file system 0x%lx", static_cast<unsigned long>(facts.f_type));
+  return text;
 }
 
 void compareSizing(const std::string& title, const std::string& larkspan, const std::string& path) {
@@ -188,7 +218,6 @@ int main(int argc, char** argv) {
   if (argc == 3 && std::strcmp(argv[1], "--delete") == 0) return removeTree(argv[2]) ? 0 : 1;
   if (argc < 2) return 2;
   const std::string larkspan = argv[1];
-  const std::string self = "/proc/self/exe";
   std::vector<std::string> bases(argv + 2, argv + argc);
   if (bases.empty()) bases = {"/tmp", "/dev/shm"};
   for (std::size_t b = 0; b < bases.size(); ++b) {
@@ -198,7 +227,7 @@ int main(int argc, char** argv) {
     const bool isInMemory = facts.f_type == TMPFS_MAGIC;
     for (const Shape& shape : kShapes) {
       const std::string path = base + "/" + shape.name;
-      const std::string title = std::string(shape.name) + " in " + bases[b];
+      const std::string title = std::string(shape.name) + " in " + bases[b] + ", " + typeOf(facts);
       make(shape, path);
       compareSizing(title, larkspan, path);
       if (shape.make == makeTree) {
@@ -209,11 +238,13 @@ int main(int argc, char** argv) {
                 {{"100 exclusions", excluding}, {"no exclusion", {larkspan, "size", path}}}, {1.1, 0},
                 kRounds, [] {});
       }
-      removeTree(path);
-      compare("delete " + title, {{"larkspan", {self, "--delete", path}}, {"rm -rf", {"rm", "-rf", path}}},
+      run({kSelf, "--delete", path});
+      compare("delete " + title, {{"larkspan", {kSelf, "--delete", path}}, {"rm -rf", {"rm", "-rf", path}}},
               {isInMemory ? 0.5 : 1.0, 0}, kDeletionRounds, [&] { make(shape, path); });
     }
-    removeTree(base);
+    run({kSelf, "--delete", base});
   }
-  compareSizing("/usr", larkspan, "/usr");
+  struct statfs facts;
+  if (statfs("/usr", &facts) != 0) fail("/usr");
+  compareSizing("/usr, " + typeOf(facts), larkspan, "/usr");
 }

@@ -43,8 +43,10 @@ std::shared_ptr<LKSDirectoryObserver> LKSDirectoryObserver::initWithPaths(
       new LKSDirectoryObserver(ignoreMetadataUpdates, std::move(callback)));
   const auto give = [&](const char* message, std::optional<platform::Error> reason) {
     platform::consoleLog(message);
-    if (reason) platform::consoleLog(reason->localizedDescription());
-    if (error) *error = std::move(reason);
+    if (error)
+      *error = std::move(reason);
+    else if (reason)
+      platform::consoleLog(reason->localizedDescription());
     return nullptr;
   };
   const platform::EventStreamOptions options{paths, platform::nanosecondsFromSeconds(latency),

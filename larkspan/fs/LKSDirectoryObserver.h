@@ -23,7 +23,8 @@ namespace larkspan {
 /// Thread:  the callback runs on the queue given at creation, one batch at a time; without a queue that is the
 ///          main queue, which somebody has to run. Creating blocks the caller while all folders are walked.
 /// Failure: what cannot be created or started is nothing, said in the console log with the reason. Folders that do
-///          not exist are waited for, but one that may not be read is a failure. A missing callback ends the program at the first batch.
+///          not exist are waited for, but one that may not be read is a failure. A missing callback ends the
+///          program at the first batch.
 class LKSDirectoryObserver {
  public:
   /// Gets the paths of one batch, in order and with repetitions.
@@ -44,7 +45,7 @@ class LKSDirectoryObserver {
   /// The same for single files, with a latency of three seconds.
   static std::shared_ptr<LKSDirectoryObserver> scheduledObserverForPaths(
       const std::vector<std::string>& paths, const Queue& queue, CallbackBlock callBack);
-  /// What the others call; `error`, if wanted, gets the reason where it returns nothing.
+  /// What the others call; `error`, if wanted, gets the reason where it returns nothing, in place of the log.
   static std::shared_ptr<LKSDirectoryObserver> initWithPaths(const std::vector<std::string>& paths,
                                                              const Queue& onQueue, uint32_t eventFlags,
                                                              double latency, bool ignoreMetadataUpdates,

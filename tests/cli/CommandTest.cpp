@@ -296,7 +296,8 @@ TEST(Command, NamesTheLimitThatKeepsItFromWatching) {
   const auto start = [&](const std::string& limit, int value) {
     const std::string script =
         "echo " + std::to_string(value) + " >/proc/sys/user/" + limit + "; exec \"$@\"";
-    program.start({"watch", program.tree().path("tree")}, "", {"unshare", "-Ur", "sh", "-c", script, "sh"});
+    program.start({"watch", program.tree().path("tree"), "--json", "--latency", "0"}, "",
+                  {"unshare", "-Ur", "sh", "-c", script, "sh"});
   };
   const std::tuple<const char*, int, const char*> limits[] = {
       {"max_inotify_watches", 20, "No space left on device (fs.inotify.max_user_watches"},
@@ -313,6 +314,7 @@ TEST(Command, NamesTheLimitThatKeepsItFromWatching) {
   program.awaitText("watching\n", false);
   for (int i = 40; i < 80; ++i) fs::create_directories(program.tree().path("tree/" + std::to_string(i)));
   program.awaitText("looked at twice a minute, as they cannot be watched: No space left on device", false);
+  program.awaitText("/tree\"", true);
   kill(program.process(), SIGTERM);
   EXPECT_EQ(program.finish().code(), 128 + SIGTERM);
 }

@@ -1,8 +1,6 @@
 #include "larkspan/fs/LKSDirectoryObserver.h"
 #include "larkspan/platform/files/Installed.h"
 #include "tests/support/CapturedLog.h"
-#include "tests/support/Collector.h"
-#include "tests/support/ManifestTree.h"
 
 #include <gtest/gtest.h>
 
@@ -63,8 +61,7 @@ TEST(LKSDirectoryObserver, MakesAndStartsAStreamOrSaysWhichOfTheTwoFailed) {
   EXPECT_EQ(2, streams.stops);
   streams.failsToMake = true;
   EXPECT_EQ(nullptr, LKSDirectoryObserver::scheduledObserverForPaths({"/a"}, queue, [](const Paths&) {}));
-  EXPECT_EQ((Paths{"FSEventStreamStart failed", "why not", "FSEventStreamCreate failed", "why"}),
-            log.console());
+  EXPECT_EQ((Paths{"FSEventStreamStart failed", "FSEventStreamCreate failed", "why"}), log.console());
 }
 
 TEST(LKSDirectoryObserver, LeavesOutWhatIsMetadataAloneOnlyIfAskedAndMayEndInItsCallback) {
@@ -73,8 +70,9 @@ TEST(LKSDirectoryObserver, LeavesOutWhatIsMetadataAloneOnlyIfAskedAndMayEndInIts
   auto observer = LKSDirectoryObserver::scheduledObserverForPaths(
       {"/"}, nullptr, 0x10, 1, true, [&](const Paths& paths) { heard.push_back(paths); });
   const std::vector<FileEvent> three = {{"/attribute", 0x400}, {"/renamed", 0x800}, {"/modified", 0x1000}};
+  observer->invalidate();
   streams.deliver(three);
-  EXPECT_EQ(Paths{"/modified"}, heard.back());
+  EXPECT_EQ(Paths{"/modified"}, heard.back()) << "even after invalidate()";
   streams.deliver(std::vector<FileEvent>{{"/x", ~0x00401307u}});
   EXPECT_EQ(Paths(), heard.back()) << "an empty batch is told as well";
   observer->setIgnoreMetadataUpdates(false);
@@ -86,17 +84,6 @@ TEST(LKSDirectoryObserver, LeavesOutWhatIsMetadataAloneOnlyIfAskedAndMayEndInIts
   });
   streams.deliver(three);
   EXPECT_EQ(1, streams.stops);
-}
-
-TEST(LKSDirectoryObserver, TellsWhatChangesOnTheDiskEvenAfterInvalidate) {
-  ManifestTree tree;
-  Collector<Paths> heard;
-  const auto observer =
-      LKSDirectoryObserver::scheduledObserverForPaths({tree.root}, DispatchQueue::makeSerial("test"), 0x10, 0,
-                                                      [&](const Paths& paths) { heard.push(paths); });
-  observer->invalidate();
-  tree.write("f", "");
-  EXPECT_EQ(tree.path("f"), heard.waitFor(1).at(0).at(0));
 }
 
 }  // namespace

@@ -125,7 +125,7 @@ class DeletionPart final : public WalkCrew::Part {
       } else if (stack_.depth() > lowest) {
         if (deletion_.stops()) break;
         leave();
-      } else if (emptied_.empty() || !mayReadAgain() || deletion_.stops()) {
+      } else if (emptied_.empty() || !mayReadAgain(state()) || deletion_.stops()) {
         break;
       } else {
         readAgain();
@@ -198,7 +198,9 @@ class DeletionPart final : public WalkCrew::Part {
     ::lseek(stack_.top(), 0, SEEK_SET);
     scan();
   }
-  bool mayReadAgain() { return state().changed && !state().failed && state().pass + 1 < kMaximumPasses; }
+  static bool mayReadAgain(const State& state) {
+    return state.changed && !state.failed && state.pass < kMaximumPasses;
+  }
 
   void scan() {
     const bool keeps = stack_.depth() == 2 && !keep_.empty();
@@ -242,7 +244,7 @@ class DeletionPart final : public WalkCrew::Part {
     } else if (parent < 0 || errno == ENOENT) {
       // Moved away; if it is still in the tree, it is met again when the folder that holds it is not empty.
       state().changed = true;
-    } else if ((errno == ENOTEMPTY || errno == EEXIST) && left.changed && left.pass < kMaximumPasses) {
+    } else if ((errno == ENOTEMPTY || errno == EEXIST) && mayReadAgain(left)) {
       removeFolder(name, left.pass + 1);
     } else if (errno == ENOTDIR) {
       unlink(name.c_str(), parent);

@@ -30,9 +30,11 @@ int openBeneath(int parent, const char* name) {
 int addMount(int folder, const char* name, struct statx& facts) {
   const Descriptor entry(*name ? ::openat(folder, name, O_PATH | O_NOFOLLOW | O_CLOEXEC) : -1);
   if (*name && !entry) return errno;
-  facts.stx_mnt_id = mountFromProc(*name ? entry.get() : folder);
-  if (facts.stx_mnt_id != 0) facts.stx_mask |= STATX_MNT_ID;
-  return 0;
+  uint64_t mount;
+  const int error = mountFromProc(*name ? entry.get() : folder, mount);
+  facts.stx_mnt_id = mount;
+  if (mount != 0) facts.stx_mask |= STATX_MNT_ID;
+  return error;
 }
 
 }  // namespace
@@ -44,18 +46,19 @@ int factsAt(int folder, const char* name, struct statx& facts) {
   return facts.stx_mask & STATX_MNT_ID ? 0 : addMount(folder, name, facts);
 }
 
-uint64_t mountFromProc(int file) {
+int mountFromProc(int file, uint64_t& mount) {
+  mount = 0;
   const std::string path = "/proc/self/fdinfo/" + std::to_string(file);
   const Descriptor info(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!info) return errno == EMFILE || errno == ENFILE || errno == ENOMEM ? errno : 0;
   char text[512];
-  const ssize_t size = info ? ::read(info.get(), text, sizeof text) : -1;
+  const ssize_t size = ::read(info.get(), text, sizeof text);
   const std::string_view lines(text, size < 0 ? 0 : static_cast<std::size_t>(size));
   constexpr std::string_view kKey = "\nmnt_id:\t";
   const std::size_t found = lines.find(kKey);
-  uint64_t mount = 0;
   if (found != lines.npos)
     std::from_chars(lines.data() + found + kKey.size(), lines.data() + lines.size(), mount);
-  return mount;
+  return 0;
 }
 
 uint64_t mountOf(const struct statx& facts) {

@@ -27,8 +27,9 @@ int factsAt(int folder, const char* name, struct statx& facts);
 /// Tells mounts apart, of what `factsAt` found: the mount's id, or the device where not even /proc tells ids.
 uint64_t mountOf(const struct statx& facts);
 /// The id of the mount that an open file lies on, as /proc tells it (proc_pid_fdinfo(5)): for kernels before
-/// 5.8, whose statx(2) does not. 0 where there is no /proc.
-uint64_t mountFromProc(int file);
+/// 5.8, whose statx(2) does not; it becomes 0 where there is no /proc. Returns 0, or the errno of a want of
+/// descriptors or memory.
+int mountFromProc(int file, uint64_t& mount);
 
 inline Date dateOf(const struct statx_timestamp& time) { return {time.tv_sec, time.tv_nsec}; }
 

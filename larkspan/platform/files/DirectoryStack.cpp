@@ -90,15 +90,18 @@ bool DirectoryStack::descend() {
 int DirectoryStack::enter(const std::string& name, struct statx& facts) {
   const int parent = top();
   if (parent < 0) return ESTALE;
-  // Before opening, because opening the place of an automount would mount it.
-  if (const int error = factsAt(parent, name.c_str(), facts)) return error;
-  if (mountOf(facts) != mount_) return EXDEV;
-  if (!S_ISDIR(facts.stx_mode)) return ENOTDIR;
   Descriptor directory;
-  int error = openFolderAt(parent, name.c_str(), mount_, opening_, directory);
+  const auto open = [&] {
+    // Before opening, because opening the place of an automount would mount it.
+    if (const int error = factsAt(parent, name.c_str(), facts)) return error;
+    if (mountOf(facts) != mount_) return EXDEV;
+    if (!S_ISDIR(facts.stx_mode)) return ENOTDIR;
+    return openFolderAt(parent, name.c_str(), mount_, opening_, directory);
+  };
+  int error = open();
   if (error == EMFILE || error == ENFILE) {
     for (std::size_t i = 1; i + 1 < levels_.size(); ++i) levels_[i].directory.reset();
-    error = openFolderAt(parent, name.c_str(), mount_, opening_, directory);
+    error = open();
   }
   if (error) return error;
   Level& level = levels_.emplace_back();
@@ -141,6 +144,9 @@ bool DirectoryStack::split(Start& start, std::size_t& level) {
   const std::size_t last = levels_.size() - 1;
   while (firstPending_ < last && levels_[firstPending_].pending.empty()) ++firstPending_;
   level = firstPending_;
+  // Beneath the start only the last few may be open.
+  if (!levels_[level].directory && last > kOpenLevels) level = std::max(level, last - kOpenLevels);
+  while (level < last && (!levels_[level].directory || levels_[level].pending.empty())) ++level;
   std::string& pending = levels_[level].pending;
   // A name begins behind a NUL. One that is alone goes, too, while there is something further down.
   std::size_t middle = pending.find('\0', pending.size() / 2);

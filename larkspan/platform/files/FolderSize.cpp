@@ -66,7 +66,12 @@ class Sizing {
     result_.status = status;
   }
 
-  bool isCancelled() const { return progress && progress->isCancelled(); }
+  /// Whether to stop before something that is still to be done.
+  bool stops() {
+    if (!progress || !progress->isCancelled()) return false;
+    fail(ECANCELED);
+    return true;
+  }
 
   /// Once all parts are done.
   FolderSizeResult finish() {
@@ -118,8 +123,10 @@ class SizingPart final : public WalkCrew::Part {
       entries_ = {};
     }
     std::string name;
-    while (!sizing_.isCancelled()) {
-      if (stack_.takePending(name)) {
+    for (;;) {
+      if (stack_.hasPending()) {
+        if (sizing_.stops()) break;
+        stack_.takePending(name);
         visit(reader, name);
         giveAway();
       } else if (stack_.depth() > 1) {
@@ -129,7 +136,6 @@ class SizingPart final : public WalkCrew::Part {
         break;
       }
     }
-    if (sizing_.isCancelled()) sizing_.fail(ECANCELED);
     return true;
   }
 
@@ -143,12 +149,12 @@ class SizingPart final : public WalkCrew::Part {
   int scan(DirectoryReader& reader) {
     if (sizing_.progress && sizing_.progress->wantsFolder()) sizing_.progress->noteFolder(stack_.pathOf({}));
     const int folder = stack_.top();
-    for (int error = 0; !sizing_.isCancelled();) {
+    for (int error = 0;;) {
       const std::string_view entries = reader.next(folder, error);
       if (entries.empty()) return error;
+      if (sizing_.stops()) return 0;
       if (!giveAway(entries)) count(entries);
     }
-    return 0;
   }
 
   /// Counts entries of the top folder.
@@ -157,7 +163,7 @@ class SizingPart final : public WalkCrew::Part {
     const Exclusions::Place place = levels_.back().place;
     Sum sum;
     DirectoryReader::forEach(entries, [&](const char* name, unsigned char type) {
-      if (sizing_.isCancelled()) return false;
+      if (sizing_.stops()) return false;
       if (place != Exclusions::kNowhere && sizing_.exclusions.isExcluded(sizing_.exclusions.at(place, name)))
         return true;
       if (type == DT_DIR) {

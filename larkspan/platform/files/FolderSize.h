@@ -28,7 +28,7 @@ struct FolderSizeResult {
   };
   static constexpr std::size_t kLeftOutNamed = 16;
 
-  /// 0; ECANCELED when the walk was cancelled; else the errno for which the folder could not be read. Sums of
+  /// 0; ECANCELED when the walk was cancelled before its end; else the errno for which the folder could not be read. Sums of
   /// a walk that did not finish are those of the part it saw.
   int status = 0;
   /// Allocated bytes (512-byte blocks) of everything under the folder, not the folder's own entry; saturates.

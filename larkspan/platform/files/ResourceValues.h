@@ -28,7 +28,8 @@ struct ResourceValues {
   bool isApplication = false;
 };
 
-/// Answers for resource values, from one statx(2) each; a desktop entry is read, too. A test may install another with `Installed`.
+/// Answers for resource values, from one statx(2) each; a desktop entry is read, too. A test may install another
+/// with `Installed`.
 /// Thread:  any.
 /// Failure: the error of the system call; EINVAL for what is not a file URL.
 class FileFacts {

@@ -12,10 +12,10 @@
 
 namespace larkspan::platform {
 
-/// The threads of a walk. A walk begins as one part on the caller's thread. While threads are idle, who has done
-/// something and walks on gives half of what it has noted for later away as a part of its own; while all are
-/// busy, sharing costs a load. Threads are started only when there is a part for them; those of a low-priority
-/// thread are such threads, too.
+/// The threads of a walk. A walk begins as one part on the caller's thread. While fewer parts are queued than
+/// there may be other threads, who has done something and walks on gives half of what it has noted for later,
+/// or all of what it just read, away as a part of its own; otherwise sharing costs a load. Threads are started
+/// only when there is a part for them; those of a low-priority thread are such threads, too.
 /// Owner:   the walk; no thread runs anything of it once this ends.
 /// Thread:  `run` on one thread at a time, the rest on those that run a part.
 /// Limits:  as many threads as processors, at most `kMaximumThreads`, and parts for half of the descriptors
@@ -50,7 +50,7 @@ class WalkCrew {
     Part(WalkCrew& crew, DirectoryStack::Start start, uint64_t mount, FolderOpening opening)
         : crew_(crew), stack_(std::move(start), mount, opening) {}
 
-    /// Where another thread is idle and it is worth it, gives half of what is pending away; or these entries,
+    /// Where another part is wanted and it is worth it, gives half of what is pending away; or these entries,
     /// just read, of the top folder, and answers whether it did.
     void giveAway();
     bool giveAway(std::string_view entries);

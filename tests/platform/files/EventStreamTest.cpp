@@ -105,11 +105,7 @@ TEST(EventStream, KeepsAModelOfATreeEqualToTheDisk) {
            "mkdir -p a/b/c && touch a/b/c/f a/b/g",
            "cp -r ../out/box new && mv a/b new/ && touch new/b/c/late",
            "mv ../out/box . && mkdir box/inner/more && touch box/inner/more/z",
-           "mv box ../out/ && touch ../out/box/unseen && mkdir ../out/box/folder && mkdir box && touch box/2",
-           "mv old older && touch older/deep/again && mv older old && rm older -f && touch old/deep/x2",
            "mkdir e && mv -T e a && ln -s ../out way && ln -s old/deep short && mv short a/",
-           "mkdir p p/q && mv p/q . && mv p q/ && touch q/p/x && mv q/p . && mv q p/ && touch p/q/y",
-           "rm -rf old new && touch new && mkdir -p old && touch old/f && chmod 600 old/f",
            "for i in 1 2 3 4 5 6 7 8 9; do mkdir -p t/$i/t && touch t/$i/t/f && mv t/$i u$i; done; rm -r "
            "u[1-4]",
            "mkdir secret && chmod 0 secret && touch secret/x && chmod 755 secret && touch secret/y",
