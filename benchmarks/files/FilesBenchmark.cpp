@@ -40,8 +40,8 @@ struct Cost {
   long kilobytes;
 };
 
-/// What this program has needed at most. What a program that it starts is said to have needed is never less, as the
-/// kernel counts from before execve(2); so whatever takes memory is done in children.
+/// What this program has needed at most. What a program that it starts is said to have needed is never less, as
+/// the kernel counts from before execve(2); so whatever takes memory is done in children.
 long floorOfMemory() {
   struct rusage usage;
   getrusage(RUSAGE_SELF, &usage);

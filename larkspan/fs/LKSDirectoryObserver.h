@@ -22,8 +22,8 @@ namespace larkspan {
 ///          must not hold a lock that the callback takes.
 /// Thread:  the callback runs on the queue given at creation, one batch at a time; without a queue that is the
 ///          main queue, which somebody has to run. Creating blocks the caller while all folders are walked.
-/// Failure: what cannot be created or started is nothing, said in the console log with the reason. Folders that do
-///          not exist are waited for, but one that may not be read is a failure. A missing callback ends the
+/// Failure: what cannot be created or started is nothing, said in the console log with the reason. Folders that
+///          do not exist are waited for, but one that may not be read is a failure. A missing callback ends the
 ///          program at the first batch.
 class LKSDirectoryObserver {
  public:

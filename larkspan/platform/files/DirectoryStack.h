@@ -57,8 +57,8 @@ class DirectoryStack {
   bool takePending(std::string& name);
   /// A start at the top folder with nothing pending. False when no descriptor is to be had.
   bool startAtTop(Start& start) { return startAt(levels_.size() - 1, start); }
-  /// Moves half of what is pending in the highest open folder that has something to a start at that folder, whose
-  /// level (0 for this stack's start) becomes `level`. False when there is nothing to spare.
+  /// Moves half of what is pending in the highest open folder that has something to a start at that folder,
+  /// whose level (0 for this stack's start) becomes `level`. False when there is nothing to spare.
   bool split(Start& start, std::size_t& level);
 
  private:

@@ -165,7 +165,8 @@ std::optional<Error> Watching::start(std::shared_ptr<DispatchQueue> queue) {
   source_ = IoSource::make(inotify_.get(), EPOLLIN, [this](uint32_t) { take(); });
   if (!source_) return watchError(errno, "Events cannot be awaited");
   // The last step: the handler may end the stream before this returns.
-  work_->async([self = shared_from_this(), queue = std::move(queue)]() mutable {
+  const auto work = work_;
+  work->async([self = shared_from_this(), queue = std::move(queue)]() mutable {
     self->queue_ = std::move(queue);
     self->send();
   });
@@ -232,7 +233,8 @@ void Watching::settle() {
 }
 
 /// No event tells of what cannot be watched. A want of watches is announced, and the roots are told at once and
-/// at each look, as anything may have changed; a path that may not be read is told when another thing stands there.
+/// at each look, as anything may have changed; a path that may not be read is told when another thing stands
+/// there.
 void Watching::attendUnwatched() {
   if (shortage() != 0 && !std::exchange(isShort_, true)) {
     consoleLog(watchError(shortage(), "Some folders are looked at twice a minute, as they cannot be watched")

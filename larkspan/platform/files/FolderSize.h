@@ -28,8 +28,8 @@ struct FolderSizeResult {
   };
   static constexpr std::size_t kLeftOutNamed = 16;
 
-  /// 0; ECANCELED when the walk was cancelled before its end; else the errno for which the folder could not be read. Sums of
-  /// a walk that did not finish are those of the part it saw.
+  /// 0; ECANCELED when the walk was cancelled while something was left; else the errno for which the folder
+  /// could not be read. Sums of a walk that did not finish are those of the part it saw.
   int status = 0;
   /// Allocated bytes (512-byte blocks) of everything under the folder, not the folder's own entry; saturates.
   int64_t bytes = 0;

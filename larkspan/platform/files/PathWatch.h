@@ -36,7 +36,8 @@ class PathWatch {
   void addPlace(const std::string& path);
   /// Watches no more what was not added since `begin()`. 0 or an errno.
   int finish();
-  /// Whether a component could not be watched, as this process may not read it; only a look tells what became of it.
+  /// Whether a component could not be watched, as this process may not read it; only a look tells what became
+  /// of it.
   bool isBlind() const { return isBlind_; }
 
  private:
