@@ -67,7 +67,7 @@ void keepQuietWhenInterrupted() {
 
 [[noreturn]] void endNow(int status) {
   interrupted = true;
-  Progress::erase();
+  Progress::end();
   for (const auto& handle : allExtensions()) handle->abandon();
   waitForChildren(kKillPatience);
   _exit(status);

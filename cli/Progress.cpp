@@ -8,12 +8,13 @@
 #include "larkspan/platform/dispatch/DispatchQueue.h"
 #include "larkspan/platform/text/SizeText.h"
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include <unistd.h>
 
@@ -24,10 +25,18 @@ namespace {
 constexpr std::chrono::milliseconds kRedrawInterval{100};
 constexpr std::string_view kEraseLine = "\r\x1b[K";
 
-std::atomic<bool> shown = false;
+/// Held while the line is written, which a terminal that is stopped may make long.
+std::timed_mutex drawing;
+bool shown = false;
+bool ended = false;
 
 void writeLine(std::string_view text) {
   [[maybe_unused]] const ssize_t count = write(STDERR_FILENO, text.data(), text.size());
+}
+
+/// With `drawing` held.
+void eraseShown() {
+  if (std::exchange(shown, false)) writeLine(kEraseLine);
 }
 
 struct Found {
@@ -65,12 +74,23 @@ bool Progress::canShow() {
 }
 
 void Progress::show(std::string_view text) {
+  const std::lock_guard lock(drawing);
+  if (ended) return;
   shown = true;
   writeLine(std::string(kEraseLine) + cutToWidth(text, terminalWidth(STDERR_FILENO)));
 }
 
 void Progress::erase() {
-  if (shown.exchange(false)) writeLine(kEraseLine);
+  const std::lock_guard lock(drawing);
+  eraseShown();
+}
+
+void Progress::end() {
+  // By the clock that the thread sanitizer can follow.
+  const std::unique_lock lock(drawing, std::chrono::system_clock::now() + kRedrawInterval);
+  if (!lock) return;
+  ended = true;
+  eraseShown();
 }
 
 }  // namespace larkspan::cli

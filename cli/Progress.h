@@ -19,6 +19,8 @@ class Progress {
   static void show(std::string_view text);
   /// Takes the line away, if it is there. Any thread.
   static void erase();
+  /// Erases the line for good; leaves it where a terminal does not take what is written.
+  static void end();
 
  private:
   platform::NotificationCenter::Token token_;
