@@ -29,16 +29,7 @@ void CborWriter::date(int64_t seconds, uint32_t nanoseconds) {
   char* to = start;
   std::memcpy(to, kHead.data(), kHead.size());
   to += kHead.size();
-  const auto magnitude = static_cast<uint64_t>(seconds < 0 ? ~seconds : seconds);
-  if (magnitude >> 16 != 0 && magnitude >> 32 == 0) {
-    // Of these times are nearly all that there are.
-    *to = static_cast<char>((seconds < 0 ? 0x20 : 0) | 0x1A);
-    const uint64_t bytes = detail::bigEndian(magnitude << 32);
-    std::memcpy(to + 1, &bytes, sizeof bytes);
-    to += 1 + sizeof(uint32_t);
-  } else {
-    to += detail::encodeHead(to, seconds < 0, magnitude);
-  }
+  to += detail::encodeHead(to, seconds < 0, static_cast<uint64_t>(seconds < 0 ? ~seconds : seconds));
   elements_ += 4;
   if (nanoseconds != 0) {
     ++start[3];  // Two entries.

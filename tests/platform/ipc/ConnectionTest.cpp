@@ -217,6 +217,21 @@ TEST(AcceptedConnection, SendsTablesToWhoReadsThem) {
   }
 }
 
+TEST_F(RawPeer, IsSentTablesOnceItHasSaidThatItReadsThem) {
+  const auto item = std::make_shared<ExtensionItem>();
+  item->setUserInfo({{"a", 1}, {"b", 2}, {"c", 3}, {"d", 4}});
+  for (const bool readsTables : {false, true}) {
+    call("echo", 1);
+    write((readsTables ? std::string(encodeHello().view()) : kHello) +
+          answer(readFrame(FrameType::call), "\x01"));
+    outcomes.waitFor(readsTables ? 2 : 1);
+    connection->call("echo", {Array{item, item}}, [](const auto&, const auto&) {});
+    EXPECT_EQ(readFrame(FrameType::call).find("Table") != std::string::npos, readsTables);
+    transport->close(Error("test", 0));
+    events.waitFor(readsTables ? 2 : 1);
+  }
+}
+
 TEST_F(RawPeer, InterruptsAPeerThatDoesNotReadAndFailsWhatIsTooLargeAlone) {
   call("echo", Data::copy(std::string(limits::kMaximumFrame, 'x')));
   EXPECT_EQ(outcomes.waitFor(1).at(0).code(), static_cast<int64_t>(TransportErrorCode::notSendable));
