@@ -11,8 +11,10 @@ namespace {
 
 class ConcurrentQueue final : public PooledQueue {
  public:
-  ConcurrentQueue(std::string label, QualityOfService quality)
-      : pool_(WorkerPool::forQuality(quality)), label_(std::move(label)), quality_(quality) {}
+  enum class Life { counted, endless };
+
+  ConcurrentQueue(std::string label, QualityOfService quality, Life life)
+      : life_(life), pool_(WorkerPool::forQuality(quality)), label_(std::move(label)), quality_(quality) {}
 
   const std::string& label() const override { return label_; }
   QualityOfService qualityOfService() const override { return quality_; }
@@ -20,7 +22,8 @@ class ConcurrentQueue final : public PooledQueue {
 
   void async(Task task) override {
     TaskNode* const node = TaskNode::make(std::move(task));
-    node->owner = std::static_pointer_cast<PooledQueue>(shared_from_this());
+    // A queue that never ends spares its tasks the counting of references.
+    node->owner = std::shared_ptr<PooledQueue>(life_ == Life::counted ? shared_from_this() : nullptr, this);
     pool_.push(node);
   }
 
@@ -32,6 +35,7 @@ class ConcurrentQueue final : public PooledQueue {
   }
 
  private:
+  const Life life_;
   WorkerPool& pool_;
   const std::string label_;
   const QualityOfService quality_;
@@ -44,11 +48,14 @@ std::shared_ptr<DispatchQueue> DispatchQueue::makeSerial(std::string label, Qual
 }
 
 std::shared_ptr<DispatchQueue> DispatchQueue::makeConcurrent(std::string label, QualityOfService quality) {
-  return std::make_shared<ConcurrentQueue>(std::move(label), quality);
+  return std::make_shared<ConcurrentQueue>(std::move(label), quality, ConcurrentQueue::Life::counted);
 }
 
 const std::shared_ptr<DispatchQueue>& DispatchQueue::global(QualityOfService quality) {
   struct Globals {
+    static std::shared_ptr<DispatchQueue> makeConcurrent(const char* label, QualityOfService quality) {
+      return std::make_shared<ConcurrentQueue>(label, quality, ConcurrentQueue::Life::endless);
+    }
     std::shared_ptr<DispatchQueue> interactive =
         makeConcurrent("global.interactive", QualityOfService::userInteractive);
     std::shared_ptr<DispatchQueue> initiated =

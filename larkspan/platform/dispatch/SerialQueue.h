@@ -58,12 +58,13 @@ class SerialQueue : public PooledQueue {
  private:
   static TaskNode* busy();
 
-  std::atomic<TaskNode*> head_{nullptr};
-  TaskNode* pending_ = nullptr;  // The runner's: taken from the stack and due, oldest first.
-  TaskNode scheduling_;          // Stands for this queue among the pool's waiting work.
   WorkerPool& pool_;
   const std::string label_;
   const QualityOfService quality_;
+  // Producers write the one, the runner the other: on different cache lines, or each would wait for the other.
+  alignas(64) std::atomic<TaskNode*> head_{nullptr};
+  alignas(64) TaskNode* pending_ = nullptr;  // Taken from the stack and due, oldest first.
+  TaskNode scheduling_;                      // Stands for this queue among the pool's waiting work.
 };
 
 }  // namespace larkspan::platform

@@ -1,16 +1,36 @@
 #include "larkspan/platform/dispatch/TaskNode.h"
 
+#include <atomic>
+#include <cstdint>
 #include <mutex>
 #include <vector>
 
 namespace larkspan::platform {
 namespace {
 
-constexpr unsigned kBatch = 64;
+constexpr std::size_t kSlabSize = 16 * 1024;
+constexpr unsigned kBatch = (kSlabSize - alignof(TaskNode)) / sizeof(TaskNode);
 constexpr std::size_t kMaxBatches = 256;
 
-void deleteChain(TaskNode* node) {
-  while (node) delete std::exchange(node, node->next);
+// Nodes are made side by side, for then a processor fetches the next ones of a long queue before they are asked
+// for. A slab lies at a multiple of its size, and ends when all of its nodes have been given up.
+struct alignas(kSlabSize) Slab {
+  std::atomic<unsigned> givenUp{0};
+  TaskNode nodes[kBatch];
+};
+
+TaskNode* makeChain() {
+  TaskNode* const nodes = (new Slab)->nodes;
+  for (unsigned i = 0; i + 1 < kBatch; ++i) nodes[i].next = &nodes[i + 1];
+  return nodes;
+}
+
+void giveUpChain(TaskNode* node) {
+  while (node) {
+    auto* const slab = reinterpret_cast<Slab*>(reinterpret_cast<uintptr_t>(node) & ~(kSlabSize - 1));
+    node = node->next;
+    if (slab->givenUp.fetch_add(1, std::memory_order_acq_rel) + 1 == kBatch) delete slab;
+  }
 }
 
 // Full batches on their way from threads that run tasks to threads that post them.
@@ -29,7 +49,7 @@ class Depot {
         return;
       }
     }
-    deleteChain(chain);
+    giveUpChain(chain);
   }
 
   TaskNode* take() {
@@ -56,8 +76,8 @@ struct Cache {
 
   ~Cache() {
     closed = true;
-    deleteChain(std::exchange(active, nullptr));
-    deleteChain(std::exchange(reserve, nullptr));
+    giveUpChain(std::exchange(active, nullptr));
+    giveUpChain(std::exchange(reserve, nullptr));
   }
 };
 
@@ -67,17 +87,20 @@ thread_local Cache cache;
 
 TaskNode* TaskNode::make(Task&& task) {
   Cache& mine = cache;
-  if (!mine.active && !mine.closed) {
+  if (mine.closed) {
+    TaskNode* const node = makeChain();
+    giveUpChain(node->next);
+    node->task = std::move(task);
+    return node;
+  }
+  if (!mine.active) {
     mine.active = mine.reserve ? std::exchange(mine.reserve, nullptr) : Depot::shared().take();
-    mine.count = mine.active ? kBatch : 0;
+    if (!mine.active) mine.active = makeChain();
+    mine.count = kBatch;
   }
-  TaskNode* node = mine.active;
-  if (node) {
-    mine.active = node->next;
-    --mine.count;
-  } else {
-    node = new TaskNode;
-  }
+  TaskNode* const node = mine.active;
+  mine.active = node->next;
+  --mine.count;
   node->task = std::move(task);
   return node;
 }
@@ -85,7 +108,8 @@ TaskNode* TaskNode::make(Task&& task) {
 void TaskNode::recycle(TaskNode* node) {
   Cache& mine = cache;
   if (mine.closed) {
-    delete node;
+    node->next = nullptr;
+    giveUpChain(node);
     return;
   }
   if (mine.count == kBatch) {

@@ -3,6 +3,7 @@
 #include "larkspan/platform/dispatch/Thread.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -24,6 +25,8 @@ constexpr auto kTick = std::chrono::milliseconds(2);
 constexpr auto kTickAtCap = std::chrono::milliseconds(50);
 // Workers that wait by spinning look busy. After this many ticks without progress one is added anyway.
 constexpr unsigned kPatience = 50;
+// Tasks that a worker takes at most besides the one it runs.
+constexpr std::size_t kBatch = 16;
 
 unsigned processorCount() {
   static const unsigned count = std::max(2U, std::thread::hardware_concurrency());
@@ -44,11 +47,24 @@ bool isRunnable(int thread) {
   return name && std::strncmp(name, ") R", 3) == 0;
 }
 
+TaskNode* takeFrom(std::atomic<TaskNode*>& place) {
+  return place.load(std::memory_order_relaxed) ? place.exchange(nullptr, std::memory_order_acq_rel) : nullptr;
+}
+
+// Of a number that one thread writes.
+void countUp(std::atomic<uint64_t>& number) {
+  number.store(number.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+}
+
 }  // namespace
 
 struct WorkerPool::Worker {
   int thread = gettid();
   const DispatchQueue* running = nullptr;
+  // Tasks of the queue it runs that it will run next, unless another worker finds nothing else to do and takes
+  // them. Filled under the mutex.
+  std::array<std::atomic<TaskNode*>, kBatch> batch{};
+  std::atomic<uint64_t> taken{0};  // Work ever taken; tells the monitor of progress.
   sem_t wake;
 
   Worker() { sem_init(&wake, 0, 0); }
@@ -91,8 +107,8 @@ bool WorkerPool::allIdle(std::string& busy, bool (*others)(std::string& busy)) {
         busy = worker->running->label();
         return false;
       }
-    if (pool->first_) {
-      busy = pool->first_->owner->label();
+    if (const TaskNode* const node = pool->first_ ? pool->first_.load() : pool->inbox_.load()) {
+      busy = node->owner->label();
       return false;
     }
   }
@@ -100,24 +116,66 @@ bool WorkerPool::allIdle(std::string& busy, bool (*others)(std::string& busy)) {
 }
 
 void WorkerPool::push(TaskNode* node) {
+  TaskNode* newest = inbox_.load(std::memory_order_relaxed);
+  do {
+    node->next = newest;
+  } while (!inbox_.compare_exchange_weak(newest, node));
+  if (attended_.load()) return;
   std::unique_lock lock(mutex_);
-  node->next = nullptr;
-  (last_ ? last_->next : first_) = node;
-  last_ = node;
-  waiting_.store(waiting_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-  Worker* const sleeper = summonWorker();
+  Worker* const sleeper = hasWaiting() ? summonWorker() : nullptr;
   lock.unlock();
   wake(sleeper);
 }
 
-TaskNode* WorkerPool::pop() {
-  TaskNode* const node = first_;
-  if (!node) return nullptr;
-  first_ = node->next;
-  if (!first_) last_ = nullptr;
-  waiting_.store(waiting_.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
-  ++taken_;
-  return node;
+// Takes the oldest work, and if much more waits for the same queue some of that too: for small tasks, taking
+// the mutex is what costs.
+TaskNode* WorkerPool::pop(Worker& taker) {
+  TaskNode* first = first_.load(std::memory_order_relaxed);
+  if (!first) {
+    TaskNode* newest = inbox_.exchange(nullptr);
+    while (newest) {
+      TaskNode* const older = newest->next;
+      newest->next = first;
+      first = std::exchange(newest, older);
+      ++length_;
+    }
+    if (!first) return steal();
+  }
+  TaskNode* next = first->next;
+  const std::size_t more = std::min(taker.batch.size(), (length_ - 1) / (2 * processorCount()));
+  std::size_t taken = 0;
+  for (; taken < more && next->owner == first->owner; next = next->next)
+    taker.batch[taken++].store(next, std::memory_order_relaxed);
+  first_.store(next, std::memory_order_relaxed);
+  length_ -= 1 + taken;
+  return first;
+}
+
+TaskNode* WorkerPool::steal() {
+  for (Worker* worker : workers_)
+    for (auto& place : worker->batch)
+      if (TaskNode* const node = takeFrom(place)) return node;
+  return nullptr;
+}
+
+bool WorkerPool::workWaits() const {
+  const auto waits = [](const auto& place) { return place.load(std::memory_order_relaxed) != nullptr; };
+  return hasWaiting() || std::any_of(workers_.begin(), workers_.end(), [&](const Worker* worker) {
+           return std::any_of(worker->batch.begin(), worker->batch.end(), waits);
+         });
+}
+
+uint64_t WorkerPool::taken() const {
+  uint64_t sum = 0;
+  for (const Worker* worker : workers_) sum += worker->taken.load(std::memory_order_relaxed);
+  return sum;
+}
+
+// Whether a pusher has nobody to tell: a worker is on its way, or all are busy and the monitor watches them.
+void WorkerPool::updateAttended() {
+  const bool attended =
+      searching_ != 0 || (sleepers_.empty() && count_ >= processorCount() && hasMonitor_ && !monitorSleeps_);
+  if (attended != attended_.load(std::memory_order_relaxed)) attended_.store(attended);
 }
 
 // Sees to it that the waiting work will be taken: by the worker that is already on its way, by a sleeper, by
@@ -129,6 +187,7 @@ WorkerPool::Worker* WorkerPool::summonWorker() {
     Worker* const worker = sleepers_.back();
     sleepers_.pop_back();
     ++searching_;
+    updateAttended();
     return worker;
   }
   if (count_ < processorCount()) {
@@ -144,6 +203,7 @@ WorkerPool::Worker* WorkerPool::summonWorker() {
     monitorSleeps_ = false;
     monitorWake_.notify_one();
   }
+  updateAttended();
   return nullptr;
 }
 
@@ -172,24 +232,39 @@ void WorkerPool::work() {
   workers_.push_back(&self);
   bool searching = true;
   for (;;) {
-    if (TaskNode* const node = pop()) {
+    if (TaskNode* const node = pop(self)) {
       if (searching) --searching_;
       searching = false;
-      Worker* const next = first_ ? summonWorker() : nullptr;
+      updateAttended();
+      Worker* const next = workWaits() ? summonWorker() : nullptr;
       owner = std::move(node->owner);
       self.running = owner.get();
       ++busy_;
       lock.unlock();
       wake(next);
+      countUp(self.taken);
       owner->execute(node);
+      for (auto& place : self.batch) {
+        TaskNode* const another = takeFrom(place);
+        if (!another) continue;
+        another->owner.reset();
+        countUp(self.taken);
+        owner->execute(another);
+      }
       lock.lock();
       self.running = nullptr;
       owner.reset();
-      if (--busy_ == 0 && !first_) IdleSignal::notify();
+      if (--busy_ == 0 && !workWaits()) IdleSignal::notify();
       continue;
     }
-    if (searching) --searching_;
     sleepers_.push_back(&self);
+    if (searching) --searching_;
+    searching = false;
+    updateAttended();
+    if (workWaits()) {
+      sleepers_.pop_back();
+      continue;
+    }
     lock.unlock();
     const bool woken = self.sleep(kIdleLife);
     lock.lock();
@@ -213,26 +288,28 @@ void WorkerPool::monitor() {
   std::vector<int> threads;
   std::unique_lock lock(mutex_);
   for (;;) {
-    while (!first_) {
+    while (!workWaits()) {
       monitorSleeps_ = true;
-      monitorWake_.wait(lock);
+      updateAttended();
+      if (!workWaits()) monitorWake_.wait(lock);
       monitorSleeps_ = false;
+      updateAttended();
     }
-    for (unsigned quiet = 0; first_ && quiet <= kPatience; ++quiet) {
-      const uint64_t before = taken_;
+    for (unsigned quiet = 0; workWaits() && quiet <= kPatience; ++quiet) {
+      const uint64_t before = taken();
       const auto tick = count_ < kMaxWorkers ? kTick : kTickAtCap;
       lock.unlock();
       std::this_thread::sleep_for(tick);
       lock.lock();
-      if (!first_ || taken_ != before || searching_ != 0) break;
+      if (!workWaits() || taken() != before || searching_ != 0) break;
       threads.clear();
       for (const Worker* worker : workers_) threads.push_back(worker->thread);
       lock.unlock();
       const auto runnable = static_cast<unsigned>(std::count_if(threads.begin(), threads.end(), isRunnable));
       lock.lock();
-      if (taken_ != before) break;
+      if (taken() != before) break;
       unsigned wanted = runnable < processorCount() ? processorCount() - runnable : quiet == kPatience;
-      for (; wanted != 0 && first_ && count_ < kMaxWorkers; --wanted) spawn();
+      for (; wanted != 0 && workWaits() && count_ < kMaxWorkers; --wanted) spawn();
     }
   }
 }

@@ -29,7 +29,8 @@ class PooledQueue : public DispatchQueue {
 /// from a socket does, is followed by the worker on the same processor, which is cheaper than keeping another
 /// one busy. At most one worker is on its way to the work at a time, and it wakes the next when it finds more
 /// than it takes: a burst of tasks does not wake the whole pool, and a task posted while a worker is on its
-/// way costs no system call.
+/// way, or while all are busy, costs one atomic operation. Of a long line of tasks for one concurrent queue a
+/// worker takes several, which another worker may still take from it.
 ///
 /// Limits: `kMaxWorkers` tasks that are all blocked on tasks queued behind them wait forever.
 class WorkerPool {
@@ -44,7 +45,7 @@ class WorkerPool {
   /// Adds work at the end. `node->owner` is the queue that will be asked to execute it.
   void push(TaskNode* node);
   /// Whether work waits for a worker: time for a queue with much to do to stand aside.
-  bool hasWaiting() const { return waiting_.load(std::memory_order_relaxed) != 0; }
+  bool hasWaiting() const { return first_.load(std::memory_order_relaxed) || inbox_.load(); }
 
  private:
   struct Worker;
@@ -55,17 +56,22 @@ class WorkerPool {
 
   void work();
   void monitor();
-  TaskNode* pop();
+  TaskNode* pop(Worker& taker);
+  TaskNode* steal();
+  bool workWaits() const;
+  uint64_t taken() const;
   Worker* summonWorker();
+  void updateAttended();
   static void wake(Worker* sleeper);
   void spawn();
 
   const bool low_;
-  std::mutex mutex_;
-  TaskNode* first_ = nullptr;  // Waiting work, oldest first.
-  TaskNode* last_ = nullptr;
-  std::atomic<std::size_t> waiting_{0};  // Written under the mutex.
-  uint64_t taken_ = 0;                   // Work ever taken; tells the monitor of progress.
+  // What producers touch: a stack of new work, and whether it will be seen without their telling anybody.
+  alignas(64) std::atomic<TaskNode*> inbox_{nullptr};
+  std::atomic<bool> attended_{false};  // Written under the mutex; whoever makes it false then looks for work.
+  alignas(64) std::mutex mutex_;
+  std::atomic<TaskNode*> first_{nullptr};  // Work out of the inbox, oldest first; written under the mutex.
+  std::size_t length_ = 0;                 // Of the list that begins there.
   std::vector<Worker*> workers_;
   std::vector<Worker*> sleepers_;  // The last to fall asleep wakes first, so that the others time out.
   unsigned count_ = 0;             // Workers, started or starting.
