@@ -82,7 +82,7 @@ TEST(WorkerPool, GrowsToItsLimitWhileTasksAreBlockedAndNoFurther) {
         for (int seen = most; seen < now && !most.compare_exchange_weak(seen, now);) continue;
         started.release();
         // A look at the threads' states does not show those that spin as blocked.
-        while (spins && !released) sched_yield();
+        while (spins && running < 8) sched_yield();
         released.wait(false);
         --running;
         ended.count_down();
