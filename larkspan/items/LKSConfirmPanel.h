@@ -34,7 +34,7 @@ class LKSConfirmPanel : public MessageItem {
     setUserInfoObject(state, kConfirmCheckboxStateKey);
   }
   /// The array of entries as it is stored; none when absent.
-  platform::Value lks_confirmOptionMenuItems() const { return userInfo().get(kConfirmMenuItemsKey); }
+  platform::Value lks_confirmOptionMenuItems() const { return valueFor(kConfirmMenuItemsKey); }
   void setLks_confirmOptionMenuItems(std::optional<platform::Array> entries) {
     setUserInfoObject(std::move(entries), kConfirmMenuItemsKey);
   }

@@ -29,15 +29,15 @@ class LKSResource : public MessageItem {
     return initLKSResourceWithFileAtPath(path);
   }
 
-  std::optional<platform::URL> lks_URL() const { return userInfo().get(kURLKey).url(); }
+  std::optional<platform::URL> lks_URL() const { return valueFor(kURLKey).url(); }
   void setLks_URL(std::optional<platform::URL> url) { setUserInfoObject(std::move(url), kURLKey); }
   std::optional<std::string> lks_versionString() const { return stringFor(kVersionKey); }
   void setLks_versionString(OptionalText version) { setUserInfoObject(version, kVersionKey); }
-  std::optional<platform::Date> lks_dateCreated() const { return userInfo().get(kDateCreatedKey).date(); }
+  std::optional<platform::Date> lks_dateCreated() const { return valueFor(kDateCreatedKey).date(); }
   void setLks_dateCreated(std::optional<platform::Date> date) { setUserInfoObject(date, kDateCreatedKey); }
-  std::optional<platform::Date> lks_dateModified() const { return userInfo().get(kDateModifiedKey).date(); }
+  std::optional<platform::Date> lks_dateModified() const { return valueFor(kDateModifiedKey).date(); }
   void setLks_dateModified(std::optional<platform::Date> date) { setUserInfoObject(date, kDateModifiedKey); }
-  std::optional<platform::Date> lks_dateLastOpened() const { return userInfo().get(kDateOpenedKey).date(); }
+  std::optional<platform::Date> lks_dateLastOpened() const { return valueFor(kDateOpenedKey).date(); }
   void setLks_dateLastOpened(std::optional<platform::Date> date) { setUserInfoObject(date, kDateOpenedKey); }
   bool isDeletable() const { return boolFor(kDeletableKey); }
   void setLks_deletable(bool deletable) { setUserInfoObject(deletable, kDeletableKey); }
@@ -49,7 +49,7 @@ class LKSResource : public MessageItem {
   bool lks_hasViewedState() const { return boolFor(kShowViewedColumnKey); }
   void setLks_hasViewedState(bool has) { setUserInfoObject(has, kShowViewedColumnKey); }
   /// A fraction, 1 for viewed to the end, neither clamped nor scaled; travels as a 32-bit float.
-  double lks_percentViewed() const { return userInfo().get(kPercentViewedKey).doubleValue(); }
+  double lks_percentViewed() const { return valueFor(kPercentViewedKey).doubleValue(); }
   void setLks_percentViewed(double fraction) {
     setUserInfoObject(static_cast<float>(fraction), kPercentViewedKey);
   }

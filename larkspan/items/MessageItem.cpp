@@ -19,7 +19,7 @@ std::optional<MessageItem> MessageItem::initWithLKSName(OptionalText name) {
 }
 
 void MessageItem::setUserInfoObject(Value object, Key key) {
-  item_->setUserInfoObject(std::move(object), key);
+  item()->setUserInfoObject(std::move(object), key);
 }
 
 void MessageItem::addUserInfoObjectsFromDict(const Dictionary& dictionary) {
@@ -32,7 +32,7 @@ void MessageItem::addUserInfoObjectsFromDict(const Dictionary& dictionary) {
 }
 
 std::shared_ptr<LKSIconConstructor> MessageItem::lks_iconConstructor() const {
-  const auto data = userInfo().get(kIconConstructor).data();
+  const auto data = valueFor(kIconConstructor).data();
   if (!data || data->bytes.empty()) return nullptr;
   auto result = platform::KeyedUnarchiver::unarchivedObject<LKSIconConstructor>(*data);
   if (result.error) {
@@ -50,7 +50,7 @@ void MessageItem::setLks_iconConstructor(const std::shared_ptr<LKSIconConstructo
 }
 
 std::shared_ptr<platform::FileProviderItem> MessageItem::lks_fpItem() const {
-  const auto data = userInfo().get(kFPItemKey).data();
+  const auto data = valueFor(kFPItemKey).data();
   if (!data) return nullptr;
   return platform::KeyedUnarchiver::unarchivedObject<platform::FileProviderItem>(*data).object;
 }
@@ -64,12 +64,12 @@ int64_t MessageItem::lks_size() const {
   const int64_t app = lks_appSize();
   const int64_t data = lks_dataSize();
   if (app > 0 || data >= 1) return platform::saturatingSum(app, data);
-  const Value size = userInfo().get(kSizeKey);
+  const Value size = valueFor(kSizeKey);
   return size.isNone() ? LKSExtensionTotalSpaceUsedUnknown : size.integerValue();
 }
 
 int64_t MessageItem::lks_deletableSize() const {
-  const Value size = userInfo().get(kDeletableSizeKey);
+  const Value size = valueFor(kDeletableSizeKey);
   return size.isNone() ? lks_size() : size.integerValue();
 }
 
@@ -83,9 +83,14 @@ platform::Array arrayFromItems(const Items& items) {
 Items itemsFromValue(const Value& array) {
   Items items;
   const platform::Array values = array.array();
-  items.reserve(values.size());
-  for (const Value& value : values) {
-    if (auto item = value.objectOf<platform::ExtensionItem>()) items.emplace_back(std::move(item));
+  for (const Value& value : values.packed()) {
+    if (auto item = value.objectOf<platform::ExtensionItem>()) {
+      items.emplace_back(std::move(item));
+    } else if (const auto rows = value.objectOf<platform::TableRows>();
+               rows && &rows->objectClass() == &platform::ExtensionItem::archiveClass()) {
+      items.reserve(items.size() + rows->size());
+      for (uint32_t row = 0; row < rows->size(); ++row) items.emplace_back(rows, row);
+    }
   }
   return items;
 }

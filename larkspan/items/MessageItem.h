@@ -3,6 +3,7 @@
 #include "larkspan/items/LKSIconConstructor.h"
 #include "larkspan/items/Vocabulary.h"
 #include "larkspan/platform/appext/ExtensionItem.h"
+#include "larkspan/platform/archive/TableRows.h"
 #include "larkspan/platform/base/Value.h"
 #include "larkspan/platform/desktop/FileProviderItem.h"
 
@@ -29,14 +30,19 @@ using OptionalText = std::optional<std::string_view>;
 class MessageItem {
  public:
   /// A new item without a dictionary.
-  MessageItem() : item_(std::make_shared<platform::ExtensionItem>()) {}
-  explicit MessageItem(std::shared_ptr<platform::ExtensionItem> item) : item_(std::move(item)) {}
+  MessageItem() : MessageItem(std::make_shared<platform::ExtensionItem>()) {}
+  explicit MessageItem(std::shared_ptr<platform::ExtensionItem> item) : source_(std::move(item)) {}
+  /// The item of a row, which is made when it is asked for as a whole.
+  MessageItem(std::shared_ptr<platform::TableRows> rows, uint32_t row)
+      : source_(std::move(rows)), row_(row) {}
   /// An item that holds only its name, without a kind; nothing for an empty name.
   static std::optional<MessageItem> initWithLKSName(OptionalText name);
 
-  const platform::Dictionary& userInfo() const { return item_->userInfo(); }
-  void setUserInfo(platform::Dictionary userInfo) { item_->setUserInfo(std::move(userInfo)); }
-  const std::shared_ptr<platform::ExtensionItem>& item() const { return item_; }
+  const platform::Dictionary& userInfo() const { return item()->userInfo(); }
+  void setUserInfo(platform::Dictionary userInfo) { item()->setUserInfo(std::move(userInfo)); }
+  std::shared_ptr<platform::ExtensionItem> item() const {
+    return std::static_pointer_cast<platform::ExtensionItem>(row_ == kNoRow ? source_ : rows().object(row_));
+  }
 
   /// Stores under the key; a none value removes it. Removing what is not there leaves the dictionary
   /// untouched.
@@ -57,7 +63,7 @@ class MessageItem {
   void setLks_iconConstructor(const std::shared_ptr<LKSIconConstructor>& icon);
   std::optional<std::string> lks_iconFileType() const { return stringFor(kIconFileTypeKey); }
   void setLks_iconFileType(OptionalText type) { setUserInfoObject(type, kIconFileTypeKey); }
-  platform::Value lks_reference() const { return userInfo().get(kReferenceKey); }
+  platform::Value lks_reference() const { return valueFor(kReferenceKey); }
   void setLks_reference(platform::Value reference) { setUserInfoObject(std::move(reference), kReferenceKey); }
   std::shared_ptr<platform::FileProviderItem> lks_fpItem() const;
   void setFPItem(const std::shared_ptr<platform::FileProviderItem>& item);
@@ -80,8 +86,10 @@ class MessageItem {
   std::optional<std::string> lks_helpBook() const { return stringFor(kHelpBookKey); }
   void setLks_helpBook(OptionalText book) { setUserInfoObject(book, kHelpBookKey); }
 
-  std::string description() const { return item_->description(); }
-  friend bool operator==(const MessageItem& a, const MessageItem& b) { return a.item_ == b.item_; }
+  std::string description() const { return item()->description(); }
+  friend bool operator==(const MessageItem& a, const MessageItem& b) {
+    return a.source_ == b.source_ ? a.row_ == b.row_ : a.row_ != b.row_ && a.item() == b.item();
+  }
 
   // Older names.
   static std::optional<MessageItem> initWithName(OptionalText name) { return initWithLKSName(name); }
@@ -116,12 +124,21 @@ class MessageItem {
   }
 
  protected:
-  std::optional<std::string> stringFor(Key key) const { return userInfo().get(key).string(); }
-  int64_t integerFor(Key key) const { return userInfo().get(key).integerValue(); }
-  bool boolFor(Key key) const { return userInfo().get(key).boolValue(); }
+  /// What the user-info dictionary has under the key, or none.
+  platform::Value valueFor(Key key) const {
+    return row_ == kNoRow ? static_cast<const platform::ExtensionItem&>(*source_).userInfo().get(key)
+                          : rows().get(row_, key);
+  }
+  std::optional<std::string> stringFor(Key key) const { return valueFor(key).string(); }
+  int64_t integerFor(Key key) const { return valueFor(key).integerValue(); }
+  bool boolFor(Key key) const { return valueFor(key).boolValue(); }
 
  private:
-  std::shared_ptr<platform::ExtensionItem> item_;
+  static constexpr uint32_t kNoRow = UINT32_MAX;
+  const platform::TableRows& rows() const { return static_cast<const platform::TableRows&>(*source_); }
+
+  std::shared_ptr<platform::Object> source_;  // The item, or the rows that it is one of.
+  uint32_t row_ = kNoRow;
 };
 
 /// The one currency of requests and replies.

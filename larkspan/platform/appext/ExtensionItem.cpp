@@ -2,7 +2,6 @@
 
 #include "larkspan/platform/archive/KeyedArchiver.h"
 #include "larkspan/platform/archive/KeyedUnarchiver.h"
-#include "larkspan/platform/base/ChunkPool.h"
 #include "larkspan/platform/desktop/FileProviderItem.h"
 
 namespace larkspan::platform {
@@ -35,9 +34,8 @@ const ObjectClass& ExtensionItem::archiveClass() {
   return kClass;
 }
 
-std::shared_ptr<Object> ExtensionItem::makeFromRow(Dictionary row, ChunkPool* pool) {
-  auto item = pool ? std::allocate_shared<ExtensionItem>(ChunkPool::Allocator<ExtensionItem>(*pool))
-                   : std::make_shared<ExtensionItem>();
+std::shared_ptr<Object> ExtensionItem::makeFromRow(Dictionary row) {
+  auto item = std::make_shared<ExtensionItem>();
   item->userInfo_ = std::move(row);
   return item;
 }

@@ -33,7 +33,7 @@ class ExtensionItem final : public Archivable {
   std::string description() const override;
 
  private:
-  static std::shared_ptr<Object> makeFromRow(Dictionary row, ChunkPool* pool);
+  static std::shared_ptr<Object> makeFromRow(Dictionary row);
 
   Dictionary userInfo_;
 };

@@ -8,7 +8,6 @@
 
 namespace larkspan::platform {
 
-class ChunkPool;
 class ClassSet;
 class KeyedArchiver;
 class KeyedUnarchiver;
@@ -17,8 +16,8 @@ class KeyedUnarchiver;
 struct RowClass {
   /// What the dictionary's values may be.
   const ClassSet& (*classes)();
-  /// Makes the object, out of the pool if there is one; never null.
-  std::shared_ptr<Object> (*make)(Dictionary row, ChunkPool* pool);
+  /// Makes the object; never null.
+  std::shared_ptr<Object> (*make)(Dictionary row);
 };
 
 /// A class of archived objects: the name that stands in archives and how its objects are read.

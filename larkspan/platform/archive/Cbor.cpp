@@ -97,8 +97,8 @@ double CborHead::real() const {
   return argument & 0x8000 ? -value : value;
 }
 
-void CborReader::skip() {
-  for (uint64_t left = 1; left > 0; --left) {
+void CborReader::skip(uint64_t items) {
+  for (uint64_t left = items; left > 0; --left) {
     const CborHead head = next();
     switch (head.major) {
       case CborMajor::unsignedInteger:

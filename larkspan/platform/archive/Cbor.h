@@ -219,8 +219,8 @@ class CborReader {
     position_ += head.argument;
     return result;
   }
-  /// Passes a whole item with all that it holds.
-  void skip();
+  /// Passes whole items with all that they hold.
+  void skip(uint64_t items = 1);
   /// Goes to the first byte of some item.
   void moveTo(std::size_t position) { position_ = position; }
 

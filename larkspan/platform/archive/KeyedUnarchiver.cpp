@@ -2,6 +2,7 @@
 
 #include "larkspan/platform/archive/InternedKeys.h"
 #include "larkspan/platform/archive/PackedDictionary.h"
+#include "larkspan/platform/archive/TableRows.h"
 #include "larkspan/platform/archive/ValueCoding.h"
 
 #include <algorithm>
@@ -117,7 +118,7 @@ Value KeyedUnarchiver::read(const ClassSet& classes, Place place) {
       return Data{contentOf(frame_, reader_.content(head))};
     case CborMajor::array:
       if (!classes.admits(ValueClass::array)) return forbidden("An array", start);
-      return Array(readMembers(head.argument, classes));
+      return readArray(head.argument, classes);
     case CborMajor::map:
       if (!classes.admits(ValueClass::dictionary)) return forbidden("A dictionary", start);
       return readMap(head.argument, classes, start);
@@ -152,13 +153,15 @@ Value KeyedUnarchiver::readTagged(uint64_t tag, const ClassSet& classes, std::si
       if (!classes.admits(ValueClass::set)) return forbidden("A set", start);
       const CborHead head = reader_.next();
       if (head.major != CborMajor::array) return fault(ArchiveErrorCode::malformed, "A malformed set", start);
-      return Set(readMembers(head.argument, classes));
+      const Array members = readArray(head.argument, classes);
+      return Set(std::vector<Value>(members.begin(), members.end()));
     }
   }
   return fault(ArchiveErrorCode::malformed, "The unknown tag " + std::to_string(tag), start);
 }
 
-std::vector<Value> KeyedUnarchiver::readMembers(uint64_t size, const ClassSet& classes) {
+Array KeyedUnarchiver::readArray(uint64_t size, const ClassSet& classes) {
+  const bool outer = std::exchange(hasPacked_, false);
   std::vector<Value> members;
   members.reserve(size);
   for (; size > 0 && !error_; --size) {
@@ -171,7 +174,7 @@ std::vector<Value> KeyedUnarchiver::readMembers(uint64_t size, const ClassSet& c
     Value object = readObject(classes, start, &members);
     if (!object.isNone()) members.push_back(std::move(object));
   }
-  return members;
+  return std::exchange(hasPacked_, outer) ? Array::withPacked(std::move(members)) : Array(std::move(members));
 }
 
 /// The fields of a table, whose objects it appends.
@@ -192,17 +195,40 @@ void KeyedUnarchiver::readTable(const ClassSet& classes, std::vector<Value>& mem
   const std::size_t rowsStart = reader_.position();
   const CborHead rows = reader_.next();
   if (rows.major != CborMajor::array) return malformed();
-  // A few objects, one of which may be kept, shall keep neither the frame nor a chunk.
-  constexpr uint64_t kFewRows = 16;
   form.sharesFrame = frame_.size() / kSharedLength <= rows.argument;
-  form.pool = rows.argument < kFewRows ? nullptr : &pool_;
-  // There may be many tables.
-  if (const std::size_t size = members.size() + rows.argument; size > members.capacity())
-    members.reserve(std::max(size, 2 * members.capacity()));
   const RowClass& rowClass = *objectClass->rows;
-  for (uint64_t left = rows.argument; left > 0 && !error_; --left)
-    members.emplace_back(rowClass.make(readRow(form, rowClass.classes()), form.pool));
+  for (uint64_t left = rows.argument; left > 0 && !error_;) {
+    const auto packed = plainRows(form, rowClass.classes(), left);
+    if (packed.empty()) {
+      members.emplace_back(rowClass.make(readRow(form, rowClass.classes())));
+      --left;
+    } else {
+      members.emplace_back(std::make_shared<TableRows>(*objectClass, frame_, form.keys, packed));
+      hasPacked_ = true;
+      reader_.moveTo(packed.back().end);
+      left -= packed.size();
+    }
+  }
   notePassed(rowsStart);
+}
+
+/// The next rows, as far as they are plain, when they are many: few objects, one of which may be kept, shall not keep the
+/// frame.
+std::span<const PlainRun> KeyedUnarchiver::plainRows(const TableForm& form, const ClassSet& classes,
+                                                     std::size_t atMost) {
+  constexpr std::size_t kFewRows = 16;
+  if (!form.sharesFrame || atMost < kFewRows) return {};
+  std::size_t start = reader_.position();
+  plainAt(start);
+  const auto isNext = [&](const PlainRun& run) {
+    if (run.start != start || run.entries != form.keys->size() || !classes.admitsWithin(run.kinds))
+      return false;
+    start = run.end;
+    return true;
+  };
+  std::size_t count = 0;
+  while (count < std::min(atMost, plainRuns_.size()) && isNext(plainRuns_[count])) ++count;
+  return count < kFewRows ? std::span<const PlainRun>() : plainRuns_.first(count);
 }
 
 /// Null when they are none that a table may have.
@@ -234,7 +260,7 @@ Dictionary KeyedUnarchiver::readRow(const TableForm& form, const ClassSet& class
   if (const PlainRun* const plain = plainAt(start); plain && classes.admitsWithin(plain->kinds)) {
     reader_.moveTo(plain->end);
     Slice bytes = form.sharesFrame ? frame_.part(plain->start, plain->end - plain->start) : bytesOf(*plain);
-    return packedRow(std::move(bytes), *plain, form.keys, form.keyBits, form.pool);
+    return packedRow(std::move(bytes), plain->elements, plain->levels, form.keys, form.keyBits);
   }
   Dictionary result = Dictionary::withCapacity(form.keys->size());
   for (const Slice& key : *form.keys) {

@@ -4,7 +4,6 @@
 #include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/archive/ClassSet.h"
 #include "larkspan/platform/archive/WellFormed.h"
-#include "larkspan/platform/base/ChunkPool.h"
 #include "larkspan/platform/base/Value.h"
 
 #include <cstddef>
@@ -92,14 +91,12 @@ class KeyedUnarchiver {
     std::shared_ptr<const std::vector<Slice>> keys;
     uint64_t keyBits = 0;
     bool sharesFrame = false;
-    /// Null where the objects come from the heap.
-    ChunkPool* pool = nullptr;
   };
 
   KeyedUnarchiver(const Slice& frame, std::size_t position, std::span<const PlainRun> plainRuns);
 
   Value read(const ClassSet& classes, Place place);
-  std::vector<Value> readMembers(uint64_t size, const ClassSet& classes);
+  Array readArray(uint64_t size, const ClassSet& classes);
   const PlainRun* plainAt(std::size_t start);
   Slice bytesOf(const PlainRun& map);
   Value readMap(uint64_t size, const ClassSet& classes, std::size_t start);
@@ -108,6 +105,7 @@ class KeyedUnarchiver {
   Value readError();
   Dictionary readDictionary(uint64_t size, const ClassSet& classes);
   void readTable(const ClassSet& classes, std::vector<Value>& members, std::size_t start);
+  std::span<const PlainRun> plainRows(const TableForm& form, const ClassSet& classes, std::size_t atMost);
   std::shared_ptr<const std::vector<Slice>> readTableKeys();
   Dictionary readRow(const TableForm& form, const ClassSet& classes);
   Value readFound(const ClassSet& classes);
@@ -125,10 +123,10 @@ class KeyedUnarchiver {
   /// A copy of the frame from `runStart_` on.
   Slice run_;
   std::size_t runStart_ = 0;
-  /// For the objects of tables, of which there may be many small ones.
-  ChunkPool pool_;
   /// All that comes is part of a plain map.
   bool isPlain_ = false;
+  /// The array that is being read has members that stay packed.
+  bool hasPacked_ = false;
   std::optional<Error> error_;
   ObjectState object_;
   /// The fields that the walks have passed, of all objects under way, the innermost last.

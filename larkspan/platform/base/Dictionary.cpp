@@ -1,6 +1,5 @@
 #include "larkspan/platform/base/Dictionary.h"
 
-#include "larkspan/platform/base/ChunkPool.h"
 #include "larkspan/platform/base/Utf8.h"
 #include "larkspan/platform/base/Value.h"
 
@@ -42,7 +41,6 @@ struct Dictionary::Storage {
   /// Whether `entries` hold. Once they do, they hold for good; `packed` stays for readers that are under way on other
   /// threads, and goes with the first change, which comes from the only owner.
   std::atomic<bool> unpacked{true};
-  bool isPooled = false;
   std::vector<Entry> entries;
   std::optional<Packed> packed;
 };
@@ -52,13 +50,7 @@ Dictionary::Dictionary(const Dictionary& other) noexcept : storage_(other.storag
 }
 
 Dictionary::~Dictionary() {
-  if (!storage_ || storage_->shares.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
-  if (!storage_->isPooled) {
-    delete storage_;
-  } else {
-    storage_->~Storage();
-    ChunkPool::give(storage_);
-  }
+  if (storage_ && storage_->shares.fetch_sub(1, std::memory_order_acq_rel) == 1) delete storage_;
 }
 
 Dictionary Dictionary::withCapacity(std::size_t capacity) {
@@ -67,11 +59,7 @@ Dictionary Dictionary::withCapacity(std::size_t capacity) {
   return result;
 }
 
-Dictionary::Dictionary(Packed packed, ChunkPool* pool)
-    : storage_(pool ? new (pool->take(sizeof(Storage))) Storage(std::move(packed))
-                    : new Storage(std::move(packed))) {
-  storage_->isPooled = pool != nullptr;
-}
+Dictionary::Dictionary(Packed packed) : storage_(new Storage(std::move(packed))) {}
 
 void Dictionary::unpack() const {
   if (storage_->unpacked.load(std::memory_order_acquire)) return;

@@ -13,7 +13,6 @@
 
 namespace larkspan::platform {
 
-class ChunkPool;
 class Value;
 
 /// A key written in the program: its text lives forever, so that storing under it copies nothing.
@@ -75,8 +74,7 @@ class Dictionary {
   static Dictionary withCapacity(std::size_t capacity);
   Dictionary(std::initializer_list<NewEntry> entries);
   /// A dictionary that reads its entries when somebody asks: for decoders.
-  /// What it needs beside the bytes comes from the pool, if there is one.
-  explicit Dictionary(Packed packed, ChunkPool* pool = nullptr);
+  explicit Dictionary(Packed packed);
 
   std::size_t size() const;
   bool empty() const { return size() == 0; }

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
+#include <mutex>
 
 namespace larkspan::platform {
 
@@ -66,16 +67,44 @@ std::strong_ordering orderEntries(const Dictionary& a, const Dictionary& b) {
 
 }  // namespace
 
-Array::Array(std::vector<Value> values)
-    : values_(values.empty() ? nullptr : std::make_shared<const std::vector<Value>>(std::move(values))) {}
-Array::Array(std::initializer_list<Value> values) : Array(std::vector<Value>(values)) {}
+struct Array::Storage {
+  Storage(std::vector<Value> members, bool packed) : values(std::move(members)), isPacked(packed) {}
 
-std::size_t Array::size() const { return values_ ? values_->size() : 0; }
-const Value& Array::operator[](std::size_t index) const { return (*values_)[index]; }
-const Value* Array::begin() const { return values_ ? values_->data() : nullptr; }
-const Value* Array::end() const { return values_ ? values_->data() + values_->size() : nullptr; }
+  const std::vector<Value> values;
+  const bool isPacked;
+  mutable std::once_flag unpacking;
+  mutable std::vector<Value> unpacked;
+};
+
+Array::Array(std::vector<Value> values)
+    : storage_(values.empty() ? nullptr : std::make_shared<const Storage>(std::move(values), false)) {}
+Array::Array(std::initializer_list<Value> values) : Array(std::vector<Value>(values)) {}
+Array Array::withPacked(std::vector<Value> values) {
+  return Array(std::make_shared<const Storage>(std::move(values), true));
+}
+
+std::span<const Value> Array::packed() const {
+  return storage_ ? std::span<const Value>(storage_->values) : std::span<const Value>();
+}
+
+std::span<const Value> Array::values() const {
+  if (!storage_ || !storage_->isPacked) return packed();
+  std::call_once(storage_->unpacking, [this] {
+    for (const Value& value : storage_->values) {
+      const auto* const object = value.contentAs<std::shared_ptr<Object>>();
+      const auto* const members = object ? dynamic_cast<const PackedMembers*>(object->get()) : nullptr;
+      members ? members->unpack(storage_->unpacked) : storage_->unpacked.push_back(value);
+    }
+  });
+  return storage_->unpacked;
+}
+
+std::size_t Array::size() const { return values().size(); }
+const Value& Array::operator[](std::size_t index) const { return values()[index]; }
+const Value* Array::begin() const { return values().data(); }
+const Value* Array::end() const { return values().data() + values().size(); }
 bool operator==(const Array& a, const Array& b) {
-  return a.values_ == b.values_ || std::equal(a.begin(), a.end(), b.begin(), b.end());
+  return a.storage_ == b.storage_ || std::equal(a.begin(), a.end(), b.begin(), b.end());
 }
 
 Set::Set(std::vector<Value> values) {

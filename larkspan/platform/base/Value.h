@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -30,12 +31,22 @@ struct Data {
   friend bool operator==(const Data&, const Data&) = default;
 };
 
-/// Values in order; immutable, copies share the elements.
+/// Neighbours in an array that need not be made before somebody asks for them: for decoders.
+class PackedMembers : public Object {
+ public:
+  /// Appends them; the same objects each time.
+  virtual void unpack(std::vector<Value>& members) const = 0;
+};
+
+/// Values in order; immutable, copies share the elements. One that came from another process may keep members in their
+/// encoded form until somebody asks for any of them, or for how many there are.
 class Array {
  public:
   Array() = default;
   Array(std::vector<Value> values);
   Array(std::initializer_list<Value> values);
+  /// An array in which objects of `PackedMembers` stand for what they hold.
+  static Array withPacked(std::vector<Value> values);
 
   std::size_t size() const;
   bool empty() const { return size() == 0; }
@@ -43,10 +54,15 @@ class Array {
   const Value& operator[](std::size_t index) const;
   const Value* begin() const;
   const Value* end() const;
+  /// The members as they came, objects of `PackedMembers` among them: for those who need not have all of them made.
+  std::span<const Value> packed() const;
   friend bool operator==(const Array& a, const Array& b);
 
  private:
-  std::shared_ptr<const std::vector<Value>> values_;
+  struct Storage;
+  explicit Array(std::shared_ptr<const Storage> storage) : storage_(std::move(storage)) {}
+  std::span<const Value> values() const;
+  std::shared_ptr<const Storage> storage_;
 };
 
 /// Values without order or repetition; immutable, copies share the elements. Objects within a set are the
