@@ -31,20 +31,9 @@ std::vector<std::string_view> rowKeysOf(const Dictionary& dictionary) {
   return keys;
 }
 
-/// Whether these are the keys, in this order, of a dictionary that can be a row.
-bool hasKeys(const Dictionary& dictionary, std::span<const std::string_view> keys) {
-  const auto isKey = [](std::string_view a, std::string_view b) {
-    return a.size() == b.size() && (a.data() == b.data() || a == b);
-  };
-  if (dictionary.size() != keys.size()) return false;
-  if (const Dictionary::Packed* const packed = dictionary.packed()) {
-    return packed->rowKeys &&
-           std::equal(keys.begin(), keys.end(), packed->rowKeys->begin(),
-                      [&](std::string_view key, const Slice& other) { return isKey(key, other.view()); });
-  }
-  return std::equal(
-      keys.begin(), keys.end(), dictionary.begin(),
-      [&](std::string_view key, const Dictionary::Entry& entry) { return isKey(key, entry.key()); });
+/// Mostly one text in both places.
+bool isSameKey(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && (a.data() == b.data() || a == b);
 }
 
 }  // namespace
@@ -189,7 +178,7 @@ std::size_t KeyedArchiver::writeTable(std::span<const Value> members) {
   const Dictionary* const second = first && first->size() >= Table::kFewestKeys ? rowOf(members[1]) : nullptr;
   if (!second) return 0;
   const std::vector<std::string_view> keys = rowKeysOf(*first);
-  if (!hasKeys(*second, keys)) return 0;
+  if (rowKeysOf(*second) != keys) return 0;
 
   const CborWriter::Mark start = writer_.mark();
   depth_ += kTableDepth;
@@ -207,7 +196,7 @@ std::size_t KeyedArchiver::writeTable(std::span<const Value> members) {
   std::size_t count = 0;
   for (; count < members.size() && !error_; ++count) {
     const Dictionary* const row = rowOf(members[count]);
-    if (!row || !hasKeys(*row, keys) || !writeRow(*row)) break;
+    if (!row || !writeRow(*row, keys)) break;
   }
   depth_ -= kTableDepth;
   if (count < 2 && !error_) {
@@ -218,20 +207,26 @@ std::size_t KeyedArchiver::writeTable(std::span<const Value> members) {
   return count;
 }
 
-/// False, with nothing written, for a row that holds what is written in none. One that came in a table goes out as it came.
-bool KeyedArchiver::writeRow(const Dictionary& row) {
+/// False, with nothing written, for a dictionary that has other keys, or holds what is written in no row. A row that came in a
+/// table goes out as it came.
+bool KeyedArchiver::writeRow(const Dictionary& row, std::span<const std::string_view> keys) {
+  if (row.size() != keys.size()) return false;
   if (const Dictionary::Packed* const packed = row.packed()) {
-    if (packed->levels > 1 + kFlatDepth) return false;
+    if (!packed->rowKeys || packed->levels > 1 + kFlatDepth) return false;
+    const auto isKey = [](std::string_view key, const Slice& own) { return isSameKey(key, own.view()); };
+    if (!std::equal(keys.begin(), keys.end(), packed->rowKeys->begin(), isKey)) return false;
     if (hasRoom(packed->bytes.size())) writer_.raw(packed->bytes.view(), packed->elements);
     return true;
   }
   const CborWriter::Mark start = writer_.mark();
-  writer_.array(row.size());
-  for (const auto& entry : row) {
-    if (!writeFlat(entry.value)) {
+  writer_.array(keys.size());
+  const Dictionary::Entry* entry = row.begin();
+  for (const std::string_view key : keys) {
+    if (!isSameKey(key, entry->key()) || !writeFlat(entry->value)) {
       writer_.rewind(start);
       return false;
     }
+    ++entry;
   }
   hasRoom(0);
   return true;

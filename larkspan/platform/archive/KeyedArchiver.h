@@ -63,7 +63,7 @@ class KeyedArchiver {
   void writeObject(const Object& object);
   const Archivable* archivableOf(const Object& object);
   std::size_t writeTable(std::span<const Value> members);
-  bool writeRow(const Dictionary& row);
+  bool writeRow(const Dictionary& row, std::span<const std::string_view> keys);
   void writeField(std::string_view key, const Value& value);
   void writeEntry(std::string_view key, const Value& value);
   /// Whether this many bytes more keep within the limits; fails else.
