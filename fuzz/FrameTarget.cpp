@@ -1,6 +1,7 @@
 #include "fuzz/Targets.h"
 #include "larkspan/host/LKSHostExtensionContext.h"
 #include "larkspan/platform/archive/Cbor.h"
+#include "larkspan/platform/archive/TableRows.h"
 #include "larkspan/platform/archive/ValueCoding.h"
 #include "larkspan/platform/ipc/Frame.h"
 
@@ -9,6 +10,21 @@ namespace larkspan::fuzz {
 using namespace platform;
 
 namespace {
+
+/// Rows are asked for single values before anything makes their objects.
+void compareRows(const Array& made, const Array& packed) {
+  std::size_t at = 0;
+  for (const Value& member : packed.packed()) {
+    const auto rows = member.objectOf<TableRows>();
+    for (std::size_t row = 0; rows && row < rows->size(); ++row) {
+      for (const auto& entry : made[at + row].objectOf<ExtensionItem>()->userInfo()) {
+        expect(rows->get(row, entry.key()).description() == entry.value.description(),
+               "a row holds what its object holds");
+      }
+    }
+    at += rows ? rows->size() : 1;
+  }
+}
 
 /// The values of a frame that has any, if a message may hold them.
 std::optional<std::vector<Value>> valuesOf(const Frame& frame) {
@@ -30,6 +46,7 @@ std::optional<std::vector<Value>> valuesOf(const Frame& frame) {
     expect(made.error.has_value() == error.has_value(),
            "what stays encoded is refused as what is made at once");
     if (error) return std::nullopt;
+    compareRows(made.value.array(), value.array());
     expect(made.value.description() == value.description(),
            "what stays encoded reads as what is made at once");
     values.push_back(std::move(value));

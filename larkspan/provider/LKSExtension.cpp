@@ -94,7 +94,7 @@ void LKSExtension::processInputItems(const Items& items, ItemsCompletion complet
     Items reply{items.front()};
     self->run(command, Items(items.begin() + 1, items.end()), reply);
     LKSLog("Calling completion handler for command %@ with %ld items", command, reply.size());
-    completionHandler(reply, std::nullopt);
+    completionHandler(std::move(reply), std::nullopt);
   });
 }
 

@@ -3,6 +3,8 @@
 #include "larkspan/items/LKSSummaryResource.h"
 #include "larkspan/items/LKSTipMessage.h"
 #include "larkspan/items/MessageItem.h"
+#include "larkspan/platform/archive/KeyedArchiver.h"
+#include "larkspan/platform/archive/KeyedUnarchiver.h"
 #include "larkspan/platform/base/Format.h"
 #include "tests/support/CapturedLog.h"
 
@@ -38,6 +40,31 @@ TEST(MessageItem, StoresInPlaceAndLeavesAloneWhatItNeedNotTouch) {
   EXPECT_EQ(shared, (Dictionary{{kNameKey, "A"}, {kTagKey, 2}}));
   EXPECT_TRUE(item == tip && MessageItem() != MessageItem());
   EXPECT_EQ(item.description(), "<ExtensionItem {_NAME_ = B, _TAG_ = 2}>");
+}
+
+TEST(MessageItem, OfARowIsMadeOnceForAllThatShowIt) {
+  Items sent;
+  for (int i = 0; i < 100; ++i) {
+    sent.push_back(*MessageItem::initWithLKSName(std::to_string(i)));
+    sent[i].setUserInfo({{kNameKey, std::to_string(i)}, {kSizeKey, i}, {kTagKey, 1}, {kCategoryKey, "c"}});
+  }
+  sent[50].setLks_reference(Array{"no row holds an array"});
+  const auto archive = KeyedArchiver::archivedData(arrayFromItems(sent));
+  const Array array =
+      KeyedUnarchiver::unarchivedValue(archive.data, ClassSet{ValueClass::array}.with<ExtensionItem>())
+          .value.array();
+  EXPECT_EQ(array.packed().size(), 3u) << "fifty rows, an item, and 49 rows";
+  const Items items = itemsFromValue(array);
+  ASSERT_EQ(items.size(), sent.size());
+  MessageItem changed = items[7];
+  EXPECT_TRUE(changed == items[7] && changed != items[8] && changed != items[57]);
+  changed.setLks_size(-1);
+  sent[7].setLks_size(-1);
+  for (std::size_t i = 0; i < sent.size(); ++i) EXPECT_EQ(items[i].lks_size(), sent[i].lks_size()) << i;
+  EXPECT_EQ(MessageItem(items[7].item()), changed);
+  EXPECT_EQ(array[7].objectOf<ExtensionItem>(), changed.item()) << "the array's members are the same items";
+  EXPECT_EQ(Value(array).description(), Value(arrayFromItems(sent)).description());
+  EXPECT_FALSE(items[8].lks_fpItem());
 }
 
 TEST(MessageItem, MergesOnlyWhatItLacks) {
