@@ -209,6 +209,7 @@ class DeletionPart final : public WalkCrew::Part {
       const std::string_view entries = reader_->next(stack_.top(), error);
       if (entries.empty()) break;
       if ((keeps || !giveAway(entries)) && !removeEntries(entries, keeps)) break;
+      if (stack_.areLast(entries)) break;
     }
     if (error) fail({}, error);
   }

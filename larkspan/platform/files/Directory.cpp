@@ -5,9 +5,11 @@
 #include <string>
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <linux/openat2.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 namespace larkspan::platform {
@@ -80,6 +82,14 @@ int openFolderAt(int parent, const char* name, uint64_t mount, FolderOpening ope
   if (!error && mountOf(facts) != mount) error = EXDEV;
   if (error) result.reset();
   return error;
+}
+
+bool isInWellKnownFileSystem(int folder) {
+  struct statfs facts;
+  if (::fstatfs(folder, &facts) != 0) return false;
+  const auto type = static_cast<uint32_t>(facts.f_type);
+  return type == TMPFS_MAGIC || type == EXT4_SUPER_MAGIC || type == XFS_SUPER_MAGIC ||
+         type == BTRFS_SUPER_MAGIC;
 }
 
 }  // namespace larkspan::platform

@@ -37,6 +37,10 @@ inline Date dateOf(const struct statx_timestamp& time) { return {time.tv_sec, ti
 /// for what is no folder, EXDEV for one that is not on `mount`.
 int openFolderAt(int parent, const char* name, uint64_t mount, FolderOpening opening, Descriptor& result);
 
+/// Whether the folder's file system is one of those in which nothing mounts itself when it is opened, and the
+/// last entry of a folder tells that it is the last (`DirectoryReader::tellEnd`): tmpfs, ext2 to ext4, XFS, Btrfs.
+bool isInWellKnownFileSystem(int folder);
+
 /// Reads the entries of folders, with one buffer for all of them.
 class DirectoryReader {
  public:
@@ -61,6 +65,19 @@ class DirectoryReader {
       if (!isDots && !entry(name, record->d_type)) return false;
     }
     return true;
+  }
+
+  /// Whether nothing follows these entries, of a folder in a well-known file system: the position behind the
+  /// last of them is then the end of any folder, as far as the file system uses such a position. That is more
+  /// than room left in the buffer tells, which a signal or a failing disk leaves, too.
+  static bool tellEnd(std::string_view entries) {
+    int64_t position = 0;
+    for (std::size_t at = 0; at < entries.size();) {
+      const auto* record = reinterpret_cast<const dirent64*>(entries.data() + at);
+      at += record->d_reclen;
+      position = record->d_off;
+    }
+    return position == INT32_MAX || position == INT64_MAX;
   }
 
   /// `forEach` for all that follows. Returns 0 or the errno of getdents64(2).

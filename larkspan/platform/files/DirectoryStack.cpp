@@ -17,7 +17,10 @@ void append(std::string& path, std::string_view name) {
 }  // namespace
 
 DirectoryStack::DirectoryStack(Start start, uint64_t mount, FolderOpening opening)
-    : path_(std::move(start.path)), opening_(opening), mount_(mount) {
+    : path_(std::move(start.path)),
+      opening_(opening),
+      mount_(mount),
+      isWellKnown_(isInWellKnownFileSystem(start.folder.get())) {
   Level& level = levels_.emplace_back();
   level.directory = std::move(start.folder);
   level.pending = std::move(start.pending);
@@ -92,6 +95,9 @@ int DirectoryStack::enter(const std::string& name, struct statx& facts) {
   if (parent < 0) return ESTALE;
   Descriptor directory;
   const auto open = [&] {
+    // What fails is looked at once more, as elsewhere.
+    if (isWellKnown_ && openFolderAt(parent, name.c_str(), mount_, opening_, directory) == 0)
+      return factsAt(directory.get(), "", facts);
     // Before opening, because opening the place of an automount would mount it.
     if (const int error = factsAt(parent, name.c_str(), facts)) return error;
     if (mountOf(facts) != mount_) return EXDEV;
@@ -106,7 +112,7 @@ int DirectoryStack::enter(const std::string& name, struct statx& facts) {
   if (error) return error;
   Level& level = levels_.emplace_back();
   level.directory = std::move(directory);
-  // If another folder was put there before it was opened, this level is lost once it is closed.
+  // If another folder was put there between look and opening, this level is lost once it is closed.
   level.identity = identityOf(facts);
   level.name = name;
   if (levels_.size() > kOpenLevels + 1) levels_[levels_.size() - 1 - kOpenLevels].directory.reset();

@@ -50,6 +50,9 @@ class DirectoryStack {
   /// Takes the top level away; not for the start.
   void leave();
 
+  /// Whether these entries of the top folder are known to be the last, so that nobody need ask for more.
+  bool areLast(std::string_view entries) const { return isWellKnown_ && DirectoryReader::tellEnd(entries); }
+
   /// Notes the name of a folder of the top folder for later.
   void addPending(const char* name);
   bool hasPending() const { return !levels_.back().pending.empty(); }
@@ -85,6 +88,7 @@ class DirectoryStack {
   const std::string path_;
   const FolderOpening opening_;
   const uint64_t mount_;
+  const bool isWellKnown_;    // The file system, of which a mount has one.
   std::deque<Level> levels_;  // Growing moves none of them.
   // The folder last left, when the one above it was closed, and the level at which it was.
   Descriptor left_;

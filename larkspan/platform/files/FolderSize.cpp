@@ -154,6 +154,7 @@ class SizingPart final : public WalkCrew::Part {
       if (entries.empty()) return error;
       if (sizing_.stops()) return 0;
       if (!giveAway(entries)) count(entries);
+      if (stack_.areLast(entries)) return 0;
     }
   }
 
