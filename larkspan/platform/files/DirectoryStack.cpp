@@ -1,6 +1,7 @@
 #include "larkspan/platform/files/DirectoryStack.h"
 
 #include <algorithm>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/sysmacros.h>
@@ -55,18 +56,22 @@ bool DirectoryStack::is(const Descriptor& folder, const Identity& identity) {
 int DirectoryStack::top() {
   Level& level = levels_.back();
   if (!level.directory && !level.isLost) level.isLost = !climb() && !descend();
+  // What another file system thinks of removing an open folder is not known.
+  if (level.directory && !isWellKnown_) left_.reset();
   return level.directory.get();
 }
 
 bool DirectoryStack::climb() {
   // So many that a path of them is far from PATH_MAX.
   constexpr std::size_t kStepsAtOnce = 1000;
-  Descriptor folder = std::move(left_);
-  for (std::size_t steps = leftLevel_ - (levels_.size() - 1); folder && steps > 0;) {
+  int from = left_.get();
+  Descriptor folder;
+  for (std::size_t steps = leftLevel_ - (levels_.size() - 1); from >= 0 && steps > 0;) {
     const std::size_t count = std::min(steps, kStepsAtOnce);
     std::string path;
     for (std::size_t i = 0; i < count; ++i) path += "../";
-    folder = Descriptor(::openat(folder.get(), path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    folder = Descriptor(::openat(from, path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    from = folder.get();
     steps -= count;
   }
   if (!is(folder, levels_.back().identity)) return false;
@@ -107,6 +112,7 @@ int DirectoryStack::enter(const std::string& name, struct statx& facts) {
   int error = open();
   if (error == EMFILE || error == ENFILE) {
     for (std::size_t i = 1; i + 1 < levels_.size(); ++i) levels_[i].directory.reset();
+    left_.reset();
     error = open();
   }
   if (error) return error;
@@ -115,7 +121,8 @@ int DirectoryStack::enter(const std::string& name, struct statx& facts) {
   // If another folder was put there between look and opening, this level is lost once it is closed.
   level.identity = identityOf(facts);
   level.name = name;
-  if (levels_.size() > kOpenLevels + 1) levels_[levels_.size() - 1 - kOpenLevels].directory.reset();
+  if (levels_.size() > kOpenLevels + 1)
+    needless_ = std::move(levels_[levels_.size() - 1 - kOpenLevels].directory);
   return 0;
 }
 
@@ -123,12 +130,9 @@ void DirectoryStack::leave() {
   Descriptor child = std::move(levels_.back().directory);
   levels_.pop_back();
   firstPending_ = std::min(firstPending_, levels_.size() - 1);
-  if (levels_.back().directory) {
-    left_.reset();
-  } else if (child) {
-    left_ = std::move(child);
-    leftLevel_ = levels_.size();
-  }
+  if (!child) return;
+  needless_ = std::exchange(left_, std::move(child));
+  leftLevel_ = levels_.size();
 }
 
 void DirectoryStack::addPending(const char* name) {

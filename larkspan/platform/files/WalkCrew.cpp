@@ -21,13 +21,35 @@ unsigned partsAllowed() {
 
 /// Entries that a part does before it may give work away: less is done sooner than given.
 constexpr int64_t kWorthSharing = 256;
+/// How often a thread looks for a folder to close before it sleeps.
+constexpr int kPatience = 2000;
 /// Bytes of entries worth a part of their own.
 constexpr std::size_t kManyEntries = 16 * 1024;
+
+/// Tells the processor that this is a loop that waits.
+void pause() {
+#if defined(__x86_64__) || defined(__i386__)
+  __builtin_ia32_pause();
+#elif defined(__aarch64__)
+  asm volatile("isb");
+#endif
+}
 
 }  // namespace
 
 bool WalkCrew::Part::mayGive() const {
   return done_ >= kWorthSharing && crew_.appetite_.load(std::memory_order_relaxed) > 0;
+}
+
+int WalkCrew::Part::enter(const std::string& name, struct statx& facts) {
+  const int error = stack_.enter(name, facts);
+  crew_.close(stack_.takeNeedless());
+  return error;
+}
+
+void WalkCrew::Part::leave() {
+  stack_.leave();
+  crew_.close(stack_.takeNeedless());
 }
 
 void WalkCrew::Part::giveAway() {
@@ -59,7 +81,7 @@ WalkCrew::WalkCrew()
 WalkCrew::~WalkCrew() {
   std::unique_lock lock(mutex_);
   ends_ = true;
-  wake_.notify_all();
+  callAll();
   wake_.wait(lock, [this] { return helpers_ == 0; });
 }
 
@@ -78,7 +100,18 @@ void WalkCrew::give(std::shared_ptr<Part> part, std::shared_ptr<Awaited> awaited
   const std::lock_guard lock(mutex_);
   ++alive_;
   queue_.push_back(std::move(part));
+  callHelper();
+  updateAppetite();
+}
+
+void WalkCrew::callAll() {
+  isCalled_.store(true, std::memory_order_relaxed);
+  wake_.notify_all();
+}
+
+void WalkCrew::callHelper() {
   if (idle_ > 0) {
+    isCalled_.store(true, std::memory_order_relaxed);
     wake_.notify_one();
   } else if (helpers_ < helpersAllowed_) {
     try {
@@ -88,7 +121,6 @@ void WalkCrew::give(std::shared_ptr<Part> part, std::shared_ptr<Awaited> awaited
       helpersAllowed_ = helpers_;  // The kernel refuses; the walk goes on without.
     }
   }
-  updateAppetite();
 }
 
 void WalkCrew::updateAppetite() {
@@ -97,12 +129,46 @@ void WalkCrew::updateAppetite() {
                   std::memory_order_relaxed);
 }
 
+void WalkCrew::close(Descriptor folder) {
+  if (!folder) return;
+  int state = toClose_.load(std::memory_order_relaxed);
+  if (state == kNone && toClose_.compare_exchange_strong(state, folder.get(), std::memory_order_relaxed)) {
+    folder.release();
+  } else if (state == kUnattended && ++unattended_ % kWorthSharing == 0) {
+    const std::lock_guard lock(mutex_);
+    callHelper();
+  }
+}
+
+void WalkCrew::closeForOthers() {
+  int folder = kUnattended;
+  if (!toClose_.compare_exchange_strong(folder, kNone, std::memory_order_relaxed)) return;
+  for (int waits = 0; waits < kPatience && !isCalled_.load(std::memory_order_relaxed); ++waits) {
+    folder = toClose_.load(std::memory_order_relaxed);
+    if (folder == kNone) {
+      pause();
+    } else {
+      toClose_.store(kNone, std::memory_order_relaxed);
+      ::close(folder);
+      waits = 0;
+    }
+  }
+  const Descriptor last(toClose_.exchange(kUnattended, std::memory_order_relaxed));
+}
+
 void WalkCrew::work(bool isHelper) {
   DirectoryReader reader;
   std::unique_lock lock(mutex_);
   for (;;) {
+    const auto isDue = [&] { return !queue_.empty() || (isHelper ? ends_ : alive_ == 0); };
     ++idle_;
-    wake_.wait(lock, [&] { return !queue_.empty() || (isHelper ? ends_ : alive_ == 0); });
+    while (!isDue()) {
+      isCalled_.store(false, std::memory_order_relaxed);
+      lock.unlock();
+      closeForOthers();
+      lock.lock();
+      wake_.wait(lock, [&] { return isDue() || isCalled_.load(std::memory_order_relaxed); });
+    }
     --idle_;
     if (queue_.empty()) {
       if (!isHelper) return;
@@ -130,7 +196,7 @@ void WalkCrew::work(bool isHelper) {
     if (!isDone) continue;
     --alive_;
     updateAppetite();
-    if (alive_ == 0) wake_.notify_all();
+    if (alive_ == 0) callAll();
   }
 }
 

@@ -14,8 +14,11 @@ namespace larkspan::platform {
 
 /// The threads of a walk. A walk begins as one part on the caller's thread. While fewer parts are queued than
 /// there may be other threads, who has done something and walks on gives half of what it has noted for later,
-/// or all of what it just read, away as a part of its own; otherwise sharing costs a load. Threads are started
-/// only when there is a part for them; those of a low-priority thread are such threads, too.
+/// or all of what it just read, away as a part of its own; otherwise sharing costs a load. Where nothing can be
+/// given, as in a chain of folders, a thread without a part closes the folders of the others, which is a good
+/// part of the work on a small folder and most of the removal of one. For that it waits awake, some tens of
+/// microseconds at most. Threads are started only when there is something for them; those of a low-priority
+/// thread are such threads, too.
 /// Owner:   the walk; no thread runs anything of it once this ends.
 /// Thread:  `run` on one thread at a time, the rest on those that run a part.
 /// Limits:  as many threads as processors, at most `kMaximumThreads`, and parts for half of the descriptors
@@ -50,6 +53,10 @@ class WalkCrew {
     Part(WalkCrew& crew, DirectoryStack::Start start, uint64_t mount, FolderOpening opening)
         : crew_(crew), stack_(std::move(start), mount, opening) {}
 
+    /// As those of the stack, and somebody else may close what is needless then.
+    int enter(const std::string& name, struct statx& facts);
+    void leave();
+
     /// Where another part is wanted and it is worth it, gives half of what is pending away; or these entries,
     /// just read, of the top folder, and answers whether it did.
     void giveAway();
@@ -83,8 +90,14 @@ class WalkCrew {
   void give(std::shared_ptr<Part> part, std::shared_ptr<Awaited> awaited = nullptr);
 
  private:
+  static constexpr int kNone = -1, kUnattended = -2;
+
   void work(bool isHelper);
   void updateAppetite();
+  void callAll();
+  void callHelper();
+  void close(Descriptor folder);
+  void closeForOthers();
 
   std::mutex mutex_;
   std::condition_variable wake_;
@@ -96,6 +109,10 @@ class WalkCrew {
   unsigned helpersAllowed_;
   unsigned helpers_ = 0;
   std::atomic<int> appetite_ = 0;
+  // For the thread that closes for others: a folder, or one of the constants; and whether it shall stop.
+  std::atomic<int> toClose_ = kUnattended;
+  std::atomic<bool> isCalled_ = false;
+  std::atomic<unsigned> unattended_ = 0;  // Folders closed while there was no such thread.
 };
 
 }  // namespace larkspan::platform
