@@ -70,6 +70,12 @@ struct Exchange : testing::Test {
     std::optional<Error> error;
   };
   Collector<Outcome> outcomes;
+  /// What is posted about handles.
+  Collector<Notification> heard;
+  const NotificationCenter::Token token = NotificationCenter::defaultCenter().addObserver(
+      std::nullopt, nullptr, [this](const Notification& notification) {
+        if (notification.name.starts_with("LKSOpaqueExtension")) heard.push(notification);
+      });
 
   ~Exchange() override { LKSCallbackManager::sharedInstance().setContext(nullptr); }
 
@@ -196,7 +202,7 @@ TEST_F(Exchange, OneRequestServesUntilItIsInvalidatedAndInterruptionKeepsIt) {
     EXPECT_NE(lines.find(part), lines.npos) << lines;
 }
 
-TEST_F(Exchange, SimultaneousBeginsOfEqualHandlesShareOneProcess) {
+TEST_F(Exchange, EqualHandlesShareOneProcessUntilTheirManifestIsEdited) {
   const auto other = handleFor(handle->underlyingExtension()->extensionBundle());
   const auto stranger = handleFor("another path");
   EXPECT_TRUE(handle->isEqual(*other) && handle->hash() == other->hash());
@@ -209,14 +215,18 @@ TEST_F(Exchange, SimultaneousBeginsOfEqualHandlesShareOneProcess) {
   for (int i = 0; i < 20; ++i) send(kCmdTips, i % 2 ? handle : other);
   for (const Outcome& outcome : outcomes.waitFor(20)) EXPECT_TRUE(outcome.items);
   EXPECT_EQ(launcher->launches, 1);
+
+  auto manifest = handle->underlyingExtension()->manifest();
+  manifest.exec = {"/another"};
+  const auto edited = LKSOpaqueExtension::initWithExtension(std::make_shared<platform::Extension>(manifest));
+  EXPECT_EQ(mergeHandles({edited}, {handle}), std::vector{handle});
+  EXPECT_EQ(handle->underlyingExtension(), edited->underlyingExtension());
+  send(kCmdTips, handle);
+  EXPECT_TRUE(outcomes.waitFor(21).at(20).items);
+  EXPECT_EQ(launcher->launches, 2);
 }
 
 TEST_F(Exchange, CallbacksBecomeNotificationsAboutTheHandleInOrderAndWithCopies) {
-  Collector<Notification> heard;
-  const auto token = NotificationCenter::defaultCenter().addObserver(
-      std::nullopt, nullptr, [&](const Notification& notification) {
-        if (notification.name.starts_with("LKSOpaqueExtension")) heard.push(notification);
-      });
   provider->setBeforeResources([] {
     auto& manager = LKSCallbackManager::sharedInstance();
     for (const char* name : {"1", "2", "3"}) {
@@ -245,10 +255,6 @@ TEST_F(Exchange, CallbacksBecomeNotificationsAboutTheHandleInOrderAndWithCopies)
 }
 
 TEST_F(Exchange, CallbacksHaveNoObjectOnceTheHandleIsGone) {
-  Collector<bool> heard;
-  const auto token = NotificationCenter::defaultCenter().addObserver(
-      std::string(LKSOpaqueExtensionRecommendationsDidChangeNotification), nullptr,
-      [&](const Notification& notification) { heard.push(notification.object != nullptr); });
   std::promise<void> dropped;
   sendAndStopInside(dropped, [] {
     auto& manager = LKSCallbackManager::sharedInstance();
@@ -258,15 +264,11 @@ TEST_F(Exchange, CallbacksHaveNoObjectOnceTheHandleIsGone) {
   });
   handle.reset();
   dropped.set_value();
-  EXPECT_EQ(heard.waitFor(1), std::vector<bool>{false});
+  EXPECT_EQ(heard.waitFor(1).at(0).object, nullptr);
   EXPECT_TRUE(outcomes.waitFor(1).at(0).items) << "the outstanding reply still arrives";
 }
 
 TEST_F(Exchange, AHandleOutlivesRequestsThatEndedAndItsNoticesThoseOfOthers) {
-  Collector<std::shared_ptr<platform::Object>> heard;
-  const auto token = NotificationCenter::defaultCenter().addObserver(
-      std::string(std::string_view(LKSOpaqueExtensionResourcesDidChangeNotification)), nullptr,
-      [&](const Notification& notification) { heard.push(notification.object); });
   send(kCmdTips, handle);
   outcomes.waitFor(1);
   auto other = handleFor(handle->underlyingExtension()->extensionBundle());
@@ -276,7 +278,9 @@ TEST_F(Exchange, AHandleOutlivesRequestsThatEndedAndItsNoticesThoseOfOthers) {
   ended->auxiliaryConnection()->invalidate();
   // The notice of a deletion reaches the request that is left, although another was the latest.
   send(kCmdDeleteResources, handle);
-  EXPECT_EQ(heard.waitFor(1), std::vector<std::shared_ptr<platform::Object>>{handle});
+  const Notification notice = heard.waitFor(1).at(0);
+  EXPECT_EQ(notice.object, handle);
+  EXPECT_EQ(notice.name, std::string_view(LKSOpaqueExtensionResourcesDidChangeNotification));
   outcomes.waitFor(3);
   EXPECT_EQ(heard.now().size(), 1u) << "one notice for a deletion";
 
@@ -302,19 +306,6 @@ TEST_F(Exchange, DroppedAndMadeAnewHandlesAlwaysGetAnAnswer) {
     });
   }
   for (auto& thread : threads) thread.join();
-}
-
-TEST_F(Exchange, AnEditedManifestStartsItsNewProgramAndKeepsItsHandle) {
-  auto manifest = handle->underlyingExtension()->manifest();
-  manifest.exec = {"/another"};
-  const auto edited = LKSOpaqueExtension::initWithExtension(std::make_shared<platform::Extension>(manifest));
-  send(kCmdTips, handle);
-  outcomes.waitFor(1);
-  EXPECT_EQ(mergeHandles({edited}, {handle}), std::vector{handle});
-  EXPECT_EQ(handle->underlyingExtension(), edited->underlyingExtension());
-  send(kCmdTips, handle);
-  EXPECT_TRUE(outcomes.waitFor(2).at(1).items);
-  EXPECT_EQ(launcher->launches, 2);
 }
 
 TEST_F(Exchange, AbandoningEndsWhatIsUnderWayAtOnceAndCountsForNothing) {

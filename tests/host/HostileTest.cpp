@@ -128,11 +128,11 @@ struct Hostile : testing::Test, LKSExtensionNotifierDelegate {
 
   void add(const std::string& identifier, const std::string& steps,
            const std::string& program = LARKSPAN_TEST_BIN "/fixtures/hostile_extension") const {
-    tree.write(identifier + ".extension",
-               "[Extension]\nExtensionPoint=corvane.larkspan\nName=N\nIdentifier=" + identifier +
-                   "\nExec=" + program + ' ' + steps + '\n');
+    tree.add(identifier + ".extension", "N", program + ' ' + steps);
   }
+  /// Finds them, and with them "good", which always answers.
   void discover() {
+    add("good", kGood);
     notifier->setDelegate(delegate);
     notifier->start();
     const auto all = sets.waitFor(1);
@@ -214,7 +214,6 @@ TEST_F(Hostile, ABadFrameIsNamedInOneLineAndEndsThatConnectionAlone) {
        "A string is not allowed here"},
       {"+0000000984 eof", "The connection ended inside a frame"},
   };
-  add("good", kGood);
   add("table", "hello call " + reply + "81D81B82" + text("Table") + "A3" + text("class") +
                    text("ExtensionItem") + text("keys") + "84" + text("a") + text("b") + text("c") +
                    text("d") + text("rows") + "818401020304F6 hang");
@@ -278,7 +277,6 @@ TEST_F(Hostile, StartsThatEndWithoutAnAnswerAreFewUntilADelayHasPassed) {
       {"call", "hello call" + unless + kAnswer + " again"}};
   for (const auto& [name, steps] : cases) add(name, steps);
   add("closes", "hello call =8202! drain");
-  add("good", kGood);
   discover();
   for (const auto& [name, steps] : cases) {
     SCOPED_TRACE(name);
@@ -317,7 +315,6 @@ TEST_F(Hostile, ThoseThatHangOrFloodHoldNobodyUpAndTakeNoMemory) {
       {"mumbling", "hello call mumble"},
   };
   for (const auto& [name, steps] : cases) add(name, steps);
-  add("good", kGood);
   discover();
   EXPECT_FALSE(ask("good"));
   const long before = peakMemory();
@@ -339,7 +336,6 @@ TEST_F(Hostile, ThoseThatHangOrFloodHoldNobodyUpAndTakeNoMemory) {
 
 TEST_F(Hostile, OneThatDoesNotReadIsEndedOnceTooMuchWaitsForIt) {
   add("deaf", "hello call " + kAnswer + " hang");
-  add("good", kGood);
   discover();
   EXPECT_FALSE(ask("deaf"));
   auto item = *LKSCommand::initLKSCommandItem(kCmdTips);
@@ -351,7 +347,6 @@ TEST_F(Hostile, OneThatDoesNotReadIsEndedOnceTooMuchWaitsForIt) {
 }
 
 TEST_F(Hostile, WithoutDescriptorsTheErrorSaysSoAndNothingIsForgotten) {
-  add("good", kGood);
   discover();
   EXPECT_FALSE(ask("good"));
   int failures = 0, successes = 0;
@@ -381,7 +376,6 @@ TEST_F(Hostile, AnExtensionLeavesByItselfWhenNobodyNeedsItAndIsEndedIfItStays) {
   add("leaves", "kinds", LARKSPAN_TEST_BIN "/fixtures/fixture_extension");
   add("stays", "hello call " + kAnswer + " hang");
   add("closes", "hello call " + kAnswer + " eof hang");
-  add("good", kGood);
   discover();
   for (const char* name : {"leaves", "stays", "closes"}) {
     EXPECT_FALSE(ask(name));
@@ -401,7 +395,7 @@ TEST_F(Hostile, AThousandManifestsAreFoundAtOnceAndWhatIsWrongWithOneIsItsOwn) {
   chmod(tree.path("world.extension").c_str(), 0666);
   add("missing", "", "/no/such/program");
   discover();
-  EXPECT_EQ(found.size(), 1001u);
+  EXPECT_EQ(found.size(), 1002u);
   EXPECT_EQ(log->system().size(), 101u);
   EXPECT_EQ(failure("missing").localizedDescription(),
             "missing could not be started: /no/such/program: execve: No such file or directory");
@@ -410,35 +404,32 @@ TEST_F(Hostile, AThousandManifestsAreFoundAtOnceAndWhatIsWrongWithOneIsItsOwn) {
   // One that is removed while it is in use goes on until its handle goes.
   EXPECT_FALSE(ask("x7"));
   unlink(tree.path("x7.extension").c_str());
-  EXPECT_EQ(sets.waitFor(2).back().size(), 1000u);
+  EXPECT_EQ(sets.waitFor(2).back().size(), 1001u);
   EXPECT_FALSE(ask("x7"));
   // Many at once come in few sets.
   const auto start = steady_clock::now();
   for (int i = 0; i < 300; ++i) add("y" + std::to_string(i), kGood);
   const auto most = 6 + (steady_clock::now() - start) / 80ms;
-  while (sets.now().back().size() < 1300 && steady_clock::now() < start + 10s) std::this_thread::yield();
-  EXPECT_EQ(sets.now().back().size(), 1300u);
+  while (sets.now().back().size() < 1301 && steady_clock::now() < start + 10s) std::this_thread::yield();
+  EXPECT_EQ(sets.now().back().size(), 1301u);
   EXPECT_LE(sets.now().size(), static_cast<std::size_t>(most));
 }
 
 TEST_F(Hostile, WithoutDescriptorsManifestsStayAndNewOnesComeOnceThereAreSome) {
-  for (const char* name : {"a", "b"}) add(name, kGood);
   discover();
   // One leaves enough for the folder, two for the manifest's folder too.
   for (std::size_t left = 1; left < 3; ++left) {
     SCOPED_TRACE(left);
     const std::size_t before = sets.now().size();
-    const std::string name = "new." + std::to_string(left);
-    tree.write("later",
-               "[Extension]\nExtensionPoint=corvane.larkspan\nName=N\nExec=x\nIdentifier=" + name + "\n");
+    const std::string name = "new." + std::to_string(left) + ".extension", later = tree.add("later/" + name);
     {
       const Scarcity scarcity(left);
-      std::filesystem::rename(tree.path("later"), tree.path(name + ".extension"));
+      std::filesystem::rename(later, tree.path(name));
       EXPECT_EQ(errors.waitFor(left).size(), left);
     }
     const auto all = sets.waitFor(before + 1);
     ASSERT_EQ(all.size(), before + 1);
-    EXPECT_EQ(all.back().size(), 2 + left);
+    EXPECT_EQ(all.back().size(), 1 + left);
   }
 }
 

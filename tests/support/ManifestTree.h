@@ -38,12 +38,13 @@ struct ManifestTree {
     std::ofstream(file) << text;
     return file;
   }
-  /// A sound manifest of the point "p" with that name; nobody sees half of it.
-  std::string add(const std::string& below, const std::string& name = "N", const char* more = "") const {
+  /// A sound manifest of a storage extension; nobody sees half of it.
+  std::string add(const std::string& below, const std::string& name = "N", const std::string& exec = "x",
+                  const char* more = "") const {
     const std::string identifier = std::filesystem::path(below).stem();
     const std::string file =
-        write(below + '~', "[Extension]\nExtensionPoint=p\nExec=x\nIdentifier=" + identifier +
-                               "\nName=" + name + '\n' + more);
+        write(below + '~', "[Extension]\nExtensionPoint=corvane.larkspan\nIdentifier=" + identifier +
+                               "\nName=" + name + "\nExec=" + exec + '\n' + more);
     std::filesystem::rename(file, path(below));
     return path(below);
   }

@@ -22,7 +22,7 @@ using Texts = std::vector<std::string>;
 
 const std::string kHome = "home/larkspan/extensions/", kSystem = "system/larkspan/extensions/";
 
-/// A matcher of the point "p" over one tree: own/ comes first, then home/ and system/ as data folders.
+/// A matcher over one tree: own/ comes first, then home/ and system/ as data folders.
 /// What it delivers is written as "IDENTIFIER=NAME " each.
 class Matched {
  public:
@@ -30,7 +30,7 @@ class Matched {
     const ScopedVariable own("LARKSPAN_EXTENSION_PATH", tree.path("own").c_str());
     const ScopedVariable home("XDG_DATA_HOME", tree.path("home").c_str());
     const ScopedVariable system("XDG_DATA_DIRS", tree.path("system").c_str());
-    matcher_.emplace("p", [this](const auto& extensions, const auto&) {
+    matcher_.emplace("corvane.larkspan", [this](const auto& extensions, const auto&) {
       std::string text;
       for (const auto& m : extensions.value()) text += m.identifier + "=" + m.name + " ";
       all_.push(text);
@@ -58,7 +58,7 @@ TEST(ExtensionMatcher, DeliversTheWholeSetAndEachChangeOfFilesInIt) {
   tree.add("own/b.extension", "own");  // own/ comes into being with it.
   EXPECT_TRUE(m.delivers("a=first b=own "));
   tree.add(kHome + "b.extension", "home");
-  tree.add("own/b.extension", "own", "Hidden=true\n");
+  tree.add("own/b.extension", "own", "x", "Hidden=true\n");
   EXPECT_TRUE(m.delivers("a=first ")) << "hides those after it";
   tree.write("own/b.extension", "[Extension]\nIdentifier=b\nExtensionPoint=q\nName=N\nExec=x\n");
   tree.add(kSystem + "a.extension", "newer");  // Of the same size.
@@ -128,7 +128,7 @@ TEST(ExtensionMatcher, DeliversNothingAfterItsEnd) {
     std::promise<void> started;
     auto held = std::make_shared<int>();
     const std::weak_ptr<int> watched = held;
-    ExtensionMatcher matcher("p", [&started, held = std::move(held)](const auto&, const auto&) {
+    ExtensionMatcher matcher("corvane.larkspan", [&started, held = std::move(held)](const auto&, const auto&) {
       started.set_value();
       std::this_thread::yield();
     });
@@ -144,7 +144,7 @@ TEST(ExtensionMatcher, DeliversNothingAfterItsEnd) {
     EXPECT_EQ(held, "kept");
     ended.set_value();
   };
-  matcher = std::make_unique<ExtensionMatcher>("p", drop);
+  matcher = std::make_unique<ExtensionMatcher>("corvane.larkspan", drop);
   begun.set_value();
   ended.get_future().wait();
 }
