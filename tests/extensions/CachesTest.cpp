@@ -1,10 +1,5 @@
-#include "larkspan/items/LKSConfirmPanel.h"
-#include "larkspan/items/LKSResource.h"
-#include "larkspan/items/LKSTipMessage.h"
 #include "larkspan/platform/files/CacheDirTag.h"
 #include "tests/extensions/ExtensionTest.h"
-
-#include <map>
 
 namespace larkspan::tests {
 namespace {
@@ -13,42 +8,36 @@ using platform::URL;
 
 class Caches : public ExtensionTest {
  protected:
-  Caches() : ExtensionTest("caches") { shell("mkdir cache outside && touch outside/precious"); }
-  ~Caches() override { ::umount2((cache + "/mount").c_str(), MNT_DETACH); }
-
-  std::map<std::string, LKSResource> resources() {
-    std::map<std::string, LKSResource> result;
-    for (const auto& item : ask<LKSFetchResourcesOperation>()) result.emplace(*item.lks_name(), item);
-    return result;
-  }
-  std::string list() { return shell("find cache outside | sort | tr '\\n' ' '"); }
+  Caches() : ExtensionTest("caches") { tree.shell("mkdir cache outside && touch outside/precious"); }
 
   const std::string cache = tree / "cache";
   const ScopedVariable home{"XDG_CACHE_HOME", cache.c_str()};
 };
 
 const std::string kWriteTag =
-    "printf '" + std::string(platform::kCacheDirTagSignature) + "' >cache/tagged/CACHEDIR.TAG;";
+    "printf '" + std::string(platform::kCacheDirTagSignature) + "\\n# a comment' >cache/tagged/CACHEDIR.TAG;";
 
 TEST_F(Caches, ListsWhatLiesInTheCacheDirectoryWithItsSizeAndCategory) {
-  shell(
-      "mkdir outside/x; cd cache; mkdir -p app/deep tagged falsely thumbnails/normal 'odd %2F' empty;"
+  tree.shell(
+      "mkdir outside/x; cd cache; mkdir -p app/deep tagged falsely linked thumbnails/normal 'odd %2F' empty;"
       "mkfifo pipe; ln -s ../outside link; ln -s nothing dangling; ln -s ../../outside app/link;"
-      "head -c 70000 /dev/zero >app/deep/f; ln app/deep/f app/again; echo Signature >falsely/CACHEDIR.TAG;"
+      "ln -s ../tagged/CACHEDIR.TAG linked; head -c 70000 /dev/zero >app/deep/f; ln app/deep/f app/again; "
+      "echo Signature >falsely/CACHEDIR.TAG;"
       "head -c 5000 /dev/zero | tee loose.db thumbnails/normal/a.png >'odd %2F/x'; cd ..;" +
       kWriteTag);
   const auto found = resources();
   int64_t total = 0;
   std::string listed;
-  for (const auto& [name, resource] : found) {
+  for (const auto& [path, resource] : found) {
+    const std::string name = *resource.lks_name();
     listed += name + ":" + resource.lks_category().value_or("") + " ";
-    const std::string own = name == "loose.db" ? "0" : "$(stat -c '%b * %B' 'cache/" + name + "')";
-    const std::string du = shell("echo -n $(($(du -xsB1 'cache/" + name + "' | cut -f1) - " + own + "))");
+    const std::string own = name == "loose.db" ? "0" : "$(stat -c '%b * %B' '" + path + "')";
+    const std::string du = tree.shell("echo -n $(($(du -xsB1 '" + path + "' | cut -f1) - " + own + "))");
     EXPECT_EQ(du, std::to_string(resource.lks_size())) << name;
     EXPECT_EQ(URL::file(cache + "/" + name), resource.lks_URL());
     total += resource.lks_size();
   }
-  const std::string folders = "app:applications empty:applications falsely:applications ";
+  const std::string folders = "app:applications empty:applications falsely:applications linked:applications ";
   EXPECT_EQ(folders + "loose.db:applications odd %2F:applications tagged:tagged thumbnails:thumbnails ",
             listed);
   const auto information = ask<LKSFetchExtensionInfoOperation>().at(0).userInfo();
@@ -56,24 +45,25 @@ TEST_F(Caches, ListsWhatLiesInTheCacheDirectoryWithItsSizeAndCategory) {
 }
 
 TEST_F(Caches, EmptiesWhatIsItsOwnAndTellsTheHost) {
-  shell(
+  tree.shell(
       "mkdir -p cache/app/deep cache/tagged/deep; touch cache/app/deep/x cache/tagged/x cache/loose;"
       "ln -s ../../outside cache/app/way;" +
       kWriteTag);
   const auto before = resources();
-  ask<LKSDeleteResourcesOperation>({before.at("app"), before.at("tagged"), before.at("loose")});
+  ask<LKSDeleteResourcesOperation>(
+      {before.at("cache/app"), before.at("cache/tagged"), before.at("cache/loose")});
   EXPECT_EQ("", error);
-  EXPECT_EQ("cache cache/app cache/tagged cache/tagged/CACHEDIR.TAG outside outside/precious ", list());
+  EXPECT_EQ("./cache ./cache/app ./cache/tagged ./cache/tagged/CACHEDIR.TAG ./outside ./outside/precious ",
+            tree.list());
   expectNotice(LKSOpaqueExtensionBytesUsedDidChangeNotification);
   expectNotice(LKSOpaqueExtensionResourcesDidChangeNotification);
-  EXPECT_EQ(0, resources().at("app").lks_size()) << "the walk from before the deletion is not used again";
+  EXPECT_EQ(0, resources().at("cache/app").lks_size())
+      << "the walk from before the deletion is not used again";
 }
 
 TEST_F(Caches, RefusesToDeleteAnythingElse) {
-  shell("cd cache; mkdir -p app/inner fine mount; touch app/inner/x fine/x; ln -s ../outside link");
-  const std::string mount = cache + "/mount";
-  const bool isMounted = ::mount("none", mount.c_str(), "tmpfs", 0, "size=1m") == 0;
-  if (isMounted) tree.file("cache/mount/inside");
+  tree.shell("cd cache; mkdir -p app/inner fine mount; touch app/inner/x fine/x; ln -s ../outside link");
+  const bool isMounted = tree.mountVolume("cache/mount");
   std::vector<std::string> bad = {"https://a.org" + cache + "/app", "file://a" + cache + "/app",
                                   cache + "/app"};
   for (const char* end :
@@ -81,16 +71,16 @@ TEST_F(Caches, RefusesToDeleteAnythingElse) {
         "/app%2Finner", "/app/inner", "/link", "/link/", "/link/precious", "/nothing", "x/app", "/mount"}) {
     if (isMounted || std::string_view(end) != "/mount") bad.push_back("file://" + cache + end);
   }
-  const std::string before = list();
+  const std::string before = tree.list();
   Items all{LKSResource::initLKSResourceItemWithName("without a URL")};
   for (const std::string& url : bad) {
     all.push_back(LKSResource::initLKSResourceItemWithName("x"));
     LKSResource(all.back()).setLks_URL(URL::parse(url).value());
     ask<LKSDeleteResourcesOperation>({all.back()});
     EXPECT_TRUE(error.starts_with("1 of 1 caches could not be emptied: ")) << url << " " << error;
-    ASSERT_EQ(before, list()) << url;
+    ASSERT_EQ(before, tree.list()) << url;
   }
-  EXPECT_EQ(isMounted ? 0u : 1u, resources().count("mount"));
+  EXPECT_EQ(isMounted ? 0u : 1u, resources().count("cache/mount"));
   all.push_back(LKSResource::initLKSResourceItemWithFilePath(cache + "/fine").value());
   ask<LKSDeleteResourcesOperation>(all);
   EXPECT_TRUE(error.starts_with(std::to_string(bad.size() + 1) + " of ")) << error;
@@ -98,7 +88,7 @@ TEST_F(Caches, RefusesToDeleteAnythingElse) {
 }
 
 TEST_F(Caches, OffersOldThumbnailsAndDeletesExactlyThese) {
-  shell(
+  tree.shell(
       "mkdir -p cache/thumbnails/normal cache/thumbnails/fail/program; cd cache/thumbnails;"
       "ln -s ../../outside large; touch normal/new.png normal/read.png normal/notes.txt fail/program/new.png;"
       "for f in normal/old.png fail/program/old.png ../../outside/old.png; do fallocate -l 6M $f; done;"
@@ -110,19 +100,19 @@ TEST_F(Caches, OffersOldThumbnailsAndDeletesExactlyThese) {
   EXPECT_TRUE(panel.lks_confirmMessage()->starts_with("This frees 12.6 MB. "));
   // A forged date reaches no further than what is old.
   LKSTipMessage(tips[0]).setLks_reference("9000-01-01T00:00:00Z");
-  const std::string before = list();
+  const std::string before = tree.list();
   ask<LKSPerformRecommendationOperation>(tips);
   EXPECT_FALSE(tree.has("cache/thumbnails/normal/old.png") ||
                tree.has("cache/thumbnails/fail/program/old.png"));
-  shell("touch cache/thumbnails/normal/old.png cache/thumbnails/fail/program/old.png");
-  EXPECT_EQ(before, list()) << "nothing else went";
+  tree.shell("touch cache/thumbnails/normal/old.png cache/thumbnails/fail/program/old.png");
+  EXPECT_EQ(before, tree.list()) << "nothing else went";
   expectNotice(LKSOpaqueExtensionRecommendationsDidChangeNotification);
   expectNotice(LKSOpaqueExtensionResourcesDidChangeNotification);
 }
 
 TEST_F(Caches, OffersToEmptyAVeryLargeCacheAndChecksAgainBeforeItDoes) {
-  shell("mkdir cache/huge cache/small; touch cache/small/x");
-  if (shell("fallocate -l 1G cache/huge/x || echo no") == "no\n") GTEST_SKIP() << "no room for 1 GiB";
+  tree.shell("mkdir cache/huge cache/small; touch cache/small/x");
+  if (tree.shell("fallocate -l 1G cache/huge/x || echo no") == "no\n") GTEST_SKIP() << "no room for 1 GiB";
   const Items tips = ask<LKSFetchRecommendationsOperation>();
   ASSERT_EQ(1u, tips.size());
   for (const char* forged : {"/cache/small", "/cache/../outside", "/outside"}) {
@@ -133,7 +123,7 @@ TEST_F(Caches, OffersToEmptyAVeryLargeCacheAndChecksAgainBeforeItDoes) {
   }
   ask<LKSPerformRecommendationOperation>(tips);
   EXPECT_EQ("", error);
-  EXPECT_EQ("cache cache/huge cache/small cache/small/x outside outside/precious ", list());
+  EXPECT_EQ("./cache ./cache/huge ./cache/small ./cache/small/x ./outside ./outside/precious ", tree.list());
 }
 
 }  // namespace

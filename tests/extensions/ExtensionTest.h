@@ -1,6 +1,9 @@
 #pragma once
 
 #include "larkspan/host/LKSExtensionOperation.h"
+#include "larkspan/items/LKSConfirmPanel.h"
+#include "larkspan/items/LKSResource.h"
+#include "larkspan/items/LKSTipMessage.h"
 #include "larkspan/platform/base/NotificationCenter.h"
 #include "tests/platform/files/TestTree.h"
 #include "tests/support/Collector.h"
@@ -9,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 
 namespace larkspan::tests {
 
@@ -41,11 +45,15 @@ class ExtensionTest : public testing::Test {
     const auto has = [name](const auto& names) { return std::count(names.begin(), names.end(), name) > 0; };
     EXPECT_TRUE(has(heard.waitUntil(has))) << name;
   }
-  /// In the folder of the test.
-  std::string shell(const std::string& command) {
-    return platform::shell("cd " + tree.path() + " && set -e && " + command);
+  /// By the paths where they lie below the tree; what has none by "".
+  std::map<std::string, LKSResource> resources() {
+    std::map<std::string, LKSResource> result;
+    for (const LKSResource item : ask<LKSFetchResourcesOperation>()) {
+      const auto url = item.lks_URL();
+      result.emplace(url ? url->path().substr(tree.path().size() + 1) : "", item);
+    }
+    return result;
   }
-  void forgetNotices() { heard.clear(); }
 
   platform::TestTree tree;
   std::string error;

@@ -33,6 +33,15 @@ void addBeneath(const fs::path& path, std::set<std::string>& model, bool isRoot 
     addBeneath(entry->path(), model);
 }
 
+std::unique_ptr<EventStream> watch(const TestTree& tree, const std::shared_ptr<DispatchQueue>& queue,
+                                   std::chrono::nanoseconds latency, EventStream::Handler handler,
+                                   uint32_t flags = EventStreamOptions().flags) {
+  std::optional<Error> error;
+  auto stream = EventStreams().make({{tree.path()}, latency, flags}, std::move(handler), error);
+  EXPECT_TRUE(stream && !stream->start(queue)) << tree.path();
+  return stream;
+}
+
 /// Keeps a model of the watched paths from nothing but the events.
 class Model {
  public:
@@ -98,8 +107,7 @@ class Model {
 
 TEST(EventStream, KeepsAModelOfATreeEqualToTheDisk) {
   const TestTree tree(TestTree::kInMemory);
-  shell("cd " + tree.path() +
-        " && mkdir -p in/old/deep out/box/inner && touch in/old/deep/x out/box/inner/y");
+  tree.shell("mkdir -p in/old/deep out/box/inner; touch in/old/deep/x out/box/inner/y");
   Model model({tree / "in"});
   for (const char* step : {
            "mkdir -p a/b/c && touch a/b/c/f a/b/g",
@@ -110,7 +118,7 @@ TEST(EventStream, KeepsAModelOfATreeEqualToTheDisk) {
            "u[1-4]",
            "mkdir secret && chmod 0 secret && touch secret/x && chmod 755 secret && touch secret/y",
        }) {
-    shell("cd " + tree / "in" + " && " + step);
+    tree.shell("cd in && " + std::string(step));
     model.expectEqual(tree / "in", step);
   }
   EXPECT_EQ(0u, model.flags() & (kEventMustScanSubdirectories | kEventRootChanged));
@@ -196,13 +204,13 @@ TEST(EventStream, FollowsRootsThatGoComeAndAreNoFolders) {
                            "rm -r not/yet/there && mkdir not/yet/there && touch not/yet/there/again",
                            "mv not else && mkdir -p not/yet/there/second",
                            "rm -r not && mv else not && touch not/yet/there/back"}) {
-    shell("cd " + tree.path() + " && " + step);
+    tree.shell(step);
     model.expectEqual(missing, step);
   }
   EXPECT_TRUE(model.flags() & kEventRootChanged);
   // A process that stands in the folder keeps it half alive.
   const int held = open((tree / "real").c_str(), O_RDONLY | O_CLOEXEC);
-  shell("cd " + tree.path() + " && rm -r real && mkdir real && touch real/new && mv file old && touch file");
+  tree.shell("rm -r real; mkdir real; touch real/new; mv file old; touch file");
   model.expectEqual(link, "held");
   close(held);
 }
@@ -211,13 +219,10 @@ TEST(EventStream, WatchesTreesOfAnyDepthAndTellsFoldersAloneIfAsked) {
   const TestTree tree(TestTree::kInMemory);
   tree.chain(2100);
   std::promise<std::string> told;
-  std::optional<Error> error;
-  const auto stream = EventStreams().make(
-      {{tree.path()}, 0ns, kEventStreamPathStrings},
-      [&](std::span<const FileEvent> batch) { told.set_value(batch[0].path); }, error);
-  ASSERT_TRUE(stream);
-  stream->start(DispatchQueue::global());
-  shell("cd " + tree.path() + R"( && exec perl -e 'chdir "d" or die for 1..2100; open F, ">new"')");
+  const auto stream = watch(
+      tree, DispatchQueue::global(), 0ns,
+      [&](std::span<const FileEvent> batch) { told.set_value(batch[0].path); }, kEventStreamPathStrings);
+  tree.shell(R"(perl -e 'chdir "d" or die for 1..2100; open F, ">new"')");
   std::string path = tree.path();
   for (int i = 0; i < 2100; ++i) path += "/d";
   EXPECT_EQ(path, told.get_future().get());
@@ -225,17 +230,11 @@ TEST(EventStream, WatchesTreesOfAnyDepthAndTellsFoldersAloneIfAsked) {
 
 TEST(EventStream, GathersForTheLatencyAndDeliversNothingOnceItHasEnded) {
   const TestTree tree;
-  std::optional<Error> error;
   std::unique_ptr<EventStream> stream;
-  const auto watch = [&](const std::shared_ptr<DispatchQueue>& queue, std::chrono::nanoseconds latency,
-                         EventStream::Handler handler) {
-    stream = EventStreams().make({{tree.path()}, latency}, std::move(handler), error);
-    ASSERT_TRUE(stream && !stream->start(queue));
-  };
   // Nobody runs the main queue but this thread: a batch that it holds stays there.
   pollfd batchQueued{mainQueueDescriptor(), POLLIN, 0};
   std::vector<std::string> told;
-  watch(DispatchQueue::main(), 200ms, [&](std::span<const FileEvent> batch) {
+  stream = watch(tree, DispatchQueue::main(), 200ms, [&](std::span<const FileEvent> batch) {
     for (const FileEvent& event : batch) told.push_back(event.path);
     stream.reset();
   });
@@ -246,7 +245,7 @@ TEST(EventStream, GathersForTheLatencyAndDeliversNothingOnceItHasEnded) {
   EXPECT_EQ((std::vector<std::string>{tree / "c", tree / "a", tree / "b"}), told);
   EXPECT_FALSE(stream);
   for (const bool isDestroyed : {false, true}) {
-    watch(DispatchQueue::main(), 0ns, [](auto) { FAIL() << "a batch that was queued before the end"; });
+    stream = watch(tree, DispatchQueue::main(), 0ns, [](auto) { FAIL() << "a batch queued before the end"; });
     tree.file(isDestroyed ? "e" : "d");
     ASSERT_EQ(1, poll(&batchQueued, 1, 30'000));
     isDestroyed ? stream.reset() : stream->stop();
@@ -255,7 +254,7 @@ TEST(EventStream, GathersForTheLatencyAndDeliversNothingOnceItHasEnded) {
 
   std::promise<void> isDelivering;
   std::atomic<bool> stops = false, returned = false;
-  watch(DispatchQueue::makeSerial("test"), 0ns, [&](auto) {
+  stream = watch(tree, DispatchQueue::makeSerial("test"), 0ns, [&](auto) {
     isDelivering.set_value();
     while (!stops) std::this_thread::yield();
     for (int i = 0; i < 1000; ++i) std::this_thread::yield();
@@ -270,26 +269,23 @@ TEST(EventStream, GathersForTheLatencyAndDeliversNothingOnceItHasEnded) {
 
 TEST(EventStream, SaysWhatItHadToDropAndWhatItMayNotRead) {
   const TestTree tree(TestTree::kInMemory);
-  std::optional<Error> error;
-  std::string path;
-  uint32_t flags = 0;
-  auto stream = EventStreams().make(
-      {{tree.path()}, 0ns},
-      [&](std::span<const FileEvent> batch) { path = batch[0].path, flags = batch[0].flags; }, error);
-  stream->start(DispatchQueue::main());
+  FileEvent first{};
+  auto stream =
+      watch(tree, DispatchQueue::main(), 0ns, [&](std::span<const FileEvent> batch) { first = batch[0]; });
   // Nobody takes the second batch until those with these names are too many for it.
   const std::string names[] = {std::string(255, 'a'), std::string(255, 'b')};
   for (const std::string& name : names) tree.file(name);
   pollfd batchQueued{mainQueueDescriptor(), POLLIN, 0};
-  for (int times = 250'000; times < 3'000'000 && !(flags & kEventUserDropped); times *= 2) {
+  for (int times = 250'000; times < 3'000'000 && !(first.flags & kEventUserDropped); times *= 2) {
     for (int i = 0; i < times; ++i) ASSERT_EQ(0, chmod((tree / names[i % 2]).c_str(), 0644));
     for (int batch = 0; batch < 2 && poll(&batchQueued, 1, 30'000) == 1; ++batch) drainMainQueue();
   }
-  EXPECT_EQ(tree.path(), path);
-  EXPECT_EQ(kEventMustScanSubdirectories | kEventUserDropped, flags & ~kEventKernelDropped);
+  EXPECT_EQ(tree.path(), first.path);
+  EXPECT_EQ(kEventMustScanSubdirectories | kEventUserDropped, first.flags & ~kEventKernelDropped);
 
   ASSERT_EQ(0, chmod(tree.path().c_str(), 0));
   const bool isRoot = geteuid() == 0 && seteuid(65534) == 0;
+  std::optional<Error> error;
   stream = EventStreams().make(
       {{tree.path()}}, [](auto) {}, error);
   ASSERT_TRUE((!isRoot || seteuid(0) == 0) && chmod(tree.path().c_str(), 0755) == 0);

@@ -1,4 +1,3 @@
-#include "larkspan/platform/files/CacheDirTag.h"
 #include "larkspan/platform/files/Directory.h"
 #include "larkspan/platform/files/ResourceValues.h"
 #include "tests/platform/files/TestTree.h"
@@ -47,15 +46,6 @@ TEST(FileFacts, TellsOfTheEntryItself) {
   ResourceValues untouched = x;
   EXPECT_EQ(ENOENT, FileFacts::current().read(tree.url("missing"), untouched)->code());
   EXPECT_EQ("x", untouched.localizedName);
-}
-
-TEST(CacheDirTag, MayGoOnAndIsNoLink) {
-  TestTree tree;
-  for (const char* name : {"a", "b"}) tree.folder(name);
-  tree.file("a/CACHEDIR.TAG", std::string(kCacheDirTagSignature) + "\n# a comment\n");
-  tree.link("../a/CACHEDIR.TAG", "b/CACHEDIR.TAG");
-  EXPECT_TRUE(hasCacheDirTag(tree.url("a")));
-  EXPECT_FALSE(hasCacheDirTag(tree.url("b")));
 }
 
 }  // namespace

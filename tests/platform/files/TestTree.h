@@ -38,8 +38,8 @@ class TestTree {
     EXPECT_NE(nullptr, ::mkdtemp(path_.data()));
   }
   ~TestTree() {
-    if (mounted_) ::umount2((*this / "mount").c_str(), MNT_DETACH);
-    shell("rm -rf " + path_);
+    if (!volume_.empty()) ::umount2(volume_.c_str(), MNT_DETACH);
+    platform::shell("rm -rf " + path_);
   }
 
   std::string operator/(const std::string& name) const { return path_ + "/" + name; }
@@ -63,14 +63,21 @@ class TestTree {
   void link(const std::string& target, const std::string& name) const {
     ASSERT_EQ(0, ::symlink(target.c_str(), (*this / name).c_str())) << name;
   }
-  /// The names in it and beneath, sorted, one after another.
-  std::string list() const { return shell("cd " + path_ + " && find . -mindepth 1 | sort | tr '\\n' ' '"); }
-  /// Mounts a volume with a file on the folder "mount"; false without the privilege.
-  bool mountVolume() {
-    folder("mount");
-    mounted_ = ::mount("none", (*this / "mount").c_str(), "tmpfs", 0, "size=1m") == 0;
-    if (mounted_) file("mount/inside", std::string(100000, 'x'));
-    return mounted_;
+  /// What a shell command in it prints.
+  std::string shell(const std::string& command) const {
+    return platform::shell("cd " + path_ + " && set -e && " + command);
+  }
+  /// The names in it, or one of its folders, and beneath, sorted, one after another.
+  std::string list(const std::string& folder = ".") const {
+    return shell("cd " + folder + "; find . -mindepth 1 | sort | tr '\\n' ' '");
+  }
+  /// Mounts a volume with a file on a folder that is there or is made; false without the privilege.
+  bool mountVolume(const std::string& name = "mount") {
+    volume_ = *this / name;
+    ::mkdir(volume_.c_str(), 0755);
+    if (::mount("none", volume_.c_str(), "tmpfs", 0, "size=1m") != 0) return false;
+    file(name + "/inside", std::string(100000, 'x'));
+    return true;
   }
   /// Nests `levels` folders "d", with a file in the lowest.
   void chain(int levels) const {
@@ -85,8 +92,7 @@ class TestTree {
   }
 
  private:
-  std::string path_;
-  bool mounted_ = false;
+  std::string path_, volume_;
 };
 
 /// Runs `body` on a thread with a stack of 64 KiB while the process may have 64 descriptors.
