@@ -7,7 +7,6 @@
 
 #include <poll.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -169,11 +168,7 @@ TEST(Command, SizesFoldersAndShowsWhereItGoes) {
     return "{\"path\":\"" + path + "\",\"bytes\":" + std::to_string(bytes) +
            ",\"entries\":" + std::to_string(entries);
   };
-  const auto own = [&](const std::string& name) {
-    struct stat facts {};
-    EXPECT_EQ(stat((root + name).c_str(), &facts), 0) << name;
-    return facts.st_blocks * 512;
-  };
+  const auto own = [&](const std::string& name) { return program.tree().allocated("sized" + name); };
   const int64_t large = own("/large") + own("/large/f");
   const int64_t small = own("/small\x1b") + own("/small\x1b/deep") + own("/small\x1b/deep/f");
   const std::string whole = json(root, large + small, 5) + R"(,"unreadable":0)";

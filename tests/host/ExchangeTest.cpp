@@ -1,17 +1,22 @@
 #include "larkspan/host/LKSCallbackManager.h"
 #include "larkspan/host/LKSExtensionOperation.h"
+#include "larkspan/host/LKSRemoteExtensionContext.h"
 #include "larkspan/items/LKSCommand.h"
+#include "larkspan/platform/appext/Launcher.h"
 #include "larkspan/platform/base/NotificationCenter.h"
 #include "larkspan/platform/dispatch/ManualClock.h"
 #include "larkspan/platform/ipc/TransportError.h"
+#include "larkspan/provider/LKSExtension.h"
 #include "larkspan/runtime/LKSOperationQueue.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/Collector.h"
-#include "tests/support/InProcessExtension.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <future>
+#include <map>
+#include <mutex>
 #include <thread>
 
 namespace larkspan::tests {
@@ -22,6 +27,73 @@ using platform::Notification;
 using platform::NotificationCenter;
 using platform::TransportErrorCode;
 using platform::Value;
+
+/// "Starts" an extension within this process, at the other end of a real socket: everything is encoded,
+/// checked and decoded as between two processes.
+class InProcessExtension : public platform::Launcher {
+ public:
+  explicit InProcessExtension(std::shared_ptr<LKSExtension> provider) : provider_(std::move(provider)) {}
+
+  std::atomic<int> launches{0};
+
+  std::variant<std::shared_ptr<platform::LaunchedProcess>, platform::Error> launch(
+      const platform::Manifest&, platform::Descriptor& socket, ExitHandler) override {
+    ++launches;
+    auto process = std::make_shared<Process>();
+    platform::Transport::Handlers handlers;
+    // Requests live as long as the transport's handlers.
+    auto contexts = std::make_shared<std::map<uint32_t, std::shared_ptr<LKSRemoteExtensionContext>>>();
+    handlers.onOpen = [this, contexts, process](uint32_t channel) {
+      auto connection = platform::Connection::accept(process->held(), channel);
+      auto context = LKSRemoteExtensionContext::make(platform::UUID::random(), connection);
+      provider_->beginRequestWithExtensionContext(context);
+      (*contexts)[channel] = context;
+      return connection;
+    };
+    handlers.onClose = [process](const platform::Error&) { process->hold(nullptr); };
+    // The handlers wait for it.
+    const std::scoped_lock lock(mutex_, process->mutex);
+    process->current = platform::Transport::make(std::move(socket), "host", std::move(handlers));
+    process_ = process;
+    return process;
+  }
+
+  /// What a crash looks like to the host.
+  void crash() {
+    const std::lock_guard lock(mutex_);
+    if (process_) process_->kill();
+  }
+
+ private:
+  struct Process : platform::LaunchedProcess {
+    void kill() override {
+      if (const auto transport = held()) transport->close(platform::Error("test", 1, "killed"));
+    }
+    std::shared_ptr<platform::Transport> held() {
+      const std::lock_guard lock(mutex);
+      return current;
+    }
+    void hold(std::shared_ptr<platform::Transport> other) {
+      const std::lock_guard lock(mutex);
+      current.swap(other);
+    }
+    std::mutex mutex;
+    std::shared_ptr<platform::Transport> current;
+  };
+
+  const std::shared_ptr<LKSExtension> provider_;
+  std::mutex mutex_;
+  std::shared_ptr<Process> process_;
+};
+
+/// A handle on an extension whose manifest is only made up; each path is another extension.
+std::shared_ptr<LKSOpaqueExtension> handleFor(const std::string& path) {
+  platform::Manifest manifest;
+  manifest.path = path;
+  manifest.identifier = "test.extension";
+  manifest.exec = {"/nonexistent"};
+  return LKSOpaqueExtension::initWithExtension(std::make_shared<platform::Extension>(manifest));
+}
 
 /// Answers each operation in a way that tells it from the others.
 class Provider : public LKSExtension {

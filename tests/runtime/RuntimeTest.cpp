@@ -160,21 +160,20 @@ TEST(HostFacts, AreWhatTheMachineSaysAndErrorsFlattenToTheirTexts) {
   EXPECT_EQ(LKSConvertNSErrorToDictionary(Error("d", 1)).size(), 1u) << "there is always a description";
 }
 
-class Throttle : public testing::Test {
- protected:
-  void throttle(const std::string& key, const std::string& text, double delay) {
-    ThrottleOnMainQueue(
-        key, [this, text] { ran += text; }, delay);
-  }
+TEST(Throttle, RunsOnlyTheLastBlockOfABurstADelayAfterItAndNoneWithoutAKey) {
+  const CapturedLog log;
   platform::ManualClock clock;
   std::string ran;
-};
-
-TEST_F(Throttle, RunsOnlyTheLastBlockOfABurstADelayAfterIt) {
+  const auto throttle = [&ran](const std::optional<std::string>& key, const char* text, double delay) {
+    ThrottleOnMainQueue(
+        key, [&ran, text] { ran += text; }, delay);
+  };
+  throttle({}, "never", 0);
+  EXPECT_EQ(log.console(), Steps{"sp_throttleOnMainQueue: uuid can not be nil"});
   throttle("key", "a", 1);
   clock.advance(100ms);
   throttle("key", "b", 1);
-  std::jthread([this] { throttle("other", "x", 1.25); }).join();
+  std::jthread([&] { throttle("other", "x", 1.25); }).join();
   clock.advance(100ms);
   throttle("key", "c", 1);
   clock.advance(999ms);
@@ -188,7 +187,7 @@ TEST_F(Throttle, RunsOnlyTheLastBlockOfABurstADelayAfterIt) {
   EXPECT_TRUE(DispatchSourcesDictionary().empty());
   // A block that throttles its own key starts afresh.
   ThrottleOnMainQueue(
-      "key", [this] { throttle("key", "d", 1); }, 0);
+      "key", [&] { throttle("key", "d", 1); }, 0);
   EXPECT_EQ(ran, "cx") << "returns at once";
   clock.advance(0s);
   EXPECT_EQ(ran, "cx");
@@ -196,13 +195,11 @@ TEST_F(Throttle, RunsOnlyTheLastBlockOfABurstADelayAfterIt) {
   EXPECT_EQ(ran, "cxd");
 }
 
-TEST_F(Throttle, DropsABlockWithoutAKeyAndAStartedTimerRepeatsUntilCancelled) {
-  CapturedLog log;
-  ThrottleOnMainQueue(
-      std::nullopt, [this] { ran += "never"; }, 0);
-  EXPECT_EQ(log.console(), Steps{"sp_throttleOnMainQueue: uuid can not be nil"});
+TEST(StartedDispatchTimer, RepeatsUntilCancelled) {
+  platform::ManualClock clock;
+  std::string ran;
   const auto repeating = StartedDispatchTimer(
-      true, DispatchQueue::makeSerial("test.started"), [this] { ran += "r"; }, 2);
+      true, DispatchQueue::makeSerial("test.started"), [&] { ran += "r"; }, 2);
   clock.advance(7s);
   repeating->cancel();
   clock.advance(7s);

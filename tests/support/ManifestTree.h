@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tests/platform/files/TestTree.h"
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -23,15 +25,11 @@ class ScopedVariable {
   std::optional<std::string> before_;
 };
 
-/// A temporary folder for manifests, removed with all that is in it. Names are relative to it.
-struct ManifestTree {
-  std::string root = "/tmp/larkspan-manifests-XXXXXX";
+/// A temporary folder in which files are replaced and folders come into being as they are needed.
+struct ManifestTree : platform::TestTree {
+  const std::string& root = TestTree::path();
 
-  ManifestTree() { root = mkdtemp(root.data()); }
-  ~ManifestTree() { std::filesystem::remove_all(root); }
-  ManifestTree(const ManifestTree&) = delete;
-
-  std::string path(const std::string& below) const { return root + '/' + below; }
+  std::string path(const std::string& below) const { return *this / below; }
   std::string write(const std::string& below, const std::string& text) const {
     const std::filesystem::path file = path(below);
     std::filesystem::create_directories(file.parent_path());

@@ -128,10 +128,11 @@ TEST(ExtensionMatcher, DeliversNothingAfterItsEnd) {
     std::promise<void> started;
     auto held = std::make_shared<int>();
     const std::weak_ptr<int> watched = held;
-    ExtensionMatcher matcher("corvane.larkspan", [&started, held = std::move(held)](const auto&, const auto&) {
-      started.set_value();
-      std::this_thread::yield();
-    });
+    ExtensionMatcher matcher("corvane.larkspan",
+                             [&started, held = std::move(held)](const auto&, const auto&) {
+                               started.set_value();
+                               std::this_thread::yield();
+                             });
     if (i % 2) started.get_future().wait();
     matcher.end();
     EXPECT_TRUE(watched.expired()) << "not under way and never again";

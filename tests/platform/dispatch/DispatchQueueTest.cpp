@@ -1,4 +1,5 @@
 #include "larkspan/platform/dispatch/DispatchQueue.h"
+#include "larkspan/platform/dispatch/Thread.h"
 
 #include <gtest/gtest.h>
 
@@ -78,6 +79,7 @@ TEST(WorkerPool, GrowsToItsLimitWhileTasksAreBlockedAndNoFurther) {
     std::latch ended(kTasks);
     for (int i = 0; i < kTasks; ++i)
       queue->async([&, spins = i < 4] {
+        EXPECT_EQ(isLowPriorityThread(), quality == QualityOfService::utility);
         const int now = ++running;
         for (int seen = most; seen < now && !most.compare_exchange_weak(seen, now);) continue;
         started.release();

@@ -37,6 +37,7 @@ class TestTree {
   explicit TestTree(const char* path = "/tmp/larkspan-test-XXXXXX") : path_(path) {
     EXPECT_NE(nullptr, ::mkdtemp(path_.data()));
   }
+  TestTree(const TestTree&) = delete;
   ~TestTree() {
     if (!volume_.empty()) ::umount2(volume_.c_str(), MNT_DETACH);
     platform::shell("rm -rf " + path_);
