@@ -19,7 +19,6 @@ namespace {
 using platform::Error;
 using platform::KeyChange;
 using namespace std::chrono_literals;
-using platform::DispatchQueue;
 using platform::Notification;
 using platform::NotificationCenter;
 
@@ -32,20 +31,17 @@ struct Recorded : LKSOperation {
   std::vector<NotificationCenter::Token> tokens;
   std::vector<platform::KeyObservation> observations;
 
-  static std::shared_ptr<Recorded> make() {
-    auto operation = makeOperation<Recorded>();
-    auto& o = *operation;
+  Recorded() {
     for (const platform::Key name : {LKSOperationWillStartNotification, LKSOperationDidFinishNotification}) {
-      o.tokens.push_back(NotificationCenter::defaultCenter().addObserver(
-          std::string(name), operation.get(),
-          [&o](const Notification& notification) { o.steps.push_back(notification.name); }));
+      tokens.push_back(NotificationCenter::defaultCenter().addObserver(
+          std::string(name), this,
+          [this](const Notification& notification) { steps.push_back(notification.name); }));
     }
     for (const char* key : {"isExecuting", "isFinished"}) {
-      o.observations.push_back(o.observe(key, [&o, key](KeyChange change) {
-        o.steps.push_back((change == KeyChange::will ? "will " : "did ") + std::string(key));
+      observations.push_back(observe(key, [this, key](KeyChange change) {
+        steps.push_back((change == KeyChange::will ? "will " : "did ") + std::string(key));
       }));
     }
-    return operation;
   }
   void main() override {
     steps.push_back("main");
@@ -64,7 +60,7 @@ using Steps = std::vector<std::string>;
 TEST(LKSOperation, TakesItsStepsInOrderAndPostsItsEndOnTheMainQueueLater) {
   platform::ManualClock clock;
   CapturedLog log;
-  const auto operation = Recorded::make();
+  const auto operation = std::make_shared<Recorded>();
   EXPECT_TRUE(operation->isAsynchronous());
   EXPECT_EQ(operation->duration(), 0);
   operation->start();
@@ -88,7 +84,7 @@ TEST(LKSOperation, TakesItsStepsInOrderAndPostsItsEndOnTheMainQueueLater) {
   clock.advance(1ns);
   EXPECT_EQ(operation->steps.back(), "LKSOperationDidFinishNotification");
 
-  const auto cancelled = Recorded::make();
+  const auto cancelled = std::make_shared<Recorded>();
   cancelled->cancel();
   cancelled->start();
   clock.advance(kFinishDelay);
@@ -108,7 +104,7 @@ TEST(LKSOperation, TakesItsStepsInOrderAndPostsItsEndOnTheMainQueueLater) {
 TEST(LKSOperationQueue, TellsOperationsThatTheyAreQueuedAndWhichQueueRanThem) {
   platform::ManualClock clock;
   const auto queue = std::make_shared<LKSOperationQueue>();
-  const auto first = Recorded::make(), unhooked = Recorded::make();
+  const auto first = std::make_shared<Recorded>(), unhooked = std::make_shared<Recorded>();
   const auto block = [](auto work) { return std::make_shared<LKSBlockOperation>(work); };
   const auto empty = std::make_shared<LKSBlockOperation>();
   const auto later = block([](LKSBlockOperation& self) { self.finishWithError(Error("test", 2)); });
@@ -199,7 +195,7 @@ TEST(StartedDispatchTimer, RepeatsUntilCancelled) {
   platform::ManualClock clock;
   std::string ran;
   const auto repeating = StartedDispatchTimer(
-      true, DispatchQueue::makeSerial("test.started"), [&] { ran += "r"; }, 2);
+      true, platform::DispatchQueue::makeSerial("test.started"), [&] { ran += "r"; }, 2);
   clock.advance(7s);
   repeating->cancel();
   clock.advance(7s);

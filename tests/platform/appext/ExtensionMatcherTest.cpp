@@ -14,12 +14,12 @@
 namespace larkspan::platform {
 namespace {
 
-using std::filesystem::create_symlink;
 using std::filesystem::rename;
 using tests::ManifestTree;
 using tests::ScopedVariable;
 using Texts = std::vector<std::string>;
 
+const std::string kPoint = "corvane.larkspan";
 const std::string kHome = "home/larkspan/extensions/", kSystem = "system/larkspan/extensions/";
 
 /// A matcher over one tree: own/ comes first, then home/ and system/ as data folders.
@@ -30,7 +30,7 @@ class Matched {
     const ScopedVariable own("LARKSPAN_EXTENSION_PATH", tree.path("own").c_str());
     const ScopedVariable home("XDG_DATA_HOME", tree.path("home").c_str());
     const ScopedVariable system("XDG_DATA_DIRS", tree.path("system").c_str());
-    matcher_.emplace("corvane.larkspan", [this](const auto& extensions, const auto&) {
+    matcher_.emplace(kPoint, [this](const auto& extensions, const auto&) {
       std::string text;
       for (const auto& m : extensions.value()) text += m.identifier + "=" + m.name + " ";
       all_.push(text);
@@ -84,16 +84,16 @@ TEST(ExtensionMatcher, FollowsFoldersAndLinksThatComeGoAndAreReplaced) {
   // A data folder behind two links, one of which is switched over as profiles are.
   tree.add("1/larkspan/extensions/b.extension", "one");
   tree.add("2/larkspan/extensions/b.extension", "two");
-  create_symlink("1", tree.path("profile"));
-  create_symlink(tree.path("own/../profile/."), tree.path("system"));
-  std::filesystem::create_directory(tree.path("own"));  // Only now the link leads anywhere.
+  tree.link("1", "profile");
+  tree.link(tree.path("own/../profile/."), "system");
+  tree.folder("own");  // Only now the link leads anywhere.
   EXPECT_TRUE(m.delivers("b=one "));
-  create_symlink("2", tree.path("next"));
+  tree.link("2", "next");
   rename(tree.path("next"), tree.path("profile"));
   EXPECT_TRUE(m.delivers("b=two "));
   // A manifest that is a link.
   tree.add("package/c.extension", "linked");
-  create_symlink("../package/c.extension", tree.path("own/c.extension"));
+  tree.link("../package/c.extension", "own/c.extension");
   EXPECT_TRUE(m.delivers("b=two c=linked "));
   tree.add("package/c.extension", "again");
   EXPECT_TRUE(m.delivers("b=two c=again "));
@@ -128,11 +128,10 @@ TEST(ExtensionMatcher, DeliversNothingAfterItsEnd) {
     std::promise<void> started;
     auto held = std::make_shared<int>();
     const std::weak_ptr<int> watched = held;
-    ExtensionMatcher matcher("corvane.larkspan",
-                             [&started, held = std::move(held)](const auto&, const auto&) {
-                               started.set_value();
-                               std::this_thread::yield();
-                             });
+    ExtensionMatcher matcher(kPoint, [&started, held = std::move(held)](const auto&, const auto&) {
+      started.set_value();
+      std::this_thread::yield();
+    });
     if (i % 2) started.get_future().wait();
     matcher.end();
     EXPECT_TRUE(watched.expired()) << "not under way and never again";
@@ -145,7 +144,7 @@ TEST(ExtensionMatcher, DeliversNothingAfterItsEnd) {
     EXPECT_EQ(held, "kept");
     ended.set_value();
   };
-  matcher = std::make_unique<ExtensionMatcher>("corvane.larkspan", drop);
+  matcher = std::make_unique<ExtensionMatcher>(kPoint, drop);
   begun.set_value();
   ended.get_future().wait();
 }

@@ -47,13 +47,12 @@ class Model {
  public:
   explicit Model(std::vector<std::string> paths, std::chrono::nanoseconds latency = 1ms) : paths_(paths) {
     std::optional<Error> error;
-    stream = EventStreams().make(
+    stream_ = EventStreams().make(
         {paths, latency}, [this](std::span<const FileEvent> batch) { take(batch); }, error);
     EXPECT_EQ(std::nullopt, error);
     for (const std::string& path : paths) addBeneath(path, model_, true);
-    EXPECT_EQ(std::nullopt, stream->start(DispatchQueue::makeConcurrent("test")));
+    EXPECT_EQ(std::nullopt, stream_->start(DispatchQueue::makeConcurrent("test")));
   }
-  ~Model() { stream.reset(); }
 
   /// Makes a file, the last there is, and waits until the model that knows it equals the disk.
   void expectEqual(const std::string& root, const char* what) {
@@ -73,7 +72,6 @@ class Model {
     const std::lock_guard lock(mutex_);
     return std::exchange(flags_, 0);
   }
-  std::unique_ptr<EventStream> stream;
 
  private:
   void take(std::span<const FileEvent> batch) {
@@ -103,6 +101,7 @@ class Model {
   std::set<std::string> model_;
   uint32_t flags_ = 0;
   int count_ = 0;
+  std::unique_ptr<EventStream> stream_;  // Ends first.
 };
 
 TEST(EventStream, KeepsAModelOfATreeEqualToTheDisk) {

@@ -21,7 +21,7 @@ namespace {
 /// A journal's end of the socket, in a folder of its own.
 class FakeJournal {
  public:
-  void listen() {
+  FakeJournal() {
     socket_.reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_un address{AF_UNIX, {}};
     path.copy(address.sun_path, path.size());
@@ -63,7 +63,6 @@ std::string expected(const std::string& priority, const std::string& rest) {
 
 TEST(JournalSink, WritesTheNativeProtocol) {
   FakeJournal journal;
-  journal.listen();
   JournalSink sink(journal.path);
   sink.write(record("100% = full"));
   EXPECT_EQ(journal.receive(), expected("5", "MESSAGE=100% = full\n"));
@@ -77,7 +76,6 @@ TEST(JournalSink, WritesTheNativeProtocol) {
 
 TEST(JournalSink, CountsWhatItDropsAndSaysSoInTheNextRecord) {
   FakeJournal journal;
-  journal.listen();
   rlimit before;
   getrlimit(RLIMIT_NOFILE, &before);
   const rlimit none{0, before.rlim_max};
