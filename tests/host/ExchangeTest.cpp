@@ -22,40 +22,35 @@
 namespace larkspan::tests {
 namespace {
 
-using platform::Error;
-using platform::Notification;
-using platform::NotificationCenter;
-using platform::TransportErrorCode;
-using platform::Value;
+using namespace platform;
 
 /// "Starts" an extension within this process, at the other end of a real socket: everything is encoded,
 /// checked and decoded as between two processes.
-class InProcessExtension : public platform::Launcher {
+class InProcessExtension : public Launcher {
  public:
   explicit InProcessExtension(std::shared_ptr<LKSExtension> provider) : provider_(std::move(provider)) {}
 
   std::atomic<int> launches{0};
 
-  std::variant<std::shared_ptr<platform::LaunchedProcess>, platform::Error> launch(
-      const platform::Manifest&, platform::Descriptor& socket, ExitHandler) override {
+  std::variant<std::shared_ptr<LaunchedProcess>, Error> launch(const Manifest&, Descriptor& socket,
+                                                               ExitHandler) override {
     ++launches;
     auto process = std::make_shared<Process>();
-    platform::Transport::Handlers handlers;
+    Transport::Handlers handlers;
     // Requests live as long as the transport's handlers.
     auto contexts = std::make_shared<std::map<uint32_t, std::shared_ptr<LKSRemoteExtensionContext>>>();
     handlers.onOpen = [this, contexts, process](uint32_t channel) {
-      auto connection = platform::Connection::accept(process->held(), channel);
-      auto context = LKSRemoteExtensionContext::make(platform::UUID::random(), connection);
+      auto connection = Connection::accept(process->held(), channel);
+      auto context = LKSRemoteExtensionContext::make(UUID::random(), connection);
       provider_->beginRequestWithExtensionContext(context);
       (*contexts)[channel] = context;
       return connection;
     };
-    handlers.onClose = [process](const platform::Error&) { process->hold(nullptr); };
+    handlers.onClose = [process](const Error&) { process->drop(); };
     // The handlers wait for it.
     const std::scoped_lock lock(mutex_, process->mutex);
-    process->current = platform::Transport::make(std::move(socket), "host", std::move(handlers));
-    process_ = process;
-    return process;
+    process->current = Transport::make(std::move(socket), "host", std::move(handlers));
+    return process_ = process;
   }
 
   /// What a crash looks like to the host.
@@ -65,20 +60,20 @@ class InProcessExtension : public platform::Launcher {
   }
 
  private:
-  struct Process : platform::LaunchedProcess {
+  struct Process : LaunchedProcess {
     void kill() override {
-      if (const auto transport = held()) transport->close(platform::Error("test", 1, "killed"));
+      if (const auto transport = held()) transport->close(Error("test", 1, "killed"));
     }
-    std::shared_ptr<platform::Transport> held() {
+    std::shared_ptr<Transport> held() {
       const std::lock_guard lock(mutex);
       return current;
     }
-    void hold(std::shared_ptr<platform::Transport> other) {
+    std::shared_ptr<Transport> drop() {
       const std::lock_guard lock(mutex);
-      current.swap(other);
+      return std::exchange(current, nullptr);
     }
     std::mutex mutex;
-    std::shared_ptr<platform::Transport> current;
+    std::shared_ptr<Transport> current;
   };
 
   const std::shared_ptr<LKSExtension> provider_;
@@ -88,11 +83,11 @@ class InProcessExtension : public platform::Launcher {
 
 /// A handle on an extension whose manifest is only made up; each path is another extension.
 std::shared_ptr<LKSOpaqueExtension> handleFor(const std::string& path) {
-  platform::Manifest manifest;
+  Manifest manifest;
   manifest.path = path;
   manifest.identifier = "test.extension";
   manifest.exec = {"/nonexistent"};
-  return LKSOpaqueExtension::initWithExtension(std::make_shared<platform::Extension>(manifest));
+  return LKSOpaqueExtension::initWithExtension(std::make_shared<Extension>(manifest));
 }
 
 /// Answers each operation in a way that tells it from the others.
@@ -134,7 +129,7 @@ class Provider : public LKSExtension {
 struct Exchange : testing::Test {
   std::shared_ptr<Provider> provider = std::make_shared<Provider>();
   std::shared_ptr<InProcessExtension> launcher = std::make_shared<InProcessExtension>(provider);
-  platform::ScopedLauncher installed{launcher};
+  ScopedLauncher installed{launcher};
   std::shared_ptr<LKSOpaqueExtension> handle =
       handleFor(testing::UnitTest::GetInstance()->current_test_info()->name());
   struct Outcome {
@@ -181,7 +176,7 @@ struct Exchange : testing::Test {
 };
 
 TEST_F(Exchange, EachCommandTravelsAsOneOperationAndComesBackAsItemsOrItsError) {
-  platform::ManualClock clock;
+  ManualClock clock;
   const Items resources{LKSResource::initLKSResourceItemWithName("A")};
   const Items tip{*LKSTipMessage::initLKSTipWithTitle("Tip")};
   const Items summary{LKSSummaryResource::initLKSSummaryResource()};
@@ -290,7 +285,7 @@ TEST_F(Exchange, EqualHandlesShareOneProcessUntilTheirManifestIsEdited) {
 
   auto manifest = handle->underlyingExtension()->manifest();
   manifest.exec = {"/another"};
-  const auto edited = LKSOpaqueExtension::initWithExtension(std::make_shared<platform::Extension>(manifest));
+  const auto edited = LKSOpaqueExtension::initWithExtension(std::make_shared<Extension>(manifest));
   EXPECT_EQ(mergeHandles({edited}, {handle}), std::vector{handle});
   EXPECT_EQ(handle->underlyingExtension(), edited->underlyingExtension());
   send(kCmdTips, handle);

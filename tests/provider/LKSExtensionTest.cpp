@@ -10,8 +10,7 @@
 namespace larkspan::tests {
 namespace {
 
-using platform::Dictionary;
-using platform::Error;
+using namespace platform;
 
 /// The reply; an error fails the test.
 Items ask(const std::shared_ptr<LKSExtension>& extension, const Items& items) {
@@ -94,7 +93,7 @@ TEST(ExtensionDefaults, AnswerEveryCommandAndSayWhatIsNotImplemented) {
   EXPECT_EQ(ask(extension, command("INFO?")).at(1).userInfo(), (Dictionary{{"_HEADER_BUTTON_", ""},
                                                                            {"_HEADER_MESSAGE_", ""},
                                                                            {"_HIDDEN_", false},
-                                                                           {"_APPPATHS_", platform::Array()},
+                                                                           {"_APPPATHS_", Array()},
                                                                            {"_SIZE_", 0},
                                                                            {"_HIDE_PATHS_", true}}));
 }
@@ -107,28 +106,26 @@ TEST(ExtensionInformation, CarriesEveryAnswerUnderItsKeyAndFlagsOnlyWhereTheySay
     std::optional<std::string> localizedHeaderMessage() override { return std::nullopt; }
     std::optional<std::string> localizedRevealButtonTitle() override { return "Show"; }
     std::vector<std::string> managedPaths() override { return {"/x"}; }
-    std::optional<platform::URL> representedApplication() override {
-      return platform::URL::file("/opt/Draw.app");
-    }
+    std::optional<URL> representedApplication() override { return URL::file("/opt/Draw.app"); }
     bool showItemPaths() override { return true; }
     bool showRevealButton() override { return false; }
     bool showsSummaryPanel() override { return true; }
     int64_t totalSpaceUsed() override { return LKSExtensionTotalSpaceUsedUnknown; }
   };
-  struct Facts : platform::FileFacts {
-    std::optional<Error> read(const platform::URL&, platform::ResourceValues& values) const override {
+  struct Facts : FileFacts {
+    std::optional<Error> read(const URL&, ResourceValues& values) const override {
       values.localizedName = "Draw.app";
       return std::nullopt;
     }
   } facts;
-  const platform::Installed<platform::FileFacts> installed(facts);
+  const Installed<FileFacts> installed(facts);
   EXPECT_EQ(ask(std::make_shared<Everything>(), command("INFO?")).at(1).userInfo(),
-            (Dictionary{{"_CATEGORIES_", platform::Array{"b", "a"}},
+            (Dictionary{{"_CATEGORIES_", Array{"b", "a"}},
                         {"_CATEGORY_NAMES_", Dictionary{{"b", "Name of b"}, {"a", "Name of a"}}},
                         {"_HEADER_BUTTON_", "Open Draw"},
                         {"_HIDDEN_", true},
-                        {"_APPURL_", platform::URL::file("/opt/Draw.app")},
-                        {"_APPPATHS_", platform::Array{"/x"}},
+                        {"_APPURL_", URL::file("/opt/Draw.app")},
+                        {"_APPPATHS_", Array{"/x"}},
                         {"_ISSUMMARY_", true},
                         {"_SIZE_", LKSExtensionTotalSpaceUsedUnknown},
                         {"_HIDE_REVEAL_", true},

@@ -16,11 +16,8 @@
 namespace larkspan::tests {
 namespace {
 
-using platform::Error;
-using platform::KeyChange;
+using namespace platform;
 using namespace std::chrono_literals;
-using platform::Notification;
-using platform::NotificationCenter;
 
 constexpr auto kFinishDelay = 10ms;
 
@@ -29,10 +26,10 @@ struct Recorded : LKSOperation {
   std::vector<std::string> steps;
   std::latch ran{1};
   std::vector<NotificationCenter::Token> tokens;
-  std::vector<platform::KeyObservation> observations;
+  std::vector<KeyObservation> observations;
 
   Recorded() {
-    for (const platform::Key name : {LKSOperationWillStartNotification, LKSOperationDidFinishNotification}) {
+    for (const Key name : {LKSOperationWillStartNotification, LKSOperationDidFinishNotification}) {
       tokens.push_back(NotificationCenter::defaultCenter().addObserver(
           std::string(name), this,
           [this](const Notification& notification) { steps.push_back(notification.name); }));
@@ -47,10 +44,10 @@ struct Recorded : LKSOperation {
     steps.push_back("main");
     ran.count_down();
   }
-  void willEnqueueInOperationQueue(const std::shared_ptr<platform::OperationQueue>& queue) override {
+  void willEnqueueInOperationQueue(const std::shared_ptr<OperationQueue>& queue) override {
     steps.push_back(queue ? "enqueue" : "enqueue in none");
   }
-  void willDequeueFromOperationQueue(const std::shared_ptr<platform::OperationQueue>& queue) override {
+  void willDequeueFromOperationQueue(const std::shared_ptr<OperationQueue>& queue) override {
     steps.push_back(queue ? "dequeue" : "dequeue from none");
   }
 };
@@ -58,7 +55,7 @@ struct Recorded : LKSOperation {
 using Steps = std::vector<std::string>;
 
 TEST(LKSOperation, TakesItsStepsInOrderAndPostsItsEndOnTheMainQueueLater) {
-  platform::ManualClock clock;
+  ManualClock clock;
   CapturedLog log;
   const auto operation = std::make_shared<Recorded>();
   EXPECT_TRUE(operation->isAsynchronous());
@@ -102,7 +99,7 @@ TEST(LKSOperation, TakesItsStepsInOrderAndPostsItsEndOnTheMainQueueLater) {
 }
 
 TEST(LKSOperationQueue, TellsOperationsThatTheyAreQueuedAndWhichQueueRanThem) {
-  platform::ManualClock clock;
+  ManualClock clock;
   const auto queue = std::make_shared<LKSOperationQueue>();
   const auto first = std::make_shared<Recorded>(), unhooked = std::make_shared<Recorded>();
   const auto block = [](auto work) { return std::make_shared<LKSBlockOperation>(work); };
@@ -110,7 +107,7 @@ TEST(LKSOperationQueue, TellsOperationsThatTheyAreQueuedAndWhichQueueRanThem) {
   const auto later = block([](LKSBlockOperation& self) { self.finishWithError(Error("test", 2)); });
   const auto throwing = block([](LKSBlockOperation&) { throw std::runtime_error("broken"); });
   queue->setSuspended(true);
-  queue->addOperations({first, std::make_shared<platform::Operation>(), empty, later, throwing});
+  queue->addOperations({first, std::make_shared<Operation>(), empty, later, throwing});
   EXPECT_EQ(first->steps, Steps{"enqueue"});
   queue->setSuspended(false);
   for (const auto& operation : {empty, later, throwing}) operation->waitUntilFinished();
@@ -139,18 +136,18 @@ TEST(Log, WritesWholeMessagesToOneChannel) {
 }
 
 TEST(HostFacts, AreWhatTheMachineSaysAndErrorsFlattenToTheirTexts) {
-  const platform::ScopedHostFacts facts({4, true, "12.1", std::nullopt});
+  const ScopedHostFacts facts({4, true, "12.1", std::nullopt});
   EXPECT_TRUE(LKSStorageIsInternalInstall());
   EXPECT_EQ(LKSStorageProductVersion(), "12.1");
   EXPECT_EQ(LKSStorageProductType(), std::nullopt);
   const std::string release = "# comment\nVERSION_IDX=1\nVERSION_ID=\"12 \\\"x\\\"\"\nEMPTY=\n";
-  EXPECT_EQ(platform::osReleaseValue(release, "VERSION_ID"), "12 \"x\"");
-  EXPECT_EQ(platform::osReleaseValue(release, "EMPTY"), std::nullopt);
+  EXPECT_EQ(osReleaseValue(release, "VERSION_ID"), "12 \"x\"");
+  EXPECT_EQ(osReleaseValue(release, "EMPTY"), std::nullopt);
   EXPECT_TRUE(LKSStorageIsUserVolumeMountPath("/System/Volumes/Database"));
   EXPECT_FALSE(LKSStorageIsUserVolumeMountPath("/system/volumes/data"));
 
-  const platform::Dictionary text{{platform::kLocalizedDescriptionKey, "what"}};
-  platform::Dictionary more = text;
+  const Dictionary text{{kLocalizedDescriptionKey, "what"}};
+  Dictionary more = text;
   more.set("other", 1);
   EXPECT_EQ(LKSConvertNSErrorToDictionary(Error("d", 1, more)), text);
   EXPECT_EQ(LKSConvertNSErrorToDictionary(Error("d", 1)).size(), 1u) << "there is always a description";
@@ -158,7 +155,7 @@ TEST(HostFacts, AreWhatTheMachineSaysAndErrorsFlattenToTheirTexts) {
 
 TEST(Throttle, RunsOnlyTheLastBlockOfABurstADelayAfterItAndNoneWithoutAKey) {
   const CapturedLog log;
-  platform::ManualClock clock;
+  ManualClock clock;
   std::string ran;
   const auto throttle = [&ran](const std::optional<std::string>& key, const char* text, double delay) {
     ThrottleOnMainQueue(
@@ -192,10 +189,10 @@ TEST(Throttle, RunsOnlyTheLastBlockOfABurstADelayAfterItAndNoneWithoutAKey) {
 }
 
 TEST(StartedDispatchTimer, RepeatsUntilCancelled) {
-  platform::ManualClock clock;
+  ManualClock clock;
   std::string ran;
   const auto repeating = StartedDispatchTimer(
-      true, platform::DispatchQueue::makeSerial("test.started"), [&] { ran += "r"; }, 2);
+      true, DispatchQueue::makeSerial("test.started"), [&] { ran += "r"; }, 2);
   clock.advance(7s);
   repeating->cancel();
   clock.advance(7s);

@@ -4,7 +4,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <optional>
 #include <string>
 
@@ -31,10 +30,9 @@ struct ManifestTree : platform::TestTree {
 
   std::string path(const std::string& below) const { return *this / below; }
   std::string write(const std::string& below, const std::string& text) const {
-    const std::filesystem::path file = path(below);
-    std::filesystem::create_directories(file.parent_path());
-    std::ofstream(file) << text;
-    return file;
+    std::filesystem::create_directories(std::filesystem::path(path(below)).parent_path());
+    file(below, text);
+    return path(below);
   }
   /// A sound manifest of a storage extension; nobody sees half of it.
   std::string add(const std::string& below, const std::string& name = "N", const std::string& exec = "x",

@@ -63,10 +63,7 @@ class Model {
     std::unique_lock lock(mutex_);
     // Of several roots one may be told later than the other.
     changed_.wait_for(lock, 30s, [&] { return model_ == disk; });
-    std::vector<std::string> differences;
-    std::set_symmetric_difference(model_.begin(), model_.end(), disk.begin(), disk.end(),
-                                  std::back_inserter(differences));
-    EXPECT_EQ(std::vector<std::string>(), differences) << what;
+    EXPECT_EQ(disk, model_) << what;
   }
   uint32_t flags() {
     const std::lock_guard lock(mutex_);

@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 #include <utility>
 
@@ -49,10 +50,7 @@ class TestTree {
 
   void folder(const std::string& name) const { ASSERT_EQ(0, ::mkdir((*this / name).c_str(), 0755)) << name; }
   void file(const std::string& name, const std::string& content = "x") const {
-    const int file = ::open((*this / name).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    ASSERT_GE(file, 0) << name;
-    ASSERT_EQ(static_cast<ssize_t>(content.size()), ::write(file, content.data(), content.size()));
-    ::close(file);
+    ASSERT_TRUE(std::ofstream(*this / name) << content) << name;
   }
   /// Bytes of disk that an entry itself takes.
   int64_t allocated(const std::string& name) const {

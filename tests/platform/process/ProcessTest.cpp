@@ -49,9 +49,10 @@ class Started {
   const std::shared_ptr<Seen> seen_ = std::make_shared<Seen>();
 };
 
-ChildOptions command(Lines arguments) {
+ChildOptions command(Lines arguments, std::vector<ChildOptions::Passed> descriptors = {}) {
   ChildOptions options;
   options.arguments = std::move(arguments);
+  options.descriptors = std::move(descriptors);
   return options;
 }
 ChildOptions script(const std::string& script) { return command({"sh", "-c", script}); }
@@ -97,10 +98,9 @@ TEST(Child, KeepsDescriptorsApartWhoseNumbersCross) {
   const Descriptor all[] = {Descriptor(first[0]), Descriptor(first[1]), Descriptor(second[0]),
                             Descriptor(second[1])};
   // Each has the other's number in the child.
-  ChildOptions options = script("echo one >/dev/fd/" + std::to_string(second[1]) + "; echo two >/dev/fd/" +
-                                std::to_string(first[1]));
-  options.descriptors = {{second[1], first[1]}, {first[1], second[1]}};
-  Started run(options);
+  const std::string crossed = std::to_string(second[1]), other = std::to_string(first[1]);
+  Started run(command({"sh", "-c", "echo one >/dev/fd/" + crossed + "; echo two >/dev/fd/" + other},
+                      {{second[1], first[1]}, {first[1], second[1]}}));
   EXPECT_EQ(run.ends(), Lines{"exit code 0"});
   char text[9] = {};
   EXPECT_EQ(read(first[0], text, 4) + read(second[0], text + 4, 4), 8);
@@ -111,11 +111,6 @@ TEST(Child, SaysWhichStepOfStartingFailed) {
   const TestTree tree;
   tree.file("script", "no program");
   ASSERT_EQ(chmod((tree / "script").c_str(), 0700), 0);
-  const auto passing = [](std::vector<ChildOptions::Passed> descriptors) {
-    ChildOptions options = command({"true"});
-    options.descriptors = std::move(descriptors);
-    return options;
-  };
   ChildOptions nowhere = command({"true"});
   nowhere.workingFolder = "/no/such";
   const std::pair<ChildOptions, std::string> cases[] = {
@@ -124,13 +119,14 @@ TEST(Child, SaysWhichStepOfStartingFailed) {
       {command({"/"}), "/: execve: Permission denied"},
       {command({tree / "script"}), tree / "script" + ": execve: Exec format error"},
       {nowhere, "true: working folder: No such file or directory"},
-      {passing({{3, 4000}}), "true: passing a descriptor: Bad file descriptor"}};
+      {command({"true"}, {{3, 4000}}), "true: passing a descriptor: Bad file descriptor"}};
   for (const auto& [options, failure] : cases) EXPECT_EQ(Started(options).failure, failure);
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG | __WALL), -1) << "a child that failed to start is reaped";
 
-  for (const auto& options :
-       {ChildOptions(), passing({{2, 1}}), passing({{256, 1}}), passing({{3, 1}, {3, 2}})})
-    EXPECT_THROW(Child::start(options, nullptr), std::invalid_argument);
+  EXPECT_THROW(Child::start(ChildOptions(), nullptr), std::invalid_argument);
+  const std::vector<ChildOptions::Passed> wrong[] = {{{2, 1}}, {{256, 1}}, {{3, 1}, {3, 2}}};
+  for (const auto& descriptors : wrong)
+    EXPECT_THROW(Child::start(command({"true"}, descriptors), nullptr), std::invalid_argument);
 }
 
 TEST(Child, EndsOnceByExitOrBySignal) {
