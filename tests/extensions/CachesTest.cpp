@@ -57,15 +57,13 @@ TEST_F(Caches, EmptiesWhatIsItsOwnAndTellsTheHost) {
             tree.list());
   expectNotice(LKSOpaqueExtensionBytesUsedDidChangeNotification);
   expectNotice(LKSOpaqueExtensionResourcesDidChangeNotification);
-  EXPECT_EQ(0, resources().at("cache/app").lks_size())
-      << "the walk from before the deletion is not used again";
+  EXPECT_EQ(0, resources().at("cache/app").lks_size()) << "the walk from before is not used again";
 }
 
 TEST_F(Caches, RefusesToDeleteAnythingElse) {
   tree.shell("cd cache; mkdir -p app/inner fine mount; touch app/inner/x fine/x; ln -s ../outside link");
   const bool isMounted = tree.mountVolume("cache/mount");
-  std::vector<std::string> bad = {"https://a.org" + cache + "/app", "file://a" + cache + "/app",
-                                  cache + "/app"};
+  std::vector<std::string> bad{"https://a" + cache + "/app", "file://a" + cache + "/app", cache + "/app"};
   for (const char* end :
        {"", "/", "/.", "/..", "/app/..", "/..%2Foutside", "/%2e%2e/outside", "/app/../../outside",
         "/app%2Finner", "/app/inner", "/link", "/link/", "/link/precious", "/nothing", "x/app", "/mount"}) {

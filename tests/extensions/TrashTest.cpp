@@ -125,6 +125,7 @@ TEST_F(Trash, EmptiesWhatTheSummarySpokeOfAndTipsOnWhatIsOld) {
 TEST_F(Trash, TellsTheHostWhatOthersDoAndKnowsTheTrashOfVolumes) {
   shell("rm -r data/Trash");
   EXPECT_TRUE(resources().empty());
+  heard.clear();
   shell("mkdir -p data/Trash/files data/Trash/info; touch data/Trash/files/a; put data/Trash a /home/a");
   expectNotices();
   EXPECT_EQ(1u, resources().count("data/Trash/files/a"));

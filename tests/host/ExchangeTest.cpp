@@ -153,13 +153,12 @@ struct Exchange : testing::Test {
                           });
   }
   /// Asks for resources and returns while the extension is at it, where it stays until `released` is set.
-  void sendAndStopInside(
-      std::promise<void>& released, std::function<void()> then = [] {}) {
+  void sendAndStopInside(std::promise<void>& released, std::function<void()> then = nullptr) {
     const auto reached = std::make_shared<std::promise<void>>();
     provider->setBeforeResources([reached, then, gate = released.get_future().share()] {
       reached->set_value();
       gate.wait();
-      then();
+      if (then) then();
     });
     send(kCmdResources, handle);
     EXPECT_EQ(reached->get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);

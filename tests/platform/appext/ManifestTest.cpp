@@ -37,7 +37,7 @@ TEST(ExecLine, UndoesTheQuotingOfDesktopEntriesAndSaysWhatIsWrong) {
   }
 }
 
-TEST(Manifest, IsReadWithItsProgramTakenFromItsOwnFolder) {
+TEST(Manifest, IsReadWithItsProgramTakenFromItsOwnFolderOrTheReasonIsNamed) {
   const ManifestTree tree;
   const std::string path = tree.write("a/org.x.extension",
                                       "[Extension]\nIdentifier=org.x\nExtensionPoint=p\nName=N\n"
@@ -48,11 +48,8 @@ TEST(Manifest, IsReadWithItsProgramTakenFromItsOwnFolder) {
   EXPECT_EQ(m.exec, (Texts{tree.path("a/../bin/x"), "a b"}));
   EXPECT_FALSE(m.hidden);
   EXPECT_TRUE(std::get<0>(readManifest(tree.write("e.extension", "[Extension]\nHidden=true\n"))).hidden);
-}
 
-TEST(Manifest, NamesWhatIsWrongInIt) {
-  const ManifestTree tree;
-  const auto reason = [](const std::string& path) { return std::get<1>(readManifest(path)); };
+  const auto reason = [](const std::string& file) { return std::get<1>(readManifest(file)); };
   const std::string id = "[Extension]\nIdentifier=e\n", point = id + "ExtensionPoint=p\n",
                     name = point + "Name=N\n";
   const std::pair<const char*, Texts> cases[] = {

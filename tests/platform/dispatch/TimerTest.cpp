@@ -78,8 +78,7 @@ TEST_F(ManualTimer, StopsWhenCancelledOrDropped) {
     dropsItself->reset();
     note(2);
   });
-  auto unfired = noting(3, 1s);
-  unfired.reset();
+  noting(3, 1s).reset();
   // Cancelled when it is submitted but has not run.
   const auto canceller = Timer::make(queue, 3s, Timer::kNever, 0ns, [&] { submitted->cancel(); });
   submitted = noting(4, 3s);

@@ -61,20 +61,7 @@ std::string expected(const std::string& priority, const std::string& rest) {
          "\nSYSLOG_IDENTIFIER=larkspan_tests\nSUBSYSTEM=corvane.storage\nCATEGORY=log\n" + rest;
 }
 
-TEST(JournalSink, WritesTheNativeProtocol) {
-  FakeJournal journal;
-  JournalSink sink(journal.path);
-  sink.write(record("100% = full"));
-  EXPECT_EQ(journal.receive(), expected("5", "MESSAGE=100% = full\n"));
-  sink.write(record("a\nPRIORITY=0", LogLevel::fault));
-  EXPECT_EQ(journal.receive(),
-            expected("2", std::string("MESSAGE\n\x0c\0\0\0\0\0\0\0", 16) + "a\nPRIORITY=0\n"));
-  const std::string large(1 << 20, 'x');
-  sink.write(record(large));
-  EXPECT_TRUE(journal.receive() == expected("5", "MESSAGE=" + large + "\n"));
-}
-
-TEST(JournalSink, CountsWhatItDropsAndSaysSoInTheNextRecord) {
+TEST(JournalSink, WritesTheNativeProtocolAndSaysInTheNextRecordHowManyItDropped) {
   FakeJournal journal;
   rlimit before;
   getrlimit(RLIMIT_NOFILE, &before);
@@ -83,6 +70,15 @@ TEST(JournalSink, CountsWhatItDropsAndSaysSoInTheNextRecord) {
   JournalSink sink(journal.path);
   sink.write(record("lost for want of a descriptor"));
   setrlimit(RLIMIT_NOFILE, &before);
+  sink.write(record("100% = full"));
+  EXPECT_EQ(journal.receive(), expected("5", "MESSAGE=100% = full\nLARKSPAN_DROPPED=1\n"));
+  sink.write(record("a\nPRIORITY=0", LogLevel::fault));
+  EXPECT_EQ(journal.receive(),
+            expected("2", std::string("MESSAGE\n\x0c\0\0\0\0\0\0\0", 16) + "a\nPRIORITY=0\n"));
+  const std::string large(1 << 20, 'x');
+  sink.write(record(large));
+  EXPECT_TRUE(journal.receive() == expected("5", "MESSAGE=" + large + "\n"));
+
   int taken = 0;  // fills the queue of the socket; a blocking sink would hang here
   for (int i = 0; i < 2000; ++i) sink.write(record("x"));
   while (journal.receive() != "nothing") ++taken;

@@ -95,8 +95,7 @@ TEST(Child, KeepsDescriptorsApartWhoseNumbersCross) {
   int first[2], second[2];
   ASSERT_EQ(pipe2(first, O_CLOEXEC), 0);
   ASSERT_EQ(pipe2(second, O_CLOEXEC), 0);
-  const Descriptor all[] = {Descriptor(first[0]), Descriptor(first[1]), Descriptor(second[0]),
-                            Descriptor(second[1])};
+  const Descriptor a(first[0]), b(first[1]), c(second[0]), d(second[1]);
   // Each has the other's number in the child.
   const std::string crossed = std::to_string(second[1]), other = std::to_string(first[1]);
   Started run(command({"sh", "-c", "echo one >/dev/fd/" + crossed + "; echo two >/dev/fd/" + other},
