@@ -145,11 +145,10 @@ struct Hostile : testing::Test, LKSExtensionNotifierDelegate {
   }
   Handle of(const std::string& identifier) { return found.at(identifier); }
 
-  void send(const std::string& to) {
-    of(to)->processInputItems({*LKSCommand::initLKSCommandItem(kCmdTips)},
-                              [this, number = sent++](const auto&, const auto& error) {
-                                outcomes.push({number, error});
-                              });
+  void send(const std::string& to, const Items& items = {*LKSCommand::initLKSCommandItem(kCmdTips)}) {
+    of(to)->processInputItems(items, [this, number = sent++](const auto&, const auto& error) {
+      outcomes.push({number, error});
+    });
   }
   /// One exchange by itself.
   std::optional<Error> ask(const std::string& to) {
@@ -175,7 +174,7 @@ struct Hostile : testing::Test, LKSExtensionNotifierDelegate {
 
 TEST_F(Hostile, ABadFrameIsNamedInOneLineAndEndsThatConnectionAlone) {
   const ManualClock noGrace;
-  const std::string reply = "=8405@82";
+  const std::string reply = "=8405@82", item = reply + "81D81B82";
   // What an extension does, "hello call" in front unless it begins with a dot, and the fault that is named.
   const std::pair<std::string, std::string> cases[] = {
       {". =8405010180", "The first frame is no hello"},
@@ -192,9 +191,12 @@ TEST_F(Hostile, ABadFrameIsNamedInOneLineAndEndsThatConnectionAlone) {
       {"=82021B0000000100000000", "No channel"},
       {"=82011844", "A channel that cannot be opened"},
       {reply + "9A40000000", "The bytes end inside an item"},
+      {reply + "8061FF", "Text that is not UTF-8"},
+      {reply + hex(std::string(100, '\x81')) + "00F6", "More than 64 levels of nesting"},
+      {item + text("Table") + "A0F6", "A malformed table"},
       {reply + "80F600", "Bytes follow the item"},
       {reply + "806178", "A string is not allowed here"},
-      {reply + "81D81B82" + text("Evil") + "A0F6", "An object of the class \"Evil\" is not allowed here"},
+      {item + text("Evil") + "A0F6", "An object of the class \"Evil\" is not allowed here"},
       {"=8405@8180", "A message with the wrong number of values"},
       {"=8406@00", "A failure without an error"},
       {"=8405!008280F6", "An answer to no call, or a second one"},
@@ -317,6 +319,18 @@ TEST_F(Hostile, ThoseThatHangOrFloodHoldNobodyUpAndTakeNoMemory) {
   for (const auto& [name, steps] : cases) of(name)->abandon();
   for (const auto& [number, error] : outcomes.waitFor(sent)) EXPECT_TRUE(error);
   EXPECT_TRUE(becomes([&] { return tally->summaries == 3; })) << "what was dropped is said once for each";
+}
+
+TEST_F(Hostile, OneThatDoesNotReadIsEndedOnceTooMuchWaitsForIt) {
+  add("deaf", "hello call " + kAnswer + " hang");
+  discover();
+  EXPECT_FALSE(ask("deaf"));
+  auto item = *LKSCommand::initLKSCommandItem(kCmdTips);
+  item.setUserInfoObject(Data::copy(std::string(limits::kMaximumFrame / 4, 'x')), "x");
+  // Just enough: one more would find a new process, and wait for it.
+  for (int i = 0; i < 9; ++i) send("deaf", {item});
+  EXPECT_TRUE(becomes([&] { return outcomes.now().size() == sent; }));
+  EXPECT_EQ(countOf("Connection to deaf ended: deaf does not read what is sent to it"), 1);
 }
 
 TEST_F(Hostile, WithoutDescriptorsTheErrorsSaySoAndNothingIsForgotten) {
