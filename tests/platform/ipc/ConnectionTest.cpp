@@ -177,7 +177,7 @@ TEST_F(RawPeer, EndsInOrderWhoeverEndsIt) {
             static_cast<ssize_t>(hello.size() - 1));
 }
 
-TEST(AcceptedConnection, SendsTablesToWhoReadsThem) {
+TEST_F(RawPeer, IsSentTablesOnceItHasSaidThatItReadsThem) {
   struct Listing : ExportedObject {
     void receive(std::string_view, const std::vector<Value>&, Reply reply) override { reply({items}); }
     Array items;
@@ -186,47 +186,20 @@ TEST(AcceptedConnection, SendsTablesToWhoReadsThem) {
   const auto item = std::make_shared<ExtensionItem>();
   item->setUserInfo({{"a", 1}, {"b", 2}, {"c", 3}, {"d", 4}});
   listing->items = {item, item};
-  const ByteBuffer greeting = encodeHello();
-  for (const bool readsTables : {false, true}) {
-    int sockets[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets), 0);
-    const Descriptor peer(sockets[1]);
-    std::promise<std::shared_ptr<Transport>> made;
-    const auto transport = made.get_future().share();
-    std::shared_ptr<Connection> accepted;
-    std::promise<void> closed;
-    Transport::Handlers handlers;
-    handlers.onOpen = [&](uint32_t channel) {
-      accepted = Connection::accept(transport.get(), channel);
-      accepted->setExported(echoInterface(), listing);
-      return accepted;
-    };
-    handlers.onClose = [&](const Error&) { closed.set_value(); };
-    made.set_value(Transport::make(Descriptor(sockets[0]), "peer", std::move(handlers)));
-    const std::string said = (readsTables ? std::string(greeting.view()) : kHello) +
-                             framed(bytes({0x82, 1, 1})) + framed(bytes({0x85, 3, 1, 1}) + "decho\x81\x01") +
-                             framed(bytes({0x82, 2, 1}));
-    EXPECT_EQ(send(peer.get(), said.data(), said.size(), 0), static_cast<ssize_t>(said.size()));
-    shutdown(peer.get(), SHUT_WR);
-    std::string heard(4096, '\0');
-    heard.resize(static_cast<std::size_t>(recv(peer.get(), heard.data(), heard.size(), MSG_WAITALL)));
-    EXPECT_EQ(heard.find("Table") != heard.npos, readsTables);
-    EXPECT_NE(heard.find("ExtensionItem"), heard.npos);
-    closed.get_future().wait();
-    accepted->invalidate();
-  }
-}
-
-TEST_F(RawPeer, IsSentTablesOnceItHasSaidThatItReadsThem) {
-  const auto item = std::make_shared<ExtensionItem>();
-  item->setUserInfo({{"a", 1}, {"b", 2}, {"c", 3}, {"d", 4}});
+  connection->setExported(echoInterface(), listing);
+  const auto isTable = [](const std::string& frame) {
+    EXPECT_NE(frame.find("ExtensionItem"), frame.npos);
+    return frame.find("Table") != frame.npos;
+  };
   for (const bool readsTables : {false, true}) {
     call("echo", 1);
-    write((readsTables ? std::string(encodeHello().view()) : kHello) +
-          answer(readFrame(FrameType::call), "\x01"));
+    const std::string first = readFrame(FrameType::call);
+    write((readsTables ? std::string(encodeHello().view()) : kHello) + answer(first, "\x01"));
     outcomes.waitFor(readsTables ? 2 : 1);
-    connection->call("echo", {Array{item, item}}, [](const auto&, const auto&) {});
-    EXPECT_EQ(readFrame(FrameType::call).find("Table") != std::string::npos, readsTables);
+    connection->call("echo", {listing->items}, [](const auto&, const auto&) {});
+    EXPECT_EQ(isTable(readFrame(FrameType::call)), readsTables);
+    write(framed(bytes({0x85, 3}) + address(first) + "decho\x81\x01"));
+    EXPECT_EQ(isTable(readFrame(FrameType::reply)), readsTables);
     transport->close(Error("test", 0));
     events.waitFor(readsTables ? 2 : 1);
   }
