@@ -9,10 +9,12 @@
 #include "larkspan/platform/archive/KeyedArchiver.h"
 #include "larkspan/platform/archive/KeyedUnarchiver.h"
 #include "larkspan/provider/ExtensionMain.h"
-#include "tests/support/ManifestTree.h"
 
 #include <benchmark/benchmark.h>
 
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <future>
 
 #include <fcntl.h>
@@ -123,11 +125,27 @@ void archive(benchmark::State& state) {
 }
 BENCHMARK(archive)->Name("archive/larkspan")->UseRealTime()->Unit(benchmark::kMicrosecond);
 
+/// A folder of that many manifests, which goes with it.
+struct Manifests {
+  std::string folder = "/tmp/larkspan-manifests-XXXXXX";
+  std::vector<std::string> paths;
+
+  explicit Manifests(int64_t count) {
+    if (!mkdtemp(folder.data())) return;
+    for (int64_t i = 0; i < count; ++i) {
+      const std::string name = "org.example.e" + std::to_string(i);
+      paths.push_back(folder + '/' + name + ".extension");
+      std::ofstream(paths.back()) << "[Extension]\nExtensionPoint=p\nExec=x\nName=N\nIdentifier=" << name
+                                  << '\n';
+    }
+  }
+  ~Manifests() { std::filesystem::remove_all(folder); }
+};
+
 /// From the start of matching to the complete set.
 void discovery(benchmark::State& state) {
-  const tests::ManifestTree tree;
-  for (int i = 0; i < state.range(0); ++i) tree.add("org.example.e" + std::to_string(i) + ".extension");
-  const tests::ScopedVariable path("LARKSPAN_EXTENSION_PATH", tree.root.c_str());
+  const Manifests manifests(state.range(0));
+  setenv("LARKSPAN_EXTENSION_PATH", manifests.folder.c_str(), 1);
   for (auto _ : state) {
     std::promise<std::size_t> found;
     bool first = true;
@@ -142,13 +160,10 @@ BENCHMARK(discovery)->Name("discovery/larkspan")->Arg(1000)->UseRealTime()->Unit
 
 /// What reading the same files costs at least.
 void readFiles(benchmark::State& state) {
-  const tests::ManifestTree tree;
-  std::vector<std::string> paths;
-  for (int i = 0; i < state.range(0); ++i)
-    paths.push_back(tree.add("org.example.e" + std::to_string(i) + ".extension"));
+  const Manifests manifests(state.range(0));
   char text[4096];
   for (auto _ : state) {
-    for (const std::string& path : paths) {
+    for (const std::string& path : manifests.paths) {
       const platform::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
       if (read(file.get(), text, sizeof text) <= 0) return state.SkipWithError("not read");
     }
