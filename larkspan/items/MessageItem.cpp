@@ -6,6 +6,8 @@
 #include "larkspan/platform/base/Saturating.h"
 #include "larkspan/platform/log/Console.h"
 
+#include <algorithm>
+
 namespace larkspan {
 
 using platform::Dictionary;
@@ -88,7 +90,8 @@ Items itemsFromValue(const Value& array) {
       items.emplace_back(std::move(item));
     } else if (const auto rows = value.objectOf<platform::TableRows>();
                rows && &rows->objectClass() == &platform::ExtensionItem::archiveClass()) {
-      items.reserve(items.size() + rows->size());
+      if (const std::size_t size = items.size() + rows->size(); size > items.capacity())
+        items.reserve(std::max(size, 2 * items.capacity()));
       for (uint32_t row = 0; row < rows->size(); ++row) items.emplace_back(rows, row);
     }
   }

@@ -25,7 +25,8 @@ using OptionalText = std::optional<std::string_view>;
 /// kinds of item (LKSResource, LKSTipMessage, …) are views with more accessors and can be made from any
 /// MessageItem. Getters hand on what is stored: absent or of another type reads as nothing, 0 or false unless
 /// said otherwise. Setters of objects store nothing by removing the key.
-/// Owner:  the item lives as long as a view shows it.
+/// Owner:  the item lives as long as a view shows it. A view of a long list that came from another process keeps the
+///         list's bytes and all items that were made of it; `MessageItem(view.item())` keeps the bytes alone.
 /// Thread: one item is not to be changed from two threads at a time.
 class MessageItem {
  public:

@@ -221,8 +221,11 @@ std::span<const PlainRun> KeyedUnarchiver::plainRows(const TableForm& form, cons
   std::size_t start = reader_.position();
   plainAt(start);
   const auto isNext = [&](const PlainRun& run) {
-    if (run.start != start || run.entries != form.keys->size() || !classes.admitsWithin(run.kinds))
+    // Maps have runs of their own.
+    if (run.start != start || run.entries != form.keys->size() || !classes.admitsWithin(run.kinds) ||
+        static_cast<uint8_t>(frame_.data()[start]) >> 5 != static_cast<uint8_t>(CborMajor::array)) {
       return false;
+    }
     start = run.end;
     return true;
   };

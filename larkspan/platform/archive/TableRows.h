@@ -18,8 +18,8 @@ namespace larkspan::platform {
 struct ObjectClass;
 
 /// The objects of a table whose rows are plain, in their encoded form: each is made when somebody asks for it. A list of
-/// many thousands so costs little more than its bytes, which it keeps as long as any part of it is in use.
-/// Owner:  std::shared_ptr.
+/// many thousands so costs little more than its bytes.
+/// Owner:  std::shared_ptr. It keeps all of the frame, and each object that was made; an object keeps the frame.
 /// Thread: any. An object that was made is not to be changed while its row is read.
 class TableRows final : public PackedMembers {
  public:

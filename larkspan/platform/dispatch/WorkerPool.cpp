@@ -3,7 +3,6 @@
 #include "larkspan/platform/dispatch/Thread.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -25,8 +24,6 @@ constexpr auto kTick = std::chrono::milliseconds(2);
 constexpr auto kTickAtCap = std::chrono::milliseconds(50);
 // Workers that wait by spinning look busy. After this many ticks without progress one is added anyway.
 constexpr unsigned kPatience = 50;
-// Tasks that a worker takes at most besides the one it runs.
-constexpr std::size_t kBatch = 16;
 
 unsigned processorCount() {
   static const unsigned count = std::max(2U, std::thread::hardware_concurrency());
@@ -47,24 +44,11 @@ bool isRunnable(int thread) {
   return name && std::strncmp(name, ") R", 3) == 0;
 }
 
-TaskNode* takeFrom(std::atomic<TaskNode*>& place) {
-  return place.load(std::memory_order_relaxed) ? place.exchange(nullptr, std::memory_order_acq_rel) : nullptr;
-}
-
-// Of a number that one thread writes.
-void countUp(std::atomic<uint64_t>& number) {
-  number.store(number.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-}
-
 }  // namespace
 
 struct WorkerPool::Worker {
   int thread = gettid();
   const DispatchQueue* running = nullptr;
-  // Tasks of the queue it runs that it will run next, unless another worker finds nothing else to do and takes
-  // them. Filled under the mutex.
-  std::array<std::atomic<TaskNode*>, kBatch> batch{};
-  std::atomic<uint64_t> taken{0};  // Work ever taken; tells the monitor of progress.
   sem_t wake;
 
   Worker() { sem_init(&wake, 0, 0); }
@@ -127,9 +111,7 @@ void WorkerPool::push(TaskNode* node) {
   wake(sleeper);
 }
 
-// Takes the oldest work, and if much more waits for the same queue some of that too: for small tasks, taking
-// the mutex is what costs.
-TaskNode* WorkerPool::pop(Worker& taker) {
+TaskNode* WorkerPool::pop() {
   TaskNode* first = first_.load(std::memory_order_relaxed);
   if (!first) {
     TaskNode* newest = inbox_.exchange(nullptr);
@@ -137,38 +119,12 @@ TaskNode* WorkerPool::pop(Worker& taker) {
       TaskNode* const older = newest->next;
       newest->next = first;
       first = std::exchange(newest, older);
-      ++length_;
     }
-    if (!first) return steal();
+    if (!first) return nullptr;
   }
-  TaskNode* next = first->next;
-  const std::size_t more = std::min(taker.batch.size(), (length_ - 1) / (2 * processorCount()));
-  std::size_t taken = 0;
-  for (; taken < more && next->owner == first->owner; next = next->next)
-    taker.batch[taken++].store(next, std::memory_order_relaxed);
-  first_.store(next, std::memory_order_relaxed);
-  length_ -= 1 + taken;
+  first_.store(first->next, std::memory_order_relaxed);
+  ++taken_;
   return first;
-}
-
-TaskNode* WorkerPool::steal() {
-  for (Worker* worker : workers_)
-    for (auto& place : worker->batch)
-      if (TaskNode* const node = takeFrom(place)) return node;
-  return nullptr;
-}
-
-bool WorkerPool::workWaits() const {
-  const auto waits = [](const auto& place) { return place.load(std::memory_order_relaxed) != nullptr; };
-  return hasWaiting() || std::any_of(workers_.begin(), workers_.end(), [&](const Worker* worker) {
-           return std::any_of(worker->batch.begin(), worker->batch.end(), waits);
-         });
-}
-
-uint64_t WorkerPool::taken() const {
-  uint64_t sum = 0;
-  for (const Worker* worker : workers_) sum += worker->taken.load(std::memory_order_relaxed);
-  return sum;
 }
 
 // Whether a pusher has nobody to tell: a worker is on its way, or all are busy and the monitor watches them.
@@ -232,36 +188,28 @@ void WorkerPool::work() {
   workers_.push_back(&self);
   bool searching = true;
   for (;;) {
-    if (TaskNode* const node = pop(self)) {
+    if (TaskNode* const node = pop()) {
       if (searching) --searching_;
       searching = false;
       updateAttended();
-      Worker* const next = workWaits() ? summonWorker() : nullptr;
+      Worker* const next = hasWaiting() ? summonWorker() : nullptr;
       owner = std::move(node->owner);
       self.running = owner.get();
       ++busy_;
       lock.unlock();
       wake(next);
-      countUp(self.taken);
       owner->execute(node);
-      for (auto& place : self.batch) {
-        TaskNode* const another = takeFrom(place);
-        if (!another) continue;
-        another->owner.reset();
-        countUp(self.taken);
-        owner->execute(another);
-      }
       lock.lock();
       self.running = nullptr;
       owner.reset();
-      if (--busy_ == 0 && !workWaits()) IdleSignal::notify();
+      if (--busy_ == 0 && !hasWaiting()) IdleSignal::notify();
       continue;
     }
     sleepers_.push_back(&self);
     if (searching) --searching_;
     searching = false;
     updateAttended();
-    if (workWaits()) {
+    if (hasWaiting()) {
       sleepers_.pop_back();
       continue;
     }
@@ -288,28 +236,28 @@ void WorkerPool::monitor() {
   std::vector<int> threads;
   std::unique_lock lock(mutex_);
   for (;;) {
-    while (!workWaits()) {
+    while (!hasWaiting()) {
       monitorSleeps_ = true;
       updateAttended();
-      if (!workWaits()) monitorWake_.wait(lock);
+      if (!hasWaiting()) monitorWake_.wait(lock);
       monitorSleeps_ = false;
       updateAttended();
     }
-    for (unsigned quiet = 0; workWaits() && quiet <= kPatience; ++quiet) {
-      const uint64_t before = taken();
+    for (unsigned quiet = 0; hasWaiting() && quiet <= kPatience; ++quiet) {
+      const uint64_t before = taken_;
       const auto tick = count_ < kMaxWorkers ? kTick : kTickAtCap;
       lock.unlock();
       std::this_thread::sleep_for(tick);
       lock.lock();
-      if (!workWaits() || taken() != before || searching_ != 0) break;
+      if (!hasWaiting() || taken_ != before || searching_ != 0) break;
       threads.clear();
       for (const Worker* worker : workers_) threads.push_back(worker->thread);
       lock.unlock();
       const auto runnable = static_cast<unsigned>(std::count_if(threads.begin(), threads.end(), isRunnable));
       lock.lock();
-      if (taken() != before) break;
+      if (taken_ != before) break;
       unsigned wanted = runnable < processorCount() ? processorCount() - runnable : quiet == kPatience;
-      for (; wanted != 0 && workWaits() && count_ < kMaxWorkers; --wanted) spawn();
+      for (; wanted != 0 && hasWaiting() && count_ < kMaxWorkers; --wanted) spawn();
     }
   }
 }

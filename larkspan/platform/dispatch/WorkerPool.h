@@ -29,8 +29,7 @@ class PooledQueue : public DispatchQueue {
 /// from a socket does, is followed by the worker on the same processor, which is cheaper than keeping another
 /// one busy. At most one worker is on its way to the work at a time, and it wakes the next when it finds more
 /// than it takes: a burst of tasks does not wake the whole pool, and a task posted while a worker is on its
-/// way, or while all are busy, costs one atomic operation. Of a long line of tasks for one concurrent queue a
-/// worker takes several, which another worker may still take from it.
+/// way, or while all are busy, costs one atomic operation.
 ///
 /// Limits: `kMaxWorkers` tasks that are all blocked on tasks queued behind them wait forever.
 class WorkerPool {
@@ -56,10 +55,7 @@ class WorkerPool {
 
   void work();
   void monitor();
-  TaskNode* pop(Worker& taker);
-  TaskNode* steal();
-  bool workWaits() const;
-  uint64_t taken() const;
+  TaskNode* pop();
   Worker* summonWorker();
   void updateAttended();
   static void wake(Worker* sleeper);
@@ -71,7 +67,7 @@ class WorkerPool {
   std::atomic<bool> attended_{false};  // Written under the mutex; whoever makes it false then looks for work.
   alignas(64) std::mutex mutex_;
   std::atomic<TaskNode*> first_{nullptr};  // Work out of the inbox, oldest first; written under the mutex.
-  std::size_t length_ = 0;                 // Of the list that begins there.
+  uint64_t taken_ = 0;                     // Work ever taken; tells the monitor of progress.
   std::vector<Worker*> workers_;
   std::vector<Worker*> sleepers_;  // The last to fall asleep wakes first, so that the others time out.
   unsigned count_ = 0;             // Workers, started or starting.

@@ -389,6 +389,9 @@ TEST(Archive, WritesNeighboursOfTheSameKeysAsTables) {
     EXPECT_EQ(codeOf(unarchived(patched, classes).error), code) << to;
   }
   EXPECT_EQ(codeOf(unarchived(table.substr(1), classes).error), Code::forbiddenClass) << "beside no array";
+  std::string maps = table.substr(0, table.find("\x82\x84\x01")) + '\x90';
+  for (int i = 0; i < 16; ++i) maps += "\xA4\x61x\x01\x61y\x02\x61z\x03\x61w\x04";
+  EXPECT_EQ(codeOf(unarchived(maps, classes).error), Code::malformed) << "a map is no row, nor are many";
 
   // Many small tables cost no more than as many rows of one.
   constexpr int kTables = 20'000;
