@@ -37,8 +37,8 @@ inline Date dateOf(const struct statx_timestamp& time) { return {time.tv_sec, ti
 /// for what is no folder, EXDEV for one that is not on `mount`.
 int openFolderAt(int parent, const char* name, uint64_t mount, FolderOpening opening, Descriptor& result);
 
-/// Whether the folder's file system is one of those in which nothing mounts itself when it is opened, and the
-/// last entry of a folder tells that it is the last (`DirectoryReader::tellEnd`): tmpfs, ext2 to ext4, XFS, Btrfs.
+/// Whether the folder's file system is tmpfs, ext2 to ext4, XFS or Btrfs, where a folder may be removed while it is
+/// open, and `DirectoryReader::tellEnd` is right.
 bool isInWellKnownFileSystem(int folder);
 
 /// Reads the entries of folders, with one buffer for all of them.
@@ -68,8 +68,8 @@ class DirectoryReader {
   }
 
   /// Whether nothing follows these entries, of a folder in a well-known file system: the position behind the
-  /// last of them is then the end of any folder, as far as the file system uses such a position. That is more
-  /// than room left in the buffer tells, which a signal or a failing disk leaves, too.
+  /// last of them is then one that stands for the end of any folder. Where there is none, as in XFS or an older
+  /// tmpfs, this is never so. Room left in the buffer would tell less: a signal or a failing disk leaves some, too.
   static bool tellEnd(std::string_view entries) {
     int64_t position = 0;
     for (std::size_t at = 0; at < entries.size();) {

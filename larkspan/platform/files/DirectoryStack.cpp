@@ -100,9 +100,6 @@ int DirectoryStack::enter(const std::string& name, struct statx& facts) {
   if (parent < 0) return ESTALE;
   Descriptor directory;
   const auto open = [&] {
-    // What fails is looked at once more, as elsewhere.
-    if (isWellKnown_ && openFolderAt(parent, name.c_str(), mount_, opening_, directory) == 0)
-      return factsAt(directory.get(), "", facts);
     // Before opening, because opening the place of an automount would mount it.
     if (const int error = factsAt(parent, name.c_str(), facts)) return error;
     if (mountOf(facts) != mount_) return EXDEV;
@@ -118,11 +115,16 @@ int DirectoryStack::enter(const std::string& name, struct statx& facts) {
   if (error) return error;
   Level& level = levels_.emplace_back();
   level.directory = std::move(directory);
-  // If another folder was put there between look and opening, this level is lost once it is closed.
+  // If another folder was put there before it was opened, this level is lost once it is closed.
   level.identity = identityOf(facts);
   level.name = name;
-  if (levels_.size() > kOpenLevels + 1)
-    needless_ = std::move(levels_[levels_.size() - 1 - kOpenLevels].directory);
+  if (levels_.size() > kOpenLevels + 1) {
+    Descriptor& above = levels_[levels_.size() - 1 - kOpenLevels].directory;
+    if (isWellKnown_)
+      needless_ = std::move(above);
+    else
+      above.reset();
+  }
   return 0;
 }
 

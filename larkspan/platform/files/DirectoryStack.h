@@ -49,8 +49,8 @@ class DirectoryStack {
   int enter(const std::string& name, struct statx& facts);
   /// Takes the top level away; not for the start.
   void leave();
-  /// A folder that `enter` or `leave` has just made needless, if any, for the caller to close. In a well-known file
-  /// system one that was left comes when the next one is left, and may have been removed by then.
+  /// A folder that `enter` or `leave` has just made needless, if any, for the caller to close. One that was left
+  /// comes when the next one is left, and may have been removed by then.
   Descriptor takeNeedless() { return std::move(needless_); }
 
   /// Whether these entries of the top folder are known to be the last, so that nobody need ask for more.

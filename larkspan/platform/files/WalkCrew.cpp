@@ -27,7 +27,7 @@ constexpr int kPatience = 2000;
 constexpr std::size_t kManyEntries = 16 * 1024;
 
 /// Tells the processor that this is a loop that waits.
-void pause() {
+void relax() {
 #if defined(__x86_64__) || defined(__i386__)
   __builtin_ia32_pause();
 #elif defined(__aarch64__)
@@ -43,13 +43,13 @@ bool WalkCrew::Part::mayGive() const {
 
 int WalkCrew::Part::enter(const std::string& name, struct statx& facts) {
   const int error = stack_.enter(name, facts);
-  crew_.close(stack_.takeNeedless());
+  crew_.close(stack_.takeNeedless(), unattended_);
   return error;
 }
 
 void WalkCrew::Part::leave() {
   stack_.leave();
-  crew_.close(stack_.takeNeedless());
+  crew_.close(stack_.takeNeedless(), unattended_);
 }
 
 void WalkCrew::Part::giveAway() {
@@ -129,12 +129,12 @@ void WalkCrew::updateAppetite() {
                   std::memory_order_relaxed);
 }
 
-void WalkCrew::close(Descriptor folder) {
+void WalkCrew::close(Descriptor folder, unsigned& unattended) {
   if (!folder) return;
   int state = toClose_.load(std::memory_order_relaxed);
   if (state == kNone && toClose_.compare_exchange_strong(state, folder.get(), std::memory_order_relaxed)) {
     folder.release();
-  } else if (state == kUnattended && ++unattended_ % kWorthSharing == 0) {
+  } else if (state == kUnattended && ++unattended % kWorthSharing == 0) {
     const std::lock_guard lock(mutex_);
     callHelper();
   }
@@ -146,7 +146,7 @@ void WalkCrew::closeForOthers() {
   for (int waits = 0; waits < kPatience && !isCalled_.load(std::memory_order_relaxed); ++waits) {
     folder = toClose_.load(std::memory_order_relaxed);
     if (folder == kNone) {
-      pause();
+      relax();
     } else {
       toClose_.store(kNone, std::memory_order_relaxed);
       ::close(folder);

@@ -77,6 +77,7 @@ class WalkCrew {
     friend class WalkCrew;
     bool mayGive() const;
     std::shared_ptr<Awaited> awaited_;
+    unsigned unattended_ = 0;  // Folders closed while nobody else would.
   };
 
   WalkCrew();
@@ -96,7 +97,7 @@ class WalkCrew {
   void updateAppetite();
   void callAll();
   void callHelper();
-  void close(Descriptor folder);
+  void close(Descriptor folder, unsigned& unattended);
   void closeForOthers();
 
   std::mutex mutex_;
@@ -112,7 +113,6 @@ class WalkCrew {
   // For the thread that closes for others: a folder, or one of the constants; and whether it shall stop.
   std::atomic<int> toClose_ = kUnattended;
   std::atomic<bool> isCalled_ = false;
-  std::atomic<unsigned> unattended_ = 0;  // Folders closed while there was no such thread.
 };
 
 }  // namespace larkspan::platform
