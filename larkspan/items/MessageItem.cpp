@@ -6,8 +6,6 @@
 #include "larkspan/platform/base/Saturating.h"
 #include "larkspan/platform/log/Console.h"
 
-#include <algorithm>
-
 namespace larkspan {
 
 using platform::Dictionary;
@@ -85,13 +83,12 @@ platform::Array arrayFromItems(const Items& items) {
 Items itemsFromValue(const Value& array) {
   Items items;
   const platform::Array values = array.array();
+  items.reserve(values.size());
   for (const Value& value : values.packed()) {
     if (auto item = value.objectOf<platform::ExtensionItem>()) {
       items.emplace_back(std::move(item));
     } else if (const auto rows = value.objectOf<platform::TableRows>();
                rows && &rows->objectClass() == &platform::ExtensionItem::archiveClass()) {
-      if (const std::size_t size = items.size() + rows->size(); size > items.capacity())
-        items.reserve(std::max(size, 2 * items.capacity()));
       for (uint32_t row = 0; row < rows->size(); ++row) items.emplace_back(rows, row);
     }
   }

@@ -88,8 +88,10 @@ class MessageItem {
   void setLks_helpBook(OptionalText book) { setUserInfoObject(book, kHelpBookKey); }
 
   std::string description() const { return item()->description(); }
+  // Only an item and a row that made it are compared as items.
   friend bool operator==(const MessageItem& a, const MessageItem& b) {
-    return a.source_ == b.source_ ? a.row_ == b.row_ : a.row_ != b.row_ && a.item() == b.item();
+    if (a.source_ == b.source_) return a.row_ == b.row_;
+    return (a.row_ == kNoRow) != (b.row_ == kNoRow) && a.item() == b.item();
   }
 
   // Older names.

@@ -3,7 +3,6 @@
 #include "larkspan/platform/archive/Archivable.h"
 #include "larkspan/platform/archive/PackedDictionary.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace larkspan::platform {
@@ -44,9 +43,6 @@ std::shared_ptr<Object> TableRows::object(std::size_t row) const {
 }
 
 void TableRows::unpack(std::vector<Value>& members) const {
-  // There may be many tables.
-  if (const std::size_t size = members.size() + rows_.size(); size > members.capacity())
-    members.reserve(std::max(size, 2 * members.capacity()));
   for (std::size_t row = 0; row < rows_.size(); ++row) members.emplace_back(object(row));
 }
 

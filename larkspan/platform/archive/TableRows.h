@@ -28,7 +28,7 @@ class TableRows final : public PackedMembers {
             std::span<const PlainRun> rows);
 
   const ObjectClass& objectClass() const { return objectClass_; }
-  std::size_t size() const { return rows_.size(); }
+  std::size_t size() const override { return rows_.size(); }
   /// What the row's object has in its dictionary under the key, or none.
   Value get(std::size_t row, std::string_view key) const;
   /// The row's object, the same each time.

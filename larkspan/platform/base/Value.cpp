@@ -67,20 +67,38 @@ std::strong_ordering orderEntries(const Dictionary& a, const Dictionary& b) {
 
 }  // namespace
 
-struct Array::Storage {
-  Storage(std::vector<Value> members, bool packed) : values(std::move(members)), isPacked(packed) {}
+namespace {
 
+const PackedMembers* packedIn(const Value& value) {
+  const auto* const object = value.contentAs<std::shared_ptr<Object>>();
+  return object ? dynamic_cast<const PackedMembers*>(object->get()) : nullptr;
+}
+
+}  // namespace
+
+struct Array::Storage {
   const std::vector<Value> values;
+  const std::size_t size;  // With what is packed in them.
   const bool isPacked;
-  mutable std::once_flag unpacking;
-  mutable std::vector<Value> unpacked;
+  mutable std::once_flag unpacking{};
+  mutable std::vector<Value> unpacked{};
+
+  Storage(std::vector<Value> members, std::size_t count, bool packed)
+      : values(std::move(members)), size(count), isPacked(packed) {}
 };
 
-Array::Array(std::vector<Value> values)
-    : storage_(values.empty() ? nullptr : std::make_shared<const Storage>(std::move(values), false)) {}
+Array::Array(std::vector<Value> values) {
+  const std::size_t size = values.size();
+  if (size > 0) storage_ = std::make_shared<const Storage>(std::move(values), size, false);
+}
 Array::Array(std::initializer_list<Value> values) : Array(std::vector<Value>(values)) {}
 Array Array::withPacked(std::vector<Value> values) {
-  return Array(std::make_shared<const Storage>(std::move(values), true));
+  std::size_t size = 0;
+  for (const Value& value : values) {
+    const PackedMembers* const members = packedIn(value);
+    size += members ? members->size() : 1;
+  }
+  return Array(std::make_shared<const Storage>(std::move(values), size, true));
 }
 
 std::span<const Value> Array::packed() const {
@@ -90,16 +108,16 @@ std::span<const Value> Array::packed() const {
 std::span<const Value> Array::values() const {
   if (!storage_ || !storage_->isPacked) return packed();
   std::call_once(storage_->unpacking, [this] {
+    storage_->unpacked.reserve(storage_->size);
     for (const Value& value : storage_->values) {
-      const auto* const object = value.contentAs<std::shared_ptr<Object>>();
-      const auto* const members = object ? dynamic_cast<const PackedMembers*>(object->get()) : nullptr;
+      const PackedMembers* const members = packedIn(value);
       members ? members->unpack(storage_->unpacked) : storage_->unpacked.push_back(value);
     }
   });
   return storage_->unpacked;
 }
 
-std::size_t Array::size() const { return values().size(); }
+std::size_t Array::size() const { return storage_ ? storage_->size : 0; }
 const Value& Array::operator[](std::size_t index) const { return values()[index]; }
 const Value* Array::begin() const { return values().data(); }
 const Value* Array::end() const { return values().data() + values().size(); }

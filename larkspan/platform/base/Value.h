@@ -34,12 +34,13 @@ struct Data {
 /// Neighbours in an array that need not be made before somebody asks for them: for decoders.
 class PackedMembers : public Object {
  public:
+  virtual std::size_t size() const = 0;
   /// Appends them; the same objects each time.
   virtual void unpack(std::vector<Value>& members) const = 0;
 };
 
 /// Values in order; immutable, copies share the elements. One that came from another process may keep members in their
-/// encoded form until somebody asks for any of them, or for how many there are.
+/// encoded form until somebody asks for any of them.
 class Array {
  public:
   Array() = default;

@@ -88,6 +88,7 @@ thread_local Cache cache;
 TaskNode* TaskNode::make(Task&& task) {
   Cache& mine = cache;
   if (mine.closed) {
+    // Nobody would take the others out of this cache.
     TaskNode* const node = makeChain();
     giveUpChain(node->next);
     node->task = std::move(task);
