@@ -109,8 +109,16 @@ class CborWriter {
   }
   void float32(float value);
   void float64(double value);
-  void text(std::string_view utf8) { string(CborMajor::text, utf8); }
-  void bytes(std::string_view raw) { string(CborMajor::bytes, raw); }
+  void text(std::string_view utf8) { detail::copyBytes(string(CborMajor::text, utf8.size()), utf8); }
+  void bytes(std::string_view raw) { detail::copyBytes(string(CborMajor::bytes, raw.size()), raw); }
+  /// The head of a text or byte string; the caller fills in its content at once, at what this answers.
+  char* string(CborMajor major, std::size_t size) {
+    char* const to = out_.room(detail::kLongestHead + size);
+    const std::size_t head = detail::encodeHead(to, static_cast<unsigned>(major), size);
+    out_.advance(head + size);
+    ++elements_;
+    return to + head;
+  }
   /// The head of an array; the items follow.
   void array(std::size_t items) { head(CborMajor::array, items); }
   /// The head of a map; keys and values follow in turn.
@@ -159,13 +167,6 @@ class CborWriter {
     ++elements_;
   }
   void writeFloat(uint8_t head, uint64_t leftmostBits, std::size_t size);
-  void string(CborMajor major, std::string_view content) {
-    char* const to = out_.room(detail::kLongestHead + content.size());
-    const std::size_t head = detail::encodeHead(to, static_cast<unsigned>(major), content.size());
-    detail::copyBytes(to + head, content);
-    out_.advance(head + content.size());
-    ++elements_;
-  }
 
   ByteBuffer& out_;
   std::size_t start_;

@@ -6,6 +6,8 @@
 #include "larkspan/platform/base/Utf8.h"
 
 #include <algorithm>
+#include <array>
+#include <cstring>
 #include <string>
 #include <typeinfo>
 #include <utility>
@@ -14,26 +16,70 @@ namespace larkspan::platform {
 
 namespace {
 
-/// A tag, its array, a map, an array of rows and a row.
-constexpr unsigned kTableDepth = 5;
+/// A tag, its array, a map, the array of columns, a column and the array of its values.
+constexpr unsigned kTableDepth = 6;
 /// A date.
 constexpr unsigned kFlatDepth = 2;
 
-/// The keys of a dictionary that can be a row: none of one whose entries stay encoded as a map.
-std::vector<std::string_view> rowKeysOf(const Dictionary& dictionary) {
-  std::vector<std::string_view> keys;
-  if (const Dictionary::Packed* const packed = dictionary.packed()) {
-    if (!packed->rowKeys) return keys;
-    for (const Slice& key : *packed->rowKeys) keys.push_back(key.view());
-  } else {
-    for (const auto& entry : dictionary) keys.push_back(entry.key());
-  }
-  return keys;
-}
+using Form = TableColumn::Form;
+
+bool isFlat(Value::Kind kind) { return kind <= Value::Kind::url; }
 
 /// Mostly one text in both places.
-bool isSameKey(std::string_view a, std::string_view b) {
+bool isSame(std::string_view a, std::string_view b) {
   return a.size() == b.size() && (a.data() == b.data() || a == b);
+}
+
+std::string_view textOf(const Value& value) {
+  const auto* const text = value.contentAs<Slice>();
+  return text ? text->view() : value.contentAs<URL>()->absoluteString();
+}
+
+/// Quicker than `==` for what columns mostly hold.
+bool isSame(const Value& a, const Value& b) {
+  if (a.kind() != b.kind()) return false;
+  if (a.kind() == Value::Kind::string) return isSame(textOf(a), textOf(b));
+  if (a.kind() == Value::Kind::boolean) return *a.contentAs<bool>() == *b.contentAs<bool>();
+  return a == b;
+}
+
+/// What the rows of a table, so far, have under one key.
+struct ColumnContent {
+  Value::Kind kind;
+  bool isOfOneKind = true;
+  bool isOneValue = true;
+  /// Of the texts or URLs.
+  std::size_t bytes = 0;
+
+  void add(const Value& value, const Value& first) {
+    isOfOneKind = isOfOneKind && value.kind() == kind;
+    isOneValue = isOneValue && isSame(value, first);
+    if (isOfOneKind && (kind == Value::Kind::string || kind == Value::Kind::url))
+      bytes += textOf(value).size();
+  }
+  Form form() const {
+    if (isOneValue) return Form::same;
+    if (!isOfOneKind) return Form::values;
+    switch (kind) {
+      case Value::Kind::integer:
+        return Form::integers;
+      case Value::Kind::string:
+        return Form::texts;
+      case Value::Kind::url:
+        return Form::urls;
+      case Value::Kind::date:
+        return Form::dates;
+      default:
+        return Form::values;
+    }
+  }
+};
+
+template <typename Integer>
+void storeBigEndian(char*& to, Integer value) {
+  const uint64_t bytes = detail::bigEndian(static_cast<uint64_t>(value) << (64 - 8 * sizeof value));
+  std::memcpy(to, &bytes, sizeof value);
+  to += sizeof value;
 }
 
 }  // namespace
@@ -162,78 +208,117 @@ void KeyedArchiver::writeArray(const Array& array) {
 }
 
 /// Writes as many of the members as make one table; 0 when that is not two at least.
+///
+/// The rows are gone through twice, once to find out what each column holds and how long it is, and then column by column,
+/// which writes each at its place without another copy.
 std::size_t KeyedArchiver::writeTable(std::span<const Value> members) {
+  if (tables_ == Tables::no || members.size() < 2 || withinError_) return 0;
+  if (depth_ + kTableDepth + kFlatDepth > limits::kMaximumDepth) return 0;
   const ObjectClass* objectClass = nullptr;
-  // Of a member that is an object of the table's class, or of any as long as there is none.
+  // Of a member that is an object of the table's class, or of any as long as there is none. What is encoded already as a
+  // map goes on so.
   const auto rowOf = [&](const Value& member) -> const Dictionary* {
     const auto* const object = member.contentAs<std::shared_ptr<Object>>();
     const Archivable* const archivable = object ? archivableOf(**object) : nullptr;
     if (!archivable || (objectClass && objectClass != &archivable->objectClass())) return nullptr;
     objectClass = &archivable->objectClass();
-    return archivable->row();
+    const Dictionary* const row = archivable->row();
+    return row && !row->packed() ? row : nullptr;
   };
-  if (tables_ == Tables::no || members.size() < 2 || withinError_) return 0;
-  if (depth_ + kTableDepth + kFlatDepth > limits::kMaximumDepth) return 0;
   const Dictionary* const first = rowOf(members[0]);
-  const Dictionary* const second = first && first->size() >= Table::kFewestKeys ? rowOf(members[1]) : nullptr;
-  if (!second) return 0;
-  const std::vector<std::string_view> keys = rowKeysOf(*first);
-  if (rowKeysOf(*second) != keys) return 0;
+  if (!first || first->size() < Table::kFewestKeys) return 0;
+  const std::span<const Dictionary::Entry> keys(first->begin(), first->size());
+  const auto fits = [&](const Dictionary::Entry* row) {
+    for (const Dictionary::Entry& entry : keys) {
+      if (!isSame(row->key(), entry.key()) || !isFlat(row->value.kind())) return false;
+      ++row;
+    }
+    return true;
+  };
 
-  const CborWriter::Mark start = writer_.mark();
+  std::array<const Dictionary::Entry*, Table::kMostRows> rows;
+  std::vector<ColumnContent> columns(keys.size());
+  std::size_t count = 0;
+  for (; count < std::min(rows.size(), members.size()); ++count) {
+    const Dictionary* const row = rowOf(members[count]);
+    if (!row || row->size() != keys.size() || !fits(row->begin())) break;
+    rows[count] = row->begin();
+    for (std::size_t i = 0; i < columns.size(); ++i) {
+      if (count == 0) columns[i].kind = keys[i].value.kind();
+      columns[i].add(rows[count][i].value, keys[i].value);
+    }
+  }
+  if (count < 2) return 0;
+
+  cells_ += count * keys.size();
   depth_ += kTableDepth;
   writer_.tag(CborTag::object);
   writer_.array(2);
   writer_.text(Table::kName);
-  writer_.map(3);
+  writer_.map(4);
   writer_.text(Table::kClass);
   writer_.text(objectClass->name);
   writer_.text(Table::kKeys);
   writer_.array(keys.size());
-  for (const std::string_view key : keys) writer_.text(key);
+  for (const Dictionary::Entry& entry : keys) writeText(entry.key());
   writer_.text(Table::kRows);
-  const CborWriter::Mark rows = writer_.openArray(members.size());
-  std::size_t count = 0;
-  for (; count < members.size() && !error_; ++count) {
-    const Dictionary* const row = rowOf(members[count]);
-    if (!row || !writeRow(*row, keys)) break;
-  }
+  writer_.integer(static_cast<int64_t>(count));
+  writer_.text(Table::kColumns);
+  writer_.array(keys.size());
+  const std::span<const Dictionary::Entry* const> written(rows.data(), count);
+  for (std::size_t i = 0; i < columns.size() && !error_; ++i)
+    writeColumn(written, i, columns[i].form(), columns[i].bytes);
   depth_ -= kTableDepth;
-  if (count < 2 && !error_) {
-    writer_.rewind(start);
-    return 0;
-  }
-  writer_.closeArray(rows, count);
   return count;
 }
 
-/// False, with nothing written, for a dictionary that has other keys, or holds what is written in no row. A row that came in a
-/// table goes out as it came.
-bool KeyedArchiver::writeRow(const Dictionary& row, std::span<const std::string_view> keys) {
-  if (row.size() != keys.size()) return false;
-  if (const Dictionary::Packed* const packed = row.packed()) {
-    if (!packed->rowKeys || packed->levels > 1 + kFlatDepth) return false;
-    const auto isKey = [](std::string_view key, const Slice& own) { return isSameKey(key, own.view()); };
-    if (!std::equal(keys.begin(), keys.end(), packed->rowKeys->begin(), isKey)) return false;
-    if (hasRoom(packed->bytes.size())) writer_.raw(packed->bytes.view(), packed->elements);
-    return true;
-  }
-  const CborWriter::Mark start = writer_.mark();
-  writer_.array(keys.size());
-  const Dictionary::Entry* entry = row.begin();
-  for (const std::string_view key : keys) {
-    if (!isSameKey(key, entry->key()) || !writeFlat(entry->value)) {
-      writer_.rewind(start);
-      return false;
+/// Writes the values with that index; texts have so many bytes in all.
+void KeyedArchiver::writeColumn(std::span<const Dictionary::Entry* const> rows, std::size_t index, Form form,
+                                std::size_t bytes) {
+  const auto valueOf = [index](const Dictionary::Entry* row) -> const Value& { return row[index].value; };
+  const bool hasTwo = form >= Form::texts;
+  writer_.array(hasTwo ? 3 : 2);
+  writer_.text(Table::kForms[static_cast<std::size_t>(form)]);
+  if (!hasRoom(12 * rows.size() + bytes)) return;
+  switch (form) {
+    case Form::same:
+      writeFlat(valueOf(rows.front()));
+      break;
+    case Form::values:
+      writer_.array(rows.size());
+      for (const auto* const row : rows) writeFlat(valueOf(row));
+      break;
+    case Form::integers: {
+      char* to = writer_.string(CborMajor::bytes, sizeof(int64_t) * rows.size());
+      for (const auto* const row : rows) storeBigEndian(to, *valueOf(row).contentAs<int64_t>());
+      break;
     }
-    ++entry;
+    case Form::texts:
+    case Form::urls: {
+      char* to = writer_.string(CborMajor::bytes, sizeof(uint32_t) * rows.size());
+      for (const auto* const row : rows)
+        storeBigEndian(to, static_cast<uint32_t>(textOf(valueOf(row)).size()));
+      to = writer_.string(CborMajor::text, bytes);
+      for (const auto* const row : rows) {
+        const std::string_view text = textOf(valueOf(row));
+        detail::copyBytes(to, text);
+        to += text.size();
+      }
+      break;
+    }
+    case Form::dates: {
+      char* to = writer_.string(CborMajor::bytes, sizeof(int64_t) * rows.size());
+      for (const auto* const row : rows) storeBigEndian(to, valueOf(row).contentAs<Date>()->seconds);
+      to = writer_.string(CborMajor::bytes, sizeof(uint32_t) * rows.size());
+      for (const auto* const row : rows) storeBigEndian(to, valueOf(row).contentAs<Date>()->nanoseconds);
+      break;
+    }
   }
   hasRoom(0);
-  return true;
 }
 
 void KeyedArchiver::writeDictionary(const Dictionary& dictionary) {
-  if (const Dictionary::Packed* const packed = dictionary.packed(); packed && !packed->rowKeys) {
+  if (const Dictionary::Packed* const packed = dictionary.packed(); packed) {
     if (!enter(packed->levels) || !hasRoom(packed->bytes.size())) return;
     writer_.raw(packed->bytes.view(), packed->elements);
     depth_ -= packed->levels;

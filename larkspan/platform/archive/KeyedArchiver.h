@@ -2,6 +2,7 @@
 
 #include "larkspan/platform/archive/ArchiveError.h"
 #include "larkspan/platform/archive/Cbor.h"
+#include "larkspan/platform/archive/TableRows.h"
 #include "larkspan/platform/base/Limits.h"
 #include "larkspan/platform/base/Value.h"
 
@@ -63,13 +64,14 @@ class KeyedArchiver {
   void writeObject(const Object& object);
   const Archivable* archivableOf(const Object& object);
   std::size_t writeTable(std::span<const Value> members);
-  bool writeRow(const Dictionary& row, std::span<const std::string_view> keys);
+  void writeColumn(std::span<const Dictionary::Entry* const> rows, std::size_t index, TableColumn::Form form,
+                   std::size_t bytes);
   void writeField(std::string_view key, const Value& value);
   void writeEntry(std::string_view key, const Value& value);
   /// Whether this many bytes more keep within the limits; fails else.
   bool hasRoom(std::size_t bytes) {
-    const bool fits =
-        writer_.size() + bytes <= limits::kMaximumFrame && writer_.elements() <= limits::kMaximumElements;
+    const bool fits = writer_.size() + bytes <= limits::kMaximumFrame &&
+                      writer_.elements() <= limits::kMaximumElements && cells_ <= limits::kMaximumElements;
     return fits ? !error_ : overflows(bytes);
   }
   bool overflows(std::size_t bytes);
@@ -83,6 +85,8 @@ class KeyedArchiver {
   /// Of the object that is being written.
   std::size_t fields_ = 0;
   bool withinError_ = false;
+  /// Values in the tables.
+  std::size_t cells_ = 0;
   /// Of the object written last.
   const std::type_info* archivableType_ = nullptr;
   std::optional<Error> error_;

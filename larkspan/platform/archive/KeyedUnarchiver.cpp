@@ -2,11 +2,13 @@
 
 #include "larkspan/platform/archive/InternedKeys.h"
 #include "larkspan/platform/archive/PackedDictionary.h"
-#include "larkspan/platform/archive/TableRows.h"
+#include "larkspan/platform/archive/URLCheck.h"
 #include "larkspan/platform/archive/ValueCoding.h"
+#include "larkspan/platform/base/Limits.h"
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <string>
 #include <utility>
 
@@ -16,12 +18,6 @@ namespace {
 
 /// How much of a class's name is shown.
 constexpr std::size_t kShownName = 80;
-
-/// Text or data out of the frame; keeps no more than `kSharedLength` bytes beside its own.
-Slice contentOf(const Slice& frame, std::string_view content) {
-  if (content.size() < kSharedLength && frame.blockSize() >= kSharedLength) return Slice::copy(content);
-  return frame.part(static_cast<std::size_t>(content.data() - frame.data()), content.size());
-}
 
 /// The content of tag 1.
 std::optional<Date> epochTime(const CborHead& head) {
@@ -112,10 +108,10 @@ Value KeyedUnarchiver::read(const ClassSet& classes, Place place) {
     case CborMajor::text:
       if (!(place == Place::within ? classes.admitsStringsWithin() : classes.admits(ValueClass::string)))
         return forbidden("A string", start);
-      return Value::wellFormed(contentOf(frame_, reader_.content(head)));
+      return Value::wellFormed(sharedPart(frame_, reader_.content(head)));
     case CborMajor::bytes:
       if (!classes.admits(ValueClass::data)) return forbidden("Data", start);
-      return Data{contentOf(frame_, reader_.content(head))};
+      return Data{sharedPart(frame_, reader_.content(head))};
     case CborMajor::array:
       if (!classes.admits(ValueClass::array)) return forbidden("An array", start);
       return readArray(head.argument, classes);
@@ -147,7 +143,7 @@ Value KeyedUnarchiver::readTagged(uint64_t tag, const ClassSet& classes, std::si
           head.major == CborMajor::text ? reader_.content(head) : std::string_view(":");
       if (!isPlain_ && !URL::isWellFormed(text))
         return fault(ArchiveErrorCode::malformed, "A malformed URL", start);
-      return URL::wellFormed(contentOf(frame_, text));
+      return URL::wellFormed(sharedPart(frame_, text));
     }
     case CborTag::set: {
       if (!classes.admits(ValueClass::set)) return forbidden("A set", start);
@@ -188,88 +184,138 @@ void KeyedUnarchiver::readTable(const ClassSet& classes, std::vector<Value>& mem
     forbidden("A table of the class \"" + std::string(name.substr(0, kShownName)) + "\"", start);
     return;
   }
-  TableForm form;
-  form.keys = find(Table::kKeys) ? readTableKeys() : nullptr;
-  if (!form.keys || !find(Table::kRows)) return malformed();
-  for (const Slice& key : *form.keys) form.keyBits |= keyBit(key.view());
-  const std::size_t rowsStart = reader_.position();
-  const CborHead rows = reader_.next();
-  if (rows.major != CborMajor::array) return malformed();
-  form.sharesFrame = frame_.size() / kSharedLength <= rows.argument;
-  const RowClass& rowClass = *objectClass->rows;
-  for (uint64_t left = rows.argument; left > 0 && !error_;) {
-    const auto packed = plainRows(form, rowClass.classes(), left);
-    if (packed.empty()) {
-      members.emplace_back(rowClass.make(readRow(form, rowClass.classes())));
-      --left;
-    } else {
-      members.emplace_back(std::make_shared<TableRows>(*objectClass, frame_, form.keys, packed));
-      hasPacked_ = true;
-      reader_.moveTo(packed.back().end);
-      left -= packed.size();
-    }
+  std::vector<Slice> keys = find(Table::kKeys) ? readTableKeys() : std::vector<Slice>();
+  const int64_t rows = decodeInteger(Table::kRows);
+  if (keys.empty() || rows < 1 || !find(Table::kColumns)) return malformed();
+  const uint64_t most = (limits::kMaximumElements - cells_) / keys.size();
+  if (static_cast<uint64_t>(rows) > most) {
+    fault(ArchiveErrorCode::tooManyElements,
+          "Tables of more than " + std::to_string(limits::kMaximumElements) + " values", start);
+    return;
   }
-  notePassed(rowsStart);
+  const auto count = static_cast<std::size_t>(rows);
+  cells_ += count * keys.size();
+  const std::size_t columnsStart = reader_.position();
+  const CborHead head = reader_.next();
+  if (head.major != CborMajor::array || head.argument != keys.size()) return malformed();
+  std::vector<TableColumn> columns(keys.size());
+  for (TableColumn& column : columns) {
+    const std::size_t columnStart = reader_.position();
+    if (!readColumn(column, count, objectClass->rows->classes()))
+      fault(ArchiveErrorCode::malformed, "A malformed column", columnStart);
+    if (error_) return;
+  }
+  const std::size_t bytes = reader_.position() - columnsStart;
+  notePassed(columnsStart);
+  auto table =
+      std::make_shared<TableRows>(*objectClass, frame_, std::move(keys), std::move(columns), count);
+  // Few objects, one of which may be kept, shall not keep a large frame.
+  constexpr std::size_t kFewRows = 16, kSmallPart = 512;
+  if (count < kFewRows || bytes < frame_.blockSize() / kSmallPart) return table->unpack(members);
+  members.emplace_back(std::move(table));
+  hasPacked_ = true;
 }
 
-/// The next rows, as far as they are plain, when they are many: few objects, one of which may be kept, shall not keep the
-/// frame.
-std::span<const PlainRun> KeyedUnarchiver::plainRows(const TableForm& form, const ClassSet& classes,
-                                                     std::size_t atMost) {
-  constexpr std::size_t kFewRows = 16;
-  if (!form.sharesFrame || atMost < kFewRows) return {};
-  std::size_t start = reader_.position();
-  plainAt(start);
-  const auto isNext = [&](const PlainRun& run) {
-    // Maps have runs of their own.
-    if (run.start != start || run.entries != form.keys->size() || !classes.admitsWithin(run.kinds) ||
-        static_cast<uint8_t>(frame_.data()[start]) >> 5 != static_cast<uint8_t>(CborMajor::array)) {
-      return false;
-    }
-    start = run.end;
-    return true;
-  };
-  std::size_t count = 0;
-  while (count < std::min(atMost, plainRuns_.size()) && isNext(plainRuns_[count])) ++count;
-  return count < kFewRows ? std::span<const PlainRun>() : plainRuns_.first(count);
-}
-
-/// Null when they are none that a table may have.
-std::shared_ptr<const std::vector<Slice>> KeyedUnarchiver::readTableKeys() {
+/// Empty when they are none that a table may have.
+std::vector<Slice> KeyedUnarchiver::readTableKeys() {
   const std::size_t start = reader_.position();
   const CborHead head = reader_.next();
-  if (head.major != CborMajor::array || head.argument < Table::kFewestKeys) return nullptr;
+  if (head.major != CborMajor::array || head.argument < Table::kFewestKeys) return {};
   std::vector<Slice> keys;
   std::vector<std::string_view> sorted;
   for (uint64_t left = head.argument; left > 0; --left) {
     const CborHead key = reader_.next();
-    if (key.major != CborMajor::text) return nullptr;
+    if (key.major != CborMajor::text) return {};
     sorted.push_back(reader_.content(key));
     keys.push_back(internedKey(sorted.back()));
   }
   notePassed(start);
   std::sort(sorted.begin(), sorted.end());
-  if (std::adjacent_find(sorted.begin(), sorted.end()) != sorted.end()) return nullptr;
-  return std::make_shared<const std::vector<Slice>>(std::move(keys));
+  if (std::adjacent_find(sorted.begin(), sorted.end()) != sorted.end()) return {};
+  return keys;
 }
 
-Dictionary KeyedUnarchiver::readRow(const TableForm& form, const ClassSet& classes) {
-  const std::size_t start = reader_.position();
-  const CborHead row = reader_.next();
-  if (row.major != CborMajor::array || row.argument != form.keys->size()) {
-    fault(ArchiveErrorCode::malformed, "A row that does not fit its table", start);
-    return {};
+/// False, or an error, when it is none that a table of so many rows may have.
+bool KeyedUnarchiver::readColumn(TableColumn& column, std::size_t rows, const ClassSet& classes) {
+  using Form = TableColumn::Form;
+  const CborHead array = reader_.next();
+  if (array.major != CborMajor::array || array.argument < 2) return false;
+  const CborHead name = reader_.next();
+  if (name.major != CborMajor::text) return false;
+  const auto form =
+      std::find(std::begin(Table::kForms), std::end(Table::kForms), reader_.content(name)) - Table::kForms;
+  column.form = static_cast<Form>(form);
+  if (form == std::size(Table::kForms) || array.argument != (column.form >= Form::texts ? 3 : 2)) return false;
+
+  const auto next = [&](CborMajor major) {
+    const CborHead head = reader_.next();
+    return head.major == major ? std::optional(reader_.content(head)) : std::nullopt;
+  };
+  const auto placeOf = [&](std::string_view content) {
+    return static_cast<std::size_t>(content.data() - frame_.data());
+  };
+  switch (column.form) {
+    case Form::same:
+      column.values.push_back(readFlat(classes));
+      return true;
+    case Form::values: {
+      const CborHead head = reader_.next();
+      if (head.major != CborMajor::array || head.argument != rows) return false;
+      column.values.reserve(rows);
+      while (column.values.size() < rows && !error_) column.values.push_back(readFlat(classes));
+      return true;
+    }
+    case Form::integers: {
+      const auto integers = next(CborMajor::bytes);
+      if (!integers || integers->size() != 8 * rows) return false;
+      column.first = placeOf(*integers);
+      return classes.admits(ValueClass::number) || (forbidden("A number", column.first), true);
+    }
+    case Form::dates: {
+      const auto seconds = next(CborMajor::bytes);
+      const auto nanoseconds = seconds ? next(CborMajor::bytes) : std::nullopt;
+      if (!nanoseconds || seconds->size() != 8 * rows || nanoseconds->size() != 4 * rows) return false;
+      column.first = placeOf(*seconds);
+      column.second = placeOf(*nanoseconds);
+      for (std::size_t row = 0; row < rows; ++row) {
+        if (detail::loadBigEndian(nanoseconds->data() + 4 * row, 4) > 999'999'999) return false;
+      }
+      return classes.admits(ValueClass::date) || (forbidden("A date", column.first), true);
+    }
+    case Form::texts:
+    case Form::urls:
+      break;
   }
-  if (const PlainRun* const plain = plainAt(start); plain && classes.admitsWithin(plain->kinds)) {
-    reader_.moveTo(plain->end);
-    Slice bytes = form.sharesFrame ? frame_.part(plain->start, plain->end - plain->start) : bytesOf(*plain);
-    return packedRow(std::move(bytes), plain->elements, plain->levels, form.keys, form.keyBits);
+  const auto lengths = next(CborMajor::bytes);
+  const auto text = lengths ? next(CborMajor::text) : std::nullopt;
+  if (!text || lengths->size() != 4 * rows) return false;
+  column.first = placeOf(*text);
+  const bool isUrl = column.form == Form::urls;
+  if (isUrl && !classes.admits(ValueClass::url)) return forbidden("A URL", column.first), true;
+  if (!isUrl && !classes.admitsStringsWithin()) return forbidden("A string", column.first), true;
+  column.ends.reserve(rows);
+  URLCheck urls;
+  uint64_t end = 0;
+  for (std::size_t row = 0; row < rows; ++row) {
+    const uint64_t begin = end;
+    end += detail::loadBigEndian(lengths->data() + 4 * row, 4);
+    // All of the text is well-formed, so each part is that begins and ends between characters.
+    if (end > text->size() || (end < text->size() && (static_cast<uint8_t>((*text)[end]) & 0xC0) == 0x80))
+      return false;
+    if (isUrl && !urls.isWellFormed(text->substr(begin, end - begin))) return false;
+    column.ends.push_back(static_cast<uint32_t>(end));
   }
-  Dictionary result = Dictionary::withCapacity(form.keys->size());
-  for (const Slice& key : *form.keys) {
-    if (!error_) result.append(key, read(classes, Place::within));
+  return end == text->size();
+}
+
+/// A value that is no container, error or object.
+Value KeyedUnarchiver::readFlat(const ClassSet& classes) {
+  const CborHead head = reader_.peek();
+  if (head.major == CborMajor::array || head.major == CborMajor::map || head.isTag(CborTag::object) ||
+      head.isTag(CborTag::set)) {
+    return fault(ArchiveErrorCode::malformed, "A value that a column may not hold", reader_.position());
   }
-  return result;
+  return read(classes, Place::within);
 }
 
 /// Large maps, and those of small frames, share the frame; small ones are copied out of it, several at a time.
@@ -291,7 +337,7 @@ Value KeyedUnarchiver::readMap(uint64_t size, const ClassSet& classes, std::size
   return readDictionary(size, classes);
 }
 
-/// The plain map or row that begins there, or null.
+/// The plain map that begins there, or null.
 const PlainRun* KeyedUnarchiver::plainAt(std::size_t start) {
   while (!plainRuns_.empty() && plainRuns_.front().start < start) plainRuns_ = plainRuns_.subspan(1);
   return !plainRuns_.empty() && plainRuns_.front().start == start ? &plainRuns_.front() : nullptr;

@@ -3,6 +3,7 @@
 #include "larkspan/platform/archive/ArchiveError.h"
 #include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/archive/ClassSet.h"
+#include "larkspan/platform/archive/TableRows.h"
 #include "larkspan/platform/archive/WellFormed.h"
 #include "larkspan/platform/base/Value.h"
 
@@ -86,13 +87,6 @@ class KeyedUnarchiver {
     uint64_t fieldsLeft = 0;
   };
 
-  /// What the rows of a table have in common.
-  struct TableForm {
-    std::shared_ptr<const std::vector<Slice>> keys;
-    uint64_t keyBits = 0;
-    bool sharesFrame = false;
-  };
-
   KeyedUnarchiver(const Slice& frame, std::size_t position, std::span<const PlainRun> plainRuns);
 
   Value read(const ClassSet& classes, Place place);
@@ -105,9 +99,9 @@ class KeyedUnarchiver {
   Value readError();
   Dictionary readDictionary(uint64_t size, const ClassSet& classes);
   void readTable(const ClassSet& classes, std::vector<Value>& members, std::size_t start);
-  std::span<const PlainRun> plainRows(const TableForm& form, const ClassSet& classes, std::size_t atMost);
-  std::shared_ptr<const std::vector<Slice>> readTableKeys();
-  Dictionary readRow(const TableForm& form, const ClassSet& classes);
+  std::vector<Slice> readTableKeys();
+  bool readColumn(TableColumn& column, std::size_t rows, const ClassSet& classes);
+  Value readFlat(const ClassSet& classes);
   Value readFound(const ClassSet& classes);
   void notePassed(std::size_t start);
   Value decodeNumber(std::string_view key);
@@ -127,6 +121,8 @@ class KeyedUnarchiver {
   bool isPlain_ = false;
   /// The array that is being read has members that stay packed.
   bool hasPacked_ = false;
+  /// Values in the tables so far.
+  std::size_t cells_ = 0;
   std::optional<Error> error_;
   ObjectState object_;
   /// The fields that the walks have passed, of all objects under way, the innermost last.

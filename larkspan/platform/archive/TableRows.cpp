@@ -1,18 +1,47 @@
 #include "larkspan/platform/archive/TableRows.h"
 
 #include "larkspan/platform/archive/Archivable.h"
-#include "larkspan/platform/archive/PackedDictionary.h"
+#include "larkspan/platform/archive/Cbor.h"
+#include "larkspan/platform/archive/ValueCoding.h"
 
 #include <utility>
 
 namespace larkspan::platform {
 
-TableRows::TableRows(const ObjectClass& objectClass, Slice frame,
-                     std::shared_ptr<const std::vector<Slice>> keys, std::span<const PlainRun> rows)
-    : objectClass_(objectClass), frame_(std::move(frame)), keys_(std::move(keys)) {
-  for (const Slice& key : *keys_) keyBits_ |= keyBit(key.view());
-  rows_.reserve(rows.size());
-  for (const PlainRun& row : rows) rows_.push_back({row.start, row.end, row.elements, row.levels});
+Value TableColumn::at(const Slice& frame, std::size_t row) const {
+  const auto integerAt = [&](std::size_t start) {
+    return static_cast<int64_t>(detail::loadBigEndian(frame.data() + start + 8 * row, 8));
+  };
+  const auto text = [&] {
+    const std::size_t start = row == 0 ? 0 : ends[row - 1];
+    return sharedPart(frame, frame.view().substr(first + start, ends[row] - start));
+  };
+  switch (form) {
+    case Form::same:
+      return values.front();
+    case Form::values:
+      return values[row];
+    case Form::integers:
+      return integerAt(first);
+    case Form::texts:
+      return Value::wellFormed(text());
+    case Form::urls:
+      return URL::wellFormed(text());
+    case Form::dates:
+      return Date{integerAt(first),
+                  static_cast<uint32_t>(detail::loadBigEndian(frame.data() + second + 4 * row, 4))};
+  }
+  return {};
+}
+
+TableRows::TableRows(const ObjectClass& objectClass, Slice frame, std::vector<Slice> keys,
+                     std::vector<TableColumn> columns, std::size_t rows)
+    : objectClass_(objectClass),
+      frame_(std::move(frame)),
+      keys_(std::move(keys)),
+      columns_(std::move(columns)),
+      rows_(rows) {
+  for (const Slice& key : keys_) keyBits_ |= keyBit(key.view());
 }
 
 /// Null as long as nobody has asked for it.
@@ -24,26 +53,30 @@ Object* TableRows::madeObject(std::size_t row) const {
 
 Value TableRows::get(std::size_t row, std::string_view key) const {
   if (const auto* const made = static_cast<const Archivable*>(madeObject(row))) return made->row()->get(key);
-  return (keyBits_ & keyBit(key)) == 0 ? Value() : valueInRow(frame_, rows_[row].start, *keys_, key);
+  if ((keyBits_ & keyBit(key)) == 0) return {};
+  for (std::size_t i = 0; i < keys_.size(); ++i) {
+    if (keys_[i].size() == key.size() && keys_[i].view() == key) return columns_[i].at(frame_, row);
+  }
+  return {};
 }
 
 std::shared_ptr<Object> TableRows::object(std::size_t row) const {
   const std::lock_guard lock(mutex_);
   if (made_.empty()) {
-    made_.resize(rows_.size());
+    made_.resize(rows_);
     anyMade_.store(true, std::memory_order_release);
   }
   std::shared_ptr<Object>& object = made_[row];
   if (!object) {
-    const Row& from = rows_[row];
-    object = objectClass_.rows->make(packedRow(frame_.part(from.start, from.end - from.start), from.elements,
-                                               from.levels, keys_, keyBits_));
+    Dictionary dictionary = Dictionary::withCapacity(keys_.size());
+    for (std::size_t i = 0; i < keys_.size(); ++i) dictionary.append(keys_[i], columns_[i].at(frame_, row));
+    object = objectClass_.rows->make(std::move(dictionary));
   }
   return object;
 }
 
 void TableRows::unpack(std::vector<Value>& members) const {
-  for (std::size_t row = 0; row < rows_.size(); ++row) members.emplace_back(object(row));
+  for (std::size_t row = 0; row < rows_; ++row) members.emplace_back(object(row));
 }
 
 }  // namespace larkspan::platform

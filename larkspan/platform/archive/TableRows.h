@@ -1,6 +1,5 @@
 #pragma once
 
-#include "larkspan/platform/archive/WellFormed.h"
 #include "larkspan/platform/base/Slice.h"
 #include "larkspan/platform/base/Value.h"
 
@@ -9,7 +8,6 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <span>
 #include <string_view>
 #include <vector>
 
@@ -17,18 +15,36 @@ namespace larkspan::platform {
 
 struct ObjectClass;
 
-/// The objects of a table whose rows are plain, in their encoded form: each is made when somebody asks for it. A list of
-/// many thousands so costs little more than its bytes.
-/// Owner:  std::shared_ptr. It keeps all of the frame, and each object that was made; an object keeps the frame.
+/// The values that the rows of a table have under one key; those that are many stay in the frame.
+struct TableColumn {
+  enum class Form : uint8_t { same, values, integers, texts, urls, dates };
+
+  Form form = Form::values;
+  /// Where in the frame the integers, the text or the seconds begin.
+  std::size_t first = 0;
+  /// Where the nanoseconds begin.
+  std::size_t second = 0;
+  /// Where each text or URL ends, counted from `first`.
+  std::vector<uint32_t> ends;
+  /// One for each row, or the one that all have.
+  std::vector<Value> values;
+
+  Value at(const Slice& frame, std::size_t row) const;
+};
+
+/// The objects of a table, in its columns: each is made when somebody asks for it. A list of many thousands so costs
+/// little more than its bytes.
+/// Owner:  std::shared_ptr. It keeps all of the frame, and each object that was made; an object keeps no more of the frame
+///         than its long values.
 /// Thread: any. An object that was made is not to be changed while its row is read.
 class TableRows final : public PackedMembers {
  public:
-  /// The rows were found in the frame by `checkWellFormed`, each with a value for each of the keys, which differ.
-  TableRows(const ObjectClass& objectClass, Slice frame, std::shared_ptr<const std::vector<Slice>> keys,
-            std::span<const PlainRun> rows);
+  /// The columns were found sound, one for each of the keys, which differ, with as many values as there are rows.
+  TableRows(const ObjectClass& objectClass, Slice frame, std::vector<Slice> keys,
+            std::vector<TableColumn> columns, std::size_t rows);
 
   const ObjectClass& objectClass() const { return objectClass_; }
-  std::size_t size() const override { return rows_.size(); }
+  std::size_t size() const override { return rows_; }
   /// What the row's object has in its dictionary under the key, or none.
   Value get(std::size_t row, std::string_view key) const;
   /// The row's object, the same each time.
@@ -36,19 +52,14 @@ class TableRows final : public PackedMembers {
   void unpack(std::vector<Value>& members) const override;
 
  private:
-  struct Row {
-    uint32_t start;
-    uint32_t end;
-    uint32_t elements;
-    uint8_t levels;
-  };
   Object* madeObject(std::size_t row) const;
 
   const ObjectClass& objectClass_;
   const Slice frame_;
-  const std::shared_ptr<const std::vector<Slice>> keys_;
+  const std::vector<Slice> keys_;
+  const std::vector<TableColumn> columns_;
+  const std::size_t rows_;
   uint64_t keyBits_ = 0;
-  std::vector<Row> rows_;
 
   mutable std::atomic<bool> anyMade_{false};
   mutable std::mutex mutex_;

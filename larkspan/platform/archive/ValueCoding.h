@@ -14,22 +14,42 @@ namespace larkspan::platform {
 
 /// Strings, data and plain maps of this many bytes or more share the block they arrived in, and so does all of a
 /// frame that is smaller. What is shorter is copied, so that a value which is kept does not keep a whole frame. The
-/// rows of a table that is most of its frame are a list which mostly is kept or dropped as one: they share the frame.
+/// rows of a table are a list which mostly is kept or dropped as one: they share the frame.
 inline constexpr std::size_t kSharedLength = 4096;
+
+/// Text or data out of the frame; keeps no more than `kSharedLength` bytes beside its own.
+inline Slice sharedPart(const Slice& frame, std::string_view content) {
+  if (content.size() < kSharedLength && frame.blockSize() >= kSharedLength) return Slice::copy(content);
+  return frame.part(static_cast<std::size_t>(content.data() - frame.data()), content.size());
+}
 
 /// The class name of an error in tag 27.
 inline constexpr std::string_view kErrorClassName = "Error";
 
 /// How neighbours in an array are written that are objects of one `RowClass` with the same keys, in the same order:
-/// tag 27, ["Table", {"class": their class, "keys": [key, …], "rows": [[value, …], …]}]. It stands for as many members
-/// of the array as it has rows.
+/// tag 27, ["Table", {"class": their class, "keys": [key, …], "rows": count, "columns": [column, …]}]. It stands for as
+/// many members of the array as it has rows. A column is an array that begins with its form, the name at that index of
+/// `kForms`, and holds the values that all rows have under one key:
+///
+///     ["same", value]                         the one that each has
+///     ["values", [value, …]]
+///     ["integers", bytes]                     64 bits each, two's complement
+///     ["texts", bytes, text]                  the length of each in 32 bits, and all of them behind each other
+///     ["urls", bytes, text]                   as texts
+///     ["dates", bytes, bytes]                 seconds since 1970 as integers, and nanoseconds in 32 bits
+///
+/// Bytes have the most significant first. No value is a container, error or object.
 struct Table {
   static constexpr std::string_view kName = "Table";
   static constexpr std::string_view kClass = "class";
   static constexpr std::string_view kKeys = "keys";
   static constexpr std::string_view kRows = "rows";
-  /// So that an object costs its sender no fewer data items than the least one outside a table.
+  static constexpr std::string_view kColumns = "columns";
+  /// In the order of `TableColumn::Form`.
+  static constexpr std::string_view kForms[] = {"same", "values", "integers", "texts", "urls", "dates"};
   static constexpr std::size_t kFewestKeys = 4;
+  /// That the library writes: as many as fit a processor's cache while they are gone through twice.
+  static constexpr std::size_t kMostRows = 512;
 };
 
 /// Appends the value. On failure, as `KeyedArchiver`, nothing has been appended. The limits hold for all that

@@ -3,10 +3,9 @@
 #include "larkspan/platform/archive/ArchiveError.h"
 #include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/archive/ClassSet.h"
-#include "larkspan/platform/archive/ValueCoding.h"
+#include "larkspan/platform/archive/URLCheck.h"
 #include "larkspan/platform/base/Dictionary.h"
 #include "larkspan/platform/base/Limits.h"
-#include "larkspan/platform/base/URL.h"
 #include "larkspan/platform/base/Utf8.h"
 
 #include <algorithm>
@@ -37,19 +36,6 @@ bool sameBytes(const char* a, const char* b, std::size_t size) {
   return !differ(size - sizeof(uint64_t));
 }
 
-/// How many bytes both begin with, to the word.
-std::size_t sharedPrefix(std::string_view a, std::string_view b) {
-  const std::size_t size = std::min(a.size(), b.size());
-  std::size_t at = 0;
-  uint64_t x, y;
-  for (; at + sizeof x <= size; at += sizeof x) {
-    std::memcpy(&x, a.data() + at, sizeof x);
-    std::memcpy(&y, b.data() + at, sizeof y);
-    if (x != y) break;
-  }
-  return at;
-}
-
 /// Walks an item once, with its own stack of what is open, and stops at the first fault.
 ///
 /// What is common is quick: the maps of a message mostly have the keys of the map before at the same depth, in the same
@@ -71,7 +57,7 @@ class Checker {
   }
 
  private:
-  enum class ObjectPart : uint8_t { none, tag, pair, fields, list, row };
+  enum class ObjectPart : uint8_t { none, tag, pair, fields };
   /// A container or tag that still lacks items.
   struct Level {
     uint64_t itemsLeft;
@@ -93,8 +79,7 @@ class Checker {
     /// Too many keys to compare each with each: sorted when the map ends.
     bool isLarge;
     bool isTag;
-    /// What an object of tag 27 consists of: the map of its fields is no dictionary; arrays within an array that is a
-    /// field may be a table's rows.
+    /// What an object of tag 27 consists of: the map of its fields is no dictionary.
     ObjectPart part;
     bool isPlain;
     /// All keys so far were those of the map before at this depth.
@@ -216,8 +201,6 @@ class Checker {
       beneathTime = around.isExtendedTime;
       if (around.part == ObjectPart::tag) part = ObjectPart::pair;
       if (around.part == ObjectPart::pair) part = ObjectPart::fields;
-      if (around.part == ObjectPart::fields && major == CborMajor::array) part = ObjectPart::list;
-      if (around.part == ObjectPart::list && major == CborMajor::array) part = ObjectPart::row;
     }
     const bool isTag = major == CborMajor::tag;
     const bool allowsIntegerKeys = isMap && beneathTime;
@@ -247,7 +230,7 @@ class Checker {
     if (level.isTag) return;
     while (level.itemsLeft > 0) {
       if (level.isMap && level.itemsLeft % 2 == 0 && !passUsualKey(level)) return;
-      if (!(level.part == ObjectPart::list ? passUsualRow(level) : passUsualValue(level))) return;
+      if (!passUsualValue(level)) return;
       --level.itemsLeft;
     }
   }
@@ -270,43 +253,6 @@ class Checker {
     level.keyBits |= key.bit;
     keys_.push_back(key.text);
     return true;
-  }
-
-  /// Passes a row of usual values, as `passUsualValue`, and notes it.
-  bool passUsualRow(Level& list) {
-    const std::size_t start = at_;
-    const std::size_t elements = elements_;
-    if (start == item_.size() || depth_ == limits::kMaximumDepth || elements == limits::kMaximumElements)
-      return false;
-    const auto head = static_cast<uint8_t>(item_[start]);
-    const unsigned size = head & 31;
-    if (head >> 5 != static_cast<uint8_t>(CborMajor::array) || size > 23 || size < Table::kFewestKeys)
-      return false;
-    Level& row = levels_[depth_++];
-    row.kinds = 0;
-    row.levels = 1;
-    ++at_;
-    ++elements_;
-    unsigned left = size;
-    while (left > 0 && passUsualValue(row)) --left;
-    --depth_;
-    if (left > 0) {
-      at_ = start;
-      elements_ = elements;
-      return false;
-    }
-    list.kinds |= row.kinds;
-    noteLevels(list, row.levels);
-    notePlain(start, size, elements, 0, row);
-    return true;
-  }
-
-  /// What began before this element is plain.
-  void notePlain(std::size_t start, uint32_t entries, std::size_t elements, uint64_t keys,
-                 const Level& level) {
-    if (!plainRuns_) return;
-    plainRuns_->push_back({static_cast<uint32_t>(start), static_cast<uint32_t>(at_), entries,
-                           static_cast<uint32_t>(elements_ - elements), keys, level.kinds, level.levels});
   }
 
   /// Passes a value that opens nothing, or a date or URL, if it stands far enough from all limits; else false, without
@@ -336,7 +282,7 @@ class Checker {
       case CborMajor::tag:
         if (first == 0xD8 && bytes[1] == static_cast<char>(CborTag::uri)) {
           const std::string_view text = usualText(bytes + 2, rest - 2);
-          if (!text.data() || depth_ + 1 > limits::kMaximumDepth || !isUrl(text)) return false;
+          if (!text.data() || depth_ + 1 > limits::kMaximumDepth || !url_.isWellFormed(text)) return false;
           noteLevels(level, 1);
           return pass(level, ClassSet::bit(ValueClass::url), text.data() + text.size() - bytes, 2);
         }
@@ -345,16 +291,6 @@ class Checker {
       default:
         return false;
     }
-  }
-
-  /// A list of files mostly has them in one folder: what the URL shares with the one before need not be looked at again,
-  /// as long as both are of the form that is judged by its single characters.
-  bool isUrl(std::string_view text) {
-    const std::size_t shared = sharedPrefix(text, url_);
-    const bool isPlainFile = shared >= URL::kFilePrefix.size() && URL::isPlainPath(text.substr(shared));
-    if (!isPlainFile && !URL::isWellFormed(text)) return false;
-    url_ = isPlainFile || URL::isPlainFileURL(text) ? text : std::string_view();
-    return true;
   }
 
   /// Tag 1001 over {1: seconds} or {1: seconds, -9: nanoseconds}.
@@ -425,11 +361,6 @@ class Checker {
       passUsual(level);
       if (level.itemsLeft > 0) return false;
       if (level.isMap && !closeMap(level)) return true;
-      if (level.part == ObjectPart::row && level.isPlain && plainRuns_ &&
-          level.entries >= Table::kFewestKeys) {
-        plainRuns_->resize(level.firstPlain);
-        notePlain(level.start, level.entries, level.firstElement - 1, 0, level);
-      }
       if (--depth_ == 0) break;
       Level& around = levels_[depth_ - 1];
       around.isPlain = around.isPlain && level.isPlain;
@@ -445,7 +376,9 @@ class Checker {
     if (level.isPlain && level.part != ObjectPart::fields && !level.allowsIntegerKeys && plainRuns_ &&
         level.entries > 0) {
       plainRuns_->resize(level.firstPlain);
-      notePlain(level.start, level.entries, level.firstElement - 1, level.keyBits, level);
+      plainRuns_->push_back({level.start, static_cast<uint32_t>(at_), level.entries,
+                             static_cast<uint32_t>(elements_ + 1 - level.firstElement), level.keyBits,
+                             level.kinds, level.levels});
     }
     if (!level.followsShape && !level.isLarge && !level.allowsIntegerKeys) {
       Shape& shape = shapes_[depth_ - 1];
@@ -501,8 +434,7 @@ class Checker {
   unsigned depth_ = 0;
   std::array<Level, limits::kMaximumDepth> levels_;
   std::array<Shape, limits::kMaximumDepth> shapes_;
-  /// The plain URL of a file that came last.
-  std::string_view url_;
+  URLCheck url_;
   /// Of the maps that are open, innermost last.
   std::vector<KeyPlace> keys_;
   std::optional<Error> fault_;

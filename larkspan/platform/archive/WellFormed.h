@@ -14,7 +14,6 @@ namespace larkspan::platform {
 /// A map whose entries need not be made before somebody asks for them: all that it holds, at any depth, is a
 /// number, a string, data, an array or a map, or a date or URL in the form that the archiver writes, so that its
 /// decoding cannot fail. Notes what a reader would otherwise have to walk the map for.
-/// The same of a row of a table, which has no keys of its own.
 struct PlainRun {
   uint32_t start;     ///< Where its head stands.
   uint32_t end;       ///< Behind its last byte.
@@ -25,7 +24,7 @@ struct PlainRun {
   uint8_t levels;     ///< Containers and tags inside each other, itself counted.
 };
 
-/// Outermost plain maps, and the plain rows of tables, in the order in which they stand.
+/// Outermost plain maps, in the order in which they stand.
 using PlainRuns = std::vector<PlainRun>;
 
 /// Nothing if the bytes are exactly one CBOR item that `CborReader` may walk, else the first fault with its

@@ -52,10 +52,8 @@ class Dictionary {
   struct PackedCoding;
   /// Entries that are encoded still, their keys well-formed and different and their values sound.
   struct Packed {
-    Slice bytes;  ///< A map, or an array of the values alone.
+    Slice bytes;  ///< A map.
     const PackedCoding* coding;
-    /// The keys of an array's values, which other dictionaries share; null for a map.
-    std::shared_ptr<const std::vector<Slice>> rowKeys;
     uint64_t keyBits;   ///< See `keyBit`.
     uint32_t entries;   ///< Not 0.
     uint32_t elements;  ///< Of the encoded form, all in all.
