@@ -13,6 +13,7 @@
 #include <mutex>
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <signal.h>
 #include <sys/socket.h>
 
@@ -52,6 +53,12 @@ int runExtension(
   std::setlocale(LC_CTYPE, "");
   ::signal(SIGPIPE, SIG_IGN);
   ::fcntl(kExtensionDescriptor, F_SETFD, FD_CLOEXEC);
+#ifdef __GLIBC__
+  // What a long answer took is not given back to the kernel, only to be faulted in again page by page for the next.
+  constexpr int kKeptMemory = 4 << 20;
+  ::mallopt(M_TRIM_THRESHOLD, kKeptMemory);
+  ::mallopt(M_MMAP_THRESHOLD, kKeptMemory);
+#endif
 
   static auto* const requests = new Requests;
   Transport::Handlers handlers;

@@ -23,6 +23,7 @@ constexpr unsigned kFlatDepth = 2;
 
 using Form = TableColumn::Form;
 
+/// No container, error or object.
 bool isFlat(Value::Kind kind) { return kind <= Value::Kind::url; }
 
 /// Mostly one text in both places.

@@ -207,8 +207,7 @@ void KeyedUnarchiver::readTable(const ClassSet& classes, std::vector<Value>& mem
   }
   const std::size_t bytes = reader_.position() - columnsStart;
   notePassed(columnsStart);
-  auto table =
-      std::make_shared<TableRows>(*objectClass, frame_, std::move(keys), std::move(columns), count);
+  auto table = std::make_shared<TableRows>(*objectClass, frame_, std::move(keys), std::move(columns), count);
   // Few objects, one of which may be kept, shall not keep a large frame.
   constexpr std::size_t kFewRows = 16, kSmallPart = 512;
   if (count < kFewRows || bytes < frame_.blockSize() / kSmallPart) return table->unpack(members);
@@ -242,10 +241,11 @@ bool KeyedUnarchiver::readColumn(TableColumn& column, std::size_t rows, const Cl
   if (array.major != CborMajor::array || array.argument < 2) return false;
   const CborHead name = reader_.next();
   if (name.major != CborMajor::text) return false;
-  const auto form =
-      std::find(std::begin(Table::kForms), std::end(Table::kForms), reader_.content(name)) - Table::kForms;
-  column.form = static_cast<Form>(form);
-  if (form == std::size(Table::kForms) || array.argument != (column.form >= Form::texts ? 3 : 2)) return false;
+  const auto* const form =
+      std::find(std::begin(Table::kForms), std::end(Table::kForms), reader_.content(name));
+  if (form == std::end(Table::kForms)) return false;
+  column.form = static_cast<Form>(form - Table::kForms);
+  if (array.argument != (column.form >= Form::texts ? 3U : 2U)) return false;
 
   const auto next = [&](CborMajor major) {
     const CborHead head = reader_.next();

@@ -14,10 +14,11 @@ namespace larkspan::platform {
 /// Owner:  the text of the last URL must live as long as another one comes.
 class URLCheck {
  public:
-  /// As `URL::isWellFormed`.
+  /// Answers as `URL::isWellFormed`.
   bool isWellFormed(std::string_view text) {
     const std::size_t shared = sharedPrefix(text, last_);
-    const bool isPlainFile = shared >= URL::kFilePrefix.size() && URL::isPlainPath(text.substr(shared));
+    const bool isPlainFile = shared >= URL::kFilePrefix.size() && text.size() <= URL::kMaximumLength &&
+                             URL::isPlainPath(text.substr(shared));
     if (!isPlainFile && !URL::isWellFormed(text)) return false;
     last_ = isPlainFile || URL::isPlainFileURL(text) ? text : std::string_view();
     return true;
