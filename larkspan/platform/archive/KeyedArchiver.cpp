@@ -282,9 +282,12 @@ void KeyedArchiver::writeColumn(std::span<const Dictionary::Entry* const> rows, 
   writer_.text(Table::kForms[static_cast<std::size_t>(form)]);
   if (!hasRoom(12 * rows.size() + bytes)) return;
   switch (form) {
-    case Form::same:
+    case Form::same: {
+      const std::size_t start = writer_.size();
       writeFlat(valueOf(rows.front()));
+      repeated_ += (writer_.size() - start) * rows.size();
       break;
+    }
     case Form::values:
       writer_.array(rows.size());
       for (const auto* const row : rows) writeFlat(valueOf(row));
@@ -382,7 +385,7 @@ bool KeyedArchiver::enter(unsigned levels) {
 }
 
 bool KeyedArchiver::overflows(std::size_t bytes) {
-  if (writer_.size() + bytes > limits::kMaximumFrame) {
+  if (std::max(writer_.size() + bytes, repeated_) > limits::kMaximumFrame) {
     fail(ArchiveErrorCode::tooLarge,
          "A value of more than " + std::to_string(limits::kMaximumFrame) + " bytes cannot be archived");
   } else {

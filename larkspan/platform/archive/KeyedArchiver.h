@@ -6,6 +6,7 @@
 #include "larkspan/platform/base/Limits.h"
 #include "larkspan/platform/base/Value.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -70,8 +71,8 @@ class KeyedArchiver {
   void writeEntry(std::string_view key, const Value& value);
   /// Whether this many bytes more keep within the limits; fails else.
   bool hasRoom(std::size_t bytes) {
-    const bool fits = writer_.size() + bytes <= limits::kMaximumFrame &&
-                      writer_.elements() <= limits::kMaximumElements && cells_ <= limits::kMaximumElements;
+    const bool fits = std::max(writer_.size() + bytes, repeated_) <= limits::kMaximumFrame &&
+                      std::max(writer_.elements(), cells_) <= limits::kMaximumElements;
     return fits ? !error_ : overflows(bytes);
   }
   bool overflows(std::size_t bytes);
@@ -85,8 +86,9 @@ class KeyedArchiver {
   /// Of the object that is being written.
   std::size_t fields_ = 0;
   bool withinError_ = false;
-  /// Values in the tables.
+  /// Values in the rows of tables, and bytes that those would take which are written once for many rows.
   std::size_t cells_ = 0;
+  std::size_t repeated_ = 0;
   /// Of the object written last.
   const std::type_info* archivableType_ = nullptr;
   std::optional<Error> error_;

@@ -255,9 +255,16 @@ bool KeyedUnarchiver::readColumn(TableColumn& column, std::size_t rows, const Cl
     return static_cast<std::size_t>(content.data() - frame_.data());
   };
   switch (column.form) {
-    case Form::same:
+    case Form::same: {
+      const std::size_t start = reader_.position();
       column.values.push_back(readFlat(classes));
+      repeated_ += (reader_.position() - start) * rows;
+      if (repeated_ > limits::kMaximumFrame) {
+        fault(ArchiveErrorCode::tooLarge,
+              "Rows of more than " + std::to_string(limits::kMaximumFrame) + " bytes", start);
+      }
       return true;
+    }
     case Form::values: {
       const CborHead head = reader_.next();
       if (head.major != CborMajor::array || head.argument != rows) return false;

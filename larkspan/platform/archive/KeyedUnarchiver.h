@@ -121,8 +121,9 @@ class KeyedUnarchiver {
   bool isPlain_ = false;
   /// The array that is being read has members that stay packed.
   bool hasPacked_ = false;
-  /// Values in the tables so far.
+  /// Values in the rows of tables so far, and bytes that those would take which stand there once for many rows.
   std::size_t cells_ = 0;
+  std::size_t repeated_ = 0;
   std::optional<Error> error_;
   ObjectState object_;
   /// The fields that the walks have passed, of all objects under way, the innermost last.

@@ -454,6 +454,11 @@ TEST(Archive, WritesNeighboursOfTheSameKeysAsTables) {
   same += bytesOf("84 8264 73616d65 01 8264 73616d65 01 8264 73616d65 01 8264 73616d65 01");
   EXPECT_EQ(unarchived('\x82' + same + same, classes).value.array().size(), 400'000U);
   EXPECT_EQ(codeOf(unarchived('\x83' + same + same + same, classes).error), Code::tooManyElements);
+  same.replace(same.rfind('\x01'), 1, "\x78\xA8" + std::string(0xA8, 'x'));
+  EXPECT_EQ(codeOf(unarchived('\x81' + same, classes).error), Code::tooLarge);
+  const Value text = std::string(2000, 'x');
+  EXPECT_EQ(codeOf(KeyedArchiver::archivedData(Array(std::vector<Value>(17'000, alike(text)))).error),
+            Code::tooLarge);
 
   // Many small tables cost no more than as many rows of one.
   constexpr int kTables = 20'000;
