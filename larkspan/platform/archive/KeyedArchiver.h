@@ -29,7 +29,7 @@ enum class Tables : bool { no, yes };
 /// Thread:  one at a time.
 /// Failure: the first one makes the whole archive fail: an object that is not `Archivable`, or what exceeds
 ///          the limits.
-/// Limits:  `limits::kMaximumFrame`, `kMaximumDepth`, `kMaximumElements`.
+/// Limits:  `limits::kMaximumFrame`, `kMaximumDepth`, `kMaximumElements`; those of tables are `KeyedUnarchiver`'s.
 class KeyedArchiver {
  public:
   struct Result {
