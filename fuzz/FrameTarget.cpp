@@ -3,6 +3,7 @@
 #include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/archive/TableRows.h"
 #include "larkspan/platform/archive/ValueCoding.h"
+#include "larkspan/platform/base/Utf8.h"
 #include "larkspan/platform/ipc/Frame.h"
 
 namespace larkspan::fuzz {
@@ -18,8 +19,12 @@ void compareRows(const Array& made, const Array& packed) {
     const auto rows = member.objectOf<TableRows>();
     for (std::size_t row = 0; rows && row < rows->size(); ++row) {
       for (const auto& entry : made[at + row].objectOf<ExtensionItem>()->userInfo()) {
-        expect(rows->get(row, entry.key()).description() == entry.value.description(),
-               "a row holds what its object holds");
+        const Value value = rows->get(row, entry.key());
+        expect(value.description() == entry.value.description(), "a row holds what its object holds");
+        expect(isValidUtf8(value.text()) &&
+                   (!value.url() || URL::isWellFormed(value.url()->absoluteString())) &&
+                   value.date().value_or(Date()).nanoseconds < 1'000'000'000,
+               "what columns hold is as sound as what stands alone");
       }
     }
     at += rows ? rows->size() : 1;

@@ -30,8 +30,8 @@ inline void expect(bool holds, const char* promise) {
   std::abort();
 }
 
-/// The one reason why a value that was read may not be written: a date of tag 1 is written as tag 1001, which
-/// is a level deeper.
+/// The one reason why a short value that was read may not be written: what is written as tag 1001 outside a table is
+/// deeper by a level than a date of tag 1, and by more than one in a column.
 inline bool isDateTooDeep(const platform::Error& error) {
   return error.code() == static_cast<int64_t>(platform::ArchiveErrorCode::tooDeep);
 }

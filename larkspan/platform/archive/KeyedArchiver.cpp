@@ -11,6 +11,7 @@
 #include <string>
 #include <typeinfo>
 #include <utility>
+#include <vector>
 
 namespace larkspan::platform {
 
@@ -252,7 +253,6 @@ std::size_t KeyedArchiver::writeTable(std::span<const Value> members) {
   if (count < 2) return 0;
 
   cells_ += count * keys.size();
-  depth_ += kTableDepth;
   writer_.tag(CborTag::object);
   writer_.array(2);
   writer_.text(Table::kName);
@@ -269,7 +269,6 @@ std::size_t KeyedArchiver::writeTable(std::span<const Value> members) {
   const std::span<const Dictionary::Entry* const> written(rows.data(), count);
   for (std::size_t i = 0; i < columns.size() && !error_; ++i)
     writeColumn(written, i, columns[i].form(), columns[i].bytes);
-  depth_ -= kTableDepth;
   return count;
 }
 
@@ -280,7 +279,7 @@ void KeyedArchiver::writeColumn(std::span<const Dictionary::Entry* const> rows, 
   const bool hasTwo = form >= Form::texts;
   writer_.array(hasTwo ? 3 : 2);
   writer_.text(Table::kForms[static_cast<std::size_t>(form)]);
-  if (!hasRoom(12 * rows.size() + bytes)) return;
+  if (form != Form::same && !hasRoom(12 * rows.size() + bytes)) return;
   switch (form) {
     case Form::same: {
       const std::size_t start = writer_.size();

@@ -2,6 +2,7 @@
 
 #include "larkspan/platform/archive/InternedKeys.h"
 #include "larkspan/platform/archive/PackedDictionary.h"
+#include "larkspan/platform/archive/TableRows.h"
 #include "larkspan/platform/archive/URLCheck.h"
 #include "larkspan/platform/archive/ValueCoding.h"
 #include "larkspan/platform/base/Limits.h"
@@ -205,12 +206,12 @@ void KeyedUnarchiver::readTable(const ClassSet& classes, std::vector<Value>& mem
       fault(ArchiveErrorCode::malformed, "A malformed column", columnStart);
     if (error_) return;
   }
-  const std::size_t bytes = reader_.position() - columnsStart;
+  const std::size_t size = std::max(reader_.position() - columnsStart, count * keys.size());
   notePassed(columnsStart);
   auto table = std::make_shared<TableRows>(*objectClass, frame_, std::move(keys), std::move(columns), count);
   // Few objects, one of which may be kept, shall not keep a large frame.
   constexpr std::size_t kFewRows = 16, kSmallPart = 512;
-  if (count < kFewRows || bytes < frame_.blockSize() / kSmallPart) return table->unpack(members);
+  if (count < kFewRows || size < frame_.blockSize() / kSmallPart) return table->unpack(members);
   members.emplace_back(std::move(table));
   hasPacked_ = true;
 }
@@ -234,9 +235,10 @@ std::vector<Slice> KeyedUnarchiver::readTableKeys() {
   return keys;
 }
 
-/// False, or an error, when it is none that a table of so many rows may have.
+/// False when it is none that a table of so many rows may have.
 bool KeyedUnarchiver::readColumn(TableColumn& column, std::size_t rows, const ClassSet& classes) {
   using Form = TableColumn::Form;
+  const std::size_t start = reader_.position();
   const CborHead array = reader_.next();
   if (array.major != CborMajor::array || array.argument < 2) return false;
   const CborHead name = reader_.next();
@@ -247,6 +249,10 @@ bool KeyedUnarchiver::readColumn(TableColumn& column, std::size_t rows, const Cl
   column.form = static_cast<Form>(form - Table::kForms);
   if (array.argument != (column.form >= Form::texts ? 3U : 2U)) return false;
 
+  const auto admit = [&](bool isAdmitted, std::string_view what) {
+    if (!isAdmitted) forbidden(what, start);
+    return true;
+  };
   const auto next = [&](CborMajor major) {
     const CborHead head = reader_.next();
     return head.major == major ? std::optional(reader_.content(head)) : std::nullopt;
@@ -256,9 +262,9 @@ bool KeyedUnarchiver::readColumn(TableColumn& column, std::size_t rows, const Cl
   };
   switch (column.form) {
     case Form::same: {
-      const std::size_t start = reader_.position();
+      const std::size_t valueStart = reader_.position();
       column.values.push_back(readFlat(classes));
-      repeated_ += (reader_.position() - start) * rows;
+      repeated_ += (reader_.position() - valueStart) * rows;
       if (repeated_ > limits::kMaximumFrame) {
         fault(ArchiveErrorCode::tooLarge,
               "Rows of more than " + std::to_string(limits::kMaximumFrame) + " bytes", start);
@@ -276,7 +282,7 @@ bool KeyedUnarchiver::readColumn(TableColumn& column, std::size_t rows, const Cl
       const auto integers = next(CborMajor::bytes);
       if (!integers || integers->size() != 8 * rows) return false;
       column.first = placeOf(*integers);
-      return classes.admits(ValueClass::number) || (forbidden("A number", column.first), true);
+      return admit(classes.admits(ValueClass::number), "A number");
     }
     case Form::dates: {
       const auto seconds = next(CborMajor::bytes);
@@ -287,7 +293,7 @@ bool KeyedUnarchiver::readColumn(TableColumn& column, std::size_t rows, const Cl
       for (std::size_t row = 0; row < rows; ++row) {
         if (detail::loadBigEndian(nanoseconds->data() + 4 * row, 4) > 999'999'999) return false;
       }
-      return classes.admits(ValueClass::date) || (forbidden("A date", column.first), true);
+      return admit(classes.admits(ValueClass::date), "A date");
     }
     case Form::texts:
     case Form::urls:
@@ -298,8 +304,6 @@ bool KeyedUnarchiver::readColumn(TableColumn& column, std::size_t rows, const Cl
   if (!text || lengths->size() != 4 * rows) return false;
   column.first = placeOf(*text);
   const bool isUrl = column.form == Form::urls;
-  if (isUrl && !classes.admits(ValueClass::url)) return forbidden("A URL", column.first), true;
-  if (!isUrl && !classes.admitsStringsWithin()) return forbidden("A string", column.first), true;
   column.ends.reserve(rows);
   URLCheck urls;
   uint64_t end = 0;
@@ -312,7 +316,9 @@ bool KeyedUnarchiver::readColumn(TableColumn& column, std::size_t rows, const Cl
     if (isUrl && !urls.isWellFormed(text->substr(begin, end - begin))) return false;
     column.ends.push_back(static_cast<uint32_t>(end));
   }
-  return end == text->size();
+  if (end != text->size()) return false;
+  return isUrl ? admit(classes.admits(ValueClass::url), "A URL")
+               : admit(classes.admitsStringsWithin(), "A string");
 }
 
 /// A value that is no container, error or object.

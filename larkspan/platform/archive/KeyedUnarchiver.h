@@ -3,7 +3,6 @@
 #include "larkspan/platform/archive/ArchiveError.h"
 #include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/archive/ClassSet.h"
-#include "larkspan/platform/archive/TableRows.h"
 #include "larkspan/platform/archive/WellFormed.h"
 #include "larkspan/platform/base/Value.h"
 
@@ -16,6 +15,8 @@
 #include <vector>
 
 namespace larkspan::platform {
+
+struct TableColumn;
 
 /// Reads what `KeyedArchiver` writes, and makes only what the reader's class sets admit. The decode function
 /// of an object's class gets one to read its fields from, in any order; reading in the order of writing is

@@ -34,8 +34,8 @@ struct TableColumn {
 
 /// The objects of a table, in its columns: each is made when somebody asks for it. A list of many thousands so costs
 /// little more than its bytes.
-/// Owner:  std::shared_ptr. It keeps all of the frame, and each object that was made; an object keeps no more of the frame
-///         than its long values.
+/// Owner:  std::shared_ptr. It keeps all of the frame, and each object that was made; an object keeps
+///         what its values do: see `kSharedLength` in ValueCoding.h.
 /// Thread: any. An object that was made is not to be changed while its row is read.
 class TableRows final : public PackedMembers {
  public:

@@ -13,11 +13,10 @@
 namespace larkspan::platform {
 
 /// Strings, data and plain maps of this many bytes or more share the block they arrived in, and so does all of a
-/// frame that is smaller. What is shorter is copied, so that a value which is kept does not keep a whole frame. The
-/// rows of a table are a list which mostly is kept or dropped as one: they share the frame.
+/// frame that is smaller. What is shorter is copied, so that a value which is kept does not keep a whole frame.
 inline constexpr std::size_t kSharedLength = 4096;
 
-/// Text or data out of the frame; keeps no more than `kSharedLength` bytes beside its own.
+/// Text or data out of the frame: a copy of what is short and would keep a larger block.
 inline Slice sharedPart(const Slice& frame, std::string_view content) {
   if (content.size() < kSharedLength && frame.blockSize() >= kSharedLength) return Slice::copy(content);
   return frame.part(static_cast<std::size_t>(content.data() - frame.data()), content.size());
@@ -47,6 +46,7 @@ struct Table {
   static constexpr std::string_view kColumns = "columns";
   /// In the order of `TableColumn::Form`.
   static constexpr std::string_view kForms[] = {"same", "values", "integers", "texts", "urls", "dates"};
+  /// So that, with the limit on values in rows, tables stand for no more objects than plain ones could.
   static constexpr std::size_t kFewestKeys = 4;
   /// That the library writes: as many as fit a processor's cache while they are gone through twice.
   static constexpr std::size_t kMostRows = 512;

@@ -206,7 +206,7 @@ class Checker {
     const bool allowsIntegerKeys = isMap && beneathTime;
     const bool isLarge = items > 2 * kLargeMap;
     levels_[depth_++] = {.itemsLeft = items,
-                         .entries = static_cast<uint32_t>(isMap ? items / 2 : items),
+                         .entries = static_cast<uint32_t>(items / 2),
                          .start = static_cast<uint32_t>(start),
                          .firstElement = static_cast<uint32_t>(elements_),
                          .firstKey = static_cast<uint32_t>(keys_.size()),

@@ -453,6 +453,9 @@ TEST(Archive, WritesNeighboursOfTheSameKeysAsTables) {
   same.replace(same.find("rows\x02"), 5, bytesOf("726f7773 1a 00030d40"));
   same += bytesOf("84 8264 73616d65 01 8264 73616d65 01 8264 73616d65 01 8264 73616d65 01");
   EXPECT_EQ(unarchived('\x82' + same + same, classes).value.array().size(), 400'000U);
+  const Value beside =
+      unarchived('\x82' + same + head(CborMajor::bytes, 1 << 20) + std::string(1 << 20, 'x'), classes).value;
+  EXPECT_EQ(beside.array().packed().size(), 2U) << "nor when they are a small part of their frame";
   EXPECT_EQ(codeOf(unarchived('\x83' + same + same + same, classes).error), Code::tooManyElements);
   same.replace(same.rfind('\x01'), 1, "\x78\xA8" + std::string(0xA8, 'x'));
   EXPECT_EQ(codeOf(unarchived('\x81' + same, classes).error), Code::tooLarge);
