@@ -91,7 +91,7 @@ class DirectoryReader {
   }
 
  private:
-  static constexpr std::size_t kBufferSize = 64 * 1024;
+  static constexpr std::size_t kBufferSize = 32 * 1024;
   std::unique_ptr<char[]> buffer_;
 };
 

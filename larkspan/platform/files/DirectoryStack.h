@@ -24,7 +24,7 @@ namespace larkspan::platform {
 class DirectoryStack {
  public:
   static constexpr std::size_t kOpenLevels = 16;
-  static constexpr std::size_t kMaximumDescriptors = kOpenLevels + 5;
+  static constexpr std::size_t kMaximumDescriptors = kOpenLevels + 6;
 
   /// Where a walk starts. A folder opened with O_PATH will do if it is not read.
   struct Start {

@@ -6,6 +6,7 @@
 #include <system_error>
 #include <thread>
 
+#include <fcntl.h>
 #include <sys/resource.h>
 
 namespace larkspan::platform {
@@ -23,7 +24,7 @@ unsigned partsAllowed() {
 constexpr int64_t kWorthSharing = 256;
 /// How often a thread looks for a folder to close before it sleeps.
 constexpr int kPatience = 2000;
-/// Bytes of entries worth a part of their own.
+/// Bytes of entries at once that let expect more, worth a part of their own.
 constexpr std::size_t kManyEntries = 16 * 1024;
 
 /// Tells the processor that this is a loop that waits.
@@ -58,11 +59,11 @@ void WalkCrew::Part::giveAway() {
   if (mayGive() && stack_.split(start, level)) give(std::move(start), level, {});
 }
 
-bool WalkCrew::Part::giveAway(std::string_view entries) {
+void WalkCrew::Part::shareReading(int reading, std::string_view entries) {
+  if (entries.size() < kManyEntries || !mayGive()) return;
+  Descriptor shared(::fcntl(reading, F_DUPFD_CLOEXEC, 0));
   DirectoryStack::Start start;
-  if (entries.size() < kManyEntries || !mayGive() || !stack_.startAtTop(start)) return false;
-  give(std::move(start), stack_.depth() - 1, std::string(entries));
-  return true;
+  if (shared && stack_.startAtTop(start)) give(std::move(start), stack_.depth() - 1, std::move(shared));
 }
 
 bool WalkCrew::Part::mustWait(Awaited& awaited) {
