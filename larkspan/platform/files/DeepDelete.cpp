@@ -184,7 +184,7 @@ class DeletionPart final : public WalkCrew::Part {
   /// Puts the folder `name` on top and removes what is no folder in it. Returns 0 or an errno.
   int enter(const std::string& name, unsigned pass) {
     struct statx facts;
-    if (const int error = Part::enter(name, facts)) return error;
+    if (const int error = stack_.enter(name, facts)) return error;
     levels_.push_back({{false, false, pass}, nullptr});
     WalkProgress* const progress = deletion_.options.progress;
     if (progress && progress->wantsFolder()) progress->noteFolder(stack_.pathOf({}));
@@ -237,7 +237,7 @@ class DeletionPart final : public WalkCrew::Part {
   void leave() {
     const State left = state();
     const std::string name = stack_.name();
-    Part::leave();
+    stack_.leave();
     levels_.pop_back();
     if (left.failed) {
       state().failed = true;

@@ -118,13 +118,7 @@ int DirectoryStack::enter(const std::string& name, struct statx& facts) {
   // If another folder was put there before it was opened, this level is lost once it is closed.
   level.identity = identityOf(facts);
   level.name = name;
-  if (levels_.size() > kOpenLevels + 1) {
-    Descriptor& above = levels_[levels_.size() - 1 - kOpenLevels].directory;
-    if (isWellKnown_)
-      needless_ = std::move(above);
-    else
-      above.reset();
-  }
+  if (levels_.size() > kOpenLevels + 1) levels_[levels_.size() - 1 - kOpenLevels].directory.reset();
   return 0;
 }
 
@@ -133,7 +127,7 @@ void DirectoryStack::leave() {
   levels_.pop_back();
   firstPending_ = std::min(firstPending_, levels_.size() - 1);
   if (!child) return;
-  needless_ = std::exchange(left_, std::move(child));
+  left_ = std::move(child);
   leftLevel_ = levels_.size();
 }
 

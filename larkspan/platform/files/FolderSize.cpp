@@ -129,7 +129,7 @@ class SizingPart final : public WalkCrew::Part {
         visit(reader, name);
         giveAway();
       } else if (stack_.depth() > 1) {
-        leave();
+        stack_.leave();
         levels_.pop_back();
       } else {
         break;
@@ -186,7 +186,7 @@ class SizingPart final : public WalkCrew::Part {
 
   void visit(DirectoryReader& reader, const std::string& name) {
     struct statx facts;
-    if (const int error = enter(name, facts)) {
+    if (const int error = stack_.enter(name, facts)) {
       if (error != EXDEV) sizing_.leaveOut(stack_.pathOf(name), error);
       return;
     }
