@@ -86,17 +86,17 @@ class Deletion {
   std::optional<Error> firstCause_;
 };
 
-/// Removes what is pending at the start, and the entries, which are of the start, with all beneath. A part waits
+/// Removes what is pending at the start, and what it gets to read of it, with all beneath. A part waits
 /// before it leaves a folder of which it gave something away, because that can go only when it is empty.
 class DeletionPart final : public WalkCrew::Part {
  public:
   DeletionPart(Deletion& deletion, DirectoryStack::Start start, uint64_t mount,
-               std::shared_ptr<Findings> findings = nullptr, std::string entries = {})
+               std::shared_ptr<Findings> findings = nullptr, Descriptor reading = {})
       : Part(deletion.crew, std::move(start), mount, deletion.options.opening),
         deletion_(deletion),
         levels_(1),
         findings_(std::move(findings)),
-        entries_(std::move(entries)) {}
+        reading_(std::move(reading)) {}
 
   /// Makes the part leave the folder `name` of the start, and in it what has these names.
   void emptyOnly(std::string name, std::span<const std::string> keep) {
@@ -112,7 +112,7 @@ class DeletionPart final : public WalkCrew::Part {
         return true;
       }
     }
-    removeEntries(std::exchange(entries_, {}), false);
+    if (const Descriptor reading = std::move(reading_)) scan(reading.get());
     const std::size_t lowest = emptied_.empty() ? 1 : 2;
     for (std::string name;;) {
       if (stack_.hasPending()) {
@@ -146,11 +146,11 @@ class DeletionPart final : public WalkCrew::Part {
   /// Entries removed between two additions to the count that all share.
   static constexpr int64_t kFlushInterval = 64;
 
-  void give(DirectoryStack::Start start, std::size_t level, std::string entries) override {
+  void give(DirectoryStack::Start start, std::size_t level, Descriptor reading) override {
     auto& findings = levels_[level].findings;
     if (!findings) findings = std::make_shared<Findings>();
     crew_.give(std::make_shared<DeletionPart>(deletion_, std::move(start), stack_.mount(), findings,
-                                              std::move(entries)),
+                                              std::move(reading)),
                findings);
   }
 
@@ -184,11 +184,11 @@ class DeletionPart final : public WalkCrew::Part {
   /// Puts the folder `name` on top and removes what is no folder in it. Returns 0 or an errno.
   int enter(const std::string& name, unsigned pass) {
     struct statx facts;
-    if (const int error = Part::enter(name, facts)) return error;
+    if (const int error = stack_.enter(name, facts)) return error;
     levels_.push_back({{false, false, pass}, nullptr});
     WalkProgress* const progress = deletion_.options.progress;
     if (progress && progress->wantsFolder()) progress->noteFolder(stack_.pathOf({}));
-    scan();
+    scanTop();
     return 0;
   }
 
@@ -196,22 +196,26 @@ class DeletionPart final : public WalkCrew::Part {
   void readAgain() {
     state() = {false, false, state().pass + 1};
     ::lseek(stack_.top(), 0, SEEK_SET);
-    scan();
+    scanTop();
   }
   static bool mayReadAgain(const State& state) {
     return state.changed && !state.failed && state.pass < kMaximumPasses;
   }
 
-  void scan() {
+  void scanTop() {
+    if (const int error = scan(stack_.top())) fail({}, error);
+  }
+
+  /// Removes what the top folder, open as `reading`, still holds. Returns 0 or an errno.
+  int scan(int reading) {
     const bool keeps = stack_.depth() == 2 && !keep_.empty();
-    int error = 0;
-    for (;;) {
-      const std::string_view entries = reader_->next(stack_.top(), error);
-      if (entries.empty()) break;
-      if ((keeps || !giveAway(entries)) && !removeEntries(entries, keeps)) break;
-      if (stack_.areLast(entries)) break;
+    for (int error = 0;;) {
+      const std::string_view entries = reader_->next(reading, error);
+      if (entries.empty()) return error;
+      const bool areLast = stack_.areLast(entries);
+      if (!keeps && !areLast) shareReading(reading, entries);
+      if (!removeEntries(entries, keeps) || areLast) return 0;
     }
-    if (error) fail({}, error);
   }
 
   /// Removes those entries of the top folder that are no folders, and notes the others. False when cancelled.
@@ -233,7 +237,7 @@ class DeletionPart final : public WalkCrew::Part {
   void leave() {
     const State left = state();
     const std::string name = stack_.name();
-    Part::leave();
+    stack_.leave();
     levels_.pop_back();
     if (left.failed) {
       state().failed = true;
@@ -281,7 +285,7 @@ class DeletionPart final : public WalkCrew::Part {
   Deletion& deletion_;
   std::vector<Level> levels_;  // One for each level of the stack.
   const std::shared_ptr<Findings> findings_;
-  std::string entries_;
+  Descriptor reading_;
   std::string emptied_;
   std::span<const std::string> keep_;
   DirectoryReader* reader_ = nullptr;  // Of the thread.

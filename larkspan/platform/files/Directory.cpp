@@ -20,11 +20,13 @@ constexpr int kOpenFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_
 
 /// Whether openat2(2) is there: kernels before 5.6 lack it, and some sandboxes refuse it.
 std::atomic<bool> hasOpenat2 = true;
+/// Whether it knows RESOLVE_CACHED: since 5.12.
+std::atomic<bool> hasCachedOpening = true;
 
-int openBeneath(int parent, const char* name) {
+int openBeneath(int parent, const char* name, unsigned further = 0) {
   struct open_how how = {};
   how.flags = kOpenFlags;
-  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_XDEV;
+  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_XDEV | further;
   return static_cast<int>(::syscall(SYS_openat2, parent, name, &how, sizeof how));
 }
 
@@ -82,6 +84,23 @@ int openFolderAt(int parent, const char* name, uint64_t mount, FolderOpening ope
   if (!error && mountOf(facts) != mount) error = EXDEV;
   if (error) result.reset();
   return error;
+}
+
+int enterFolderAt(int parent, const char* name, uint64_t mount, FolderOpening opening, Descriptor& result,
+                  struct statx& facts) {
+  // What takes no more than a look into the kernel's cache wakes no automount, and a look at what is open already
+  // is less work than one by name.
+  if (opening == FolderOpening::automatic && hasCachedOpening.load(std::memory_order_relaxed)) {
+    result = Descriptor(openBeneath(parent, name, RESOLVE_CACHED));
+    if (result) return factsAt(result.get(), "", facts);
+    if (errno == EINVAL || errno == ENOSYS || errno == EPERM)
+      hasCachedOpening.store(false, std::memory_order_relaxed);
+  }
+  // Before opening, because opening the place of an automount would mount it.
+  if (const int error = factsAt(parent, name, facts)) return error;
+  if (mountOf(facts) != mount) return EXDEV;
+  if (!S_ISDIR(facts.stx_mode)) return ENOTDIR;
+  return openFolderAt(parent, name, mount, opening, result);
 }
 
 bool isInWellKnownFileSystem(int folder) {

@@ -37,6 +37,10 @@ inline Date dateOf(const struct statx_timestamp& time) { return {time.tv_sec, ti
 /// for what is no folder, EXDEV for one that is not on `mount`.
 int openFolderAt(int parent, const char* name, uint64_t mount, FolderOpening opening, Descriptor& result);
 
+/// As `openFolderAt`, but tells the folder's facts, too, and leaves the place of an automount one.
+int enterFolderAt(int parent, const char* name, uint64_t mount, FolderOpening opening, Descriptor& result,
+                  struct statx& facts);
+
 /// Whether the folder's file system is tmpfs, ext2 to ext4, XFS or Btrfs, where a folder may be removed while it is
 /// open, and `DirectoryReader::tellEnd` is right.
 bool isInWellKnownFileSystem(int folder);
@@ -91,7 +95,7 @@ class DirectoryReader {
   }
 
  private:
-  static constexpr std::size_t kBufferSize = 64 * 1024;
+  static constexpr std::size_t kBufferSize = 32 * 1024;
   std::unique_ptr<char[]> buffer_;
 };
 

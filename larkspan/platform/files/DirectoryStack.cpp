@@ -99,13 +99,7 @@ int DirectoryStack::enter(const std::string& name, struct statx& facts) {
   const int parent = top();
   if (parent < 0) return ESTALE;
   Descriptor directory;
-  const auto open = [&] {
-    // Before opening, because opening the place of an automount would mount it.
-    if (const int error = factsAt(parent, name.c_str(), facts)) return error;
-    if (mountOf(facts) != mount_) return EXDEV;
-    if (!S_ISDIR(facts.stx_mode)) return ENOTDIR;
-    return openFolderAt(parent, name.c_str(), mount_, opening_, directory);
-  };
+  const auto open = [&] { return enterFolderAt(parent, name.c_str(), mount_, opening_, directory, facts); };
   int error = open();
   if (error == EMFILE || error == ENFILE) {
     for (std::size_t i = 1; i + 1 < levels_.size(); ++i) levels_[i].directory.reset();
@@ -115,16 +109,10 @@ int DirectoryStack::enter(const std::string& name, struct statx& facts) {
   if (error) return error;
   Level& level = levels_.emplace_back();
   level.directory = std::move(directory);
-  // If another folder was put there before it was opened, this level is lost once it is closed.
+  // If it was looked at first, and another put there before it was opened, this level is lost once it is closed.
   level.identity = identityOf(facts);
   level.name = name;
-  if (levels_.size() > kOpenLevels + 1) {
-    Descriptor& above = levels_[levels_.size() - 1 - kOpenLevels].directory;
-    if (isWellKnown_)
-      needless_ = std::move(above);
-    else
-      above.reset();
-  }
+  if (levels_.size() > kOpenLevels + 1) levels_[levels_.size() - 1 - kOpenLevels].directory.reset();
   return 0;
 }
 
@@ -133,7 +121,7 @@ void DirectoryStack::leave() {
   levels_.pop_back();
   firstPending_ = std::min(firstPending_, levels_.size() - 1);
   if (!child) return;
-  needless_ = std::exchange(left_, std::move(child));
+  left_ = std::move(child);
   leftLevel_ = levels_.size();
 }
 

@@ -24,7 +24,7 @@ namespace larkspan::platform {
 class DirectoryStack {
  public:
   static constexpr std::size_t kOpenLevels = 16;
-  static constexpr std::size_t kMaximumDescriptors = kOpenLevels + 5;
+  static constexpr std::size_t kMaximumDescriptors = kOpenLevels + 6;
 
   /// Where a walk starts. A folder opened with O_PATH will do if it is not read.
   struct Start {
@@ -49,9 +49,6 @@ class DirectoryStack {
   int enter(const std::string& name, struct statx& facts);
   /// Takes the top level away; not for the start.
   void leave();
-  /// A folder that `enter` or `leave` has just made needless, if any, for the caller to close. One that was left
-  /// comes when the next one is left, and may have been removed by then.
-  Descriptor takeNeedless() { return std::move(needless_); }
 
   /// Whether these entries of the top folder are known to be the last, so that nobody need ask for more.
   bool areLast(std::string_view entries) const { return isWellKnown_ && DirectoryReader::tellEnd(entries); }
@@ -96,7 +93,6 @@ class DirectoryStack {
   // The folder last left, and the level at which it was.
   Descriptor left_;
   std::size_t leftLevel_ = 0;
-  Descriptor needless_;
   std::size_t firstPending_ = 0;  // Nothing is pending in the levels before.
 };
 

@@ -107,20 +107,19 @@ class SizingPart final : public WalkCrew::Part {
   /// The whole walk.
   SizingPart(Sizing& sizing, DirectoryStack::Start start, uint64_t mount)
       : SizingPart(sizing, std::move(start), mount, sizing.root(), {}, true) {}
-  SizingPart(Sizing& sizing, DirectoryStack::Start start, uint64_t mount, Level level, std::string entries,
+  SizingPart(Sizing& sizing, DirectoryStack::Start start, uint64_t mount, Level level, Descriptor reading,
              bool isWhole = false)
       : Part(sizing.crew, std::move(start), mount, FolderOpening::automatic),
         sizing_(sizing),
         levels_{level},
         isWhole_(isWhole),
-        entries_(std::move(entries)) {}
+        reading_(std::move(reading)) {}
 
   bool run(DirectoryReader& reader) override {
     if (isWhole_) {
-      if (const int error = scan(reader)) sizing_.fail(error);
-    } else {
-      count(entries_);
-      entries_ = {};
+      if (const int error = scan(reader, stack_.top())) sizing_.fail(error);
+    } else if (const Descriptor reading = std::move(reading_)) {
+      scan(reader, reading.get());
     }
     std::string name;
     for (;;) {
@@ -130,7 +129,7 @@ class SizingPart final : public WalkCrew::Part {
         visit(reader, name);
         giveAway();
       } else if (stack_.depth() > 1) {
-        leave();
+        stack_.leave();
         levels_.pop_back();
       } else {
         break;
@@ -140,21 +139,22 @@ class SizingPart final : public WalkCrew::Part {
   }
 
  private:
-  void give(DirectoryStack::Start start, std::size_t level, std::string entries) override {
+  void give(DirectoryStack::Start start, std::size_t level, Descriptor reading) override {
     crew_.give(std::make_shared<SizingPart>(sizing_, std::move(start), stack_.mount(), levels_[level],
-                                            std::move(entries)));
+                                            std::move(reading)));
   }
 
-  /// Counts what the top folder holds and notes the folders in it. Returns 0 or an errno.
-  int scan(DirectoryReader& reader) {
+  /// Counts what the top folder, open as `reading`, still holds and notes the folders in it. Returns 0 or an errno.
+  int scan(DirectoryReader& reader, int reading) {
     if (sizing_.progress && sizing_.progress->wantsFolder()) sizing_.progress->noteFolder(stack_.pathOf({}));
-    const int folder = stack_.top();
     for (int error = 0;;) {
-      const std::string_view entries = reader.next(folder, error);
+      const std::string_view entries = reader.next(reading, error);
       if (entries.empty()) return error;
       if (sizing_.stops()) return 0;
-      if (!giveAway(entries)) count(entries);
-      if (stack_.areLast(entries)) return 0;
+      const bool areLast = stack_.areLast(entries);
+      if (!areLast) shareReading(reading, entries);
+      count(entries);
+      if (areLast) return 0;
     }
   }
 
@@ -186,7 +186,7 @@ class SizingPart final : public WalkCrew::Part {
 
   void visit(DirectoryReader& reader, const std::string& name) {
     struct statx facts;
-    if (const int error = enter(name, facts)) {
+    if (const int error = stack_.enter(name, facts)) {
       if (error != EXDEV) sizing_.leaveOut(stack_.pathOf(name), error);
       return;
     }
@@ -195,7 +195,7 @@ class SizingPart final : public WalkCrew::Part {
     Sum sum;
     sum.add(facts, sizing_.linked);
     add(sum);
-    if (const int error = scan(reader)) sizing_.leaveOut(stack_.pathOf({}), error);
+    if (const int error = scan(reader, stack_.top())) sizing_.leaveOut(stack_.pathOf({}), error);
   }
 
   struct Sum {
@@ -222,7 +222,7 @@ class SizingPart final : public WalkCrew::Part {
   Sizing& sizing_;
   std::vector<Level> levels_;  // One for each level of the stack.
   const bool isWhole_;
-  std::string entries_;
+  Descriptor reading_;
 };
 
 }  // namespace

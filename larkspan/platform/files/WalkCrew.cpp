@@ -6,6 +6,7 @@
 #include <system_error>
 #include <thread>
 
+#include <fcntl.h>
 #include <sys/resource.h>
 
 namespace larkspan::platform {
@@ -21,35 +22,13 @@ unsigned partsAllowed() {
 
 /// Entries that a part does before it may give work away: less is done sooner than given.
 constexpr int64_t kWorthSharing = 256;
-/// How often a thread looks for a folder to close before it sleeps.
-constexpr int kPatience = 2000;
-/// Bytes of entries worth a part of their own.
+/// Bytes of entries at once that let expect more, worth a part of their own.
 constexpr std::size_t kManyEntries = 16 * 1024;
-
-/// Tells the processor that this is a loop that waits.
-void relax() {
-#if defined(__x86_64__) || defined(__i386__)
-  __builtin_ia32_pause();
-#elif defined(__aarch64__)
-  asm volatile("isb");
-#endif
-}
 
 }  // namespace
 
 bool WalkCrew::Part::mayGive() const {
   return done_ >= kWorthSharing && crew_.appetite_.load(std::memory_order_relaxed) > 0;
-}
-
-int WalkCrew::Part::enter(const std::string& name, struct statx& facts) {
-  const int error = stack_.enter(name, facts);
-  crew_.close(stack_.takeNeedless(), unattended_);
-  return error;
-}
-
-void WalkCrew::Part::leave() {
-  stack_.leave();
-  crew_.close(stack_.takeNeedless(), unattended_);
 }
 
 void WalkCrew::Part::giveAway() {
@@ -58,11 +37,11 @@ void WalkCrew::Part::giveAway() {
   if (mayGive() && stack_.split(start, level)) give(std::move(start), level, {});
 }
 
-bool WalkCrew::Part::giveAway(std::string_view entries) {
+void WalkCrew::Part::shareReading(int reading, std::string_view entries) {
+  if (entries.size() < kManyEntries || !mayGive()) return;
+  Descriptor shared(::fcntl(reading, F_DUPFD_CLOEXEC, 0));
   DirectoryStack::Start start;
-  if (entries.size() < kManyEntries || !mayGive() || !stack_.startAtTop(start)) return false;
-  give(std::move(start), stack_.depth() - 1, std::string(entries));
-  return true;
+  if (shared && stack_.startAtTop(start)) give(std::move(start), stack_.depth() - 1, std::move(shared));
 }
 
 bool WalkCrew::Part::mustWait(Awaited& awaited) {
@@ -81,7 +60,7 @@ WalkCrew::WalkCrew()
 WalkCrew::~WalkCrew() {
   std::unique_lock lock(mutex_);
   ends_ = true;
-  callAll();
+  wake_.notify_all();
   wake_.wait(lock, [this] { return helpers_ == 0; });
 }
 
@@ -104,14 +83,8 @@ void WalkCrew::give(std::shared_ptr<Part> part, std::shared_ptr<Awaited> awaited
   updateAppetite();
 }
 
-void WalkCrew::callAll() {
-  isCalled_.store(true, std::memory_order_relaxed);
-  wake_.notify_all();
-}
-
 void WalkCrew::callHelper() {
   if (idle_ > 0) {
-    isCalled_.store(true, std::memory_order_relaxed);
     wake_.notify_one();
   } else if (helpers_ < helpersAllowed_) {
     try {
@@ -129,46 +102,12 @@ void WalkCrew::updateAppetite() {
                   std::memory_order_relaxed);
 }
 
-void WalkCrew::close(Descriptor folder, unsigned& unattended) {
-  if (!folder) return;
-  int state = toClose_.load(std::memory_order_relaxed);
-  if (state == kNone && toClose_.compare_exchange_strong(state, folder.get(), std::memory_order_relaxed)) {
-    folder.release();
-  } else if (state == kUnattended && ++unattended % kWorthSharing == 0) {
-    const std::lock_guard lock(mutex_);
-    callHelper();
-  }
-}
-
-void WalkCrew::closeForOthers() {
-  int folder = kUnattended;
-  if (!toClose_.compare_exchange_strong(folder, kNone, std::memory_order_relaxed)) return;
-  for (int waits = 0; waits < kPatience && !isCalled_.load(std::memory_order_relaxed); ++waits) {
-    folder = toClose_.load(std::memory_order_relaxed);
-    if (folder == kNone) {
-      relax();
-    } else {
-      toClose_.store(kNone, std::memory_order_relaxed);
-      ::close(folder);
-      waits = 0;
-    }
-  }
-  const Descriptor last(toClose_.exchange(kUnattended, std::memory_order_relaxed));
-}
-
 void WalkCrew::work(bool isHelper) {
   DirectoryReader reader;
   std::unique_lock lock(mutex_);
   for (;;) {
-    const auto isDue = [&] { return !queue_.empty() || (isHelper ? ends_ : alive_ == 0); };
     ++idle_;
-    while (!isDue()) {
-      isCalled_.store(false, std::memory_order_relaxed);
-      lock.unlock();
-      closeForOthers();
-      lock.lock();
-      wake_.wait(lock, [&] { return isDue() || isCalled_.load(std::memory_order_relaxed); });
-    }
+    wake_.wait(lock, [&] { return !queue_.empty() || (isHelper ? ends_ : alive_ == 0); });
     --idle_;
     if (queue_.empty()) {
       if (!isHelper) return;
@@ -196,7 +135,7 @@ void WalkCrew::work(bool isHelper) {
     if (!isDone) continue;
     --alive_;
     updateAppetite();
-    if (alive_ == 0) callAll();
+    if (alive_ == 0) wake_.notify_all();
   }
 }
 

@@ -13,12 +13,10 @@
 namespace larkspan::platform {
 
 /// The threads of a walk. A walk begins as one part on the caller's thread. While fewer parts are queued than
-/// there may be other threads, who has done something and walks on gives half of what it has noted for later,
-/// or all of what it just read, away as a part of its own; otherwise sharing costs a load. Where nothing can be
-/// given, as in a chain of folders, a thread without a part closes the folders of the others, which is a good
-/// part of the work on a small folder and most of the removal of one. For that it waits awake, some tens of
-/// microseconds at most. Threads are started only when there is something for them; those of a low-priority
-/// thread are such threads, too.
+/// there may be other threads, who has done something and walks on gives half of what it has noted for later
+/// away as a part of its own, or lets one read a large folder along; otherwise sharing costs a load. Each does
+/// what it read itself, while the kernel's records of it are in its processor's cache. Threads are started only
+/// when there is something for them; those of a low-priority thread are such threads, too.
 /// Owner:   the walk; no thread runs anything of it once this ends.
 /// Thread:  `run` on one thread at a time, the rest on those that run a part.
 /// Limits:  as many threads as processors, at most `kMaximumThreads`, and parts for half of the descriptors
@@ -53,17 +51,14 @@ class WalkCrew {
     Part(WalkCrew& crew, DirectoryStack::Start start, uint64_t mount, FolderOpening opening)
         : crew_(crew), stack_(std::move(start), mount, opening) {}
 
-    /// As those of the stack, and somebody else may close what is needless then.
-    int enter(const std::string& name, struct statx& facts);
-    void leave();
-
-    /// Where another part is wanted and it is worth it, gives half of what is pending away; or these entries,
-    /// just read, of the top folder, and answers whether it did.
+    /// Where another part is wanted and it is worth it, gives half of what is pending away; or lets one read on
+    /// with this one in the top folder, of which `reading` is open and has just given these entries.
     void giveAway();
-    bool giveAway(std::string_view entries);
-    /// Gives `crew_` a part for what is pending at the start, and the entries, which are of the start: a folder
-    /// that is `level` levels beneath this part's own.
-    virtual void give(DirectoryStack::Start start, std::size_t level, std::string entries) = 0;
+    void shareReading(int reading, std::string_view entries);
+    /// Gives `crew_` a part for what is pending at the start, a folder that is `level` levels beneath this part's
+    /// own, and for what it gets to read of it: `reading`, if any, moves on whoever reads. When that fails, this
+    /// part meets the same.
+    virtual void give(DirectoryStack::Start start, std::size_t level, Descriptor reading) = 0;
 
     /// Whether some of the parts are not done yet. If so `run` has to return false at once and touch nothing
     /// any more: another thread may run this part already.
@@ -77,7 +72,6 @@ class WalkCrew {
     friend class WalkCrew;
     bool mayGive() const;
     std::shared_ptr<Awaited> awaited_;
-    unsigned unattended_ = 0;  // Folders closed while nobody else would.
   };
 
   WalkCrew();
@@ -91,14 +85,9 @@ class WalkCrew {
   void give(std::shared_ptr<Part> part, std::shared_ptr<Awaited> awaited = nullptr);
 
  private:
-  static constexpr int kNone = -1, kUnattended = -2;
-
   void work(bool isHelper);
   void updateAppetite();
-  void callAll();
   void callHelper();
-  void close(Descriptor folder, unsigned& unattended);
-  void closeForOthers();
 
   std::mutex mutex_;
   std::condition_variable wake_;
@@ -110,9 +99,6 @@ class WalkCrew {
   unsigned helpersAllowed_;
   unsigned helpers_ = 0;
   std::atomic<int> appetite_ = 0;
-  // For the thread that closes for others: a folder, or one of the constants; and whether it shall stop.
-  std::atomic<int> toClose_ = kUnattended;
-  std::atomic<bool> isCalled_ = false;
 };
 
 }  // namespace larkspan::platform
