@@ -26,7 +26,8 @@ using OptionalText = std::optional<std::string_view>;
 /// MessageItem. Getters hand on what is stored: absent or of another type reads as nothing, 0 or false unless
 /// said otherwise. Setters of objects store nothing by removing the key.
 /// Owner:  the item lives as long as a view shows it. A view of a long list that came from another process keeps the
-///         list's bytes and all items that were made of it; `MessageItem(view.item())` keeps its item alone, with what that shares.
+///         list's bytes and all items that were made of it; `MessageItem(view.item())` keeps its item alone, with what
+///         that shares.
 /// Thread: one item is not to be changed from two threads at a time.
 class MessageItem {
  public:

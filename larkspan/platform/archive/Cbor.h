@@ -38,6 +38,14 @@ inline uint64_t loadBigEndian(const char* from, std::size_t size) {
   }
 }
 
+/// Writes all bytes of the integer, most significant first, and passes them.
+template <typename Integer>
+void storeBigEndian(char*& to, Integer value) {
+  const uint64_t bytes = bigEndian(static_cast<uint64_t>(value) << (64 - 8 * sizeof value));
+  std::memcpy(to, &bytes, sizeof value);
+  to += sizeof value;
+}
+
 /// memcpy(3) for what mostly is short.
 inline void copyBytes(char* to, std::string_view from) {
   const std::size_t size = from.size();

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <string>
 #include <typeinfo>
 #include <utility>
@@ -76,13 +75,6 @@ struct ColumnContent {
     }
   }
 };
-
-template <typename Integer>
-void storeBigEndian(char*& to, Integer value) {
-  const uint64_t bytes = detail::bigEndian(static_cast<uint64_t>(value) << (64 - 8 * sizeof value));
-  std::memcpy(to, &bytes, sizeof value);
-  to += sizeof value;
-}
 
 }  // namespace
 
@@ -217,8 +209,8 @@ std::size_t KeyedArchiver::writeTable(std::span<const Value> members) {
   if (tables_ == Tables::no || members.size() < 2 || withinError_) return 0;
   if (depth_ + kTableDepth + kFlatDepth > limits::kMaximumDepth) return 0;
   const ObjectClass* objectClass = nullptr;
-  // Of a member that is an object of the table's class, or of any as long as there is none. What is encoded already as a
-  // map goes on so.
+  // Of a member that is an object of the table's class, or of any as long as there is none. What is still encoded as a map
+  // is written as it came.
   const auto rowOf = [&](const Value& member) -> const Dictionary* {
     const auto* const object = member.contentAs<std::shared_ptr<Object>>();
     const Archivable* const archivable = object ? archivableOf(**object) : nullptr;
@@ -293,14 +285,14 @@ void KeyedArchiver::writeColumn(std::span<const Dictionary::Entry* const> rows, 
       break;
     case Form::integers: {
       char* to = writer_.string(CborMajor::bytes, sizeof(int64_t) * rows.size());
-      for (const auto* const row : rows) storeBigEndian(to, *valueOf(row).contentAs<int64_t>());
+      for (const auto* const row : rows) detail::storeBigEndian(to, *valueOf(row).contentAs<int64_t>());
       break;
     }
     case Form::texts:
     case Form::urls: {
       char* to = writer_.string(CborMajor::bytes, sizeof(uint32_t) * rows.size());
       for (const auto* const row : rows)
-        storeBigEndian(to, static_cast<uint32_t>(textOf(valueOf(row)).size()));
+        detail::storeBigEndian(to, static_cast<uint32_t>(textOf(valueOf(row)).size()));
       to = writer_.string(CborMajor::text, bytes);
       for (const auto* const row : rows) {
         const std::string_view text = textOf(valueOf(row));
@@ -311,9 +303,10 @@ void KeyedArchiver::writeColumn(std::span<const Dictionary::Entry* const> rows, 
     }
     case Form::dates: {
       char* to = writer_.string(CborMajor::bytes, sizeof(int64_t) * rows.size());
-      for (const auto* const row : rows) storeBigEndian(to, valueOf(row).contentAs<Date>()->seconds);
+      for (const auto* const row : rows) detail::storeBigEndian(to, valueOf(row).contentAs<Date>()->seconds);
       to = writer_.string(CborMajor::bytes, sizeof(uint32_t) * rows.size());
-      for (const auto* const row : rows) storeBigEndian(to, valueOf(row).contentAs<Date>()->nanoseconds);
+      for (const auto* const row : rows)
+        detail::storeBigEndian(to, valueOf(row).contentAs<Date>()->nanoseconds);
       break;
     }
   }
@@ -321,7 +314,7 @@ void KeyedArchiver::writeColumn(std::span<const Dictionary::Entry* const> rows, 
 }
 
 void KeyedArchiver::writeDictionary(const Dictionary& dictionary) {
-  if (const Dictionary::Packed* const packed = dictionary.packed(); packed) {
+  if (const Dictionary::Packed* const packed = dictionary.packed()) {
     if (!enter(packed->levels) || !hasRoom(packed->bytes.size())) return;
     writer_.raw(packed->bytes.view(), packed->elements);
     depth_ -= packed->levels;

@@ -65,10 +65,6 @@ std::strong_ordering orderEntries(const Dictionary& a, const Dictionary& b) {
                                                 });
 }
 
-}  // namespace
-
-namespace {
-
 const PackedMembers* packedIn(const Value& value) {
   const auto* const object = value.contentAs<std::shared_ptr<Object>>();
   return object ? dynamic_cast<const PackedMembers*>(object->get()) : nullptr;
