@@ -73,11 +73,28 @@ int64_t MessageItem::lks_deletableSize() const {
   return size.isNone() ? lks_size() : size.integerValue();
 }
 
-platform::Array arrayFromItems(const Items& items) {
-  std::vector<Value> values;
-  values.reserve(items.size());
-  for (const MessageItem& item : items) values.emplace_back(item.item());
-  return values;
+namespace {
+
+/// Items that nobody has made values of.
+class ItemList final : public platform::PackedMembers {
+ public:
+  explicit ItemList(Items items) : items_(std::move(items)) {}
+
+  const Items& items() const { return items_; }
+  std::size_t size() const override { return items_.size(); }
+  const std::shared_ptr<platform::Object>& object(std::size_t index) const override {
+    return items_[index].object();
+  }
+
+ private:
+  const Items items_;
+};
+
+}  // namespace
+
+platform::Array arrayFromItems(Items items) {
+  if (items.empty()) return {};
+  return platform::Array::withPacked({std::make_shared<ItemList>(std::move(items))});
 }
 
 Items itemsFromValue(const Value& array) {
@@ -87,6 +104,8 @@ Items itemsFromValue(const Value& array) {
   for (const Value& value : values.packed()) {
     if (auto item = value.objectOf<platform::ExtensionItem>()) {
       items.emplace_back(std::move(item));
+    } else if (const auto list = value.objectOf<ItemList>()) {
+      items.insert(items.end(), list->items().begin(), list->items().end());
     } else if (const auto rows = value.objectOf<platform::TableRows>();
                rows && &rows->objectClass() == &platform::ExtensionItem::archiveClass()) {
       for (uint32_t row = 0; row < rows->size(); ++row) items.emplace_back(rows, row);

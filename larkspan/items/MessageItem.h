@@ -40,10 +40,16 @@ class MessageItem {
   /// An item that holds only its name, without a kind; nothing for an empty name.
   static std::optional<MessageItem> initWithLKSName(OptionalText name);
 
-  const platform::Dictionary& userInfo() const { return item()->userInfo(); }
+  const platform::Dictionary& userInfo() const {
+    return static_cast<const platform::ExtensionItem&>(*object()).userInfo();
+  }
   void setUserInfo(platform::Dictionary userInfo) { item()->setUserInfo(std::move(userInfo)); }
   std::shared_ptr<platform::ExtensionItem> item() const {
-    return std::static_pointer_cast<platform::ExtensionItem>(row_ == kNoRow ? source_ : rows().object(row_));
+    return std::static_pointer_cast<platform::ExtensionItem>(object());
+  }
+  /// The same, which lives as long as the view shows it.
+  const std::shared_ptr<platform::Object>& object() const {
+    return row_ == kNoRow ? source_ : rows().object(row_);
   }
 
   /// Stores under the key; a none value removes it. Removing what is not there leaves the dictionary
@@ -149,7 +155,7 @@ class MessageItem {
 using Items = std::vector<MessageItem>;
 
 /// The items as the elements of an array value, and back; elements that are no items are left out.
-platform::Array arrayFromItems(const Items& items);
+platform::Array arrayFromItems(Items items);
 Items itemsFromValue(const platform::Value& array);
 
 }  // namespace larkspan

@@ -64,9 +64,22 @@ class KeyedArchiver {
   void writeError(const Error& error);
   void writeObject(const Object& object);
   const Archivable* archivableOf(const Object& object);
-  std::size_t writeTable(std::span<const Value> members);
-  void writeColumn(std::span<const Dictionary::Entry* const> rows, std::size_t index, TableColumn::Form form,
-                   std::size_t bytes);
+  /// Members of an array: objects that are no values yet, or values.
+  struct Neighbours {
+    const PackedMembers* packed;
+    std::span<const Value> values{};
+
+    std::size_t size() const { return packed ? packed->size() : values.size(); }
+    /// Null for a value that is none.
+    const Object* object(std::size_t index) const {
+      if (packed) return packed->object(index).get();
+      const auto* const object = values[index].contentAs<std::shared_ptr<Object>>();
+      return object ? object->get() : nullptr;
+    }
+  };
+  std::size_t writeNeighbours(const Neighbours& members);
+  std::size_t writeTable(const Neighbours& members, std::size_t start);
+  void writeColumn(std::span<const Value* const> rows, std::size_t index);
   void writeField(std::string_view key, const Value& value);
   void writeEntry(std::string_view key, const Value& value);
   /// Whether this many bytes more keep within the limits; fails else.

@@ -208,10 +208,13 @@ void KeyedUnarchiver::readTable(const ClassSet& classes, std::vector<Value>& mem
   }
   const std::size_t size = std::max(reader_.position() - columnsStart, count * keys.size());
   notePassed(columnsStart);
-  auto table = std::make_shared<TableRows>(*objectClass, frame_, std::move(keys), std::move(columns), count);
+  auto table = std::make_shared<TableRows>(*objectClass, frame_, KeyList(std::move(keys)), std::move(columns), count);
   // Few objects, one of which may be kept, shall not keep a large frame.
   constexpr std::size_t kFewRows = 16, kSmallPart = 512;
-  if (count < kFewRows || size < frame_.blockSize() / kSmallPart) return table->unpack(members);
+  if (count < kFewRows || size < frame_.blockSize() / kSmallPart) {
+    for (std::size_t row = 0; row < count; ++row) members.emplace_back(table->object(row));
+    return;
+  }
   members.emplace_back(std::move(table));
   hasPacked_ = true;
 }

@@ -40,7 +40,7 @@ struct TableColumn {
 class TableRows final : public PackedMembers {
  public:
   /// The columns were found sound, one for each of the keys, which differ, with as many values as there are rows.
-  TableRows(const ObjectClass& objectClass, Slice frame, std::vector<Slice> keys,
+  TableRows(const ObjectClass& objectClass, Slice frame, KeyList keys,
             std::vector<TableColumn> columns, std::size_t rows);
 
   const ObjectClass& objectClass() const { return objectClass_; }
@@ -48,15 +48,14 @@ class TableRows final : public PackedMembers {
   /// What the row's object has in its dictionary under the key, or none.
   Value get(std::size_t row, std::string_view key) const;
   /// The row's object, the same each time.
-  std::shared_ptr<Object> object(std::size_t row) const;
-  void unpack(std::vector<Value>& members) const override;
+  const std::shared_ptr<Object>& object(std::size_t row) const override;
 
  private:
   Object* madeObject(std::size_t row) const;
 
   const ObjectClass& objectClass_;
   const Slice frame_;
-  const std::vector<Slice> keys_;
+  const KeyList keys_;
   const std::vector<TableColumn> columns_;
   const std::size_t rows_;
   uint64_t keyBits_ = 0;

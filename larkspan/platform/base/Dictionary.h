@@ -1,31 +1,21 @@
 #pragma once
 
+#include "larkspan/platform/base/KeyList.h"
 #include "larkspan/platform/base/Slice.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <iterator>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace larkspan::platform {
 
 class Value;
-
-/// A key written in the program: its text lives forever, so that storing under it copies nothing.
-/// Converts to std::string_view for reading.
-class Key {
- public:
-  template <std::size_t size>
-  consteval Key(const char (&literal)[size]) : text_(literal, size - 1) {}
-  constexpr operator std::string_view() const { return text_; }
-  friend constexpr bool operator==(const Key&, const Key&) = default;
-  friend constexpr bool operator==(const Key& key, std::string_view text) { return key.text_ == text; }
-
- private:
-  std::string_view text_;
-};
 
 /// One bit of 64 that tells most different keys apart.
 inline uint64_t keyBit(std::string_view key) {
@@ -39,13 +29,14 @@ inline uint64_t keyBit(std::string_view key) {
 }
 
 /// Text keys to values, in the order in which the keys were first set. Meant for the small dictionaries of
-/// messages: a flat vector, searched from the front. A value: copies share their storage until one of them is
+/// messages: two flat lists, searched from the front, of which that of the keys is shared where it can be. A value: copies share their storage until one of them is
 /// changed (copy on write). One that came from another process may keep its entries in their encoded form: a look-up
 /// then decodes the one value that it finds, and the first iteration or change all of them.
 /// Thread: as std::vector; copies may be used from different threads.
 class Dictionary {
  public:
   struct Entry;
+  class Iterator;
   struct NewEntry;
   struct PackedCoding;
   /// Entries that are encoded still, their keys well-formed and different and their values sound.
@@ -69,6 +60,8 @@ class Dictionary {
   /// Room for `capacity` entries, taken at once.
   static Dictionary withCapacity(std::size_t capacity);
   Dictionary(std::initializer_list<NewEntry> entries);
+  /// One value for each of the keys: for decoders.
+  Dictionary(KeyList keys, std::vector<Value> values);
   /// A dictionary that reads its entries when somebody asks: for decoders.
   explicit Dictionary(Packed packed);
 
@@ -88,8 +81,11 @@ class Dictionary {
   /// Removes the key if it is there.
   void remove(std::string_view key);
 
-  const Entry* begin() const;
-  const Entry* end() const;
+  Iterator begin() const;
+  Iterator end() const;
+  const KeyList& keys() const;
+  /// In the order of the keys.
+  std::span<const Value> values() const;
 
   /// A copy that shares no array, dictionary or item with this one.
   Dictionary deepCopy() const;
@@ -107,8 +103,13 @@ class Dictionary {
  private:
   struct Storage;
   Storage& writable();
-  void unpack() const;
+  const Storage& unpacked() const;
+  template <typename AnyKey>
+  void put(const AnyKey& key, Value value);
   Storage* storage_ = nullptr;
 };
+
+/// The entries by key, for comparisons; they point into the dictionary.
+std::vector<std::pair<std::string_view, const Value*>> sortedEntries(const Dictionary& dictionary);
 
 }  // namespace larkspan::platform

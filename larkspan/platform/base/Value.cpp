@@ -50,14 +50,8 @@ std::strong_ordering orderAll(const Value* a, const Value* aEnd, const Value* b,
 }
 
 std::strong_ordering orderEntries(const Dictionary& a, const Dictionary& b) {
-  const auto flattened = [](const Dictionary& dictionary) {
-    std::vector<std::pair<std::string_view, const Value*>> entries;
-    for (const auto& entry : dictionary) entries.emplace_back(entry.key(), &entry.value);
-    std::sort(entries.begin(), entries.end());
-    return entries;
-  };
-  const auto left = flattened(a);
-  const auto right = flattened(b);
+  const auto left = sortedEntries(a);
+  const auto right = sortedEntries(b);
   return std::lexicographical_compare_three_way(left.begin(), left.end(), right.begin(), right.end(),
                                                 [](const auto& x, const auto& y) {
                                                   const auto byKey = x.first <=> y.first;
@@ -65,12 +59,12 @@ std::strong_ordering orderEntries(const Dictionary& a, const Dictionary& b) {
                                                 });
 }
 
+}  // namespace
+
 const PackedMembers* packedIn(const Value& value) {
   const auto* const object = value.contentAs<std::shared_ptr<Object>>();
   return object ? dynamic_cast<const PackedMembers*>(object->get()) : nullptr;
 }
-
-}  // namespace
 
 struct Array::Storage {
   const std::vector<Value> values;
@@ -107,7 +101,9 @@ std::span<const Value> Array::values() const {
     storage_->unpacked.reserve(storage_->size);
     for (const Value& value : storage_->values) {
       const PackedMembers* const members = packedIn(value);
-      members ? members->unpack(storage_->unpacked) : storage_->unpacked.push_back(value);
+      if (!members) storage_->unpacked.push_back(value);
+      for (std::size_t i = 0; members && i < members->size(); ++i)
+        storage_->unpacked.emplace_back(members->object(i));
     }
   });
   return storage_->unpacked;

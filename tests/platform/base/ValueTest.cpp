@@ -148,8 +148,8 @@ TEST(Dictionary, CopiesOnTheFirstChangeOfAShareAndOnlyThen) {
   // The key of an entry of the dictionary's own, which the change moves.
   for (int i = 0; i < 40; ++i) second.set(std::string_view("key " + std::to_string(i)), i);
   const Dictionary share = second;
-  second.set(share.begin()[30].key(), "new");
-  second.remove(second.begin()[0].key());
+  second.set(share.keys().keys()[30].view(), "new");
+  second.remove(second.keys().keys()[0].view());
   EXPECT_EQ(second.get("key 29"), Value("new"));
   EXPECT_EQ(share.get("key 29"), Value(29));
 }
