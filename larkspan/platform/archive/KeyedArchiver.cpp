@@ -24,7 +24,7 @@ constexpr unsigned kFlatDepth = 2;
 using Form = TableColumn::Form;
 
 /// No container, error or object.
-bool isFlat(Value::Kind kind) { return kind <= Value::Kind::url; }
+bool isFlat(const Value& value) { return value.kind() <= Value::Kind::url; }
 
 /// Mostly one text in both places.
 bool isSame(std::string_view a, std::string_view b) {
@@ -203,7 +203,10 @@ void KeyedArchiver::writeArray(const Array& array) {
 std::size_t KeyedArchiver::writeNeighbours(const Neighbours& members) {
   std::size_t items = 0;
   for (std::size_t i = 0; i < members.size() && !error_; ++items) {
+    const std::size_t before = writer_.size();
     const std::size_t rows = writeTable(members, i);
+    // So that what a long list takes is not copied as it grows.
+    if (i == 0 && rows > 0) writer_.reserve(std::min((writer_.size() - before) * (members.size() / rows), limits::kMaximumFrame));
     if (rows == 0) members.packed ? write(members.packed->object(i)) : write(members.values[i]);
     i += std::max<std::size_t>(rows, 1);
   }
@@ -218,35 +221,26 @@ std::size_t KeyedArchiver::writeTable(const Neighbours& members, std::size_t sta
   const std::size_t most = std::min(Table::kMostRows, members.size() - start);
   if (tables_ == Tables::no || most < 2 || withinError_) return 0;
   if (depth_ + kTableDepth + kFlatDepth > limits::kMaximumDepth) return 0;
-  const ObjectClass* objectClass = nullptr;
-  // Of a member that is an object of the table's class, or of any as long as there is none. What is still encoded as a map
-  // is written as it came.
-  const auto rowOf = [&](std::size_t index) -> const Dictionary* {
-    const Object* const object = members.object(start + index);
-    const Archivable* const archivable = object ? archivableOf(*object) : nullptr;
-    if (!archivable || (objectClass && objectClass != &archivable->objectClass())) return nullptr;
-    objectClass = &archivable->objectClass();
-    const Dictionary* const row = archivable->row();
-    return row && !row->packed() ? row : nullptr;
-  };
-  const Dictionary* const first = rowOf(0);
-  if (!first || first->size() < Table::kFewestKeys) return 0;
-  const KeyList& keys = first->keys();
-  const auto fits = [&](const Dictionary& row) {
-    return hasSameKeys(row.keys(), keys) &&
-           std::ranges::all_of(row.values(), [](const Value& value) { return isFlat(value.kind()); });
-  };
+  const Object* const first = members.object(start);
+  const Archivable* const archivable = first ? archivableOf(*first) : nullptr;
+  const ObjectClass* const objectClass = archivable ? &archivable->objectClass() : nullptr;
+  if (!objectClass || !archivable->row()) return 0;
+  // What is still encoded as a map is written as it came.
+  const KeyList* const keys = archivable->row()->plain().keys;
+  if (!keys || keys->size() < Table::kFewestKeys) return 0;
 
   std::array<const Value*, Table::kMostRows> values;
   std::size_t count = 0;
   for (; count < most; ++count) {
-    const Dictionary* const row = rowOf(count);
-    if (!row || !fits(*row)) break;
-    values[count] = row->values().data();
+    const Object* const object = members.object(start + count);
+    if (!object || typeid(*object) != typeid(*first)) break;
+    const Dictionary::Plain row = static_cast<const Archivable*>(object)->row()->plain();
+    if (!row.keys || !hasSameKeys(*row.keys, *keys) || !std::ranges::all_of(row.values, isFlat)) break;
+    values[count] = row.values.data();
   }
   if (count < 2) return 0;
 
-  cells_ += count * keys.size();
+  cells_ += count * keys->size();
   writer_.tag(CborTag::object);
   writer_.array(2);
   writer_.text(Table::kName);
@@ -254,14 +248,14 @@ std::size_t KeyedArchiver::writeTable(const Neighbours& members, std::size_t sta
   writer_.text(Table::kClass);
   writer_.text(objectClass->name);
   writer_.text(Table::kKeys);
-  writer_.array(keys.size());
-  for (const Slice& key : keys.keys()) writeText(key.view());
+  writer_.array(keys->size());
+  for (const Slice& key : keys->keys()) writeText(key.view());
   writer_.text(Table::kRows);
   writer_.integer(static_cast<int64_t>(count));
   writer_.text(Table::kColumns);
-  writer_.array(keys.size());
+  writer_.array(keys->size());
   const std::span<const Value* const> rows(values.data(), count);
-  for (std::size_t i = 0; i < keys.size() && !error_; ++i) writeColumn(rows, i);
+  for (std::size_t i = 0; i < keys->size() && !error_; ++i) writeColumn(rows, i);
   return count;
 }
 

@@ -90,6 +90,11 @@ std::span<const Value> Dictionary::values() const {
   return storage_ ? std::span<const Value>(unpacked().values) : std::span<const Value>();
 }
 
+Dictionary::Plain Dictionary::plain() const {
+  if (!storage_ || storage_->packed) return {};
+  return {&storage_->keys, storage_->values};
+}
+
 Dictionary::Iterator Dictionary::begin() const { return {keys().keys().data(), values().data()}; }
 Dictionary::Iterator Dictionary::end() const {
   return {keys().keys().data() + size(), values().data() + size()};

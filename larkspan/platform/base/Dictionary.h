@@ -95,6 +95,13 @@ class Dictionary {
   std::size_t capacity() const;
   /// The entries as they came, unless they have been changed since; else null. For encoders, which may copy them.
   const Packed* packed() const;
+  struct Plain {
+    const KeyList* keys = nullptr;
+    std::span<const Value> values{};
+  };
+  /// Keys and values at one look, for encoders that go through many dictionaries; neither of one that is `packed` or was
+  /// never written.
+  Plain plain() const;
   std::string description() const;
 
   /// Equal entries, in any order.
