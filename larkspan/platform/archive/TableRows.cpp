@@ -53,7 +53,6 @@ Object* TableRows::madeObject(std::size_t row) const {
 
 Value TableRows::get(std::size_t row, std::string_view key) const {
   if (const auto* const made = static_cast<const Archivable*>(madeObject(row))) return made->row()->get(key);
-  if ((keyBits_ & keyBit(key)) == 0) return {};
   const std::size_t column = keys_.find(key);
   return column == KeyList::kNone ? Value() : columns_[column].at(frame_, row);
 }

@@ -46,6 +46,10 @@ class TableRows final : public PackedMembers {
   const ObjectClass& objectClass() const { return objectClass_; }
   std::size_t size() const override { return rows_; }
   /// What the row's object has in its dictionary under the key, or none.
+  Value get(std::size_t row, const Key& key) const {
+    const bool mayHave = (keyBits_ & key.bit()) != 0 || anyMade_.load(std::memory_order_acquire);
+    return mayHave ? get(row, std::string_view(key)) : Value();
+  }
   Value get(std::size_t row, std::string_view key) const;
   /// The row's object, the same each time.
   const std::shared_ptr<Object>& object(std::size_t row) const override;

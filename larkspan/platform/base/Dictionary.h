@@ -17,17 +17,6 @@ namespace larkspan::platform {
 
 class Value;
 
-/// One bit of 64 that tells most different keys apart.
-inline uint64_t keyBit(std::string_view key) {
-  if (key.empty()) return 1;
-  const auto byteAt = [&](std::size_t index) {
-    return static_cast<uint32_t>(static_cast<uint8_t>(key[index]));
-  };
-  const std::size_t size = key.size();
-  const uint32_t sample = byteAt(size / 4) | byteAt(size / 2) << 8 | byteAt(size - size / 4 - 1) << 16;
-  return uint64_t{1} << ((sample ^ static_cast<uint32_t>(size) << 22) * 0x9E3779B1U >> 26);
-}
-
 /// Text keys to values, in the order in which the keys were first set. Meant for the small dictionaries of
 /// messages: two flat lists, searched from the front, of which that of the keys is shared where it can be. A value: copies share their storage until one of them is
 /// changed (copy on write). One that came from another process may keep its entries in their encoded form: a look-up

@@ -3,6 +3,7 @@
 #include "larkspan/platform/base/Slice.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <span>
 #include <string_view>
 #include <utility>
@@ -10,18 +11,31 @@
 
 namespace larkspan::platform {
 
+/// One bit of 64 that tells most different keys apart.
+constexpr uint64_t keyBit(std::string_view key) {
+  if (key.empty()) return 1;
+  const auto byteAt = [&](std::size_t index) {
+    return static_cast<uint32_t>(static_cast<uint8_t>(key[index]));
+  };
+  const std::size_t size = key.size();
+  const uint32_t sample = byteAt(size / 4) | byteAt(size / 2) << 8 | byteAt(size - size / 4 - 1) << 16;
+  return uint64_t{1} << ((sample ^ static_cast<uint32_t>(size) << 22) * 0x9E3779B1U >> 26);
+}
+
 /// A key written in the program: its text lives forever, so that storing under it copies nothing.
 /// Converts to std::string_view for reading.
 class Key {
  public:
   template <std::size_t size>
-  consteval Key(const char (&literal)[size]) : text_(literal, size - 1) {}
+  consteval Key(const char (&literal)[size]) : text_(literal, size - 1), bit_(keyBit(text_)) {}
   constexpr operator std::string_view() const { return text_; }
+  constexpr uint64_t bit() const { return bit_; }  ///< See `keyBit`.
   friend constexpr bool operator==(const Key&, const Key&) = default;
   friend constexpr bool operator==(const Key& key, std::string_view text) { return key.text_ == text; }
 
  private:
   std::string_view text_;
+  uint64_t bit_;
 };
 
 /// The different keys of a dictionary in the order in which they were set. Lists that grew by the same keys of the
