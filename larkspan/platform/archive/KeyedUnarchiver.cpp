@@ -26,7 +26,7 @@ std::optional<Date> epochTime(const CborHead& head) {
   if (!head.isFloat()) return std::nullopt;
   const double seconds = std::floor(head.real());
   if (!(seconds >= -0x1p63 && seconds < 0x1p63)) return std::nullopt;
-  const double nanoseconds = std::min(std::round((head.real() - seconds) * 1e9), 999'999'999.0);
+  const double nanoseconds = std::round((head.real() - seconds) * 1e9);
   return Date{static_cast<int64_t>(seconds), static_cast<uint32_t>(nanoseconds)};
 }
 
@@ -43,7 +43,8 @@ std::optional<Date> extendedTime(const CborHead& head, CborReader& reader) {
     if (!value.isInteger() || part) return std::nullopt;
     part = value.integer();
   }
-  if (!seconds || nanoseconds.value_or(0) < 0 || nanoseconds.value_or(0) > 999'999'999) return std::nullopt;
+  if (!seconds || nanoseconds.value_or(0) < 0 || nanoseconds.value_or(0) > Date::kMostNanoseconds)
+    return std::nullopt;
   return Date{*seconds, static_cast<uint32_t>(nanoseconds.value_or(0))};
 }
 
@@ -291,7 +292,7 @@ bool KeyedUnarchiver::readColumn(TableColumn& column, std::size_t rows, const Cl
       column.first = placeOf(*seconds);
       column.second = placeOf(*nanoseconds);
       for (std::size_t row = 0; row < rows; ++row) {
-        if (detail::loadBigEndian(nanoseconds->data() + 4 * row, 4) > 999'999'999) return false;
+        if (detail::loadBigEndian(nanoseconds->data() + 4 * row, 4) > Date::kMostNanoseconds) return false;
       }
       return admit(classes.admits(ValueClass::date), "A date");
     }

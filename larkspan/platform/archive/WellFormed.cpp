@@ -4,6 +4,7 @@
 #include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/archive/ClassSet.h"
 #include "larkspan/platform/archive/URLCheck.h"
+#include "larkspan/platform/base/Date.h"
 #include "larkspan/platform/base/Dictionary.h"
 #include "larkspan/platform/base/Limits.h"
 #include "larkspan/platform/base/Utf8.h"
@@ -309,7 +310,7 @@ class Checker {
       const uint64_t value =
           nanoseconds == 1 ? static_cast<uint8_t>(*digits)
                            : detail::loadBigEndian(digits + 1, static_cast<std::size_t>(nanoseconds - 1));
-      if ((static_cast<uint8_t>(*digits) >> 5) != 0 || value > 999'999'999) return false;
+      if ((static_cast<uint8_t>(*digits) >> 5) != 0 || value > Date::kMostNanoseconds) return false;
       size += 1 + nanoseconds;
     }
     noteLevels(level, 2);
