@@ -187,15 +187,16 @@ void KeyedUnarchiver::readTable(const ClassSet& classes, std::vector<Value>& mem
     return;
   }
   std::vector<Slice> keys = find(Table::kKeys) ? readTableKeys() : std::vector<Slice>();
-  const int64_t rows = decodeInteger(Table::kRows);
-  if (keys.empty() || rows < 1 || !find(Table::kColumns)) return malformed();
-  const uint64_t most = (limits::kMaximumElements - cells_) / keys.size();
-  if (static_cast<uint64_t>(rows) > most) {
+  const Value rows = decodeNumber(Table::kRows);
+  if (keys.empty() || rows.kind() != Value::Kind::integer || rows.integerValue() < 1 ||
+      !find(Table::kColumns))
+    return malformed();
+  const auto count = static_cast<std::size_t>(rows.integerValue());
+  if (count > (limits::kMaximumElements - cells_) / keys.size()) {
     fault(ArchiveErrorCode::tooManyElements,
           "Tables of more than " + std::to_string(limits::kMaximumElements) + " values", start);
     return;
   }
-  const auto count = static_cast<std::size_t>(rows);
   cells_ += count * keys.size();
   const std::size_t columnsStart = reader_.position();
   const CborHead head = reader_.next();
