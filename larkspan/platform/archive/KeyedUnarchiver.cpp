@@ -51,10 +51,10 @@ std::optional<Date> extendedTime(const CborHead& head, CborReader& reader) {
 }  // namespace
 
 KeyedUnarchiver::Result KeyedUnarchiver::unarchivedValue(const Data& archive, const ClassSet& classes) {
-  PlainRuns plainRuns;
-  if (auto error = checkWellFormed(archive.view(), &plainRuns)) return {{}, std::move(error)};
+  PlainMaps plainMaps;
+  if (auto error = checkWellFormed(archive.view(), &plainMaps)) return {{}, std::move(error)};
   CborReader reader(archive.view());
-  return decodeValue(archive.bytes, reader, classes, plainRuns);
+  return decodeValue(archive.bytes, reader, classes, plainMaps);
 }
 
 Value KeyedUnarchiver::plainValue(const Slice& frame, CborReader& reader) {
@@ -66,8 +66,8 @@ Value KeyedUnarchiver::plainValue(const Slice& frame, CborReader& reader) {
 }
 
 KeyedUnarchiver::Result decodeValue(const Slice& frame, CborReader& reader, const ClassSet& classes,
-                                    std::span<const PlainRun> plainRuns) {
-  KeyedUnarchiver unarchiver(frame, reader.position(), plainRuns);
+                                    std::span<const PlainMap> plainMaps) {
+  KeyedUnarchiver unarchiver(frame, reader.position(), plainMaps);
   KeyedUnarchiver::Result result{unarchiver.read(classes, KeyedUnarchiver::Place::outermost), std::nullopt};
   reader.moveTo(unarchiver.reader_.position());
   if (unarchiver.error_) result = {{}, std::move(unarchiver.error_)};
@@ -75,8 +75,8 @@ KeyedUnarchiver::Result decodeValue(const Slice& frame, CborReader& reader, cons
 }
 
 KeyedUnarchiver::KeyedUnarchiver(const Slice& frame, std::size_t position,
-                                 std::span<const PlainRun> plainRuns)
-    : frame_(frame), reader_(frame.view()), plainRuns_(plainRuns) {
+                                 std::span<const PlainMap> plainMaps)
+    : frame_(frame), reader_(frame.view()), plainMaps_(plainMaps) {
   reader_.moveTo(position);
 }
 
@@ -334,7 +334,7 @@ Value KeyedUnarchiver::readFlat(const ClassSet& classes) {
 }
 
 /// Large maps, and those of small frames, share the frame; small ones are copied out of it, several at a time.
-Slice KeyedUnarchiver::bytesOf(const PlainRun& map) {
+Slice KeyedUnarchiver::bytesOf(const PlainMap& map) {
   const std::size_t size = map.end - map.start;
   if (size >= kSharedLength || frame_.size() < kSharedLength) return frame_.part(map.start, size);
   if (map.start < runStart_ || map.end > runStart_ + run_.size()) {
@@ -345,7 +345,7 @@ Slice KeyedUnarchiver::bytesOf(const PlainRun& map) {
 }
 
 Value KeyedUnarchiver::readMap(uint64_t size, const ClassSet& classes, std::size_t start) {
-  if (const PlainRun* const plain = plainAt(start); plain && classes.admitsWithin(plain->kinds)) {
+  if (const PlainMap* const plain = plainAt(start); plain && classes.admitsWithin(plain->kinds)) {
     reader_.moveTo(plain->end);
     return packedDictionary(bytesOf(*plain), *plain);
   }
@@ -353,9 +353,9 @@ Value KeyedUnarchiver::readMap(uint64_t size, const ClassSet& classes, std::size
 }
 
 /// The plain map that begins there, or null.
-const PlainRun* KeyedUnarchiver::plainAt(std::size_t start) {
-  while (!plainRuns_.empty() && plainRuns_.front().start < start) plainRuns_ = plainRuns_.subspan(1);
-  return !plainRuns_.empty() && plainRuns_.front().start == start ? &plainRuns_.front() : nullptr;
+const PlainMap* KeyedUnarchiver::plainAt(std::size_t start) {
+  while (!plainMaps_.empty() && plainMaps_.front().start < start) plainMaps_ = plainMaps_.subspan(1);
+  return !plainMaps_.empty() && plainMaps_.front().start == start ? &plainMaps_.front() : nullptr;
 }
 
 Dictionary KeyedUnarchiver::readDictionary(uint64_t size, const ClassSet& classes) {

@@ -43,7 +43,7 @@ std::variant<std::vector<Value>, Error> decodeValues(const Frame& frame,
   std::vector<Value> values;
   values.reserve(classes.size());
   for (const ClassSet& allowed : classes) {
-    auto [value, error] = decodeValue(frame.bytes, reader, allowed, frame.plainRuns);
+    auto [value, error] = decodeValue(frame.bytes, reader, allowed, frame.plainMaps);
     if (error) return transportError(TransportErrorCode::violation, error->localizedDescription());
     values.push_back(std::move(value));
   }

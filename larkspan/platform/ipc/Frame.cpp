@@ -33,7 +33,7 @@ Error malformed(std::string_view fault, std::size_t offset) {
 
 std::variant<Frame, Error> Frame::parse(Slice bytes) {
   Frame frame;
-  if (auto error = checkWellFormed(bytes.view(), &frame.plainRuns)) return std::move(*error);
+  if (auto error = checkWellFormed(bytes.view(), &frame.plainMaps)) return std::move(*error);
   CborReader reader(bytes.view());
   const auto fault = [&](std::string_view text) { return malformed(text, reader.position()); };
 
