@@ -88,8 +88,7 @@ TEST(URL, CarriesAnyFileNameButNoNul) {
   EXPECT_EQ(URL::parse("")->appending("b:c").absoluteString(), "./b:c");
   const std::string longest = "/" + std::string(URL::kMaximumLength - URL::kFilePrefix.size(), 'a');
   EXPECT_EQ(URL::file(longest).path(), longest);
-  for (const URL& tooLong : {URL::file(longest, true), URL::file(longest).appending("a")})
-    EXPECT_FALSE(tooLong.isFileURL()) << "no reader takes it";
+  EXPECT_FALSE(URL::file(longest, true).isFileURL() || URL::file(longest).appending("a").isFileURL());
 }
 
 TEST(URL, TakesRelativePathsFromTheWorkingDirectory) {
