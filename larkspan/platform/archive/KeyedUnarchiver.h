@@ -71,7 +71,7 @@ class KeyedUnarchiver {
 
  private:
   friend Result decodeValue(const Slice& frame, CborReader& reader, const ClassSet& classes,
-                            std::span<const PlainRun> plainRuns);
+                            std::span<const PlainMap> plainMaps);
 
   enum class Place { outermost, within };
   struct Field {
@@ -89,12 +89,12 @@ class KeyedUnarchiver {
     uint64_t fieldsLeft = 0;
   };
 
-  KeyedUnarchiver(const Slice& frame, std::size_t position, std::span<const PlainRun> plainRuns);
+  KeyedUnarchiver(const Slice& frame, std::size_t position, std::span<const PlainMap> plainMaps);
 
   Value read(const ClassSet& classes, Place place);
   Array readArray(uint64_t size, const ClassSet& classes);
-  const PlainRun* plainAt(std::size_t start);
-  Slice bytesOf(const PlainRun& map);
+  const PlainMap* plainAt(std::size_t start);
+  Slice bytesOf(const PlainMap& map);
   Value readMap(uint64_t size, const ClassSet& classes, std::size_t start);
   Value readTagged(uint64_t tag, const ClassSet& classes, std::size_t start);
   Value readObject(const ClassSet& classes, std::size_t start, std::vector<Value>* members);
@@ -115,7 +115,7 @@ class KeyedUnarchiver {
   const Slice& frame_;
   CborReader reader_;
   /// Those that the reader has not come to yet.
-  std::span<const PlainRun> plainRuns_;
+  std::span<const PlainMap> plainMaps_;
   /// A copy of the frame from `runStart_` on.
   Slice run_;
   std::size_t runStart_ = 0;

@@ -39,7 +39,7 @@ constexpr Dictionary::PackedCoding kMapCoding{&findInMap, &unpackMap};
 
 }  // namespace
 
-Dictionary packedDictionary(Slice bytes, const PlainRun& map) {
+Dictionary packedDictionary(Slice bytes, const PlainMap& map) {
   return Dictionary({std::move(bytes), &kMapCoding, map.keys, map.entries, map.elements, map.levels});
 }
 

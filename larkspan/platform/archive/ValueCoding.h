@@ -61,6 +61,6 @@ std::optional<Error> encodeValue(CborWriter& writer, const Value& value, unsigne
 /// `checkWellFormed` has passed; the dictionaries of the plain maps that it found stay encoded until somebody asks for
 /// their entries. After an error the reader's place is undefined.
 KeyedUnarchiver::Result decodeValue(const Slice& frame, CborReader& reader, const ClassSet& classes,
-                                    std::span<const PlainRun> plainRuns = {});
+                                    std::span<const PlainMap> plainMaps = {});
 
 }  // namespace larkspan::platform

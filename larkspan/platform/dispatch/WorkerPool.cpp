@@ -26,7 +26,7 @@ constexpr auto kTickAtCap = std::chrono::milliseconds(50);
 constexpr unsigned kPatience = 50;
 
 unsigned processorCount() {
-  static const unsigned count = std::max(2U, std::thread::hardware_concurrency());
+  static const unsigned count = std::clamp(std::thread::hardware_concurrency(), 2U, WorkerPool::kMaxWorkers);
   return count;
 }
 
@@ -168,17 +168,21 @@ void WorkerPool::wake(Worker* sleeper) {
 }
 
 void WorkerPool::spawn() {
-  try {
-    if (low_)
-      startLowPriorityThread("lks-utility", [this] { work(); });
-    else
-      startThread("lks-worker", [this] { work(); });
-  } catch (const std::system_error&) {
-    if (count_ == 0) throw;
-    return;
+  for (;; std::this_thread::sleep_for(kTickAtCap)) {
+    try {
+      if (low_)
+        startLowPriorityThread("lks-utility", [this] { work(); });
+      else
+        startThread("lks-worker", [this] { work(); });
+      ++count_;
+      ++searching_;
+      return;
+    } catch (const std::system_error&) {
+      // Whoever finishes first takes the work. Nobody would where there is no worker yet, and what was queued cannot be
+      // taken back from those who count on it: so the poster waits for the first one.
+      if (count_ != 0) return;
+    }
   }
-  ++count_;
-  ++searching_;
 }
 
 void WorkerPool::work() {

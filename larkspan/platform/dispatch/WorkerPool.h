@@ -22,7 +22,7 @@ class PooledQueue : public DispatchQueue {
 
 /// The worker threads: one pool for normal work, one for utility and background work.
 ///
-/// A pool keeps as many workers as there are processors. Only when work waits and no worker has taken any for
+/// A pool keeps as many workers as there are processors, at least two. Only when work waits and no worker has taken any for
 /// some milliseconds does the pool's monitor look at the workers, and adds one for each processor that they
 /// leave unused because they are blocked, up to `kMaxWorkers`. A worker without work sleeps for seconds, then
 /// ends. It does not look for work by spinning first: a thread that posts and then blocks, as one that reads

@@ -43,7 +43,7 @@ std::variant<std::vector<Value>, Error> decodeValues(const Frame& frame,
   std::vector<Value> values;
   values.reserve(classes.size());
   for (const ClassSet& allowed : classes) {
-    auto [value, error] = decodeValue(frame.bytes, reader, allowed, frame.plainRuns);
+    auto [value, error] = decodeValue(frame.bytes, reader, allowed, frame.plainMaps);
     if (error) return transportError(TransportErrorCode::violation, error->localizedDescription());
     values.push_back(std::move(value));
   }
@@ -170,7 +170,7 @@ void Connection::call(std::string_view method, const std::vector<Value>& argumen
   const auto self = shared_from_this();
   calls_.emplace(id, Call{std::string(method), std::move(outcome), self});
   const auto error = submit(std::get<ByteBuffer>(std::move(frame)), lock);
-  if (!error || error->code() != static_cast<int64_t>(TransportErrorCode::notReading)) return;
+  if (!error || !isTransportError(*error, TransportErrorCode::notReading)) return;
   lock.lock();
   const auto call = calls_.extract(id);
   lock.unlock();
@@ -237,7 +237,7 @@ void Connection::connected(const std::shared_ptr<Transport>& transport, const st
     // It closed before it knew of this channel. When it was only let go of, another one can be had: nothing has been
     // sent, so nothing has to fail.
     const auto reason = transport->closeReason();
-    const bool again = reason && reason->code() == static_cast<int64_t>(TransportErrorCode::invalidated) &&
+    const bool again = reason && isTransportError(*reason, TransportErrorCode::invalidated) &&
                        ++attempts_ < kConnectAttempts;
     lock.unlock();
     if (again) return connector_(connectedHandler());

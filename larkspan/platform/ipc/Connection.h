@@ -70,7 +70,7 @@ class Connection : public Transport::Channel, public std::enable_shared_from_thi
   /// To be set before the first call. The interfaces are kept, the object is not.
   void setRemoteInterface(std::shared_ptr<const Interface> interface);
   void setExported(std::shared_ptr<const Interface> interface, std::weak_ptr<ExportedObject> object);
-  /// Replace earlier ones.
+  /// Replace earlier ones. The invalidation handler of a connection that has ended is called at once.
   void setInterruptionHandler(std::function<void()> handler);
   void setInvalidationHandler(std::function<void()> handler);
 

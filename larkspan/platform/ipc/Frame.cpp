@@ -21,10 +21,8 @@ ByteBuffer emptyFrame() {
 }
 
 void writeLength(ByteBuffer& frame) {
-  const std::size_t length = frame.size() - kFrameLengthSize;
-  for (std::size_t i = 0; i < kFrameLengthSize; ++i) {
-    frame.data()[i] = static_cast<char>(length >> (8 * (kFrameLengthSize - 1 - i)));
-  }
+  char* to = frame.data();
+  detail::storeBigEndian(to, static_cast<uint32_t>(frame.size() - kFrameLengthSize));
 }
 
 Error malformed(std::string_view fault, std::size_t offset) {
@@ -35,7 +33,7 @@ Error malformed(std::string_view fault, std::size_t offset) {
 
 std::variant<Frame, Error> Frame::parse(Slice bytes) {
   Frame frame;
-  if (auto error = checkWellFormed(bytes.view(), &frame.plainRuns)) return std::move(*error);
+  if (auto error = checkWellFormed(bytes.view(), &frame.plainMaps)) return std::move(*error);
   CborReader reader(bytes.view());
   const auto fault = [&](std::string_view text) { return malformed(text, reader.position()); };
 

@@ -8,7 +8,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <string_view>
 #include <variant>
 #include <vector>
@@ -44,7 +43,7 @@ struct Frame {
   std::string_view method;  ///< Points into `bytes`.
   Slice bytes;              ///< The CBOR item.
   std::size_t body = 0;     ///< Where in `bytes` the arguments, values, error or hello stand.
-  PlainRuns plainRuns;      ///< Of `bytes`.
+  PlainMaps plainMaps;      ///< Of `bytes`.
 
   /// Reads the envelope after checking all of the item; the error says what is wrong with it.
   static std::variant<Frame, Error> parse(Slice bytes);

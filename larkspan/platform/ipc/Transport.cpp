@@ -1,6 +1,5 @@
 #include "larkspan/platform/ipc/Transport.h"
 
-#include "larkspan/platform/archive/ArchiveError.h"
 #include "larkspan/platform/archive/ValueCoding.h"
 #include "larkspan/platform/base/Format.h"
 #include "larkspan/platform/base/Limits.h"

@@ -8,7 +8,6 @@
 #include "larkspan/platform/ipc/FrameWriter.h"
 
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>

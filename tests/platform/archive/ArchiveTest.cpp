@@ -382,6 +382,7 @@ TEST(Archive, WritesNeighboursOfTheSameKeysAsTables) {
       {"rows\x02", {"rows\x00", 5}, Code::malformed},
       {"rows\x02", "rows\x03", Code::malformed},
       {"rows\x02", "rows\x21", Code::malformed},
+      {"rows\x02", "rows\xF9\x41\x33", Code::malformed},
       {"rows\x02", "rows\x1A\x01\x1E\x84\x80", Code::tooManyElements},
       {"ExtensionItem", "ExtensionItex", Code::forbiddenClass},
       {"keys", "kezs", Code::malformed},

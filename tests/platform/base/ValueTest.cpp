@@ -215,6 +215,7 @@ TEST(Date, CountsFromTheReferenceDateAndSaturates) {
   EXPECT_EQ(Date::sinceReferenceDate(-0.25), (Date{kReference - 1, 750000000}));
   EXPECT_EQ(Date::sinceReferenceDate(std::nan("")), (Date{kReference, 0}));
   EXPECT_EQ(Date::sinceReferenceDate(-INFINITY), (Date{kMinimum, 0}));
+  EXPECT_EQ((Date{0, 1'000'000'000}), (Date{0, 999'999'999}));
   EXPECT_EQ((Date{kReference - 1, 750000000}).timeIntervalSinceReferenceDate(), -0.25);
 }
 
