@@ -6,7 +6,8 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <charconv>
+#include <cmath>
+#include <cstdlib>
 
 namespace larkspan::cli {
 
@@ -43,13 +44,10 @@ ordered_json jsonFrom(const platform::Array& array) {
   return result;
 }
 
-/// The double whose shortest text is that of the float: 0.1 and not 0.10000000149011612.
-double widened(float number) {
-  char text[32];
-  const char* end = std::to_chars(text, text + sizeof text, number).ptr;
-  double result = number;
-  std::from_chars(text, end, result);
-  return result;
+/// A float's double: of a fraction the one with the same text, 0.1 and not 0.10000000149011612.
+double widened(const Value& value) {
+  const double number = value.doubleValue();
+  return number == std::floor(number) ? number : std::strtod(value.description().c_str(), nullptr);
 }
 
 ordered_json jsonFrom(const Value& value) {
@@ -61,7 +59,7 @@ ordered_json jsonFrom(const Value& value) {
     case Kind::integer:
       return value.integerValue();
     case Kind::float32:
-      return widened(static_cast<float>(value.doubleValue()));
+      return widened(value);
     case Kind::float64:
       return value.doubleValue();
     case Kind::data:

@@ -26,8 +26,8 @@ std::optional<Date> epochTime(const CborHead& head) {
   if (!head.isFloat()) return std::nullopt;
   const double seconds = std::floor(head.real());
   if (!(seconds >= -0x1p63 && seconds < 0x1p63)) return std::nullopt;
-  const double nanoseconds = std::round((head.real() - seconds) * 1e9);
-  return Date{static_cast<int64_t>(seconds), static_cast<uint32_t>(nanoseconds)};
+  const auto nanoseconds = static_cast<uint32_t>((head.real() - seconds) * 1e9 + 0.5);
+  return Date{static_cast<int64_t>(seconds), nanoseconds};
 }
 
 /// The content of tag 1001, of which the keys 1 and -9 are understood.
