@@ -6,7 +6,6 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdlib>
 
 namespace larkspan::cli {
@@ -44,11 +43,8 @@ ordered_json jsonFrom(const platform::Array& array) {
   return result;
 }
 
-/// A float's double: of a fraction the one with the same text, 0.1 and not 0.10000000149011612.
-double widened(const Value& value) {
-  const double number = value.doubleValue();
-  return number == std::floor(number) ? number : std::strtod(value.description().c_str(), nullptr);
-}
+/// The double with the float's text: 0.1 and not 0.10000000149011612.
+double widened(const Value& value) { return std::strtod(value.description().c_str(), nullptr); }
 
 ordered_json jsonFrom(const Value& value) {
   switch (value.kind()) {

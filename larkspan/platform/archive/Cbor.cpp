@@ -81,7 +81,7 @@ void CborWriter::closeArray(Mark array, std::size_t items) {
 double CborHead::real() const {
   if (info == 27) return std::bit_cast<double>(argument);
   if (info == 26) return static_cast<double>(std::bit_cast<float>(static_cast<uint32_t>(argument)));
-  // IEEE 754 binary16: exponent and mantissa where a double has them, but for a bias that is less by 1008.
+  // IEEE 754 binary16: exponent and mantissa as a double has them once they are shifted, with a bias that is less by 1008.
   constexpr uint64_t kInfinity = 0x7c00;
   const uint64_t magnitude = argument & 0x7fff;
   double value = std::bit_cast<double>(magnitude << 42) * 0x1p1008;
