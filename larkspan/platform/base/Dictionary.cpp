@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <atomic>
 #include <memory>
-#include <optional>
 #include <type_traits>
 #include <vector>
 
@@ -63,7 +62,8 @@ const Dictionary::Storage& Dictionary::unpacked() const {
   if (known) return *known;
   Dictionary made = storage_->packed->coding->unpack(*storage_->packed);
   // Of two threads the first wins.
-  if (!storage_->unpacked.compare_exchange_strong(known, made.storage_, std::memory_order_acq_rel)) return *known;
+  if (!storage_->unpacked.compare_exchange_strong(known, made.storage_, std::memory_order_acq_rel))
+    return *known;
   return *std::exchange(made.storage_, nullptr);
 }
 

@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
-#include <iterator>
 #include <span>
 #include <string>
 #include <string_view>
@@ -18,9 +17,10 @@ namespace larkspan::platform {
 class Value;
 
 /// Text keys to values, in the order in which the keys were first set. Meant for the small dictionaries of
-/// messages: two flat lists, searched from the front, of which that of the keys is shared where it can be. A value: copies share their storage until one of them is
-/// changed (copy on write). One that came from another process may keep its entries in their encoded form: a look-up
-/// then decodes the one value that it finds, and the first iteration or change all of them.
+/// messages: a list of keys, shared between dictionaries made alike (`KeyList`), and a list of values, searched from
+/// the front. A value: copies share their storage until one of them is changed (copy on write). One that came from
+/// another process may keep its entries in their encoded form: a look-up then decodes the one value that it finds, and
+/// the first iteration or change all of them.
 /// Thread: as std::vector; copies may be used from different threads.
 class Dictionary {
  public:

@@ -1,5 +1,7 @@
 #include "larkspan/platform/base/KeyList.h"
 
+#include "larkspan/platform/base/Limits.h"
+
 #include <atomic>
 #include <cstdint>
 #include <mutex>
@@ -9,8 +11,6 @@ namespace larkspan::platform {
 
 namespace {
 
-/// Lists that live forever. A program that sets its keys in ever new orders makes lists of its own beyond that.
-constexpr std::size_t kMostForever = 4096;
 constinit std::size_t foreverCount = 0;
 constinit std::mutex growing;
 
@@ -43,7 +43,7 @@ KeyList::Node* KeyList::Node::successor(const Slice& key) {
   const std::lock_guard lock(growing);
   Node* const first = successors.load(std::memory_order_relaxed);
   if (Node* const known = knownSuccessor(key, std::memory_order_relaxed)) return known;
-  if (foreverCount == kMostForever) return nullptr;
+  if (foreverCount == limits::kMaximumKeyLists) return nullptr;
   auto* const made = new Node{.keys = keys, .isForever = true, .next = first};
   made->keys.push_back(key);
   ++foreverCount;

@@ -38,9 +38,10 @@ class Key {
   uint64_t bit_;
 };
 
-/// The different keys of a dictionary in the order in which they were set. Lists that grew by the same keys of the
-/// program in the same order are one list, which lives forever: thousands of dictionaries that are made alike keep
-/// their keys once, and one comparison tells that they have the same.
+/// The different keys of a dictionary in the order in which they were set. Lists that grew by the same `Key`s, as objects
+/// of the program and not only by their text, in the same order are one list, which lives forever: thousands of
+/// dictionaries that are made alike keep their keys once, and one comparison tells that they have the same. Beyond
+/// `limits::kMaximumKeyLists`, and for keys that are copied, each list is its own.
 /// A value: copies share their storage until one of them is changed.
 /// Thread: as std::vector; copies may be used from different threads.
 class KeyList {

@@ -16,7 +16,8 @@ Slice Slice::allocate(std::size_t size, char*& writable) {
 
 // Of a large block realloc(3) moves the pages, not the bytes.
 void Slice::resize(std::size_t size, char*& writable) {
-  if (size > std::numeric_limits<uint32_t>::max() - kBlockHead) throw std::length_error("Slice: more than 4 GiB");
+  if (size > std::numeric_limits<uint32_t>::max() - kBlockHead)
+    throw std::length_error("Slice: more than 4 GiB");
   void* const memory = std::realloc(start_ != 0 ? block() : nullptr, kBlockHead + size);
   if (!memory) throw std::bad_alloc();
   new (memory) Block{1, static_cast<uint32_t>(size)};

@@ -38,6 +38,7 @@ class Slice {
   static Slice immortal(std::string_view bytes) noexcept;
   /// A buffer to append the bytes of a slice to, which `adopt` then takes as they stand.
   static ByteBuffer emptyBuffer();
+  /// The buffer is one of `emptyBuffer`.
   static Slice adopt(ByteBuffer buffer);
   /// A new block of `size` bytes, to be filled through `writable` before the slice is shared.
   static Slice allocate(std::size_t size, char*& writable);
