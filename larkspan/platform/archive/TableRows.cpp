@@ -51,10 +51,14 @@ Object* TableRows::madeObject(std::size_t row) const {
   return made_[row].get();
 }
 
-Value TableRows::get(std::size_t row, std::string_view key) const {
-  if (const auto* const made = static_cast<const Archivable*>(madeObject(row))) return made->row()->get(key);
+Value TableRows::inColumn(std::size_t row, std::string_view key) const {
   const std::size_t column = keys_.find(key);
   return column == KeyList::kNone ? Value() : columns_[column].at(frame_, row);
+}
+
+Value TableRows::get(std::size_t row, std::string_view key) const {
+  const auto* const made = static_cast<const Archivable*>(madeObject(row));
+  return made ? made->row()->get(key) : inColumn(row, key);
 }
 
 const std::shared_ptr<Object>& TableRows::object(std::size_t row) const {

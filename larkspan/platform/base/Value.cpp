@@ -66,6 +66,28 @@ const PackedMembers* packedIn(const Value& value) {
   return object ? dynamic_cast<const PackedMembers*>(object->get()) : nullptr;
 }
 
+namespace {
+
+/// Neighbours out of the middle of others.
+class PackedPart final : public PackedMembers {
+ public:
+  PackedPart(Value whole, std::size_t start, std::size_t size)
+      : whole_(std::move(whole)), members_(*packedIn(whole_)), start_(start), size_(size) {}
+
+  std::size_t size() const override { return size_; }
+  const std::shared_ptr<Object>& object(std::size_t index) const override {
+    return members_.object(start_ + index);
+  }
+
+ private:
+  const Value whole_;
+  const PackedMembers& members_;
+  const std::size_t start_;
+  const std::size_t size_;
+};
+
+}  // namespace
+
 struct Array::Storage {
   const std::vector<Value> values;
   const std::size_t size;  // With what is packed in them.
@@ -95,16 +117,24 @@ std::span<const Value> Array::packed() const {
   return storage_ ? std::span<const Value>(storage_->values) : std::span<const Value>();
 }
 
+Array Array::part(std::size_t start, std::size_t size) const {
+  const std::span<const Value> members = packed();
+  if (members.size() == 1 && packedIn(members.front()))
+    return withPacked({std::make_shared<PackedPart>(members.front(), start, size)});
+  return std::vector<Value>(begin() + start, begin() + start + size);
+}
+
 std::span<const Value> Array::values() const {
   if (!storage_ || !storage_->isPacked) return packed();
   std::call_once(storage_->unpacking, [this] {
-    storage_->unpacked.reserve(storage_->size);
+    std::vector<Value> unpacked;
+    unpacked.reserve(storage_->size);
     for (const Value& value : storage_->values) {
       const PackedMembers* const members = packedIn(value);
-      if (!members) storage_->unpacked.push_back(value);
-      for (std::size_t i = 0; members && i < members->size(); ++i)
-        storage_->unpacked.emplace_back(members->object(i));
+      if (!members) unpacked.push_back(value);
+      for (std::size_t i = 0; members && i < members->size(); ++i) unpacked.emplace_back(members->object(i));
     }
+    storage_->unpacked = std::move(unpacked);
   });
   return storage_->unpacked;
 }
@@ -148,12 +178,10 @@ bool Value::boolValue() const {
   return integerValue() != 0;
 }
 
-int64_t Value::integerValue() const {
+int64_t Value::convertedInteger() const {
   switch (kind()) {
     case Kind::boolean:
       return std::get<bool>(content_) ? 1 : 0;
-    case Kind::integer:
-      return std::get<int64_t>(content_);
     case Kind::float32:
       return saturated(static_cast<double>(std::get<float>(content_)));
     case Kind::float64:

@@ -57,6 +57,8 @@ class Array {
   const Value* end() const;
   /// The members as they came, objects of `PackedMembers` among them: for those who need not have all of them made.
   std::span<const Value> packed() const;
+  /// `size` members from `start`; both must lie inside. Members that are packed as one stay so.
+  Array part(std::size_t start, std::size_t size) const;
   friend bool operator==(const Array& a, const Array& b);
 
  private:
@@ -115,6 +117,8 @@ class Value {
   Value(float value) : content_(value) {}
   Value(double value) : content_(value) {}
   Value(std::string_view text);
+  /// Copies nothing.
+  Value(Key text) : content_(Slice::immortal(text)) {}
   Value(const std::string& text) : Value(std::string_view(text)) {}
   Value(const char* text) : Value(std::string_view(text)) {}
   Value(Data data) : content_(std::move(data)) {}
@@ -143,7 +147,10 @@ class Value {
 
   bool boolValue() const;
   /// Fractions are cut off towards zero, what does not fit saturates.
-  int64_t integerValue() const;
+  int64_t integerValue() const {
+    const auto* const integer = contentAs<int64_t>();
+    return integer ? *integer : convertedInteger();
+  }
   double doubleValue() const;
 
   std::optional<std::string> string() const;
@@ -194,6 +201,7 @@ class Value {
  private:
   using Content = std::variant<std::monostate, bool, int64_t, float, double, Slice, Data, Date, URL, Array,
                                Dictionary, Set, Error, std::shared_ptr<Object>>;
+  int64_t convertedInteger() const;
   template <typename T>
   std::optional<T> copyOf() const {
     const T* content = std::get_if<T>(&content_);
