@@ -47,7 +47,7 @@ class MessageItem {
   std::shared_ptr<platform::ExtensionItem> item() const {
     return std::static_pointer_cast<platform::ExtensionItem>(object());
   }
-  /// The same, which lives as long as the view shows it.
+  /// The item by reference, without a share in it; valid as long as this view is and is not assigned to.
   const std::shared_ptr<platform::Object>& object() const {
     return row_ == kNoRow ? source_ : rows().object(row_);
   }
@@ -154,8 +154,11 @@ class MessageItem {
 /// The one currency of requests and replies.
 using Items = std::vector<MessageItem>;
 
-/// The items as the elements of an array value, and back; elements that are no items are left out.
+/// The items as an array, which makes no values of them before somebody asks for its members.
 platform::Array arrayFromItems(Items items);
+/// The array's items; members that are none are left out.
 Items itemsFromValue(const platform::Value& array);
+/// The same, behind those that are there: for a reply that comes in parts.
+void appendItems(Items& items, const platform::Array& array);
 
 }  // namespace larkspan

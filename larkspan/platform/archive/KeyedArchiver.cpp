@@ -10,7 +10,6 @@
 #include <string>
 #include <typeinfo>
 #include <utility>
-#include <vector>
 
 namespace larkspan::platform {
 
@@ -80,10 +79,13 @@ KeyedArchiver::Result KeyedArchiver::archivedData(const Value& root) {
   return {Data{Slice::adopt(std::move(bytes))}, std::nullopt};
 }
 
-std::optional<Error> encodeValue(CborWriter& writer, const Value& value, unsigned depth, Tables tables) {
+std::optional<Error> encodeValue(CborWriter& writer, const Value& value, unsigned depth, Tables tables,
+                                 MessageCost* cost) {
   const CborWriter::Mark start = writer.mark();
   KeyedArchiver archiver(writer, tables, depth);
+  if (cost) archiver.cost_ = *cost;
   archiver.write(value);
+  if (cost) *cost = archiver.cost_;
   if (archiver.error_) writer.rewind(start);
   return std::move(archiver.error_);
 }
@@ -206,7 +208,8 @@ std::size_t KeyedArchiver::writeNeighbours(const Neighbours& members) {
     const std::size_t before = writer_.size();
     const std::size_t rows = writeTable(members, i);
     // So that what a long list takes is not copied as it grows.
-    if (i == 0 && rows > 0) writer_.reserve(std::min((writer_.size() - before) * (members.size() / rows), limits::kMaximumFrame));
+    if (i == 0 && rows > 0)
+      writer_.reserve(std::min((writer_.size() - before) * (members.size() / rows), limits::kMaximumFrame));
     if (rows == 0) members.packed ? write(members.packed->object(i)) : write(members.values[i]);
     i += std::max<std::size_t>(rows, 1);
   }
@@ -215,7 +218,7 @@ std::size_t KeyedArchiver::writeNeighbours(const Neighbours& members) {
 
 /// Writes as many of the members from `start` as make one table; 0 when that is not two at least.
 ///
-/// The rows are gone through once to find out how many there are, and then column by column, which writes each value at its
+/// The rows are gone through once to find how many belong to the table, then anew for each column, which is written at its
 /// place without another copy.
 std::size_t KeyedArchiver::writeTable(const Neighbours& members, std::size_t start) {
   const std::size_t most = std::min(Table::kMostRows, members.size() - start);
@@ -240,7 +243,7 @@ std::size_t KeyedArchiver::writeTable(const Neighbours& members, std::size_t sta
   }
   if (count < 2) return 0;
 
-  cells_ += count * keys->size();
+  cost_.cells += count * keys->size();
   writer_.tag(CborTag::object);
   writer_.array(2);
   writer_.text(Table::kName);
@@ -271,7 +274,7 @@ void KeyedArchiver::writeColumn(std::span<const Value* const> rows, std::size_t 
     case Form::same: {
       const std::size_t start = writer_.size();
       writeFlat(valueOf(rows.front()));
-      repeated_ += (writer_.size() - start) * rows.size();
+      cost_.repeated += (writer_.size() - start) * rows.size();
       break;
     }
     case Form::values:
@@ -377,7 +380,7 @@ bool KeyedArchiver::enter(unsigned levels) {
 }
 
 bool KeyedArchiver::overflows(std::size_t bytes) {
-  if (std::max(writer_.size() + bytes, repeated_) > limits::kMaximumFrame) {
+  if (std::max(cost_.bytes + writer_.size() + bytes, cost_.repeated) > limits::kMaximumFrame) {
     fail(ArchiveErrorCode::tooLarge,
          "A value of more than " + std::to_string(limits::kMaximumFrame) + " bytes cannot be archived");
   } else {

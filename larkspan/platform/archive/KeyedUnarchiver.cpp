@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <iterator>
 #include <string>
 #include <utility>
 
@@ -66,9 +65,11 @@ Value KeyedUnarchiver::plainValue(const Slice& frame, CborReader& reader) {
 }
 
 KeyedUnarchiver::Result decodeValue(const Slice& frame, CborReader& reader, const ClassSet& classes,
-                                    std::span<const PlainMap> plainMaps) {
+                                    std::span<const PlainMap> plainMaps, MessageCost* cost) {
   KeyedUnarchiver unarchiver(frame, reader.position(), plainMaps);
+  if (cost) unarchiver.cost_ = *cost;
   KeyedUnarchiver::Result result{unarchiver.read(classes, KeyedUnarchiver::Place::outermost), std::nullopt};
+  if (cost) *cost = unarchiver.cost_;
   reader.moveTo(unarchiver.reader_.position());
   if (unarchiver.error_) result = {{}, std::move(unarchiver.error_)};
   return result;
@@ -192,12 +193,12 @@ void KeyedUnarchiver::readTable(const ClassSet& classes, std::vector<Value>& mem
       !find(Table::kColumns))
     return malformed();
   const auto count = static_cast<std::size_t>(rows.integerValue());
-  if (count > (limits::kMaximumElements - cells_) / keys.size()) {
+  if (count > (limits::kMaximumElements - cost_.cells) / keys.size()) {
     fault(ArchiveErrorCode::tooManyElements,
           "Tables of more than " + std::to_string(limits::kMaximumElements) + " values", start);
     return;
   }
-  cells_ += count * keys.size();
+  cost_.cells += count * keys.size();
   const std::size_t columnsStart = reader_.position();
   const CborHead head = reader_.next();
   if (head.major != CborMajor::array || head.argument != keys.size()) return malformed();
@@ -210,7 +211,8 @@ void KeyedUnarchiver::readTable(const ClassSet& classes, std::vector<Value>& mem
   }
   const std::size_t size = std::max(reader_.position() - columnsStart, count * keys.size());
   notePassed(columnsStart);
-  auto table = std::make_shared<TableRows>(*objectClass, frame_, KeyList(std::move(keys)), std::move(columns), count);
+  auto table =
+      std::make_shared<TableRows>(*objectClass, frame_, KeyList(std::move(keys)), std::move(columns), count);
   // Few objects, one of which may be kept, shall not keep a large frame.
   constexpr std::size_t kFewRows = 16, kSmallPart = 512;
   if (count < kFewRows || size < frame_.blockSize() / kSmallPart) {
@@ -269,8 +271,8 @@ bool KeyedUnarchiver::readColumn(TableColumn& column, std::size_t rows, const Cl
     case Form::same: {
       const std::size_t valueStart = reader_.position();
       column.values.push_back(readFlat(classes));
-      repeated_ += (reader_.position() - valueStart) * rows;
-      if (repeated_ > limits::kMaximumFrame) {
+      cost_.repeated += (reader_.position() - valueStart) * rows;
+      if (cost_.repeated > limits::kMaximumFrame) {
         fault(ArchiveErrorCode::tooLarge,
               "Rows of more than " + std::to_string(limits::kMaximumFrame) + " bytes", start);
       }

@@ -3,6 +3,7 @@
 #include "larkspan/platform/archive/ArchiveError.h"
 #include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/archive/ClassSet.h"
+#include "larkspan/platform/archive/MessageCost.h"
 #include "larkspan/platform/archive/WellFormed.h"
 #include "larkspan/platform/base/Value.h"
 
@@ -71,7 +72,7 @@ class KeyedUnarchiver {
 
  private:
   friend Result decodeValue(const Slice& frame, CborReader& reader, const ClassSet& classes,
-                            std::span<const PlainMap> plainMaps);
+                            std::span<const PlainMap> plainMaps, MessageCost* cost);
 
   enum class Place { outermost, within };
   struct Field {
@@ -123,9 +124,8 @@ class KeyedUnarchiver {
   bool isPlain_ = false;
   /// The array that is being read has members that stay packed.
   bool hasPacked_ = false;
-  /// Values in the rows of tables so far, and bytes that those would take which stand there once for many rows.
-  std::size_t cells_ = 0;
-  std::size_t repeated_ = 0;
+  /// Of the tables so far.
+  MessageCost cost_;
   std::optional<Error> error_;
   ObjectState object_;
   /// The fields that the walks have passed, of all objects under way, the innermost last.

@@ -46,6 +46,8 @@ class Checker {
  public:
   Checker(std::string_view item, PlainMaps* plainMaps) : item_(item), plainMaps_(plainMaps) {}
 
+  std::size_t elements() const { return elements_; }
+
   std::optional<Error> run() {
     if (item_.size() > limits::kMaximumFrame) {
       return archiveError(ArchiveErrorCode::tooLarge,
@@ -443,9 +445,12 @@ class Checker {
 
 }  // namespace
 
-std::optional<Error> checkWellFormed(std::string_view item, PlainMaps* plainMaps) {
+std::optional<Error> checkWellFormed(std::string_view item, PlainMaps* plainMaps, std::size_t* elements) {
   if (plainMaps) plainMaps->clear();
-  return Checker(item, plainMaps).run();
+  Checker checker(item, plainMaps);
+  auto fault = checker.run();
+  if (elements) *elements = checker.elements();
+  return fault;
 }
 
 }  // namespace larkspan::platform

@@ -33,7 +33,9 @@ using PlainMaps = std::vector<PlainMap>;
 /// text (directly beneath tag 1001: integers too), keys that stand twice in a map, and what exceeds
 /// `limits`. Heads longer than necessary and floats of 16 bits pass: other encoders write them.
 /// Takes no memory on account of claimed lengths, and O(n log n) time on n bytes. `plainMaps`, if given, gets
-/// the plain maps; it is left undefined when there is a fault.
-std::optional<Error> checkWellFormed(std::string_view item, PlainMaps* plainMaps = nullptr);
+/// the plain maps, and `elements` the number of items as `limits::kMaximumElements` counts them; both are left undefined
+/// when there is a fault.
+std::optional<Error> checkWellFormed(std::string_view item, PlainMaps* plainMaps = nullptr,
+                                     std::size_t* elements = nullptr);
 
 }  // namespace larkspan::platform

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -96,10 +97,43 @@ bool WorkerPool::allIdle(std::string& busy, bool (*others)(std::string& busy)) {
       return false;
     }
   }
-  return others(busy);
+  if (!others(busy)) return false;
+  // Last, because what is kept comes out of `others`.
+  if (keptCount != 0) busy = "what a thread keeps for itself";
+  return keptCount == 0;
+}
+
+thread_local WorkerPool::Kept* WorkerPool::keeper = nullptr;
+std::atomic<int> WorkerPool::keptCount{0};
+
+WorkerPool::Kept::Kept() { keeper = this; }
+
+WorkerPool::Kept::~Kept() {
+  keeper = nullptr;
+  TaskNode* const node = std::exchange(node_, nullptr);
+  if (!node) return;
+  std::shared_ptr<PooledQueue> owner = std::move(node->owner);
+  owner->execute(node);
+  owner.reset();
+  --keptCount;
+  IdleSignal::notify();
+}
+
+void WorkerPool::Kept::handOver() {
+  if (!keeper) return;
+  TaskNode* const node = std::exchange(std::exchange(keeper, nullptr)->node_, nullptr);
+  if (!node) return;
+  forQuality(node->owner->qualityOfService()).push(node);
+  --keptCount;
 }
 
 void WorkerPool::push(TaskNode* node) {
+  // A concurrent queue starts its tasks in order.
+  if (keeper && !keeper->node_ && !low_ && !node->task) {
+    ++keptCount;
+    keeper->node_ = node;
+    return;
+  }
   TaskNode* newest = inbox_.load(std::memory_order_relaxed);
   do {
     node->next = newest;
