@@ -99,7 +99,7 @@ class Chain {
 
 void exchange(benchmark::State& state) {
   const auto items = static_cast<int>(state.range(0));
-  const int64_t batch = items == 0 ? 100 : 1;
+  const int64_t batch = items == 0 ? 100 : 10;
   Chain chain(items);
   while (state.KeepRunningBatch(batch)) {
     if (!chain.run(batch)) return state.SkipWithError("a wrong answer");

@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <charconv>
+#include <cstdlib>
 
 namespace larkspan::cli {
 
@@ -43,14 +43,8 @@ ordered_json jsonFrom(const platform::Array& array) {
   return result;
 }
 
-/// The double whose shortest text is that of the float: 0.1 and not 0.10000000149011612.
-double widened(float number) {
-  char text[32];
-  const char* end = std::to_chars(text, text + sizeof text, number).ptr;
-  double result = number;
-  std::from_chars(text, end, result);
-  return result;
-}
+/// The double with the float's text: 0.1 and not 0.10000000149011612.
+double widened(const Value& value) { return std::strtod(value.description().c_str(), nullptr); }
 
 ordered_json jsonFrom(const Value& value) {
   switch (value.kind()) {
@@ -61,7 +55,7 @@ ordered_json jsonFrom(const Value& value) {
     case Kind::integer:
       return value.integerValue();
     case Kind::float32:
-      return widened(static_cast<float>(value.doubleValue()));
+      return widened(value);
     case Kind::float64:
       return value.doubleValue();
     case Kind::data:

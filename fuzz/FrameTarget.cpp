@@ -47,7 +47,7 @@ std::optional<std::vector<Value>> valuesOf(const Frame& frame) {
     const std::size_t start = reader.position();
     const auto made = decodeValue(frame.bytes, reader, classes);
     reader.moveTo(start);
-    auto [value, error] = decodeValue(frame.bytes, reader, classes, frame.plainRuns);
+    auto [value, error] = decodeValue(frame.bytes, reader, classes, frame.plainMaps);
     expect(made.error.has_value() == error.has_value(),
            "what stays encoded is refused as what is made at once");
     if (error) return std::nullopt;

@@ -48,7 +48,7 @@ void LKSExtensionOperation::setReturnedItems(std::optional<Items> items) {
 
 MessageItem LKSExtensionOperation::commandInputItem() const {
   MessageItem item;
-  item.setUserInfo({{kItemKindKey, std::string_view(kCommandKind)}, {kCommandKey, commandName()}});
+  item.setUserInfo({{kItemKindKey, kCommandKind}, {kCommandKey, commandName()}});
   return item;
 }
 

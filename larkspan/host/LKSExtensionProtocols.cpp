@@ -6,13 +6,16 @@ using platform::Error;
 using platform::Value;
 
 void LKSRemoteExtensionProxy::processInputItems(const Items& items, ItemsCompletion completionHandler) {
-  connection_->call(kProcessInputItems, {arrayFromItems(items)},
-                    [completion = std::move(completionHandler), errorHandler = errorHandler_](
-                        const std::vector<Value>& values, const std::optional<Error>& error) {
-                      if (error) return errorHandler(*error);
-                      completion(values[0].isNone() ? std::nullopt : std::optional(itemsFromValue(values[0])),
-                                 values[1].error());
-                    });
+  const auto parts = std::make_shared<Items>();
+  connection_->call(
+      kProcessInputItems, {arrayFromItems(items)},
+      [completion = std::move(completionHandler), errorHandler = errorHandler_, parts](
+          const std::vector<Value>& values, const std::optional<Error>& error) {
+        if (error) return errorHandler(*error);
+        appendItems(*parts, values[0].array());
+        completion(values[0].isNone() ? std::nullopt : std::optional(std::move(*parts)), values[1].error());
+      },
+      [parts](const platform::Array& members) { appendItems(*parts, members); });
 }
 
 void LKSExtensionCallbackProxy::post(std::string_view method, std::string_view extension, Value argument) {

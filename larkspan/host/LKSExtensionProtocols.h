@@ -16,7 +16,7 @@ namespace larkspan {
 /// The outcome of one exchange: the reply's items and the error that came with them; without items, the error
 /// that stopped it.
 using ItemsCompletion =
-    std::function<void(const std::optional<Items>& items, const std::optional<platform::Error>& error)>;
+    std::function<void(std::optional<Items> items, const std::optional<platform::Error>& error)>;
 
 /// What a host calls in an extension.
 class LKSRemoteExtensionContextProtocol {

@@ -68,8 +68,10 @@ std::shared_ptr<const Interface> LKSHostExtensionContext::extensionAuxiliaryVend
   const ClassSet& items = extensionItemClasses();
   return std::make_shared<Interface>(
       "LKSRemoteExtensionContext",
-      std::vector<Interface::Method>{
-          {std::string(kProcessInputItems), {items}, std::vector<ClassSet>{items, {ValueClass::error}}}});
+      std::vector<Interface::Method>{{std::string(kProcessInputItems),
+                                      {items},
+                                      std::vector<ClassSet>{items, {ValueClass::error}},
+                                      true}});
 }
 
 std::shared_ptr<const Interface> LKSHostExtensionContext::derivedExtensionAuxiliaryHostProtocol() const {

@@ -119,10 +119,10 @@ void LKSOpaqueExtension::exchange(const std::shared_ptr<LKSHostExtensionContext>
       });
   // The reply holds the context too, which goes on posting what the extension says meanwhile.
   proxy.processInputItems(items, [name, items, context, completionHandler](
-                                     const std::optional<Items>& reply, const std::optional<Error>& error) {
+                                     std::optional<Items> reply, const std::optional<Error>& error) {
     LKSLog("%@ finished processing %@: result count %ld, error %@", name, items, reply ? reply->size() : 0,
            error);
-    completionHandler(reply, error);
+    completionHandler(std::move(reply), error);
   });
 }
 

@@ -41,8 +41,8 @@ void LKSRemoteExtensionContext::processInputItems(const Items& items, ItemsCompl
 void LKSRemoteExtensionContext::receive(std::string_view, const std::vector<Value>& arguments,
                                         platform::Reply reply) {
   processInputItems(itemsFromValue(arguments[0]),
-                    [reply](const std::optional<Items>& items, const std::optional<platform::Error>& error) {
-                      reply({items ? Value(arrayFromItems(*items)) : Value(), error});
+                    [reply](std::optional<Items> items, const std::optional<platform::Error>& error) {
+                      reply({items ? Value(arrayFromItems(std::move(*items))) : Value(), error});
                     });
 }
 

@@ -4,7 +4,7 @@ namespace larkspan {
 
 std::optional<LKSCommand> LKSCommand::initLKSCommandItem(OptionalText command, OptionalText extensionID) {
   if (!command || command->empty()) return std::nullopt;
-  platform::Dictionary userInfo{{kItemKindKey, std::string_view(kCommandKind)}, {kCommandKey, *command}};
+  platform::Dictionary userInfo{{kItemKindKey, kCommandKind}, {kCommandKey, *command}};
   if (extensionID) userInfo.set(kExtensionID, *extensionID);
   MessageItem item;
   item.setUserInfo(std::move(userInfo));

@@ -73,7 +73,7 @@ void deleteInBackground(std::vector<platform::URL> urls) {
 LKSResource LKSResource::initLKSResourceItemWithName(OptionalText name) {
   auto userInfo = Dictionary::withCapacity(10);
   userInfo.set(kNameKey, name.value_or(""));
-  userInfo.set(kItemKindKey, std::string_view(kResourceKind));
+  userInfo.set(kItemKindKey, kResourceKind);
   MessageItem item;
   item.setUserInfo(std::move(userInfo));
   return LKSResource(std::move(item));
@@ -86,7 +86,7 @@ std::optional<LKSResource> LKSResource::initLKSResourceItemWithFileURL(const pla
   ResourceValues values;
   // A file that cannot be read becomes an item of its URL and nothing else.
   if (!platform::FileFacts::current().read(url, values)) {
-    userInfo.set(kItemKindKey, std::string_view(kResourceKind));
+    userInfo.set(kItemKindKey, kResourceKind);
     userInfo.set(kNameKey, values.localizedName.empty() ? url.lastPathComponent() : values.localizedName);
     if (values.creationDate) userInfo.set(kDateCreatedKey, *values.creationDate);
     if (values.contentModificationDate) userInfo.set(kDateModifiedKey, *values.contentModificationDate);

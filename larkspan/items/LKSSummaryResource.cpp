@@ -4,7 +4,7 @@ namespace larkspan {
 
 LKSSummaryResource LKSSummaryResource::initLKSSummaryResource() {
   MessageItem item;
-  item.setUserInfo({{kItemKindKey, std::string_view(kSummaryKind)}});
+  item.setUserInfo({{kItemKindKey, kSummaryKind}});
   return LKSSummaryResource(std::move(item));
 }
 

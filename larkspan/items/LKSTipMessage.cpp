@@ -5,7 +5,7 @@ namespace larkspan {
 std::optional<LKSTipMessage> LKSTipMessage::initLKSTipWithTitle(OptionalText title) {
   if (!title || title->empty()) return std::nullopt;
   MessageItem item;
-  item.setUserInfo({{kNameKey, *title}, {kItemKindKey, std::string_view(kTipKind)}});
+  item.setUserInfo({{kNameKey, *title}, {kItemKindKey, kTipKind}});
   return LKSTipMessage(std::move(item));
 }
 

@@ -6,6 +6,8 @@
 #include "larkspan/platform/base/Saturating.h"
 #include "larkspan/platform/log/Console.h"
 
+#include <algorithm>
+
 namespace larkspan {
 
 using platform::Dictionary;
@@ -73,26 +75,55 @@ int64_t MessageItem::lks_deletableSize() const {
   return size.isNone() ? lks_size() : size.integerValue();
 }
 
-platform::Array arrayFromItems(const Items& items) {
-  std::vector<Value> values;
-  values.reserve(items.size());
-  for (const MessageItem& item : items) values.emplace_back(item.item());
-  return values;
+namespace {
+
+/// Items in an array that has not made values of them.
+class ItemList final : public platform::PackedMembers {
+ public:
+  explicit ItemList(Items items) : items_(std::move(items)) {}
+
+  const Items& items() const { return items_; }
+  std::size_t size() const override { return items_.size(); }
+  const std::shared_ptr<platform::Object>& object(std::size_t index) const override {
+    return items_[index].object();
+  }
+
+ private:
+  const Items items_;
+};
+
+}  // namespace
+
+platform::Array arrayFromItems(Items items) {
+  if (items.empty()) return {};
+  return platform::Array::withPacked({std::make_shared<ItemList>(std::move(items))});
 }
 
 Items itemsFromValue(const Value& array) {
   Items items;
-  const platform::Array values = array.array();
-  items.reserve(values.size());
-  for (const Value& value : values.packed()) {
-    if (auto item = value.objectOf<platform::ExtensionItem>()) {
-      items.emplace_back(std::move(item));
+  appendItems(items, array.array());
+  return items;
+}
+
+void appendItems(Items& items, const platform::Array& array) {
+  // Twice the room at least, or each of many parts would move all items before it.
+  if (const std::size_t size = items.size() + array.size(); size > items.capacity())
+    items.reserve(std::max(size, 2 * items.capacity()));
+  for (const Value& value : array.packed()) {
+    if (auto single = value.objectOf<platform::ExtensionItem>()) {
+      items.emplace_back(std::move(single));
+    } else if (const auto list = value.objectOf<ItemList>()) {
+      items.insert(items.end(), list->items().begin(), list->items().end());
     } else if (const auto rows = value.objectOf<platform::TableRows>();
                rows && &rows->objectClass() == &platform::ExtensionItem::archiveClass()) {
       for (uint32_t row = 0; row < rows->size(); ++row) items.emplace_back(rows, row);
+    } else if (const auto* const others = platform::packedIn(value)) {
+      for (std::size_t i = 0; i < others->size(); ++i) {
+        if (auto item = Value(others->object(i)).objectOf<platform::ExtensionItem>())
+          items.emplace_back(std::move(item));
+      }
     }
   }
-  return items;
 }
 
 }  // namespace larkspan

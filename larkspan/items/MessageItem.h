@@ -40,10 +40,16 @@ class MessageItem {
   /// An item that holds only its name, without a kind; nothing for an empty name.
   static std::optional<MessageItem> initWithLKSName(OptionalText name);
 
-  const platform::Dictionary& userInfo() const { return item()->userInfo(); }
+  const platform::Dictionary& userInfo() const {
+    return static_cast<const platform::ExtensionItem&>(*object()).userInfo();
+  }
   void setUserInfo(platform::Dictionary userInfo) { item()->setUserInfo(std::move(userInfo)); }
   std::shared_ptr<platform::ExtensionItem> item() const {
-    return std::static_pointer_cast<platform::ExtensionItem>(row_ == kNoRow ? source_ : rows().object(row_));
+    return std::static_pointer_cast<platform::ExtensionItem>(object());
+  }
+  /// The item by reference, without a share in it; valid as long as this view is and is not assigned to.
+  const std::shared_ptr<platform::Object>& object() const {
+    return row_ == kNoRow ? source_ : rows().object(row_);
   }
 
   /// Stores under the key; a none value removes it. Removing what is not there leaves the dictionary
@@ -148,8 +154,11 @@ class MessageItem {
 /// The one currency of requests and replies.
 using Items = std::vector<MessageItem>;
 
-/// The items as the elements of an array value, and back; elements that are no items are left out.
-platform::Array arrayFromItems(const Items& items);
+/// The items as an array, which makes no values of them before somebody asks for its members.
+platform::Array arrayFromItems(Items items);
+/// The array's items; members that are none are left out.
 Items itemsFromValue(const platform::Value& array);
+/// The same, behind those that are there: for a reply that comes in parts.
+void appendItems(Items& items, const platform::Array& array);
 
 }  // namespace larkspan

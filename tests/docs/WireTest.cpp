@@ -86,7 +86,7 @@ TEST(WirePage, ShowsTheBytesThatTheLibraryWrites) {
         encodeFrame(frame.type, frame.channel, frame.id, frame.method, {values.begin(), values.end()});
     EXPECT_EQ(std::get<ByteBuffer>(again).view(), bytes);
   }
-  EXPECT_EQ(types.size(), 7U) << "each type of frame";
+  EXPECT_EQ(types.size(), 8U) << "each type of frame";
   std::set<Value::Kind> kinds;
   for (const auto& [bytes, isOurs] : page.values) {
     // Nothing stays encoded, so that all of it is written anew.
@@ -121,7 +121,7 @@ TEST(WirePage, NamesEachKeyWithItsKind) {
 TEST(WirePage, IsAnExtensionIfItsFramesArePlayed) {
   const TestTree tree;
   const Page page;
-  ASSERT_EQ(page.frames.size(), 11U);
+  ASSERT_EQ(page.frames.size(), 12U);
   tree.file("wire.extension",
             "[Extension]\nIdentifier=wire\nExtensionPoint=corvane.larkspan\nName=W\nExec=./player\n");
   tree.file("hello", page.frames[0]);
@@ -147,7 +147,7 @@ read()
     EXPECT_EQ(shell("cat " + tree / "heard"), page.frames[0] + page.frames[1] + page.frames[3]);
     return said;
   };
-  const std::string said = play({7, 8, 9, 10, 4});
+  const std::string said = play({8, 9, 10, 11, 7, 4});
   std::size_t at = 0;
   for (const char* text : {"Received 1 partial resource items from org.example.downloads",
                            "sent resourcesDidChange with 0 items", "sent tipsDidChange with 0 items",

@@ -175,6 +175,15 @@ struct Hostile : testing::Test, LKSExtensionNotifierDelegate {
 TEST_F(Hostile, ABadFrameIsNamedInOneLineAndEndsThatConnectionAlone) {
   const ManualClock noGrace;
   const std::string reply = "=8405@82", item = reply + "81D81B82";
+  // Nearly as many values in the rows of one part as a reply may have.
+  std::string keys, columns;
+  for (const char* key = "abcdefghijklmnop"; *key; ++key) {
+    keys += text({key, 1});
+    columns += "82" + text("same") + "01";
+  }
+  const std::string manyRows = "=8407@8181D81B82" + text("Table") + "A4" + text("class") +
+                               text("ExtensionItem") + text("keys") + "90" + keys + text("rows") +
+                               "1A0001E780" + text("columns") + "90" + columns;
   // What an extension does, "hello call" in front unless it begins with a dot, and the fault that is named.
   const std::pair<std::string, std::string> cases[] = {
       {". =8405010180", "The first frame is no hello"},
@@ -201,6 +210,10 @@ TEST_F(Hostile, ABadFrameIsNamedInOneLineAndEndsThatConnectionAlone) {
       {"=8406@00", "A failure without an error"},
       {"=8405!008280F6", "An answer to no call, or a second one"},
       {kAnswer + ' ' + kAnswer, "An answer to no call, or a second one"},
+      {"=8407!008180", "An answer to no call, or a second one"},
+      {"=8407@80", "A message with the wrong number of values"},
+      {"=8407@8181D81B82" + text("Evil") + "A0", "An object of the class \"Evil\" is not allowed here"},
+      {manyRows + ' ' + manyRows, "Tables of more than 2000000 values"},
       {"=8404!" + text(kNotifyTotalSpaceUsedDidChange) + "82" + text("x") + text("y"),
        "A string is not allowed here"},
       {"+0000000984 eof", "The connection ended inside a frame"},

@@ -29,8 +29,6 @@ Registry& registry() {
   return *value;
 }
 
-bool is(const Error& reason, TransportErrorCode code) { return reason.code() == static_cast<int64_t>(code); }
-
 /// Its socket is closed, so it sees end of file; it gets some time to leave.
 void killAfterGrace(const std::shared_ptr<LaunchedProcess>& process) {
   DispatchQueue::global(QualityOfService::utility)->after(kLeaveGrace, [process] { process->kill(); });
@@ -164,15 +162,15 @@ void ExtensionProcess::closed(const std::shared_ptr<Transport>& transport, const
   const auto process = std::exchange(process_, nullptr);
   const auto waiters = std::exchange(waiters_, {});
   // Neither a program that could not be started nor the host's own doing counts.
-  const bool ended =
-      !is(reason, TransportErrorCode::launchFailed) && !is(reason, TransportErrorCode::invalidated);
+  const bool ended = !isTransportError(reason, TransportErrorCode::launchFailed) &&
+                     !isTransportError(reason, TransportErrorCode::invalidated);
   if (ended && !transport->hasReplied()) failedStarts_.push_back(Clock::current().monotonicNow());
   lock.unlock();
   if (process) {
     // One that breaks the protocol or does not read would not leave either; with the next start there would
     // be two.
-    const bool isHostile =
-        is(reason, TransportErrorCode::violation) || is(reason, TransportErrorCode::notReading);
+    const bool isHostile = isTransportError(reason, TransportErrorCode::violation) ||
+                           isTransportError(reason, TransportErrorCode::notReading);
     isHostile ? process->kill() : killAfterGrace(process);
   }
   for (const auto& waiter : waiters) waiter(nullptr, reason);

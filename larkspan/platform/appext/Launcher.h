@@ -4,7 +4,6 @@
 #include "larkspan/platform/base/Descriptor.h"
 #include "larkspan/platform/base/Error.h"
 
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>

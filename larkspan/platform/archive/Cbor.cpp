@@ -1,7 +1,6 @@
 #include "larkspan/platform/archive/Cbor.h"
 
 #include <bit>
-#include <cmath>
 #include <cstring>
 #include <limits>
 #include <string_view>
@@ -82,18 +81,12 @@ void CborWriter::closeArray(Mark array, std::size_t items) {
 double CborHead::real() const {
   if (info == 27) return std::bit_cast<double>(argument);
   if (info == 26) return static_cast<double>(std::bit_cast<float>(static_cast<uint32_t>(argument)));
-  // IEEE 754 binary16, as RFC 8949, appendix D, reads it.
-  const auto exponent = static_cast<int>(argument >> 10 & 31);
-  const auto mantissa = static_cast<double>(argument & 1023);
-  double value = 0;
-  if (exponent == 0) {
-    value = std::ldexp(mantissa, -24);
-  } else if (exponent < 31) {
-    value = std::ldexp(mantissa + 1024, exponent - 25);
-  } else {
-    value =
-        mantissa == 0 ? std::numeric_limits<double>::infinity() : std::numeric_limits<double>::quiet_NaN();
-  }
+  // IEEE 754 binary16: exponent and mantissa as a double has them once they are shifted, with a bias that is less by 1008.
+  constexpr uint64_t kInfinity = 0x7c00;
+  const uint64_t magnitude = argument & 0x7fff;
+  double value = std::bit_cast<double>(magnitude << 42) * 0x1p1008;
+  if (magnitude == kInfinity) value = std::numeric_limits<double>::infinity();
+  if (magnitude > kInfinity) value = std::numeric_limits<double>::quiet_NaN();
   return argument & 0x8000 ? -value : value;
 }
 

@@ -142,6 +142,8 @@ class CborWriter {
     elements_ += elements;
   }
 
+  /// Room for so many bytes more, taken at once.
+  void reserve(std::size_t bytes) { out_.room(bytes); }
   /// Bytes written.
   std::size_t size() const { return out_.size() - start_; }
   /// Items written, as `limits::kMaximumElements` counts them.

@@ -10,7 +10,6 @@
 #include <string>
 #include <typeinfo>
 #include <utility>
-#include <vector>
 
 namespace larkspan::platform {
 
@@ -24,7 +23,7 @@ constexpr unsigned kFlatDepth = 2;
 using Form = TableColumn::Form;
 
 /// No container, error or object.
-bool isFlat(Value::Kind kind) { return kind <= Value::Kind::url; }
+bool isFlat(const Value& value) { return value.kind() <= Value::Kind::url; }
 
 /// Mostly one text in both places.
 bool isSame(std::string_view a, std::string_view b) {
@@ -44,37 +43,32 @@ bool isSame(const Value& a, const Value& b) {
   return a == b;
 }
 
-/// What the rows of a table, so far, have under one key.
-struct ColumnContent {
-  Value::Kind kind;
-  bool isOfOneKind = true;
-  bool isOneValue = true;
-  /// Of the texts or URLs.
-  std::size_t bytes = 0;
+bool hasSameKeys(const KeyList& a, const KeyList& b) {
+  return a.isSameAs(b) || std::ranges::equal(a.keys(), b.keys());
+}
 
-  void add(const Value& value, const Value& first) {
-    isOfOneKind = isOfOneKind && value.kind() == kind;
-    isOneValue = isOneValue && isSame(value, first);
-    if (isOfOneKind && (kind == Value::Kind::string || kind == Value::Kind::url))
-      bytes += textOf(value).size();
+/// How to write the values with that index.
+Form formOf(std::span<const Value* const> rows, std::size_t index) {
+  const Value& first = rows.front()[index];
+  bool isOneValue = true;
+  for (const Value* const row : rows.subspan(1)) {
+    if (row[index].kind() != first.kind()) return Form::values;
+    isOneValue = isOneValue && isSame(row[index], first);
   }
-  Form form() const {
-    if (isOneValue) return Form::same;
-    if (!isOfOneKind) return Form::values;
-    switch (kind) {
-      case Value::Kind::integer:
-        return Form::integers;
-      case Value::Kind::string:
-        return Form::texts;
-      case Value::Kind::url:
-        return Form::urls;
-      case Value::Kind::date:
-        return Form::dates;
-      default:
-        return Form::values;
-    }
+  if (isOneValue) return Form::same;
+  switch (first.kind()) {
+    case Value::Kind::integer:
+      return Form::integers;
+    case Value::Kind::string:
+      return Form::texts;
+    case Value::Kind::url:
+      return Form::urls;
+    case Value::Kind::date:
+      return Form::dates;
+    default:
+      return Form::values;
   }
-};
+}
 
 }  // namespace
 
@@ -85,10 +79,13 @@ KeyedArchiver::Result KeyedArchiver::archivedData(const Value& root) {
   return {Data{Slice::adopt(std::move(bytes))}, std::nullopt};
 }
 
-std::optional<Error> encodeValue(CborWriter& writer, const Value& value, unsigned depth, Tables tables) {
+std::optional<Error> encodeValue(CborWriter& writer, const Value& value, unsigned depth, Tables tables,
+                                 MessageCost* cost) {
   const CborWriter::Mark start = writer.mark();
   KeyedArchiver archiver(writer, tables, depth);
+  if (cost) archiver.cost_ = *cost;
   archiver.write(value);
+  if (cost) *cost = archiver.cost_;
   if (archiver.error_) writer.rewind(start);
   return std::move(archiver.error_);
 }
@@ -192,59 +189,61 @@ void KeyedArchiver::writeArray(const Array& array) {
   if (!enter(1)) return;
   const CborWriter::Mark head = writer_.openArray(array.size());
   std::size_t items = 0;
-  for (std::span<const Value> left(array.begin(), array.size()); !left.empty() && !error_; ++items) {
-    const std::size_t rows = writeTable(left);
-    if (rows == 0) write(left.front());
-    left = left.subspan(std::max<std::size_t>(rows, 1));
+  if (const std::span<const Value> members = array.packed(); members.size() < array.size()) {
+    for (const Value& member : members) {
+      const PackedMembers* const packed = packedIn(member);
+      items += writeNeighbours(packed ? Neighbours{packed} : Neighbours{nullptr, {&member, 1}});
+    }
+  } else {
+    items = writeNeighbours({nullptr, {array.begin(), array.size()}});
   }
   if (items < array.size()) writer_.closeArray(head, items);
   depth_ -= 1;
 }
 
-/// Writes as many of the members as make one table; 0 when that is not two at least.
-///
-/// The rows are gone through twice, once to find out what each column holds and how long it is, and then column by column,
-/// which writes each at its place without another copy.
-std::size_t KeyedArchiver::writeTable(std::span<const Value> members) {
-  if (tables_ == Tables::no || members.size() < 2 || withinError_) return 0;
-  if (depth_ + kTableDepth + kFlatDepth > limits::kMaximumDepth) return 0;
-  const ObjectClass* objectClass = nullptr;
-  // Of a member that is an object of the table's class, or of any as long as there is none. What is still encoded as a map
-  // is written as it came.
-  const auto rowOf = [&](const Value& member) -> const Dictionary* {
-    const auto* const object = member.contentAs<std::shared_ptr<Object>>();
-    const Archivable* const archivable = object ? archivableOf(**object) : nullptr;
-    if (!archivable || (objectClass && objectClass != &archivable->objectClass())) return nullptr;
-    objectClass = &archivable->objectClass();
-    const Dictionary* const row = archivable->row();
-    return row && !row->packed() ? row : nullptr;
-  };
-  const Dictionary* const first = rowOf(members[0]);
-  if (!first || first->size() < Table::kFewestKeys) return 0;
-  const std::span<const Dictionary::Entry> keys(first->begin(), first->size());
-  const auto fits = [&](const Dictionary::Entry* row) {
-    for (const Dictionary::Entry& entry : keys) {
-      if (!isSame(row->key(), entry.key()) || !isFlat(row->value.kind())) return false;
-      ++row;
-    }
-    return true;
-  };
+/// Returns how many items they became.
+std::size_t KeyedArchiver::writeNeighbours(const Neighbours& members) {
+  std::size_t items = 0;
+  for (std::size_t i = 0; i < members.size() && !error_; ++items) {
+    const std::size_t before = writer_.size();
+    const std::size_t rows = writeTable(members, i);
+    // So that what a long list takes is not copied as it grows.
+    if (i == 0 && rows > 0)
+      writer_.reserve(std::min((writer_.size() - before) * (members.size() / rows), limits::kMaximumFrame));
+    if (rows == 0) members.packed ? write(members.packed->object(i)) : write(members.values[i]);
+    i += std::max<std::size_t>(rows, 1);
+  }
+  return items;
+}
 
-  std::array<const Dictionary::Entry*, Table::kMostRows> rows;
-  std::vector<ColumnContent> columns(keys.size());
+/// Writes as many of the members from `start` as make one table; 0 when that is not two at least.
+///
+/// The rows are gone through once to find how many belong to the table, then anew for each column, which is written at its
+/// place without another copy.
+std::size_t KeyedArchiver::writeTable(const Neighbours& members, std::size_t start) {
+  const std::size_t most = std::min(Table::kMostRows, members.size() - start);
+  if (tables_ == Tables::no || most < 2 || withinError_) return 0;
+  if (depth_ + kTableDepth + kFlatDepth > limits::kMaximumDepth) return 0;
+  const Object* const first = members.object(start);
+  const Archivable* const archivable = first ? archivableOf(*first) : nullptr;
+  const ObjectClass* const objectClass = archivable ? &archivable->objectClass() : nullptr;
+  if (!objectClass || !archivable->row()) return 0;
+  // What is still encoded as a map is written as it came.
+  const KeyList* const keys = archivable->row()->plain().keys;
+  if (!keys || keys->size() < Table::kFewestKeys) return 0;
+
+  std::array<const Value*, Table::kMostRows> values;
   std::size_t count = 0;
-  for (; count < std::min(rows.size(), members.size()); ++count) {
-    const Dictionary* const row = rowOf(members[count]);
-    if (!row || row->size() != keys.size() || !fits(row->begin())) break;
-    rows[count] = row->begin();
-    for (std::size_t i = 0; i < columns.size(); ++i) {
-      if (count == 0) columns[i].kind = keys[i].value.kind();
-      columns[i].add(rows[count][i].value, keys[i].value);
-    }
+  for (; count < most; ++count) {
+    const Object* const object = members.object(start + count);
+    if (!object || typeid(*object) != typeid(*first)) break;
+    const Dictionary::Plain row = static_cast<const Archivable*>(object)->row()->plain();
+    if (!row.keys || !hasSameKeys(*row.keys, *keys) || !std::ranges::all_of(row.values, isFlat)) break;
+    values[count] = row.values.data();
   }
   if (count < 2) return 0;
 
-  cells_ += count * keys.size();
+  cost_.cells += count * keys->size();
   writer_.tag(CborTag::object);
   writer_.array(2);
   writer_.text(Table::kName);
@@ -252,31 +251,30 @@ std::size_t KeyedArchiver::writeTable(std::span<const Value> members) {
   writer_.text(Table::kClass);
   writer_.text(objectClass->name);
   writer_.text(Table::kKeys);
-  writer_.array(keys.size());
-  for (const Dictionary::Entry& entry : keys) writeText(entry.key());
+  writer_.array(keys->size());
+  for (const Slice& key : keys->keys()) writeText(key.view());
   writer_.text(Table::kRows);
   writer_.integer(static_cast<int64_t>(count));
   writer_.text(Table::kColumns);
-  writer_.array(keys.size());
-  const std::span<const Dictionary::Entry* const> written(rows.data(), count);
-  for (std::size_t i = 0; i < columns.size() && !error_; ++i)
-    writeColumn(written, i, columns[i].form(), columns[i].bytes);
+  writer_.array(keys->size());
+  const std::span<const Value* const> rows(values.data(), count);
+  for (std::size_t i = 0; i < keys->size() && !error_; ++i) writeColumn(rows, i);
   return count;
 }
 
-/// Writes the values with that index; texts have so many bytes in all.
-void KeyedArchiver::writeColumn(std::span<const Dictionary::Entry* const> rows, std::size_t index, Form form,
-                                std::size_t bytes) {
-  const auto valueOf = [index](const Dictionary::Entry* row) -> const Value& { return row[index].value; };
+/// Writes the values with that index.
+void KeyedArchiver::writeColumn(std::span<const Value* const> rows, std::size_t index) {
+  const Form form = formOf(rows, index);
+  const auto valueOf = [index](const Value* row) -> const Value& { return row[index]; };
   const bool hasTwo = form >= Form::texts;
   writer_.array(hasTwo ? 3 : 2);
   writer_.text(Table::kForms[static_cast<std::size_t>(form)]);
-  if (form != Form::same && !hasRoom(12 * rows.size() + bytes)) return;
+  if (form != Form::same && !hasRoom(12 * rows.size())) return;
   switch (form) {
     case Form::same: {
       const std::size_t start = writer_.size();
       writeFlat(valueOf(rows.front()));
-      repeated_ += (writer_.size() - start) * rows.size();
+      cost_.repeated += (writer_.size() - start) * rows.size();
       break;
     }
     case Form::values:
@@ -290,9 +288,14 @@ void KeyedArchiver::writeColumn(std::span<const Dictionary::Entry* const> rows, 
     }
     case Form::texts:
     case Form::urls: {
+      std::size_t bytes = 0;
       char* to = writer_.string(CborMajor::bytes, sizeof(uint32_t) * rows.size());
-      for (const auto* const row : rows)
-        detail::storeBigEndian(to, static_cast<uint32_t>(textOf(valueOf(row)).size()));
+      for (const auto* const row : rows) {
+        const std::size_t size = textOf(valueOf(row)).size();
+        detail::storeBigEndian(to, static_cast<uint32_t>(size));
+        bytes += size;
+      }
+      if (!hasRoom(bytes)) return;
       to = writer_.string(CborMajor::text, bytes);
       for (const auto* const row : rows) {
         const std::string_view text = textOf(valueOf(row));
@@ -377,7 +380,7 @@ bool KeyedArchiver::enter(unsigned levels) {
 }
 
 bool KeyedArchiver::overflows(std::size_t bytes) {
-  if (std::max(writer_.size() + bytes, repeated_) > limits::kMaximumFrame) {
+  if (std::max(cost_.bytes + writer_.size() + bytes, cost_.repeated) > limits::kMaximumFrame) {
     fail(ArchiveErrorCode::tooLarge,
          "A value of more than " + std::to_string(limits::kMaximumFrame) + " bytes cannot be archived");
   } else {

@@ -2,6 +2,7 @@
 
 #include "larkspan/platform/archive/ArchiveError.h"
 #include "larkspan/platform/archive/Cbor.h"
+#include "larkspan/platform/archive/MessageCost.h"
 #include "larkspan/platform/archive/TableRows.h"
 #include "larkspan/platform/base/Limits.h"
 #include "larkspan/platform/base/Value.h"
@@ -52,7 +53,7 @@ class KeyedArchiver {
 
  private:
   friend std::optional<Error> encodeValue(CborWriter& writer, const Value& value, unsigned depth,
-                                          Tables tables);
+                                          Tables tables, MessageCost* cost);
   KeyedArchiver(CborWriter& writer, Tables tables, unsigned depth)
       : writer_(writer), tables_(tables), depth_(depth) {}
 
@@ -64,15 +65,29 @@ class KeyedArchiver {
   void writeError(const Error& error);
   void writeObject(const Object& object);
   const Archivable* archivableOf(const Object& object);
-  std::size_t writeTable(std::span<const Value> members);
-  void writeColumn(std::span<const Dictionary::Entry* const> rows, std::size_t index, TableColumn::Form form,
-                   std::size_t bytes);
+  /// Members of an array: objects that are no values yet, or values.
+  struct Neighbours {
+    const PackedMembers* packed;
+    std::span<const Value> values{};
+
+    std::size_t size() const { return packed ? packed->size() : values.size(); }
+    /// Null for a value that is no object.
+    const Object* object(std::size_t index) const {
+      if (packed) return packed->object(index).get();
+      const auto* const object = values[index].contentAs<std::shared_ptr<Object>>();
+      return object ? object->get() : nullptr;
+    }
+  };
+  std::size_t writeNeighbours(const Neighbours& members);
+  std::size_t writeTable(const Neighbours& members, std::size_t start);
+  void writeColumn(std::span<const Value* const> rows, std::size_t index);
   void writeField(std::string_view key, const Value& value);
   void writeEntry(std::string_view key, const Value& value);
   /// Whether this many bytes more keep within the limits; fails else.
   bool hasRoom(std::size_t bytes) {
-    const bool fits = std::max(writer_.size() + bytes, repeated_) <= limits::kMaximumFrame &&
-                      std::max(writer_.elements(), cells_) <= limits::kMaximumElements;
+    const bool fits =
+        std::max(cost_.bytes + writer_.size() + bytes, cost_.repeated) <= limits::kMaximumFrame &&
+        std::max(cost_.elements + writer_.elements(), cost_.cells) <= limits::kMaximumElements;
     return fits ? !error_ : overflows(bytes);
   }
   bool overflows(std::size_t bytes);
@@ -86,9 +101,8 @@ class KeyedArchiver {
   /// Of the object that is being written.
   std::size_t fields_ = 0;
   bool withinError_ = false;
-  /// Values in the rows of tables, and bytes that those would take which are written once for many rows.
-  std::size_t cells_ = 0;
-  std::size_t repeated_ = 0;
+  /// Of the message's earlier frames, and of the tables so far.
+  MessageCost cost_;
   /// Of the object written last.
   const std::type_info* archivableType_ = nullptr;
   std::optional<Error> error_;

@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <iterator>
 #include <string>
 #include <utility>
 
@@ -26,8 +25,8 @@ std::optional<Date> epochTime(const CborHead& head) {
   if (!head.isFloat()) return std::nullopt;
   const double seconds = std::floor(head.real());
   if (!(seconds >= -0x1p63 && seconds < 0x1p63)) return std::nullopt;
-  const double nanoseconds = std::min(std::round((head.real() - seconds) * 1e9), 999'999'999.0);
-  return Date{static_cast<int64_t>(seconds), static_cast<uint32_t>(nanoseconds)};
+  const auto nanoseconds = static_cast<uint32_t>((head.real() - seconds) * 1e9 + 0.5);
+  return Date{static_cast<int64_t>(seconds), nanoseconds};
 }
 
 /// The content of tag 1001, of which the keys 1 and -9 are understood.
@@ -43,17 +42,18 @@ std::optional<Date> extendedTime(const CborHead& head, CborReader& reader) {
     if (!value.isInteger() || part) return std::nullopt;
     part = value.integer();
   }
-  if (!seconds || nanoseconds.value_or(0) < 0 || nanoseconds.value_or(0) > 999'999'999) return std::nullopt;
+  if (!seconds || nanoseconds.value_or(0) < 0 || nanoseconds.value_or(0) > Date::kMostNanoseconds)
+    return std::nullopt;
   return Date{*seconds, static_cast<uint32_t>(nanoseconds.value_or(0))};
 }
 
 }  // namespace
 
 KeyedUnarchiver::Result KeyedUnarchiver::unarchivedValue(const Data& archive, const ClassSet& classes) {
-  PlainRuns plainRuns;
-  if (auto error = checkWellFormed(archive.view(), &plainRuns)) return {{}, std::move(error)};
+  PlainMaps plainMaps;
+  if (auto error = checkWellFormed(archive.view(), &plainMaps)) return {{}, std::move(error)};
   CborReader reader(archive.view());
-  return decodeValue(archive.bytes, reader, classes, plainRuns);
+  return decodeValue(archive.bytes, reader, classes, plainMaps);
 }
 
 Value KeyedUnarchiver::plainValue(const Slice& frame, CborReader& reader) {
@@ -65,17 +65,19 @@ Value KeyedUnarchiver::plainValue(const Slice& frame, CborReader& reader) {
 }
 
 KeyedUnarchiver::Result decodeValue(const Slice& frame, CborReader& reader, const ClassSet& classes,
-                                    std::span<const PlainRun> plainRuns) {
-  KeyedUnarchiver unarchiver(frame, reader.position(), plainRuns);
+                                    std::span<const PlainMap> plainMaps, MessageCost* cost) {
+  KeyedUnarchiver unarchiver(frame, reader.position(), plainMaps);
+  if (cost) unarchiver.cost_ = *cost;
   KeyedUnarchiver::Result result{unarchiver.read(classes, KeyedUnarchiver::Place::outermost), std::nullopt};
+  if (cost) *cost = unarchiver.cost_;
   reader.moveTo(unarchiver.reader_.position());
   if (unarchiver.error_) result = {{}, std::move(unarchiver.error_)};
   return result;
 }
 
 KeyedUnarchiver::KeyedUnarchiver(const Slice& frame, std::size_t position,
-                                 std::span<const PlainRun> plainRuns)
-    : frame_(frame), reader_(frame.view()), plainRuns_(plainRuns) {
+                                 std::span<const PlainMap> plainMaps)
+    : frame_(frame), reader_(frame.view()), plainMaps_(plainMaps) {
   reader_.moveTo(position);
 }
 
@@ -186,16 +188,17 @@ void KeyedUnarchiver::readTable(const ClassSet& classes, std::vector<Value>& mem
     return;
   }
   std::vector<Slice> keys = find(Table::kKeys) ? readTableKeys() : std::vector<Slice>();
-  const int64_t rows = decodeInteger(Table::kRows);
-  if (keys.empty() || rows < 1 || !find(Table::kColumns)) return malformed();
-  const uint64_t most = (limits::kMaximumElements - cells_) / keys.size();
-  if (static_cast<uint64_t>(rows) > most) {
+  const Value rows = decodeNumber(Table::kRows);
+  if (keys.empty() || rows.kind() != Value::Kind::integer || rows.integerValue() < 1 ||
+      !find(Table::kColumns))
+    return malformed();
+  const auto count = static_cast<std::size_t>(rows.integerValue());
+  if (count > (limits::kMaximumElements - cost_.cells) / keys.size()) {
     fault(ArchiveErrorCode::tooManyElements,
           "Tables of more than " + std::to_string(limits::kMaximumElements) + " values", start);
     return;
   }
-  const auto count = static_cast<std::size_t>(rows);
-  cells_ += count * keys.size();
+  cost_.cells += count * keys.size();
   const std::size_t columnsStart = reader_.position();
   const CborHead head = reader_.next();
   if (head.major != CborMajor::array || head.argument != keys.size()) return malformed();
@@ -208,10 +211,14 @@ void KeyedUnarchiver::readTable(const ClassSet& classes, std::vector<Value>& mem
   }
   const std::size_t size = std::max(reader_.position() - columnsStart, count * keys.size());
   notePassed(columnsStart);
-  auto table = std::make_shared<TableRows>(*objectClass, frame_, std::move(keys), std::move(columns), count);
+  auto table =
+      std::make_shared<TableRows>(*objectClass, frame_, KeyList(std::move(keys)), std::move(columns), count);
   // Few objects, one of which may be kept, shall not keep a large frame.
   constexpr std::size_t kFewRows = 16, kSmallPart = 512;
-  if (count < kFewRows || size < frame_.blockSize() / kSmallPart) return table->unpack(members);
+  if (count < kFewRows || size < frame_.blockSize() / kSmallPart) {
+    for (std::size_t row = 0; row < count; ++row) members.emplace_back(table->object(row));
+    return;
+  }
   members.emplace_back(std::move(table));
   hasPacked_ = true;
 }
@@ -264,8 +271,8 @@ bool KeyedUnarchiver::readColumn(TableColumn& column, std::size_t rows, const Cl
     case Form::same: {
       const std::size_t valueStart = reader_.position();
       column.values.push_back(readFlat(classes));
-      repeated_ += (reader_.position() - valueStart) * rows;
-      if (repeated_ > limits::kMaximumFrame) {
+      cost_.repeated += (reader_.position() - valueStart) * rows;
+      if (cost_.repeated > limits::kMaximumFrame) {
         fault(ArchiveErrorCode::tooLarge,
               "Rows of more than " + std::to_string(limits::kMaximumFrame) + " bytes", start);
       }
@@ -291,7 +298,7 @@ bool KeyedUnarchiver::readColumn(TableColumn& column, std::size_t rows, const Cl
       column.first = placeOf(*seconds);
       column.second = placeOf(*nanoseconds);
       for (std::size_t row = 0; row < rows; ++row) {
-        if (detail::loadBigEndian(nanoseconds->data() + 4 * row, 4) > 999'999'999) return false;
+        if (detail::loadBigEndian(nanoseconds->data() + 4 * row, 4) > Date::kMostNanoseconds) return false;
       }
       return admit(classes.admits(ValueClass::date), "A date");
     }
@@ -332,7 +339,7 @@ Value KeyedUnarchiver::readFlat(const ClassSet& classes) {
 }
 
 /// Large maps, and those of small frames, share the frame; small ones are copied out of it, several at a time.
-Slice KeyedUnarchiver::bytesOf(const PlainRun& map) {
+Slice KeyedUnarchiver::bytesOf(const PlainMap& map) {
   const std::size_t size = map.end - map.start;
   if (size >= kSharedLength || frame_.size() < kSharedLength) return frame_.part(map.start, size);
   if (map.start < runStart_ || map.end > runStart_ + run_.size()) {
@@ -343,7 +350,7 @@ Slice KeyedUnarchiver::bytesOf(const PlainRun& map) {
 }
 
 Value KeyedUnarchiver::readMap(uint64_t size, const ClassSet& classes, std::size_t start) {
-  if (const PlainRun* const plain = plainAt(start); plain && classes.admitsWithin(plain->kinds)) {
+  if (const PlainMap* const plain = plainAt(start); plain && classes.admitsWithin(plain->kinds)) {
     reader_.moveTo(plain->end);
     return packedDictionary(bytesOf(*plain), *plain);
   }
@@ -351,9 +358,9 @@ Value KeyedUnarchiver::readMap(uint64_t size, const ClassSet& classes, std::size
 }
 
 /// The plain map that begins there, or null.
-const PlainRun* KeyedUnarchiver::plainAt(std::size_t start) {
-  while (!plainRuns_.empty() && plainRuns_.front().start < start) plainRuns_ = plainRuns_.subspan(1);
-  return !plainRuns_.empty() && plainRuns_.front().start == start ? &plainRuns_.front() : nullptr;
+const PlainMap* KeyedUnarchiver::plainAt(std::size_t start) {
+  while (!plainMaps_.empty() && plainMaps_.front().start < start) plainMaps_ = plainMaps_.subspan(1);
+  return !plainMaps_.empty() && plainMaps_.front().start == start ? &plainMaps_.front() : nullptr;
 }
 
 Dictionary KeyedUnarchiver::readDictionary(uint64_t size, const ClassSet& classes) {

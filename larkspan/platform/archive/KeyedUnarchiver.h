@@ -3,6 +3,7 @@
 #include "larkspan/platform/archive/ArchiveError.h"
 #include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/archive/ClassSet.h"
+#include "larkspan/platform/archive/MessageCost.h"
 #include "larkspan/platform/archive/WellFormed.h"
 #include "larkspan/platform/base/Value.h"
 
@@ -71,7 +72,7 @@ class KeyedUnarchiver {
 
  private:
   friend Result decodeValue(const Slice& frame, CborReader& reader, const ClassSet& classes,
-                            std::span<const PlainRun> plainRuns);
+                            std::span<const PlainMap> plainMaps, MessageCost* cost);
 
   enum class Place { outermost, within };
   struct Field {
@@ -89,12 +90,12 @@ class KeyedUnarchiver {
     uint64_t fieldsLeft = 0;
   };
 
-  KeyedUnarchiver(const Slice& frame, std::size_t position, std::span<const PlainRun> plainRuns);
+  KeyedUnarchiver(const Slice& frame, std::size_t position, std::span<const PlainMap> plainMaps);
 
   Value read(const ClassSet& classes, Place place);
   Array readArray(uint64_t size, const ClassSet& classes);
-  const PlainRun* plainAt(std::size_t start);
-  Slice bytesOf(const PlainRun& map);
+  const PlainMap* plainAt(std::size_t start);
+  Slice bytesOf(const PlainMap& map);
   Value readMap(uint64_t size, const ClassSet& classes, std::size_t start);
   Value readTagged(uint64_t tag, const ClassSet& classes, std::size_t start);
   Value readObject(const ClassSet& classes, std::size_t start, std::vector<Value>* members);
@@ -115,7 +116,7 @@ class KeyedUnarchiver {
   const Slice& frame_;
   CborReader reader_;
   /// Those that the reader has not come to yet.
-  std::span<const PlainRun> plainRuns_;
+  std::span<const PlainMap> plainMaps_;
   /// A copy of the frame from `runStart_` on.
   Slice run_;
   std::size_t runStart_ = 0;
@@ -123,9 +124,8 @@ class KeyedUnarchiver {
   bool isPlain_ = false;
   /// The array that is being read has members that stay packed.
   bool hasPacked_ = false;
-  /// Values in the rows of tables so far, and bytes that those would take which stand there once for many rows.
-  std::size_t cells_ = 0;
-  std::size_t repeated_ = 0;
+  /// Of the tables so far.
+  MessageCost cost_;
   std::optional<Error> error_;
   ObjectState object_;
   /// The fields that the walks have passed, of all objects under way, the innermost last.

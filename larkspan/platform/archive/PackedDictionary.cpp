@@ -4,8 +4,6 @@
 #include "larkspan/platform/archive/ValueCoding.h"
 #include "larkspan/platform/base/Value.h"
 
-#include <vector>
-
 namespace larkspan::platform {
 
 namespace {
@@ -26,14 +24,13 @@ std::optional<Value> findInMap(const Dictionary::Packed& packed, std::string_vie
   return std::nullopt;
 }
 
-std::vector<Dictionary::Entry> unpackMap(const Dictionary::Packed& packed) {
-  std::vector<Dictionary::Entry> entries;
-  entries.reserve(packed.entries);
+Dictionary unpackMap(const Dictionary::Packed& packed) {
+  Dictionary entries = Dictionary::withCapacity(packed.entries);
   CborReader reader(packed.bytes.view());
   reader.next();
   for (uint32_t left = packed.entries; left > 0; --left) {
-    const std::string_view name = reader.content(reader.next());
-    entries.push_back({internedKey(name), valueAt(packed.bytes, reader)});
+    const std::string_view key = reader.content(reader.next());
+    entries.append(internedKey(key), valueAt(packed.bytes, reader));
   }
   return entries;
 }
@@ -42,7 +39,7 @@ constexpr Dictionary::PackedCoding kMapCoding{&findInMap, &unpackMap};
 
 }  // namespace
 
-Dictionary packedDictionary(Slice bytes, const PlainRun& map) {
+Dictionary packedDictionary(Slice bytes, const PlainMap& map) {
   return Dictionary({std::move(bytes), &kMapCoding, map.keys, map.entries, map.elements, map.levels});
 }
 

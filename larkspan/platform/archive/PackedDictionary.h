@@ -7,6 +7,6 @@
 namespace larkspan::platform {
 
 /// The dictionary of a plain map, read when somebody asks for its entries. `bytes` are the map's own.
-Dictionary packedDictionary(Slice bytes, const PlainRun& map);
+Dictionary packedDictionary(Slice bytes, const PlainMap& map);
 
 }  // namespace larkspan::platform

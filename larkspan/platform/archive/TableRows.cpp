@@ -34,14 +34,14 @@ Value TableColumn::at(const Slice& frame, std::size_t row) const {
   return {};
 }
 
-TableRows::TableRows(const ObjectClass& objectClass, Slice frame, std::vector<Slice> keys,
+TableRows::TableRows(const ObjectClass& objectClass, Slice frame, KeyList keys,
                      std::vector<TableColumn> columns, std::size_t rows)
     : objectClass_(objectClass),
       frame_(std::move(frame)),
       keys_(std::move(keys)),
       columns_(std::move(columns)),
       rows_(rows) {
-  for (const Slice& key : keys_) keyBits_ |= keyBit(key.view());
+  for (const Slice& key : keys_.keys()) keyBits_ |= keyBit(key.view());
 }
 
 /// Null as long as nobody has asked for it.
@@ -51,16 +51,17 @@ Object* TableRows::madeObject(std::size_t row) const {
   return made_[row].get();
 }
 
-Value TableRows::get(std::size_t row, std::string_view key) const {
-  if (const auto* const made = static_cast<const Archivable*>(madeObject(row))) return made->row()->get(key);
-  if ((keyBits_ & keyBit(key)) == 0) return {};
-  for (std::size_t i = 0; i < keys_.size(); ++i) {
-    if (keys_[i].size() == key.size() && keys_[i].view() == key) return columns_[i].at(frame_, row);
-  }
-  return {};
+Value TableRows::inColumn(std::size_t row, std::string_view key) const {
+  const std::size_t column = keys_.find(key);
+  return column == KeyList::kNone ? Value() : columns_[column].at(frame_, row);
 }
 
-std::shared_ptr<Object> TableRows::object(std::size_t row) const {
+Value TableRows::get(std::size_t row, std::string_view key) const {
+  const auto* const made = static_cast<const Archivable*>(madeObject(row));
+  return made ? made->row()->get(key) : inColumn(row, key);
+}
+
+const std::shared_ptr<Object>& TableRows::object(std::size_t row) const {
   const std::lock_guard lock(mutex_);
   if (made_.empty()) {
     made_.resize(rows_);
@@ -68,15 +69,12 @@ std::shared_ptr<Object> TableRows::object(std::size_t row) const {
   }
   std::shared_ptr<Object>& object = made_[row];
   if (!object) {
-    Dictionary dictionary = Dictionary::withCapacity(keys_.size());
-    for (std::size_t i = 0; i < keys_.size(); ++i) dictionary.append(keys_[i], columns_[i].at(frame_, row));
-    object = objectClass_.rows->make(std::move(dictionary));
+    std::vector<Value> values;
+    values.reserve(columns_.size());
+    for (const TableColumn& column : columns_) values.push_back(column.at(frame_, row));
+    object = objectClass_.rows->make({keys_, std::move(values)});
   }
   return object;
-}
-
-void TableRows::unpack(std::vector<Value>& members) const {
-  for (std::size_t row = 0; row < rows_; ++row) members.emplace_back(object(row));
 }
 
 }  // namespace larkspan::platform

@@ -40,23 +40,27 @@ struct TableColumn {
 class TableRows final : public PackedMembers {
  public:
   /// The columns were found sound, one for each of the keys, which differ, with as many values as there are rows.
-  TableRows(const ObjectClass& objectClass, Slice frame, std::vector<Slice> keys,
-            std::vector<TableColumn> columns, std::size_t rows);
+  TableRows(const ObjectClass& objectClass, Slice frame, KeyList keys, std::vector<TableColumn> columns,
+            std::size_t rows);
 
   const ObjectClass& objectClass() const { return objectClass_; }
   std::size_t size() const override { return rows_; }
   /// What the row's object has in its dictionary under the key, or none.
+  Value get(std::size_t row, const Key& key) const {
+    if (anyMade_.load(std::memory_order_acquire)) return get(row, std::string_view(key));
+    return keyBits_ & key.bit() ? inColumn(row, key) : Value();
+  }
   Value get(std::size_t row, std::string_view key) const;
   /// The row's object, the same each time.
-  std::shared_ptr<Object> object(std::size_t row) const;
-  void unpack(std::vector<Value>& members) const override;
+  const std::shared_ptr<Object>& object(std::size_t row) const override;
 
  private:
   Object* madeObject(std::size_t row) const;
+  Value inColumn(std::size_t row, std::string_view key) const;
 
   const ObjectClass& objectClass_;
   const Slice frame_;
-  const std::vector<Slice> keys_;
+  const KeyList keys_;
   const std::vector<TableColumn> columns_;
   const std::size_t rows_;
   uint64_t keyBits_ = 0;

@@ -48,19 +48,20 @@ struct Table {
   static constexpr std::string_view kForms[] = {"same", "values", "integers", "texts", "urls", "dates"};
   /// So that, with the limit on values in rows, tables stand for no more objects than plain ones could.
   static constexpr std::size_t kFewestKeys = 4;
-  /// That the library writes: as many as fit a processor's cache while they are gone through twice.
+  /// That the library writes: as many as stay in a processor's cache while each column goes through them again.
   static constexpr std::size_t kMostRows = 512;
 };
 
-/// Appends the value. On failure, as `KeyedArchiver`, nothing has been appended. The limits hold for all that
-/// the writer has written; `depth` is how many containers and tags the caller has open around the value.
+/// Appends the value. On failure, as `KeyedArchiver`, nothing has been appended. The limits hold for what the writer has
+/// written and what `cost` holds, together; what the value's tables take is added to `cost`. `depth` is how many containers
+/// and tags the caller has open around the value.
 std::optional<Error> encodeValue(CborWriter& writer, const Value& value, unsigned depth = 0,
-                                 Tables tables = Tables::no);
+                                 Tables tables = Tables::no, MessageCost* cost = nullptr);
 
 /// Reads the value at the reader and passes it. The reader stands over the whole of `frame`, which
 /// `checkWellFormed` has passed; the dictionaries of the plain maps that it found stay encoded until somebody asks for
-/// their entries. After an error the reader's place is undefined.
+/// their entries. The tables of the value are added to `cost`. After an error the reader's place is undefined.
 KeyedUnarchiver::Result decodeValue(const Slice& frame, CborReader& reader, const ClassSet& classes,
-                                    std::span<const PlainRun> plainRuns = {});
+                                    std::span<const PlainMap> plainMaps = {}, MessageCost* cost = nullptr);
 
 }  // namespace larkspan::platform

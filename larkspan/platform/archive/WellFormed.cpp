@@ -4,6 +4,7 @@
 #include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/archive/ClassSet.h"
 #include "larkspan/platform/archive/URLCheck.h"
+#include "larkspan/platform/base/Date.h"
 #include "larkspan/platform/base/Dictionary.h"
 #include "larkspan/platform/base/Limits.h"
 #include "larkspan/platform/base/Utf8.h"
@@ -43,7 +44,9 @@ bool sameBytes(const char* a, const char* b, std::size_t size) {
 /// `passUsual` knows. All else, and all that is at fault, goes through `passHead`.
 class Checker {
  public:
-  Checker(std::string_view item, PlainRuns* plainRuns) : item_(item), plainRuns_(plainRuns) {}
+  Checker(std::string_view item, PlainMaps* plainMaps) : item_(item), plainMaps_(plainMaps) {}
+
+  std::size_t elements() const { return elements_; }
 
   std::optional<Error> run() {
     if (item_.size() > limits::kMaximumFrame) {
@@ -210,7 +213,7 @@ class Checker {
                          .start = static_cast<uint32_t>(start),
                          .firstElement = static_cast<uint32_t>(elements_),
                          .firstKey = static_cast<uint32_t>(keys_.size()),
-                         .firstPlain = static_cast<uint32_t>(plainRuns_ ? plainRuns_->size() : 0),
+                         .firstPlain = static_cast<uint32_t>(plainMaps_ ? plainMaps_->size() : 0),
                          .keyBits = 0,
                          .kinds = 0,
                          .levels = 1,
@@ -309,7 +312,7 @@ class Checker {
       const uint64_t value =
           nanoseconds == 1 ? static_cast<uint8_t>(*digits)
                            : detail::loadBigEndian(digits + 1, static_cast<std::size_t>(nanoseconds - 1));
-      if ((static_cast<uint8_t>(*digits) >> 5) != 0 || value > 999'999'999) return false;
+      if ((static_cast<uint8_t>(*digits) >> 5) != 0 || value > Date::kMostNanoseconds) return false;
       size += 1 + nanoseconds;
     }
     noteLevels(level, 2);
@@ -373,10 +376,10 @@ class Checker {
 
   bool closeMap(const Level& level) {
     if (level.isLarge && !keysDiffer(level)) return false;
-    if (level.isPlain && level.part != ObjectPart::fields && !level.allowsIntegerKeys && plainRuns_ &&
+    if (level.isPlain && level.part != ObjectPart::fields && !level.allowsIntegerKeys && plainMaps_ &&
         level.entries > 0) {
-      plainRuns_->resize(level.firstPlain);
-      plainRuns_->push_back({level.start, static_cast<uint32_t>(at_), level.entries,
+      plainMaps_->resize(level.firstPlain);
+      plainMaps_->push_back({level.start, static_cast<uint32_t>(at_), level.entries,
                              static_cast<uint32_t>(elements_ + 1 - level.firstElement), level.keyBits,
                              level.kinds, level.levels});
     }
@@ -428,7 +431,7 @@ class Checker {
   }
 
   const std::string_view item_;
-  PlainRuns* const plainRuns_;
+  PlainMaps* const plainMaps_;
   std::size_t at_ = 0;
   std::size_t elements_ = 0;
   unsigned depth_ = 0;
@@ -442,9 +445,12 @@ class Checker {
 
 }  // namespace
 
-std::optional<Error> checkWellFormed(std::string_view item, PlainRuns* plainRuns) {
-  if (plainRuns) plainRuns->clear();
-  return Checker(item, plainRuns).run();
+std::optional<Error> checkWellFormed(std::string_view item, PlainMaps* plainMaps, std::size_t* elements) {
+  if (plainMaps) plainMaps->clear();
+  Checker checker(item, plainMaps);
+  auto fault = checker.run();
+  if (elements) *elements = checker.elements();
+  return fault;
 }
 
 }  // namespace larkspan::platform

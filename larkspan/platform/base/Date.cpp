@@ -79,7 +79,7 @@ Date Date::sinceReferenceDate(double interval) {
   constexpr double kLimit = 9.2e18;
   if (whole >= kLimit) return {std::numeric_limits<int64_t>::max(), 0};
   if (whole <= -kLimit) return {std::numeric_limits<int64_t>::min(), 0};
-  auto rest = static_cast<uint32_t>(std::llround((interval - whole) * 1e9));
+  auto rest = static_cast<uint32_t>((interval - whole) * 1e9 + 0.5);
   int64_t seconds = static_cast<int64_t>(whole) + kReferenceDate;
   if (rest == 1'000'000'000) {
     rest = 0;

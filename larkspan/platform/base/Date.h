@@ -12,8 +12,14 @@ namespace larkspan::platform {
 struct Date {
   /// Whole seconds since 1970-01-01T00:00:00Z, rounded towards the past.
   int64_t seconds = 0;
-  /// 0 to 999,999,999.
+  /// 0 to `kMostNanoseconds`.
   uint32_t nanoseconds = 0;
+  static constexpr uint32_t kMostNanoseconds = 999'999'999;
+
+  constexpr Date() = default;
+  /// More nanoseconds than a second has count as `kMostNanoseconds`.
+  constexpr Date(int64_t whole, uint32_t rest)
+      : seconds(whole), nanoseconds(rest < kMostNanoseconds ? rest : kMostNanoseconds) {}
 
   /// The time of the current clock.
   static Date now();

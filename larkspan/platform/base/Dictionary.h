@@ -1,51 +1,31 @@
 #pragma once
 
+#include "larkspan/platform/base/KeyList.h"
 #include "larkspan/platform/base/Slice.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace larkspan::platform {
 
 class Value;
 
-/// A key written in the program: its text lives forever, so that storing under it copies nothing.
-/// Converts to std::string_view for reading.
-class Key {
- public:
-  template <std::size_t size>
-  consteval Key(const char (&literal)[size]) : text_(literal, size - 1) {}
-  constexpr operator std::string_view() const { return text_; }
-  friend constexpr bool operator==(const Key&, const Key&) = default;
-  friend constexpr bool operator==(const Key& key, std::string_view text) { return key.text_ == text; }
-
- private:
-  std::string_view text_;
-};
-
-/// One bit of 64 that tells most different keys apart.
-inline uint64_t keyBit(std::string_view key) {
-  if (key.empty()) return 1;
-  const auto byteAt = [&](std::size_t index) {
-    return static_cast<uint32_t>(static_cast<uint8_t>(key[index]));
-  };
-  const std::size_t size = key.size();
-  const uint32_t sample = byteAt(size / 4) | byteAt(size / 2) << 8 | byteAt(size - size / 4 - 1) << 16;
-  return uint64_t{1} << ((sample ^ static_cast<uint32_t>(size) << 22) * 0x9E3779B1U >> 26);
-}
-
 /// Text keys to values, in the order in which the keys were first set. Meant for the small dictionaries of
-/// messages: a flat vector, searched from the front. A value: copies share their storage until one of them is
-/// changed (copy on write). One that came from another process may keep its entries in their encoded form: a look-up
-/// then decodes the one value that it finds, and the first iteration or change all of them.
+/// messages: a list of keys, shared between dictionaries made alike (`KeyList`), and a list of values, searched from
+/// the front. A value: copies share their storage until one of them is changed (copy on write). One that came from
+/// another process may keep its entries in their encoded form: a look-up then decodes the one value that it finds, and
+/// the first iteration or change all of them.
 /// Thread: as std::vector; copies may be used from different threads.
 class Dictionary {
  public:
   struct Entry;
+  class Iterator;
   struct NewEntry;
   struct PackedCoding;
   /// Entries that are encoded still, their keys well-formed and different and their values sound.
@@ -69,6 +49,8 @@ class Dictionary {
   /// Room for `capacity` entries, taken at once.
   static Dictionary withCapacity(std::size_t capacity);
   Dictionary(std::initializer_list<NewEntry> entries);
+  /// One value for each of the keys: for decoders.
+  Dictionary(KeyList keys, std::vector<Value> values);
   /// A dictionary that reads its entries when somebody asks: for decoders.
   explicit Dictionary(Packed packed);
 
@@ -88,8 +70,11 @@ class Dictionary {
   /// Removes the key if it is there.
   void remove(std::string_view key);
 
-  const Entry* begin() const;
-  const Entry* end() const;
+  Iterator begin() const;
+  Iterator end() const;
+  const KeyList& keys() const;
+  /// In the order of the keys.
+  std::span<const Value> values() const;
 
   /// A copy that shares no array, dictionary or item with this one.
   Dictionary deepCopy() const;
@@ -99,6 +84,13 @@ class Dictionary {
   std::size_t capacity() const;
   /// The entries as they came, unless they have been changed since; else null. For encoders, which may copy them.
   const Packed* packed() const;
+  struct Plain {
+    const KeyList* keys = nullptr;
+    std::span<const Value> values{};
+  };
+  /// Keys and values at one look, for encoders that go through many dictionaries; neither of one that is `packed` or was
+  /// never written.
+  Plain plain() const;
   std::string description() const;
 
   /// Equal entries, in any order.
@@ -107,8 +99,13 @@ class Dictionary {
  private:
   struct Storage;
   Storage& writable();
-  void unpack() const;
+  const Storage& unpacked() const;
+  template <typename AnyKey>
+  void put(const AnyKey& key, Value value);
   Storage* storage_ = nullptr;
 };
+
+/// The entries by key, for comparisons; they point into the dictionary.
+std::vector<std::pair<std::string_view, const Value*>> sortedEntries(const Dictionary& dictionary);
 
 }  // namespace larkspan::platform

@@ -6,16 +6,19 @@
 /// What bounds the memory and time that input from other processes and from files may cost.
 namespace larkspan::platform::limits {
 
-/// Bytes of one frame or archive: stops a peer from making us buffer without end.
+/// Bytes of one frame, reply or archive: stops a peer from making us buffer without end.
 inline constexpr std::size_t kMaximumFrame = std::size_t{32} << 20;
 /// Containers and tags open along one path: stops nesting from exhausting the stack.
 inline constexpr unsigned kMaximumDepth = 64;
-/// Data items of one frame, with keys, containers and tags counted as one each: stops a frame of tiny items
+/// Data items of one frame or reply, with keys, containers and tags counted as one each: stops a frame of tiny items
 /// from becoming values many times its size.
 inline constexpr std::size_t kMaximumElements = 2'000'000;
 /// Keys that `internKeys` keeps for the life of the process: stops the table of known keys from filling up,
 /// which would slow each look-up.
 inline constexpr std::size_t kMaximumInternedKeys = 1024;
+
+/// Lists of keys that live forever: stops a program that sets its keys in ever new orders from taking memory for good.
+inline constexpr std::size_t kMaximumKeyLists = 4096;
 
 /// Bytes that wait to be sent to one peer: stops a peer that does not read from making us keep everything.
 /// Room for two of the largest frames.

@@ -16,13 +16,15 @@ Slice Slice::allocate(std::size_t size, char*& writable) {
 
 // Of a large block realloc(3) moves the pages, not the bytes.
 void Slice::resize(std::size_t size, char*& writable) {
-  if (size > std::numeric_limits<uint32_t>::max()) throw std::length_error("Slice: more than 4 GiB");
-  void* const memory = std::realloc(static_cast<void*>(block_), sizeof(Block) + size);
+  if (size > std::numeric_limits<uint32_t>::max() - kBlockHead)
+    throw std::length_error("Slice: more than 4 GiB");
+  void* const memory = std::realloc(start_ != 0 ? block() : nullptr, kBlockHead + size);
   if (!memory) throw std::bad_alloc();
-  block_ = new (memory) Block{1, static_cast<uint32_t>(size)};
-  writable = reinterpret_cast<char*>(block_ + 1);
+  new (memory) Block{1, static_cast<uint32_t>(size)};
+  writable = static_cast<char*>(memory) + kBlockHead;
   data_ = writable;
   size_ = static_cast<uint32_t>(size);
+  start_ = kBlockHead;
 }
 
 Slice Slice::copy(std::string_view bytes) {
@@ -35,15 +37,16 @@ Slice Slice::copy(std::string_view bytes) {
 
 ByteBuffer Slice::emptyBuffer() {
   ByteBuffer buffer;
-  buffer.room(sizeof(Block));
-  buffer.advance(sizeof(Block));
+  buffer.room(kBlockHead);
+  buffer.advance(kBlockHead);
   return buffer;
 }
 
 Slice Slice::adopt(ByteBuffer buffer) {
-  const std::size_t size = buffer.size() - sizeof(Block);
+  const std::size_t size = buffer.size() - kBlockHead;
   Slice result;
-  result.block_ = reinterpret_cast<Block*>(buffer.release());
+  result.start_ = kBlockHead;
+  result.data_ = buffer.release() + kBlockHead;
   char* writable = nullptr;
   result.resize(size, writable);
   return result;
@@ -59,15 +62,13 @@ Slice Slice::immortal(std::string_view bytes) noexcept {
 Slice Slice::part(std::size_t offset, std::size_t length) const noexcept {
   Slice result = *this;
   result.data_ += offset;
+  if (result.start_ != 0) result.start_ += static_cast<uint32_t>(offset);
   result.size_ = static_cast<uint32_t>(length);
   return result;
 }
 
 void Slice::release() noexcept {
-  if (block_ && block_->shares.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-    block_->~Block();
-    std::free(block_);
-  }
+  if (start_ != 0 && block()->shares.fetch_sub(1, std::memory_order_acq_rel) == 1) std::free(block());
 }
 
 }  // namespace larkspan::platform

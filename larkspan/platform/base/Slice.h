@@ -13,21 +13,21 @@ namespace larkspan::platform {
 /// An immutable run of bytes that is cheap to copy: bytes that live forever, or a share in one
 /// reference-counted block, so that a value may point into a received buffer without copying it.
 /// Thread: as std::string; the share count is atomic.
-/// Limits: 4 GiB - 1 bytes; longer input throws std::length_error.
+/// Limits: 4 GiB less `kBlockHead` bytes; longer input throws std::length_error.
 class Slice {
  public:
   Slice() noexcept = default;
-  Slice(const Slice& other) noexcept : data_(other.data_), size_(other.size_), block_(other.block_) {
-    retain();
+  Slice(const Slice& other) noexcept : data_(other.data_), size_(other.size_), start_(other.start_) {
+    if (start_ != 0) block()->shares.fetch_add(1, std::memory_order_relaxed);
   }
   Slice(Slice&& other) noexcept
       : data_(std::exchange(other.data_, nullptr)),
         size_(std::exchange(other.size_, 0)),
-        block_(std::exchange(other.block_, nullptr)) {}
+        start_(std::exchange(other.start_, 0)) {}
   Slice& operator=(Slice other) noexcept {
     std::swap(data_, other.data_);
     std::swap(size_, other.size_);
-    std::swap(block_, other.block_);
+    std::swap(start_, other.start_);
     return *this;
   }
   ~Slice() { release(); }
@@ -38,6 +38,7 @@ class Slice {
   static Slice immortal(std::string_view bytes) noexcept;
   /// A buffer to append the bytes of a slice to, which `adopt` then takes as they stand.
   static ByteBuffer emptyBuffer();
+  /// The buffer is one of `emptyBuffer`.
   static Slice adopt(ByteBuffer buffer);
   /// A new block of `size` bytes, to be filled through `writable` before the slice is shared.
   static Slice allocate(std::size_t size, char*& writable);
@@ -53,7 +54,7 @@ class Slice {
   std::size_t size() const noexcept { return size_; }
   bool empty() const noexcept { return size_ == 0; }
   /// How many bytes the slice keeps in memory; 0 for those that live forever.
-  std::size_t blockSize() const noexcept { return block_ ? block_->size : 0; }
+  std::size_t blockSize() const noexcept { return start_ != 0 ? block()->size : 0; }
 
   friend bool operator==(const Slice& a, const Slice& b) noexcept {
     return a.size_ == b.size_ && (a.data_ == b.data_ || a.view() == b.view());
@@ -64,14 +65,13 @@ class Slice {
     std::atomic<uint32_t> shares{1};
     uint32_t size;
   };
-  void retain() const noexcept {
-    if (block_) block_->shares.fetch_add(1, std::memory_order_relaxed);
-  }
+  static constexpr std::size_t kBlockHead = sizeof(Block);
+  Block* block() const noexcept { return reinterpret_cast<Block*>(const_cast<char*>(data_) - start_); }
   void release() noexcept;
 
   const char* data_ = nullptr;
   uint32_t size_ = 0;
-  Block* block_ = nullptr;
+  uint32_t start_ = 0;  // How far behind the block's begin the bytes are; 0 without a block.
 };
 
 }  // namespace larkspan::platform

@@ -239,7 +239,7 @@ bool URL::isWellFormed(std::string_view text) {
 URL URL::file(std::string_view path, bool isDirectory) {
   path = path.substr(0, path.find('\0'));
   // Not the working directory: who lost a path must not come to delete that.
-  if (path.empty()) return URL(std::string_view("file:"));
+  if (path.empty()) return URL(kNoFile);
   std::string absolute;
   if (path.front() != '/') {
     char* directory = ::getcwd(nullptr, 0);

@@ -14,6 +14,7 @@ namespace larkspan::platform {
 /// comparable by spelling, cheap to copy. Odd file names survive: the bytes of a path live in percent-encoded
 /// form.
 /// Thread: as std::string.
+/// Limits: `kMaximumLength`. Instead of a longer one "file:" is made, which names no file (`isFileURL` is false).
 class URL {
  public:
   /// Reads a URI reference; nothing when it breaks the grammar of RFC 3986, is longer than `kMaximumLength`,
@@ -74,8 +75,9 @@ class URL {
     std::string_view scheme, authority, path, query, fragment;
     bool hasAuthority = false, hasQuery = false, hasFragment = false;
   };
-  explicit URL(std::string_view text) : text_(Slice::copy(text)) {}
+  explicit URL(std::string_view text) : text_(Slice::copy(text.size() <= kMaximumLength ? text : kNoFile)) {}
   explicit URL(Slice text) : text_(std::move(text)) {}
+  static constexpr std::string_view kNoFile = "file:";
   static Parts split(std::string_view text);
   static std::string join(const Parts& parts);
 

@@ -50,14 +50,8 @@ std::strong_ordering orderAll(const Value* a, const Value* aEnd, const Value* b,
 }
 
 std::strong_ordering orderEntries(const Dictionary& a, const Dictionary& b) {
-  const auto flattened = [](const Dictionary& dictionary) {
-    std::vector<std::pair<std::string_view, const Value*>> entries;
-    for (const auto& entry : dictionary) entries.emplace_back(entry.key(), &entry.value);
-    std::sort(entries.begin(), entries.end());
-    return entries;
-  };
-  const auto left = flattened(a);
-  const auto right = flattened(b);
+  const auto left = sortedEntries(a);
+  const auto right = sortedEntries(b);
   return std::lexicographical_compare_three_way(left.begin(), left.end(), right.begin(), right.end(),
                                                 [](const auto& x, const auto& y) {
                                                   const auto byKey = x.first <=> y.first;
@@ -65,10 +59,32 @@ std::strong_ordering orderEntries(const Dictionary& a, const Dictionary& b) {
                                                 });
 }
 
+}  // namespace
+
 const PackedMembers* packedIn(const Value& value) {
   const auto* const object = value.contentAs<std::shared_ptr<Object>>();
   return object ? dynamic_cast<const PackedMembers*>(object->get()) : nullptr;
 }
+
+namespace {
+
+/// Neighbours out of the middle of others.
+class PackedPart final : public PackedMembers {
+ public:
+  PackedPart(Value whole, std::size_t start, std::size_t size)
+      : whole_(std::move(whole)), members_(*packedIn(whole_)), start_(start), size_(size) {}
+
+  std::size_t size() const override { return size_; }
+  const std::shared_ptr<Object>& object(std::size_t index) const override {
+    return members_.object(start_ + index);
+  }
+
+ private:
+  const Value whole_;
+  const PackedMembers& members_;
+  const std::size_t start_;
+  const std::size_t size_;
+};
 
 }  // namespace
 
@@ -101,14 +117,24 @@ std::span<const Value> Array::packed() const {
   return storage_ ? std::span<const Value>(storage_->values) : std::span<const Value>();
 }
 
+Array Array::part(std::size_t start, std::size_t size) const {
+  const std::span<const Value> members = packed();
+  if (members.size() == 1 && packedIn(members.front()))
+    return withPacked({std::make_shared<PackedPart>(members.front(), start, size)});
+  return std::vector<Value>(begin() + start, begin() + start + size);
+}
+
 std::span<const Value> Array::values() const {
   if (!storage_ || !storage_->isPacked) return packed();
   std::call_once(storage_->unpacking, [this] {
-    storage_->unpacked.reserve(storage_->size);
+    std::vector<Value> unpacked;
+    unpacked.reserve(storage_->size);
     for (const Value& value : storage_->values) {
       const PackedMembers* const members = packedIn(value);
-      members ? members->unpack(storage_->unpacked) : storage_->unpacked.push_back(value);
+      if (!members) unpacked.push_back(value);
+      for (std::size_t i = 0; members && i < members->size(); ++i) unpacked.emplace_back(members->object(i));
     }
+    storage_->unpacked = std::move(unpacked);
   });
   return storage_->unpacked;
 }
@@ -152,12 +178,10 @@ bool Value::boolValue() const {
   return integerValue() != 0;
 }
 
-int64_t Value::integerValue() const {
+int64_t Value::convertedInteger() const {
   switch (kind()) {
     case Kind::boolean:
       return std::get<bool>(content_) ? 1 : 0;
-    case Kind::integer:
-      return std::get<int64_t>(content_);
     case Kind::float32:
       return saturated(static_cast<double>(std::get<float>(content_)));
     case Kind::float64:

@@ -31,16 +31,16 @@ struct Data {
   friend bool operator==(const Data&, const Data&) = default;
 };
 
-/// Neighbours in an array that need not be made before somebody asks for them: for decoders.
+/// Objects that are neighbours in an array and need not be made, or be values, before somebody asks for them.
 class PackedMembers : public Object {
  public:
   virtual std::size_t size() const = 0;
-  /// Appends them; the same objects each time.
-  virtual void unpack(std::vector<Value>& members) const = 0;
+  /// The object at the index, the same each time, for as long as this lives; never null.
+  virtual const std::shared_ptr<Object>& object(std::size_t index) const = 0;
 };
 
-/// Values in order; immutable, copies share the elements. One that came from another process may keep members in their
-/// encoded form until somebody asks for any of them.
+/// Values in order; immutable, copies share the elements. One may keep members in another form until somebody asks for
+/// any of them.
 class Array {
  public:
   Array() = default;
@@ -57,6 +57,8 @@ class Array {
   const Value* end() const;
   /// The members as they came, objects of `PackedMembers` among them: for those who need not have all of them made.
   std::span<const Value> packed() const;
+  /// `size` members from `start`; both must lie inside. Members that are packed as one stay so.
+  Array part(std::size_t start, std::size_t size) const;
   friend bool operator==(const Array& a, const Array& b);
 
  private:
@@ -115,6 +117,8 @@ class Value {
   Value(float value) : content_(value) {}
   Value(double value) : content_(value) {}
   Value(std::string_view text);
+  /// Copies nothing.
+  Value(Key text) : content_(Slice::immortal(text)) {}
   Value(const std::string& text) : Value(std::string_view(text)) {}
   Value(const char* text) : Value(std::string_view(text)) {}
   Value(Data data) : content_(std::move(data)) {}
@@ -143,7 +147,10 @@ class Value {
 
   bool boolValue() const;
   /// Fractions are cut off towards zero, what does not fit saturates.
-  int64_t integerValue() const;
+  int64_t integerValue() const {
+    const auto* const integer = contentAs<int64_t>();
+    return integer ? *integer : convertedInteger();
+  }
   double doubleValue() const;
 
   std::optional<std::string> string() const;
@@ -194,6 +201,7 @@ class Value {
  private:
   using Content = std::variant<std::monostate, bool, int64_t, float, double, Slice, Data, Date, URL, Array,
                                Dictionary, Set, Error, std::shared_ptr<Object>>;
+  int64_t convertedInteger() const;
   template <typename T>
   std::optional<T> copyOf() const {
     const T* content = std::get_if<T>(&content_);
@@ -203,6 +211,9 @@ class Value {
   Content content_;
 };
 
+/// What stands for several members of an array; null for any other value.
+const PackedMembers* packedIn(const Value& value);
+
 /// How a dictionary is written down: `Dictionary{{"key", 1}, {kOther, "text"}}`. No std::pair, whose
 /// constructor would hide from the compiler that the key is a literal.
 struct Dictionary::NewEntry {
@@ -210,18 +221,45 @@ struct Dictionary::NewEntry {
   Value value;
 };
 
+/// What an iteration passes; it points into the dictionary.
 struct Dictionary::Entry {
-  Slice name;
-  Value value;
+  const Slice& name;
+  const Value& value;
 
   std::string_view key() const { return name.view(); }
+};
+
+class Dictionary::Iterator {
+ public:
+  using value_type = Entry;
+  using difference_type = std::ptrdiff_t;
+
+  Iterator() = default;
+  Iterator(const Slice* key, const Value* value) : key_(key), value_(value) {}
+  Entry operator*() const { return {*key_, *value_}; }
+  Iterator& operator++() {
+    ++key_;
+    ++value_;
+    return *this;
+  }
+  Iterator operator++(int) {
+    const Iterator old = *this;
+    ++*this;
+    return old;
+  }
+  friend bool operator==(const Iterator& a, const Iterator& b) { return a.value_ == b.value_; }
+
+ private:
+  const Slice* key_ = nullptr;
+  const Value* value_ = nullptr;
 };
 
 /// How packed entries are read. Functions instead of a class: there is one coding, which lies above this folder.
 struct Dictionary::PackedCoding {
   /// The value under the key; null when there is none.
   std::optional<Value> (*find)(const Packed& packed, std::string_view key);
-  std::vector<Entry> (*unpack)(const Packed& packed);
+  /// All of it, no more packed.
+  Dictionary (*unpack)(const Packed& packed);
 };
 
 }  // namespace larkspan::platform

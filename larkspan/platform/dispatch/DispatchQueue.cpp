@@ -90,6 +90,7 @@ bool DispatchQueue::runNow(Task&) { return false; }
 
 void DispatchQueue::sync(Task task) {
   if (runNow(task)) return;
+  WorkerPool::Kept::handOver();
   std::mutex mutex;
   std::condition_variable finished;
   bool done = false;

@@ -22,9 +22,10 @@ enum class QualityOfService : int {
 /// submission; a concurrent queue starts tasks in order and runs them side by side. What a task of a serial
 /// queue captured is destroyed before the next task starts.
 /// Owner:   whoever submits; queued tasks run even if every handle on the queue is dropped.
-/// Thread:  tasks run on pool threads (main queue: on the initial thread; `sync`: perhaps on the caller's).
-///          Submission from any thread.
-/// Failure: an exception that leaves a task ends the program.
+/// Thread:  tasks run on pool threads (main queue: on the initial thread; `sync`: perhaps on the caller's; what a call from
+///          another process posts: perhaps on the thread that read it). Submission from any thread.
+/// Failure: an exception that leaves a task ends the program. Where the kernel refuses even the first worker its thread,
+///          whoever submits waits until it does not.
 /// Limits:  64 normal and 64 utility tasks may block at once; work queued behind so many waits for one of
 ///          them.
 class DispatchQueue : public std::enable_shared_from_this<DispatchQueue> {

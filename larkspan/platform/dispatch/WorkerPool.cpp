@@ -8,6 +8,7 @@
 #include <cstring>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -26,7 +27,7 @@ constexpr auto kTickAtCap = std::chrono::milliseconds(50);
 constexpr unsigned kPatience = 50;
 
 unsigned processorCount() {
-  static const unsigned count = std::max(2U, std::thread::hardware_concurrency());
+  static const unsigned count = std::clamp(std::thread::hardware_concurrency(), 2U, WorkerPool::kMaxWorkers);
   return count;
 }
 
@@ -96,10 +97,43 @@ bool WorkerPool::allIdle(std::string& busy, bool (*others)(std::string& busy)) {
       return false;
     }
   }
-  return others(busy);
+  if (!others(busy)) return false;
+  // Last, because what is kept comes out of `others`.
+  if (keptCount != 0) busy = "what a thread keeps for itself";
+  return keptCount == 0;
+}
+
+thread_local WorkerPool::Kept* WorkerPool::keeper = nullptr;
+std::atomic<int> WorkerPool::keptCount{0};
+
+WorkerPool::Kept::Kept() { keeper = this; }
+
+WorkerPool::Kept::~Kept() {
+  keeper = nullptr;
+  TaskNode* const node = std::exchange(node_, nullptr);
+  if (!node) return;
+  std::shared_ptr<PooledQueue> owner = std::move(node->owner);
+  owner->execute(node);
+  owner.reset();
+  --keptCount;
+  IdleSignal::notify();
+}
+
+void WorkerPool::Kept::handOver() {
+  if (!keeper) return;
+  TaskNode* const node = std::exchange(std::exchange(keeper, nullptr)->node_, nullptr);
+  if (!node) return;
+  forQuality(node->owner->qualityOfService()).push(node);
+  --keptCount;
 }
 
 void WorkerPool::push(TaskNode* node) {
+  // A concurrent queue starts its tasks in order.
+  if (keeper && !keeper->node_ && !low_ && !node->task) {
+    ++keptCount;
+    keeper->node_ = node;
+    return;
+  }
   TaskNode* newest = inbox_.load(std::memory_order_relaxed);
   do {
     node->next = newest;
@@ -168,17 +202,21 @@ void WorkerPool::wake(Worker* sleeper) {
 }
 
 void WorkerPool::spawn() {
-  try {
-    if (low_)
-      startLowPriorityThread("lks-utility", [this] { work(); });
-    else
-      startThread("lks-worker", [this] { work(); });
-  } catch (const std::system_error&) {
-    if (count_ == 0) throw;
-    return;
+  for (;; std::this_thread::sleep_for(kTickAtCap)) {
+    try {
+      if (low_)
+        startLowPriorityThread("lks-utility", [this] { work(); });
+      else
+        startThread("lks-worker", [this] { work(); });
+      ++count_;
+      ++searching_;
+      return;
+    } catch (const std::system_error&) {
+      // Whoever finishes first takes the work. Nobody would where there is no worker yet, and what was queued cannot be
+      // taken back from those who count on it: so the poster waits for the first one.
+      if (count_ != 0) return;
+    }
   }
-  ++count_;
-  ++searching_;
 }
 
 void WorkerPool::work() {

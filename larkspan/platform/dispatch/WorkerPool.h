@@ -16,13 +16,13 @@ namespace larkspan::platform {
 /// A queue whose work the pools run.
 class PooledQueue : public DispatchQueue {
  public:
-  /// Runs what `node` stands for; called by a worker that holds the queue alive.
+  /// Runs what `node` stands for; the caller holds the queue alive.
   virtual void execute(TaskNode* node) noexcept = 0;
 };
 
 /// The worker threads: one pool for normal work, one for utility and background work.
 ///
-/// A pool keeps as many workers as there are processors. Only when work waits and no worker has taken any for
+/// A pool keeps as many workers as there are processors, at least two. Only when work waits and no worker has taken any for
 /// some milliseconds does the pool's monitor look at the workers, and adds one for each processor that they
 /// leave unused because they are blocked, up to `kMaxWorkers`. A worker without work sleeps for seconds, then
 /// ends. It does not look for work by spinning first: a thread that posts and then blocks, as one that reads
@@ -41,8 +41,27 @@ class WorkerPool {
   /// gets the label of a queue that has some, or is left to `others`, which must not enter a pool.
   static bool allIdle(std::string& busy, bool (*others)(std::string& busy));
 
-  /// Adds work at the end. `node->owner` is the queue that will be asked to execute it.
+  /// Adds work at the end, unless the calling thread keeps it. `node->owner` is the queue that will be asked to execute it.
   void push(TaskNode* node);
+
+  /// While this lives, the calling thread keeps the first serial queue of the normal pool that it sets going, and runs it
+  /// when this ends: that saves waking a worker where another thread takes over what this one does. Until then the thread
+  /// must not wait for what it posted, unless by `DispatchQueue::sync`, which hands it over to a worker.
+  class Kept {
+   public:
+    Kept();
+    Kept(const Kept&) = delete;
+    Kept& operator=(const Kept&) = delete;
+    ~Kept();
+    /// Whether there is any.
+    explicit operator bool() const { return node_; }
+    /// For a thread that is about to wait for other work: leaves to a worker what it keeps, and keeps nothing more.
+    static void handOver();
+
+   private:
+    friend WorkerPool;
+    TaskNode* node_ = nullptr;
+  };
   /// Whether work waits for a worker: time for a queue with much to do to stand aside.
   bool hasWaiting() const { return first_.load(std::memory_order_relaxed) || inbox_.load(); }
 
@@ -60,6 +79,9 @@ class WorkerPool {
   void updateAttended();
   static void wake(Worker* sleeper);
   void spawn();
+
+  static thread_local Kept* keeper;
+  static std::atomic<int> keptCount;
 
   const bool low_;
   // What producers touch: a stack of new work, and whether it will be seen without their telling anybody.

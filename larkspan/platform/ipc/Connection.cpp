@@ -31,9 +31,18 @@ Error notSendable(const Error& cause) {
   return transportError(TransportErrorCode::notSendable, cause.localizedDescription());
 }
 
-/// Decodes an array of exactly the values that `classes` describes.
-std::variant<std::vector<Value>, Error> decodeValues(const Frame& frame,
-                                                     const std::vector<ClassSet>& classes) {
+/// How many members of a list go ahead of a long reply at a time, so that the peer reads them while the next are written.
+constexpr std::size_t kPartSize = 1024;
+
+/// Decodes an array of exactly the values that `classes` describes. `cost` is that of the message's earlier frames, to which
+/// this one is added.
+std::variant<std::vector<Value>, Error> decodeValues(const Frame& frame, std::span<const ClassSet> classes,
+                                                     MessageCost& cost) {
+  cost.bytes += frame.bytes.size();
+  cost.elements += frame.elements;
+  if (cost.bytes > limits::kMaximumFrame || cost.elements > limits::kMaximumElements)
+    return transportError(TransportErrorCode::violation,
+                          "The parts of a reply exceed the limits of a message");
   CborReader reader(frame.bytes.view());
   reader.moveTo(frame.body);
   const CborHead head = reader.next();
@@ -43,7 +52,7 @@ std::variant<std::vector<Value>, Error> decodeValues(const Frame& frame,
   std::vector<Value> values;
   values.reserve(classes.size());
   for (const ClassSet& allowed : classes) {
-    auto [value, error] = decodeValue(frame.bytes, reader, allowed, frame.plainRuns);
+    auto [value, error] = decodeValue(frame.bytes, reader, allowed, frame.plainMaps, &cost);
     if (error) return transportError(TransportErrorCode::violation, error->localizedDescription());
     values.push_back(std::move(value));
   }
@@ -56,12 +65,34 @@ struct Reply::State {
   std::shared_ptr<Transport> transport;
   uint32_t channel;
   int64_t id;
+  bool inParts;
   std::atomic<bool> answered{false};
 
   bool answer() {
     if (!answered.exchange(true)) return true;
     transportLog().write(LogLevel::fault, "A call was answered twice; the second answer is dropped");
     return false;
+  }
+  /// Sends the values, and before them what begins the first if that is a long list.
+  std::optional<Error> send(const std::vector<Value>& values) {
+    MessageCost cost;
+    std::vector<Value> rest = values;
+    bool isOpen = true;
+    const auto sendFrame = [&](FrameType type, const std::vector<Value>& content) -> std::optional<Error> {
+      auto frame = encodeFrame(type, channel, id, {}, content, transport->peerTables(), &cost);
+      if (auto* error = std::get_if<Error>(&frame)) return std::move(*error);
+      isOpen = transport->send(std::get<ByteBuffer>(std::move(frame)));
+      return std::nullopt;
+    };
+    if (inParts && transport->peerTakesParts() && !rest.empty()) {
+      const Array list = rest.front().array();
+      std::size_t sent = 0;
+      for (; isOpen && list.size() - sent > kPartSize; sent += kPartSize) {
+        if (auto error = sendFrame(FrameType::part, {list.part(sent, kPartSize)})) return error;
+      }
+      if (sent > 0) rest.front() = list.part(sent, list.size() - sent);
+    }
+    return sendFrame(FrameType::reply, rest);
   }
   void sendFailure(const Error& error) {
     auto frame = encodeFrame(FrameType::failure, channel, id, {}, {error});
@@ -76,15 +107,12 @@ struct Reply::State {
   }
 };
 
-Reply::Reply(std::shared_ptr<Transport> transport, uint32_t channel, int64_t id)
-    : state_(new State{std::move(transport), channel, id, {}}) {}
+Reply::Reply(std::shared_ptr<Transport> transport, uint32_t channel, int64_t id, bool inParts)
+    : state_(new State{std::move(transport), channel, id, inParts, {}}) {}
 
 void Reply::operator()(const std::vector<Value>& values) const {
   if (!state_ || !state_->answer()) return;
-  auto frame =
-      encodeFrame(FrameType::reply, state_->channel, state_->id, {}, values, state_->transport->peerTables());
-  if (const auto* error = std::get_if<Error>(&frame)) return state_->sendFailure(notSendable(*error));
-  state_->transport->send(std::get<ByteBuffer>(std::move(frame)));
+  if (const auto error = state_->send(values)) state_->sendFailure(notSendable(*error));
 }
 
 void Reply::fail(const Error& error) const {
@@ -149,7 +177,8 @@ void Connection::connect(std::function<void(const std::optional<Error>&)> comple
   submit({}, lock);
 }
 
-void Connection::call(std::string_view method, const std::vector<Value>& arguments, Outcome outcome) {
+void Connection::call(std::string_view method, const std::vector<Value>& arguments, Outcome outcome,
+                      Part part) {
   std::unique_lock lock(mutex_);
   const int64_t id = ++lastId_;
   const auto transport = transport_;
@@ -168,9 +197,9 @@ void Connection::call(std::string_view method, const std::vector<Value>& argumen
     return outcome({}, transportError(TransportErrorCode::interrupted, "The connection is interrupted"));
   }
   const auto self = shared_from_this();
-  calls_.emplace(id, Call{std::string(method), std::move(outcome), self});
+  calls_.emplace(id, Call{std::string(method), std::move(outcome), self, std::move(part)});
   const auto error = submit(std::get<ByteBuffer>(std::move(frame)), lock);
-  if (!error || error->code() != static_cast<int64_t>(TransportErrorCode::notReading)) return;
+  if (!error || !isTransportError(*error, TransportErrorCode::notReading)) return;
   lock.lock();
   const auto call = calls_.extract(id);
   lock.unlock();
@@ -237,7 +266,7 @@ void Connection::connected(const std::shared_ptr<Transport>& transport, const st
     // It closed before it knew of this channel. When it was only let go of, another one can be had: nothing has been
     // sent, so nothing has to fail.
     const auto reason = transport->closeReason();
-    const bool again = reason && reason->code() == static_cast<int64_t>(TransportErrorCode::invalidated) &&
+    const bool again = reason && isTransportError(*reason, TransportErrorCode::invalidated) &&
                        ++attempts_ < kConnectAttempts;
     lock.unlock();
     if (again) return connector_(connectedHandler());
@@ -305,13 +334,14 @@ void Connection::receiveCall(const Frame& frame) {
   lock.unlock();
   if (!transport) return;
   const bool answers = frame.type == FrameType::call;
-  const Reply reply = answers ? Reply(transport, channel_, frame.id) : Reply();
   const Interface::Method* method = interface ? interface->find(frame.method) : nullptr;
+  const Reply reply = answers ? Reply(transport, channel_, frame.id, method && method->inParts) : Reply();
   if (!method || method->reply.has_value() != answers) {
     return reply.fail(
         transportError(TransportErrorCode::unknownMethod, format("No method \"%@\"", frame.method)));
   }
-  auto arguments = decodeValues(frame, method->arguments);
+  MessageCost cost;
+  auto arguments = decodeValues(frame, method->arguments, cost);
   if (const auto* error = std::get_if<Error>(&arguments)) {
     reply.fail(*error);
     return transport->fail(*error);
@@ -327,30 +357,42 @@ void Connection::receiveAnswer(const Frame& frame) {
   auto call = calls_.extract(frame.id);
   const auto interface = remoteInterface_;
   lock.unlock();
-  if (call) transport->noteReply();
   if (call.empty()) {
     return transport->fail(
         transportError(TransportErrorCode::violation, "An answer to no call, or a second one"));
   }
+  if (frame.type != FrameType::part) transport->noteReply();
   const Outcome& outcome = call.mapped().outcome;
+  const auto refuse = [&](const Error& fault) {
+    outcome({}, fault);
+    transport->fail(fault);
+  };
   if (frame.type == FrameType::failure) {
     CborReader reader(frame.bytes.view());
     reader.moveTo(frame.body);
     const auto [value, fault] = decodeValue(frame.bytes, reader, errorClass());
-    const auto error = value.error();
-    if (error) return outcome({}, *error);
-    const Error violation = transportError(TransportErrorCode::violation, "A failure without an error");
-    outcome({}, violation);
-    return transport->fail(violation);
+    if (const auto error = value.error()) return outcome({}, *error);
+    return refuse(transportError(TransportErrorCode::violation, "A failure without an error"));
   }
   const Interface::Method* method = interface ? interface->find(call.mapped().method) : nullptr;
   static const std::vector<ClassSet> kNoReply;
-  auto values = decodeValues(frame, method && method->reply ? *method->reply : kNoReply);
-  if (const auto* error = std::get_if<Error>(&values)) {
-    outcome({}, *error);
-    return transport->fail(*error);
+  const std::vector<ClassSet>& classes = method && method->reply ? *method->reply : kNoReply;
+  const bool isPart = frame.type == FrameType::part;
+  if (isPart && !(call.mapped().part && method && method->inParts && !classes.empty()))
+    return refuse(transportError(TransportErrorCode::violation, "A part of a reply that comes whole"));
+  auto values =
+      decodeValues(frame, std::span(classes).first(isPart ? 1 : classes.size()), call.mapped().cost);
+  if (const auto* error = std::get_if<Error>(&values)) return refuse(*error);
+  const auto& content = std::get<std::vector<Value>>(values);
+  if (!isPart) return outcome(content, std::nullopt);
+  call.mapped().part(content.front().array());
+  lock.lock();
+  if (!invalid_) {
+    calls_.insert(std::move(call));
+    return;
   }
-  outcome(std::get<std::vector<Value>>(values), std::nullopt);
+  lock.unlock();
+  outcome({}, transportError(TransportErrorCode::invalidated, "The connection ended inside a reply"));
 }
 
 }  // namespace larkspan::platform

@@ -22,7 +22,7 @@ namespace larkspan::platform {
 class Reply {
  public:
   Reply() = default;
-  Reply(std::shared_ptr<Transport> transport, uint32_t channel, int64_t id);
+  Reply(std::shared_ptr<Transport> transport, uint32_t channel, int64_t id, bool inParts);
 
   /// Sends the values. What cannot be sent (too large, not archivable) fails this call alone.
   void operator()(const std::vector<Value>& values) const;
@@ -38,7 +38,8 @@ class ExportedObject {
  public:
   virtual ~ExportedObject() = default;
   /// One call with as many arguments as the interface says, each of an allowed class or none. Runs on the
-  /// delivery queue and should not block; `reply` does nothing for a one-way message.
+  /// delivery queue and should not block. What it posts to a serial queue may run on this very thread once it has
+  /// returned: in here only `DispatchQueue::sync` may wait for that. `reply` does nothing for a one-way message.
   virtual void receive(std::string_view method, const std::vector<Value>& arguments, Reply reply) = 0;
 };
 
@@ -61,6 +62,8 @@ class Connection : public Transport::Channel, public std::enable_shared_from_thi
   using Connector = std::function<void(Connected)>;
   /// Either the reply's values (as many as the interface says) or an error.
   using Outcome = std::function<void(const std::vector<Value>& values, const std::optional<Error>& error)>;
+  /// Some members of the array that is the reply's first value: they stand behind earlier parts and before the reply's own.
+  using Part = std::function<void(const Array& members)>;
 
   static std::shared_ptr<Connection> make(Connector connector);
   /// This end of a channel that the peer has opened.
@@ -70,17 +73,20 @@ class Connection : public Transport::Channel, public std::enable_shared_from_thi
   /// To be set before the first call. The interfaces are kept, the object is not.
   void setRemoteInterface(std::shared_ptr<const Interface> interface);
   void setExported(std::shared_ptr<const Interface> interface, std::weak_ptr<ExportedObject> object);
-  /// Replace earlier ones.
+  /// Replace earlier ones. The invalidation handler of a connection that has ended is called at once.
   void setInterruptionHandler(std::function<void()> handler);
   void setInvalidationHandler(std::function<void()> handler);
 
   /// Connects now, without a call; tells whether that went well. An error also invalidates.
   void connect(std::function<void(const std::optional<Error>&)> completion);
-  void call(std::string_view method, const std::vector<Value>& arguments, Outcome outcome);
+  /// For a method that replies in parts give `part`: without it a part ends the transport as a violation. Parts come on the
+  /// delivery queue, before the outcome; after an outcome that is an error they count for nothing.
+  void call(std::string_view method, const std::vector<Value>& arguments, Outcome outcome,
+            Part part = nullptr);
   /// Sends a one-way message; an error says that it surely did not arrive.
   std::optional<Error> post(std::string_view method, const std::vector<Value>& arguments);
   /// Ends the connection for good: calls under way fail and the invalidation handler runs, both on the
-  /// calling thread.
+  /// calling thread. A call whose part is being delivered at that moment fails on the delivery queue, after that.
   void invalidate();
   bool isValid() const;
 
@@ -89,6 +95,8 @@ class Connection : public Transport::Channel, public std::enable_shared_from_thi
     std::string method;
     Outcome outcome;
     std::shared_ptr<Connection> keepAlive;
+    Part part;
+    MessageCost cost{};  // Of the parts.
   };
 
   Connection(Connector connector, std::shared_ptr<Transport> transport, uint32_t channel);

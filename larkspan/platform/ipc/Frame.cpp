@@ -5,6 +5,8 @@
 #include "larkspan/platform/archive/ValueCoding.h"
 #include "larkspan/platform/base/Limits.h"
 
+#include <algorithm>
+
 namespace larkspan::platform {
 
 namespace {
@@ -21,10 +23,8 @@ ByteBuffer emptyFrame() {
 }
 
 void writeLength(ByteBuffer& frame) {
-  const std::size_t length = frame.size() - kFrameLengthSize;
-  for (std::size_t i = 0; i < kFrameLengthSize; ++i) {
-    frame.data()[i] = static_cast<char>(length >> (8 * (kFrameLengthSize - 1 - i)));
-  }
+  char* to = frame.data();
+  detail::storeBigEndian(to, static_cast<uint32_t>(frame.size() - kFrameLengthSize));
 }
 
 Error malformed(std::string_view fault, std::size_t offset) {
@@ -35,18 +35,18 @@ Error malformed(std::string_view fault, std::size_t offset) {
 
 std::variant<Frame, Error> Frame::parse(Slice bytes) {
   Frame frame;
-  if (auto error = checkWellFormed(bytes.view(), &frame.plainRuns)) return std::move(*error);
+  if (auto error = checkWellFormed(bytes.view(), &frame.plainMaps, &frame.elements)) return std::move(*error);
   CborReader reader(bytes.view());
   const auto fault = [&](std::string_view text) { return malformed(text, reader.position()); };
 
   const CborHead array = reader.next();
   if (array.major != CborMajor::array || array.argument == 0) return fault("A frame is an array");
   const CborHead type = reader.next();
-  if (type.major != CborMajor::unsignedInteger || type.argument > static_cast<uint64_t>(FrameType::failure)) {
+  if (type.major != CborMajor::unsignedInteger || type.argument > static_cast<uint64_t>(FrameType::part)) {
     return fault("Unknown type of frame");
   }
   frame.type = static_cast<FrameType>(type.argument);
-  constexpr uint64_t kMembers[] = {2, 2, 2, 5, 4, 4, 4};
+  constexpr uint64_t kMembers[] = {2, 2, 2, 5, 4, 4, 4, 4};
   if (array.argument != kMembers[type.argument]) return fault("A frame of the wrong number of members");
 
   if (frame.type != FrameType::hello) {
@@ -55,7 +55,7 @@ std::variant<Frame, Error> Frame::parse(Slice bytes) {
       return fault("No channel");
     frame.channel = static_cast<uint32_t>(channel.argument);
   }
-  if (frame.type == FrameType::call || frame.type == FrameType::reply || frame.type == FrameType::failure) {
+  if (frame.type >= FrameType::call && frame.type != FrameType::post) {
     const CborHead id = reader.next();
     if (id.major != CborMajor::unsignedInteger) return fault("No call number");
     frame.id = id.integer();
@@ -72,11 +72,15 @@ std::variant<Frame, Error> Frame::parse(Slice bytes) {
 
 std::variant<ByteBuffer, Error> encodeFrame(FrameType type, uint32_t channel, int64_t id,
                                             std::string_view method, const std::vector<Value>& values,
-                                            Tables tables) {
+                                            Tables tables, MessageCost* cost) {
   const bool named = type == FrameType::call || type == FrameType::post;
   const bool numbered = type != FrameType::post;
   ByteBuffer frame = emptyFrame();
   CborWriter writer(frame);
+  MessageCost own;
+  if (!cost) cost = &own;
+  // The parts of a message are of much the same size, and a buffer that grows copies what it holds.
+  writer.reserve(cost->largest + cost->largest / 8);
   writer.array(2 + named + numbered + 1);
   writer.integer(static_cast<int64_t>(type));
   writer.integer(channel);
@@ -84,11 +88,14 @@ std::variant<ByteBuffer, Error> encodeFrame(FrameType type, uint32_t channel, in
   if (named) writer.text(method);
   if (type != FrameType::failure) writer.array(values.size());
   for (const Value& value : values) {
-    if (auto error = encodeValue(writer, value, kEnvelopeDepth, tables)) return std::move(*error);
+    if (auto error = encodeValue(writer, value, kEnvelopeDepth, tables, cost)) return std::move(*error);
   }
-  if (writer.size() > limits::kMaximumFrame) {
+  if (cost->bytes + writer.size() > limits::kMaximumFrame) {
     return archiveError(ArchiveErrorCode::tooLarge, "The message does not fit into a frame");
   }
+  cost->bytes += writer.size();
+  cost->largest = std::max(cost->largest, writer.size());
+  cost->elements += writer.elements();
   writeLength(frame);
   return frame;
 }
@@ -104,8 +111,9 @@ ByteBuffer encodeHello() {
   writer.text("version");
   writer.integer(kProtocolVersion);
   writer.text("capabilities");
-  writer.array(1);
+  writer.array(2);
   writer.text(kTablesCapability);
+  writer.text(kPartsCapability);
   writeLength(frame);
   return frame;
 }

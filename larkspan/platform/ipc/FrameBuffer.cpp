@@ -1,5 +1,6 @@
 #include "larkspan/platform/ipc/FrameBuffer.h"
 
+#include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/ipc/Frame.h"
 
 #include <algorithm>
@@ -10,10 +11,7 @@ namespace larkspan::platform {
 
 std::size_t FrameBuffer::length() const {
   if (length_ > 0 || end_ - begin_ < kFrameLengthSize) return length_;
-  std::size_t length = 0;
-  for (std::size_t i = 0; i < kFrameLengthSize; ++i)
-    length = length << 8 | static_cast<unsigned char>(buffer_[begin_ + i]);
-  return length;
+  return detail::loadBigEndian(buffer_ + begin_, kFrameLengthSize);
 }
 
 bool FrameBuffer::next(Slice& frame) {

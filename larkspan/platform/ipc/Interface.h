@@ -20,6 +20,8 @@ class Interface {
     std::vector<ClassSet> arguments;
     /// The classes of each value of the reply; nothing for a one-way message.
     std::optional<std::vector<ClassSet>> reply;
+    /// Whether the list that the reply begins with goes ahead of it in parts when it is long, to a peer that takes them.
+    bool inParts = false;
   };
 
   Interface(std::string name, std::vector<Method> methods)

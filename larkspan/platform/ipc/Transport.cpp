@@ -1,14 +1,17 @@
 #include "larkspan/platform/ipc/Transport.h"
 
-#include "larkspan/platform/archive/ArchiveError.h"
 #include "larkspan/platform/archive/ValueCoding.h"
 #include "larkspan/platform/base/Format.h"
 #include "larkspan/platform/base/Limits.h"
 #include "larkspan/platform/dispatch/Thread.h"
+#include "larkspan/platform/dispatch/WorkerPool.h"
 #include "larkspan/platform/ipc/TransportError.h"
 #include "larkspan/platform/ipc/TransportLog.h"
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <system_error>
 #include <utility>
 
@@ -19,6 +22,11 @@
 namespace larkspan::platform {
 
 namespace {
+
+/// What takes long is better off on a processor of its own than on that of the thread which woke for it. So if a call took
+/// that long, workers run what comes with so many of the next reads.
+constexpr std::chrono::microseconds kLong{100};
+constexpr unsigned kWorkersTurn = 32;
 
 Error violation(std::string_view what) { return transportError(TransportErrorCode::violation, what); }
 
@@ -40,44 +48,99 @@ std::shared_ptr<Transport> Transport::make(Descriptor socket, std::string name, 
 
 Transport::~Transport() { ::shutdown(socket_->get(), SHUT_RDWR); }
 
+/// What the reading threads of a transport share. They hold the transport only while they have something for it.
+struct Transport::Reading {
+  const std::shared_ptr<const Descriptor> socket;
+  const std::weak_ptr<Transport> transport;
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool isFree = true;  // Nobody reads.
+  /// Threads that wait for their turn, which they do until the one that reads gives it up.
+  std::atomic<int> substitutes{0};
+  bool hasEnded = false;
+  /// How often from now on what has been read is left to the workers.
+  std::atomic<unsigned> workersTurn{0};
+  FrameBuffer frames;  // Of the thread that reads.
+
+  Reading(std::shared_ptr<const Descriptor> readSocket, std::weak_ptr<Transport> owner)
+      : socket(std::move(readSocket)), transport(std::move(owner)) {}
+  /// False when there is nothing more to read.
+  bool waitForTurn(std::unique_lock<std::mutex>& lock) {
+    ++substitutes;
+    changed.wait(lock, [this] { return isFree || hasEnded; });
+    --substitutes;
+    return !hasEnded;
+  }
+  /// False when there is nothing more to read.
+  bool step();
+};
+
 void Transport::start() {
   send(encodeHello());
+  // One that serves calls reads with two threads in turn: what has read a call runs it, and the other reads on.
+  const auto reading = std::make_shared<Reading>(socket_, weak_from_this());
   try {
-    startThread("lks-reader", [socket = socket_, weak = weak_from_this()] { read(*socket, weak); });
+    for (unsigned i = handlers_.onOpen ? 2 : 1; i > 0; --i)
+      startThread("lks-reader", [reading] { read(*reading); });
   } catch (const std::system_error& error) {
     close(transportError(TransportErrorCode::launchFailed,
                          Error::posix(error.code().value(), "Reading from " + name_).localizedDescription()));
   }
 }
 
-/// The reading thread. It holds the transport only while it has something for it; `shutdown` wakes it.
-void Transport::read(const Descriptor& socket, const std::weak_ptr<Transport>& weak) {
-  FrameBuffer frames;
-  for (bool more = true; more;) {
-    const std::span<char> room = frames.room();
-    const ssize_t count = ::recv(socket.get(), room.data(), room.size(), 0);
-    const int fault = count < 0 ? errno : 0;
-    if (fault == EINTR) continue;
-    if (fault == EAGAIN || fault == EWOULDBLOCK) {
-      // Whoever made the socket did not want it to block.
-      pollfd watched{socket.get(), POLLIN, 0};
-      ::poll(&watched, 1, -1);
-      continue;
+/// A reading thread.
+void Transport::read(Reading& reading) {
+  using Clock = std::chrono::steady_clock;
+  std::unique_lock lock(reading.mutex);
+  while (reading.waitForTurn(lock)) {
+    reading.isFree = false;
+    lock.unlock();
+    std::optional<WorkerPool::Kept> kept;
+    bool more = true;
+    while (more && !(kept && *kept)) {
+      kept.reset();
+      if (reading.substitutes > 0 && reading.workersTurn == 0) kept.emplace();
+      if (reading.workersTurn > 0) --reading.workersTurn;
+      more = reading.step();
     }
-    const auto self = weak.lock();
-    if (!self) return;
-    self->queue_->sync([&] {
-      if (count > 0) {
-        frames.add(static_cast<std::size_t>(count));
-        more = self->take(frames);
-      } else {
-        more = false;
-        self->ended(
-            fault == 0 ? self->name_ + " went away" : Error::posix(fault, self->name_).localizedDescription(),
-            fault == 0 && frames.isInside());
-      }
-    });
+    lock.lock();
+    reading.isFree = true;
+    reading.hasEnded = !more;
+    lock.unlock();
+    reading.changed.notify_one();
+    const auto start = Clock::now();
+    kept.reset();
+    if (Clock::now() - start > kLong) reading.workersTurn = kWorkersTurn;
+    lock.lock();
   }
+}
+
+/// Waits for something to read, which `shutdown` ends, too, and delivers it.
+bool Transport::Reading::step() {
+  const std::span<char> room = frames.room();
+  const ssize_t count = ::recv(socket->get(), room.data(), room.size(), 0);
+  const int fault = count < 0 ? errno : 0;
+  if (fault == EINTR) return true;
+  if (fault == EAGAIN || fault == EWOULDBLOCK) {
+    // Whoever made the socket did not want it to block.
+    pollfd watched{socket->get(), POLLIN, 0};
+    ::poll(&watched, 1, -1);
+    return true;
+  }
+  const auto self = transport.lock();
+  if (!self) return false;
+  bool more = false;
+  self->queue_->sync([&] {
+    if (count > 0) {
+      frames.add(static_cast<std::size_t>(count));
+      more = self->take(frames);
+    } else {
+      self->ended(
+          fault == 0 ? self->name_ + " went away" : Error::posix(fault, self->name_).localizedDescription(),
+          fault == 0 && frames.isInside());
+    }
+  });
+  return more;
 }
 
 /// False when the transport is closed.
@@ -119,8 +182,11 @@ void Transport::route(const Frame& frame) {
       return fail(violation(format("The peer speaks version %lld of the protocol", version)));
     }
     const Array capabilities = content.get("capabilities").array();
-    if (std::count(capabilities.begin(), capabilities.end(), Value(kTablesCapability)) > 0)
-      peerTables_ = Tables::yes;
+    const auto has = [&](std::string_view capability) {
+      return std::count(capabilities.begin(), capabilities.end(), Value(capability)) > 0;
+    };
+    if (has(kTablesCapability)) peerTables_ = Tables::yes;
+    peerTakesParts_ = has(kPartsCapability);
     greeted_ = true;
     if (handlers_.onHello) handlers_.onHello();
     return;

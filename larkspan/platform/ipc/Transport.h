@@ -8,7 +8,6 @@
 #include "larkspan/platform/ipc/FrameWriter.h"
 
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -24,14 +23,16 @@ namespace larkspan::platform {
 ///
 /// A thread of its own waits for what comes in and hands the frames on within one serial queue, the delivery queue:
 /// as a rule it runs that queue itself, so that a message costs one wake-up. While a handler runs nothing more is
-/// read, so that a peer that sends without end waits in the kernel and takes no memory here. Outgoing frames are
-/// written by the thread that sends; what the kernel does not take is kept, up to `kMaximumOutbound` bytes, and
-/// written on the input/output thread.
+/// read, so that a peer that sends without end waits in the kernel and takes no memory here. Where the peer may open
+/// channels there are two such threads, which read in turn: the one that read a call runs the first serial queue that its
+/// handler posts to, unless an earlier one took long, and the other reads on. Outgoing frames are written by the thread
+/// that sends; what the kernel does not take is kept, up to `kMaximumOutbound` bytes, and written on the input/output
+/// thread.
 ///
-/// Owner:   std::shared_ptr; what is delivered holds it, the thread does not. It closes when the last reference goes,
-///          and the thread ends with it.
-/// Thread:  every function from any thread; callbacks on the delivery queue, mostly by the reading thread, and after
-///          the end by a worker.
+/// Owner:   std::shared_ptr; what is delivered holds it, the reading threads do not. It closes when the last reference
+///          goes, and they end with it.
+/// Thread:  every function from any thread; callbacks on the delivery queue, mostly by a reading thread, and after
+///          the end mostly by a worker.
 /// Failure: a peer that breaks the protocol, or does not read, ends the transport: said once in the log, and
 ///          then to `onClose` and once to each channel. So does a thread that cannot be started.
 class Transport : public std::enable_shared_from_this<Transport> {
@@ -87,11 +88,14 @@ class Transport : public std::enable_shared_from_this<Transport> {
   void noteReply() { replied_ = true; }
   /// Whether the peer has said that it reads tables.
   Tables peerTables() const { return peerTables_; }
+  /// Whether the peer has said that it takes replies in parts.
+  bool peerTakesParts() const { return peerTakesParts_; }
 
  private:
   Transport(Descriptor socket, std::string name, Handlers handlers);
   void start();
-  static void read(const Descriptor& socket, const std::weak_ptr<Transport>& weak);
+  struct Reading;
+  static void read(Reading& reading);
   bool take(FrameBuffer& frames);
   void ended(std::string_view how, bool insideFrame);
   void finishClosing(std::unique_lock<std::mutex> lock, const Error& reason);
@@ -116,6 +120,7 @@ class Transport : public std::enable_shared_from_this<Transport> {
 
   std::atomic<bool> replied_{false};
   std::atomic<Tables> peerTables_{Tables::no};
+  std::atomic<bool> peerTakesParts_{false};
 };
 
 }  // namespace larkspan::platform

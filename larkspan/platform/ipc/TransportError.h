@@ -26,5 +26,7 @@ enum class TransportErrorCode : int64_t {
 
 /// An error with that code and description.
 Error transportError(TransportErrorCode code, std::string_view description);
+/// Whether the error is one with that code.
+bool isTransportError(const Error& error, TransportErrorCode code);
 
 }  // namespace larkspan::platform

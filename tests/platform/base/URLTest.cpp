@@ -86,6 +86,9 @@ TEST(URL, CarriesAnyFileNameButNoNul) {
   EXPECT_EQ(folder.appending("50%", true).absoluteString(), "file:///tmp/d/50%25/");
   EXPECT_EQ(URL::parse("s://h?q#f")->appending("a/b").absoluteString(), "s://h/a%2Fb");
   EXPECT_EQ(URL::parse("")->appending("b:c").absoluteString(), "./b:c");
+  const std::string longest = "/" + std::string(URL::kMaximumLength - URL::kFilePrefix.size(), 'a');
+  EXPECT_EQ(URL::file(longest).path(), longest);
+  EXPECT_FALSE(URL::file(longest, true).isFileURL() || URL::file(longest).appending("a").isFileURL());
 }
 
 TEST(URL, TakesRelativePathsFromTheWorkingDirectory) {

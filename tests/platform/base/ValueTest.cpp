@@ -148,8 +148,8 @@ TEST(Dictionary, CopiesOnTheFirstChangeOfAShareAndOnlyThen) {
   // The key of an entry of the dictionary's own, which the change moves.
   for (int i = 0; i < 40; ++i) second.set(std::string_view("key " + std::to_string(i)), i);
   const Dictionary share = second;
-  second.set(share.begin()[30].key(), "new");
-  second.remove(second.begin()[0].key());
+  second.set(share.keys().keys()[30].view(), "new");
+  second.remove(second.keys().keys()[0].view());
   EXPECT_EQ(second.get("key 29"), Value("new"));
   EXPECT_EQ(share.get("key 29"), Value(29));
 }
@@ -215,6 +215,7 @@ TEST(Date, CountsFromTheReferenceDateAndSaturates) {
   EXPECT_EQ(Date::sinceReferenceDate(-0.25), (Date{kReference - 1, 750000000}));
   EXPECT_EQ(Date::sinceReferenceDate(std::nan("")), (Date{kReference, 0}));
   EXPECT_EQ(Date::sinceReferenceDate(-INFINITY), (Date{kMinimum, 0}));
+  EXPECT_EQ((Date{0, 1'000'000'000}), (Date{0, 999'999'999}));
   EXPECT_EQ((Date{kReference - 1, 750000000}).timeIntervalSinceReferenceDate(), -0.25);
 }
 
