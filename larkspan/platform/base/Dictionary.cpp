@@ -56,7 +56,7 @@ Dictionary::Dictionary(Packed packed)
     : storage_(new Storage{.packed = std::make_unique<const Packed>(std::move(packed))}) {}
 
 /// Where the entries are; not for a dictionary without storage.
-const Dictionary::Storage& Dictionary::unpacked() const {
+Dictionary::Storage& Dictionary::unpacked() const {
   if (!storage_->packed) return *storage_;
   Storage* known = storage_->unpacked.load(std::memory_order_acquire);
   if (known) return *known;
@@ -68,6 +68,12 @@ const Dictionary::Storage& Dictionary::unpacked() const {
 }
 
 const Dictionary::Packed* Dictionary::packed() const { return storage_ ? storage_->packed.get() : nullptr; }
+
+/// The entries as they came, as long as nobody has asked for more than one of them.
+const Dictionary::Packed* Dictionary::unread() const {
+  const Packed* const encoded = packed();
+  return encoded && !storage_->unpacked.load(std::memory_order_acquire) ? encoded : nullptr;
+}
 
 Dictionary::Dictionary(std::initializer_list<NewEntry> entries) {
   writable().values.reserve(entries.size());
@@ -82,8 +88,9 @@ std::size_t Dictionary::size() const {
 std::size_t Dictionary::capacity() const { return storage_ ? unpacked().values.capacity() : 0; }
 
 const KeyList& Dictionary::keys() const {
-  static const KeyList kEmpty;
-  return storage_ ? unpacked().keys : kEmpty;
+  if (storage_) return unpacked().keys;
+  static const auto* const empty = new KeyList;
+  return *empty;
 }
 
 std::span<const Value> Dictionary::values() const {
@@ -101,14 +108,13 @@ Dictionary::Iterator Dictionary::end() const {
 }
 
 bool Dictionary::contains(std::string_view key) const {
-  if (const Packed* const encoded = packed(); encoded && !storage_->unpacked.load(std::memory_order_acquire))
+  if (const Packed* const encoded = unread())
     return (encoded->keyBits & keyBit(key)) != 0 && encoded->coding->find(*encoded, key);
   return keys().find(key) != KeyList::kNone;
 }
 
 Value Dictionary::get(std::string_view key) const {
-  if (const Packed* const encoded = packed();
-      encoded && !storage_->unpacked.load(std::memory_order_acquire)) {
+  if (const Packed* const encoded = unread()) {
     if ((encoded->keyBits & keyBit(key)) == 0) return {};
     return encoded->coding->find(*encoded, key).value_or(Value());
   }
@@ -125,7 +131,7 @@ Dictionary::Storage& Dictionary::writable() {
     copy.storage_->values.assign(values().begin(), values().end());
     *this = std::move(copy);
   } else if (storage_->packed) {
-    Storage* const entries = &const_cast<Storage&>(unpacked());
+    Storage* const entries = &unpacked();
     storage_->unpacked.store(nullptr, std::memory_order_relaxed);
     delete std::exchange(storage_, entries);
   }

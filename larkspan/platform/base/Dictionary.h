@@ -99,7 +99,8 @@ class Dictionary {
  private:
   struct Storage;
   Storage& writable();
-  const Storage& unpacked() const;
+  Storage& unpacked() const;
+  const Packed* unread() const;
   template <typename AnyKey>
   void put(const AnyKey& key, Value value);
   Storage* storage_ = nullptr;
