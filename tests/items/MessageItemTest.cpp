@@ -65,6 +65,7 @@ TEST(MessageItem, OfARowIsMadeOnceForAllThatShowIt) {
   EXPECT_EQ(array[7].objectOf<ExtensionItem>(), changed.item()) << "the array's members are the same items";
   EXPECT_EQ(Value(array).description(), Value(arrayFromItems(sent)).description());
   EXPECT_FALSE(items[8].lks_fpItem());
+  EXPECT_EQ(itemsFromValue(arrayFromItems(sent).part(7, 2)), Items(sent.begin() + 7, sent.begin() + 9));
 }
 
 TEST(MessageItem, MergesOnlyWhatItLacks) {
