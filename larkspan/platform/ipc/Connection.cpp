@@ -198,6 +198,7 @@ void Connection::call(std::string_view method, const std::vector<Value>& argumen
   }
   const auto self = shared_from_this();
   calls_.emplace(id, Call{std::string(method), std::move(outcome), self, std::move(part)});
+  if (transport) transport->expectAnswer();
   const auto error = submit(std::get<ByteBuffer>(std::move(frame)), lock);
   if (!error || !isTransportError(*error, TransportErrorCode::notReading)) return;
   lock.lock();
@@ -385,7 +386,10 @@ void Connection::receiveAnswer(const Frame& frame) {
   if (const auto* error = std::get_if<Error>(&values)) return refuse(*error);
   const auto& content = std::get<std::vector<Value>>(values);
   if (!isPart) return outcome(content, std::nullopt);
-  call.mapped().part(content.front().array());
+  const Array members = content.front().array();
+  call.mapped().part(members);
+  // Only after one as long as those sent here: small ones without end would keep the thread awake.
+  if (members.size() >= kPartSize) transport->expectAnswer();
   lock.lock();
   if (!invalid_) {
     calls_.insert(std::move(call));

@@ -22,7 +22,7 @@ namespace larkspan::platform {
 /// One end of a socket that carries the frames of any number of channels.
 ///
 /// A thread of its own waits for what comes in and hands the frames on within one serial queue, the delivery queue:
-/// as a rule it runs that queue itself, so that a message costs one wake-up. While a handler runs nothing more is
+/// as a rule it runs that queue itself, so that a message costs one wake-up at most. While a handler runs nothing more is
 /// read, so that a peer that sends without end waits in the kernel and takes no memory here. Where the peer may open
 /// channels there are two such threads, which read in turn: the one that read a call runs the first serial queue that its
 /// handler posts to, unless an earlier one took long, and the other reads on. Outgoing frames are written by the thread
@@ -65,6 +65,10 @@ class Transport : public std::enable_shared_from_this<Transport> {
   /// Sends a whole frame. False when the transport is closed; that it returns true does not mean that the
   /// peer got it.
   bool send(ByteBuffer frame);
+  /// The peer is about to answer, or to go on: before the thread that reads waits the next time it asks the socket for some
+  /// tens of microseconds, where there is more than one processor. For what runs on the delivery queue; at other times that
+  /// thread mostly waits already, and nothing changes.
+  void expectAnswer() { *staysAwake_ = true; }
   /// Opens a channel: from now on its frames, and the news of the end, come to `channel`, which is not kept
   /// alive. False when the transport is closed already: then no news comes.
   bool open(uint32_t number, std::weak_ptr<Channel> channel);
@@ -104,6 +108,8 @@ class Transport : public std::enable_shared_from_this<Transport> {
   void forget(uint32_t number, bool byPeer);
 
   const std::shared_ptr<const Descriptor> socket_;  // Shared with the reading thread.
+  const std::shared_ptr<std::atomic<bool>> staysAwake_ =
+      std::make_shared<std::atomic<bool>>(false);  // The same.
   const std::string name_;
   const std::shared_ptr<DispatchQueue> queue_;
   const std::shared_ptr<FrameWriter> writer_;
