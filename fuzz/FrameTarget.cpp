@@ -18,7 +18,12 @@ void compareRows(const Array& made, const Array& packed) {
   for (const Value& member : packed.packed()) {
     const auto rows = member.objectOf<TableRows>();
     for (std::size_t row = 0; rows && row < rows->size(); ++row) {
-      for (const auto& entry : made[at + row].objectOf<ExtensionItem>()->userInfo()) {
+      const Dictionary userInfo = made[at + row].objectOf<ExtensionItem>()->userInfo();
+      for (const Key& key : {kSizeKey, kNameKey, kAppSizeKey, Key("_C_")}) {
+        expect(rows->integer(row, key, -1) == userInfo.get(key).integerOr(-1),
+               "a number of a row reads as that of its object");
+      }
+      for (const auto& entry : userInfo) {
         const Value value = rows->get(row, entry.key());
         expect(value.description() == entry.value.description(), "a row holds what its object holds");
         expect(isValidUtf8(value.text()) &&

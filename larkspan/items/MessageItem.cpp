@@ -62,12 +62,15 @@ void MessageItem::setFPItem(const std::shared_ptr<platform::FileProviderItem>& i
   setUserInfoObject(result.data.bytes.empty() ? Value() : Value(result.data), kFPItemKey);
 }
 
+int64_t MessageItem::integerOfItem(const Key& key, int64_t absent) const {
+  return valueFor(key).integerOr(absent);
+}
+
 int64_t MessageItem::lks_size() const {
   const int64_t app = lks_appSize();
   const int64_t data = lks_dataSize();
   if (app > 0 || data >= 1) return platform::saturatingSum(app, data);
-  const Value size = valueFor(kSizeKey);
-  return size.isNone() ? LKSExtensionTotalSpaceUsedUnknown : size.integerValue();
+  return integerFor(kSizeKey, LKSExtensionTotalSpaceUsedUnknown);
 }
 
 int64_t MessageItem::lks_deletableSize() const {

@@ -140,11 +140,16 @@ class MessageItem {
                           : rows().get(row_, key);
   }
   std::optional<std::string> stringFor(Key key) const { return valueFor(key).string(); }
-  int64_t integerFor(Key key) const { return valueFor(key).integerValue(); }
+  /// The number under the key, 0 for what is no number; `absent` if there is nothing.
+  int64_t integerFor(const Key& key, int64_t absent = 0) const {
+    return row_ == kNoRow ? integerOfItem(key, absent) : rows().integer(row_, key, absent);
+  }
   bool boolFor(Key key) const { return valueFor(key).boolValue(); }
 
  private:
   static constexpr uint32_t kNoRow = UINT32_MAX;
+  /// Not inline, so that a sum over rows does not carry it along.
+  int64_t integerOfItem(const Key& key, int64_t absent) const;
   const platform::TableRows& rows() const { return static_cast<const platform::TableRows&>(*source_); }
 
   std::shared_ptr<platform::Object> source_;  // The item, or the rows that it is one of.

@@ -58,8 +58,11 @@ TEST(MessageItem, OfARowIsMadeOnceForAllThatShowIt) {
   ASSERT_EQ(items.size(), sent.size());
   MessageItem changed = items[7];
   EXPECT_TRUE(changed == items[7] && changed != items[8] && changed != items[57]);
-  changed.setLks_size(-1);
-  sent[7].setLks_size(-1);
+  for (MessageItem* item : {&changed, &sent[7]}) {
+    item->setLks_size(-1);
+    item->setLks_appSize(-2);
+  }
+  EXPECT_EQ(items[7].lks_appSize(), -2) << "a key that no row has";
   for (std::size_t i = 0; i < sent.size(); ++i) EXPECT_EQ(items[i].lks_size(), sent[i].lks_size()) << i;
   EXPECT_EQ(MessageItem(items[7].item()), changed);
   EXPECT_EQ(array[7].objectOf<ExtensionItem>(), changed.item()) << "the array's members are the same items";

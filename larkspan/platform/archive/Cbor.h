@@ -38,12 +38,32 @@ inline uint64_t loadBigEndian(const char* from, std::size_t size) {
   }
 }
 
+/// Reads 1, 2, 4 or 8 bytes of a two's complement.
+inline int64_t loadSigned(const char* from, std::size_t size) {
+  const auto unused = static_cast<unsigned>(64 - 8 * size);
+  return static_cast<int64_t>(loadBigEndian(from, size) << unused) >> unused;
+}
+
 /// Writes all bytes of the integer, most significant first, and passes them.
 template <typename Integer>
 void storeBigEndian(char*& to, Integer value) {
   const uint64_t bytes = bigEndian(static_cast<uint64_t>(value) << (64 - 8 * sizeof value));
   std::memcpy(to, &bytes, sizeof value);
   to += sizeof value;
+}
+
+/// Writes so many bytes, 1, 2, 4 or 8: the low ones of the integer, most significant first. Passes them.
+inline void storeBigEndian(char*& to, uint64_t value, std::size_t size) {
+  switch (size) {
+    case 1:
+      return storeBigEndian(to, static_cast<uint8_t>(value));
+    case 2:
+      return storeBigEndian(to, static_cast<uint16_t>(value));
+    case 4:
+      return storeBigEndian(to, static_cast<uint32_t>(value));
+    default:
+      return storeBigEndian(to, value);
+  }
 }
 
 /// memcpy(3) for what mostly is short.
@@ -119,7 +139,8 @@ class CborWriter {
   void float64(double value);
   void text(std::string_view utf8) { detail::copyBytes(string(CborMajor::text, utf8.size()), utf8); }
   void bytes(std::string_view raw) { detail::copyBytes(string(CborMajor::bytes, raw.size()), raw); }
-  /// The head of a text or byte string; the caller fills in its content at once, at what this answers.
+  /// The head of a text or byte string; the caller fills in its content, at what this answers, before it writes more than
+  /// was reserved.
   char* string(CborMajor major, std::size_t size) {
     char* const to = out_.room(detail::kLongestHead + size);
     const std::size_t head = detail::encodeHead(to, static_cast<unsigned>(major), size);
@@ -142,7 +163,7 @@ class CborWriter {
     elements_ += elements;
   }
 
-  /// Room for so many bytes more, taken at once.
+  /// Room for so many bytes more, taken at once: what is written in it does not move.
   void reserve(std::size_t bytes) { out_.room(bytes); }
   /// Bytes written.
   std::size_t size() const { return out_.size() - start_; }

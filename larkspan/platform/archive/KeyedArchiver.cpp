@@ -1,6 +1,7 @@
 #include "larkspan/platform/archive/KeyedArchiver.h"
 
 #include "larkspan/platform/archive/Archivable.h"
+#include "larkspan/platform/archive/ColumnLayout.h"
 #include "larkspan/platform/archive/ValueCoding.h"
 #include "larkspan/platform/base/Limits.h"
 #include "larkspan/platform/base/Utf8.h"
@@ -25,49 +26,8 @@ using Form = TableColumn::Form;
 /// No container, error or object.
 bool isFlat(const Value& value) { return value.kind() <= Value::Kind::url; }
 
-/// Mostly one text in both places.
-bool isSame(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && (a.data() == b.data() || a == b);
-}
-
-std::string_view textOf(const Value& value) {
-  const auto* const text = value.contentAs<Slice>();
-  return text ? text->view() : value.contentAs<URL>()->absoluteString();
-}
-
-/// Quicker than `==` for what columns mostly hold.
-bool isSame(const Value& a, const Value& b) {
-  if (a.kind() != b.kind()) return false;
-  if (a.kind() == Value::Kind::string) return isSame(textOf(a), textOf(b));
-  if (a.kind() == Value::Kind::boolean) return *a.contentAs<bool>() == *b.contentAs<bool>();
-  return a == b;
-}
-
 bool hasSameKeys(const KeyList& a, const KeyList& b) {
   return a.isSameAs(b) || std::ranges::equal(a.keys(), b.keys());
-}
-
-/// How to write the values with that index.
-Form formOf(std::span<const Value* const> rows, std::size_t index) {
-  const Value& first = rows.front()[index];
-  bool isOneValue = true;
-  for (const Value* const row : rows.subspan(1)) {
-    if (row[index].kind() != first.kind()) return Form::values;
-    isOneValue = isOneValue && isSame(row[index], first);
-  }
-  if (isOneValue) return Form::same;
-  switch (first.kind()) {
-    case Value::Kind::integer:
-      return Form::integers;
-    case Value::Kind::string:
-      return Form::texts;
-    case Value::Kind::url:
-      return Form::urls;
-    case Value::Kind::date:
-      return Form::dates;
-    default:
-      return Form::values;
-  }
 }
 
 }  // namespace
@@ -264,52 +224,53 @@ std::size_t KeyedArchiver::writeTable(const Neighbours& members, std::size_t sta
 
 /// Writes the values with that index.
 void KeyedArchiver::writeColumn(std::span<const Value* const> rows, std::size_t index) {
-  const Form form = formOf(rows, index);
-  const auto valueOf = [index](const Value* row) -> const Value& { return row[index]; };
-  const bool hasTwo = form >= Form::texts;
-  writer_.array(hasTwo ? 3 : 2);
-  writer_.text(Table::kForms[static_cast<std::size_t>(form)]);
-  if (form != Form::same && !hasRoom(12 * rows.size())) return;
-  switch (form) {
+  const ColumnLayout layout = ColumnLayout::of(rows, index);
+  const auto form = static_cast<std::size_t>(layout.form);
+  writer_.array(1 + Table::kContents[form]);
+  writer_.text(Table::kForms[form]);
+  const std::size_t size = layout.size(rows.size());
+  if (!hasRoom(size)) return;
+  // What is filled in row by row must not move meanwhile.
+  writer_.reserve(size + 3 * detail::kLongestHead);
+  switch (layout.form) {
     case Form::same: {
       const std::size_t start = writer_.size();
-      writeFlat(valueOf(rows.front()));
+      writeFlat(rows.front()[index]);
       cost_.repeated += (writer_.size() - start) * rows.size();
       break;
     }
     case Form::values:
       writer_.array(rows.size());
-      for (const auto* const row : rows) writeFlat(valueOf(row));
+      for (const auto* const row : rows) writeFlat(row[index]);
       break;
     case Form::integers: {
-      char* to = writer_.string(CborMajor::bytes, sizeof(int64_t) * rows.size());
-      for (const auto* const row : rows) detail::storeBigEndian(to, *valueOf(row).contentAs<int64_t>());
+      char* to = writer_.string(CborMajor::bytes, layout.width * rows.size());
+      for (const auto* const row : rows)
+        detail::storeBigEndian(to, *row[index].contentAs<int64_t>(), layout.width);
       break;
     }
     case Form::texts:
     case Form::urls: {
-      std::size_t bytes = 0;
-      char* to = writer_.string(CborMajor::bytes, sizeof(uint32_t) * rows.size());
+      writer_.text(layout.prefix);
+      cost_.prefixes += layout.prefix.size() * rows.size();
+      char* toLength = writer_.string(CborMajor::bytes, layout.width * rows.size());
+      char* to = writer_.string(CborMajor::text, layout.rest);
       for (const auto* const row : rows) {
-        const std::size_t size = textOf(valueOf(row)).size();
-        detail::storeBigEndian(to, static_cast<uint32_t>(size));
-        bytes += size;
-      }
-      if (!hasRoom(bytes)) return;
-      to = writer_.string(CborMajor::text, bytes);
-      for (const auto* const row : rows) {
-        const std::string_view text = textOf(valueOf(row));
+        const std::string_view text = textOf(row[index]).substr(layout.prefix.size());
+        detail::storeBigEndian(toLength, text.size(), layout.width);
         detail::copyBytes(to, text);
         to += text.size();
       }
       break;
     }
     case Form::dates: {
-      char* to = writer_.string(CborMajor::bytes, sizeof(int64_t) * rows.size());
-      for (const auto* const row : rows) detail::storeBigEndian(to, valueOf(row).contentAs<Date>()->seconds);
-      to = writer_.string(CborMajor::bytes, sizeof(uint32_t) * rows.size());
-      for (const auto* const row : rows)
-        detail::storeBigEndian(to, valueOf(row).contentAs<Date>()->nanoseconds);
+      char* toSeconds = writer_.string(CborMajor::bytes, layout.width * rows.size());
+      char* to = writer_.string(CborMajor::bytes, layout.nanosecondWidth * rows.size());
+      for (const auto* const row : rows) {
+        const Date& date = *row[index].contentAs<Date>();
+        detail::storeBigEndian(toSeconds, date.seconds, layout.width);
+        detail::storeBigEndian(to, date.nanoseconds, layout.nanosecondWidth);
+      }
       break;
     }
   }
@@ -380,7 +341,8 @@ bool KeyedArchiver::enter(unsigned levels) {
 }
 
 bool KeyedArchiver::overflows(std::size_t bytes) {
-  if (std::max(cost_.bytes + writer_.size() + bytes, cost_.repeated) > limits::kMaximumFrame) {
+  if (std::max({cost_.bytes + writer_.size() + bytes, cost_.repeated, cost_.prefixes}) >
+      limits::kMaximumFrame) {
     fail(ArchiveErrorCode::tooLarge,
          "A value of more than " + std::to_string(limits::kMaximumFrame) + " bytes cannot be archived");
   } else {

@@ -85,9 +85,9 @@ class KeyedArchiver {
   void writeEntry(std::string_view key, const Value& value);
   /// Whether this many bytes more keep within the limits; fails else.
   bool hasRoom(std::size_t bytes) {
-    const bool fits =
-        std::max(cost_.bytes + writer_.size() + bytes, cost_.repeated) <= limits::kMaximumFrame &&
-        std::max(cost_.elements + writer_.elements(), cost_.cells) <= limits::kMaximumElements;
+    const bool fits = std::max({cost_.bytes + writer_.size() + bytes, cost_.repeated, cost_.prefixes}) <=
+                          limits::kMaximumFrame &&
+                      std::max(cost_.elements + writer_.elements(), cost_.cells) <= limits::kMaximumElements;
     return fits ? !error_ : overflows(bytes);
   }
   bool overflows(std::size_t bytes);

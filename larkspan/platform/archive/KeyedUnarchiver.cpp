@@ -6,6 +6,7 @@
 #include "larkspan/platform/archive/URLCheck.h"
 #include "larkspan/platform/archive/ValueCoding.h"
 #include "larkspan/platform/base/Limits.h"
+#include "larkspan/platform/base/Utf8.h"
 
 #include <algorithm>
 #include <cmath>
@@ -254,7 +255,7 @@ bool KeyedUnarchiver::readColumn(TableColumn& column, std::size_t rows, const Cl
       std::find(std::begin(Table::kForms), std::end(Table::kForms), reader_.content(name));
   if (form == std::end(Table::kForms)) return false;
   column.form = static_cast<Form>(form - Table::kForms);
-  if (array.argument != (column.form >= Form::texts ? 3U : 2U)) return false;
+  if (array.argument != 1 + Table::kContents[form - Table::kForms]) return false;
 
   const auto admit = [&](bool isAdmitted, std::string_view what) {
     if (!isAdmitted) forbidden(what, start);
@@ -267,15 +268,25 @@ bool KeyedUnarchiver::readColumn(TableColumn& column, std::size_t rows, const Cl
   const auto placeOf = [&](std::string_view content) {
     return static_cast<std::size_t>(content.data() - frame_.data());
   };
+  // How many bytes each row has; 0 when that is none of 1, 2, 4 and 8.
+  const auto widthIn = [&](std::string_view bytes) -> unsigned {
+    for (const unsigned width : {1U, 2U, 4U, 8U}) {
+      if (bytes.size() == width * rows) return width;
+    }
+    return 0;
+  };
+  const auto repeat = [&](std::size_t bytes, std::size_t& total) {
+    total += bytes * rows;
+    if (total <= limits::kMaximumFrame) return true;
+    fault(ArchiveErrorCode::tooLarge, "Rows of more than " + std::to_string(limits::kMaximumFrame) + " bytes",
+          start);
+    return false;
+  };
   switch (column.form) {
     case Form::same: {
       const std::size_t valueStart = reader_.position();
       column.values.push_back(readFlat(classes));
-      cost_.repeated += (reader_.position() - valueStart) * rows;
-      if (cost_.repeated > limits::kMaximumFrame) {
-        fault(ArchiveErrorCode::tooLarge,
-              "Rows of more than " + std::to_string(limits::kMaximumFrame) + " bytes", start);
-      }
+      repeat(reader_.position() - valueStart, cost_.repeated);
       return true;
     }
     case Form::values: {
@@ -287,18 +298,21 @@ bool KeyedUnarchiver::readColumn(TableColumn& column, std::size_t rows, const Cl
     }
     case Form::integers: {
       const auto integers = next(CborMajor::bytes);
-      if (!integers || integers->size() != 8 * rows) return false;
+      if (!integers || (column.width = widthIn(*integers)) == 0) return false;
       column.first = placeOf(*integers);
       return admit(classes.admits(ValueClass::number), "A number");
     }
     case Form::dates: {
       const auto seconds = next(CborMajor::bytes);
       const auto nanoseconds = seconds ? next(CborMajor::bytes) : std::nullopt;
-      if (!nanoseconds || seconds->size() != 8 * rows || nanoseconds->size() != 4 * rows) return false;
+      if (!nanoseconds || (column.width = widthIn(*seconds)) == 0 ||
+          (column.nanosecondWidth = widthIn(*nanoseconds)) == 0)
+        return false;
       column.first = placeOf(*seconds);
       column.second = placeOf(*nanoseconds);
       for (std::size_t row = 0; row < rows; ++row) {
-        if (detail::loadBigEndian(nanoseconds->data() + 4 * row, 4) > Date::kMostNanoseconds) return false;
+        const char* const at = nanoseconds->data() + column.nanosecondWidth * row;
+        if (detail::loadBigEndian(at, column.nanosecondWidth) > Date::kMostNanoseconds) return false;
       }
       return admit(classes.admits(ValueClass::date), "A date");
     }
@@ -306,20 +320,25 @@ bool KeyedUnarchiver::readColumn(TableColumn& column, std::size_t rows, const Cl
     case Form::urls:
       break;
   }
-  const auto lengths = next(CborMajor::bytes);
+  const auto prefix = next(CborMajor::text);
+  const auto lengths = prefix ? next(CborMajor::bytes) : std::nullopt;
   const auto text = lengths ? next(CborMajor::text) : std::nullopt;
-  if (!text || lengths->size() != 4 * rows) return false;
+  const unsigned width = text ? widthIn(*lengths) : 0;
+  if (width == 0) return false;
+  if (!repeat(prefix->size(), cost_.prefixes)) return true;
   column.first = placeOf(*text);
+  column.prefix = *prefix;
   const bool isUrl = column.form == Form::urls;
   column.ends.reserve(rows);
-  URLCheck urls;
-  uint64_t end = 0;
+  URLCheck urls(*prefix);
+  std::size_t end = 0;
   for (std::size_t row = 0; row < rows; ++row) {
-    const uint64_t begin = end;
-    end += detail::loadBigEndian(lengths->data() + 4 * row, 4);
+    const std::size_t begin = end;
+    const uint64_t length = detail::loadBigEndian(lengths->data() + width * row, width);
+    if (length > text->size() - begin) return false;
+    end = begin + length;
     // All of the text is well-formed, so each part is that begins and ends between characters.
-    if (end > text->size() || (end < text->size() && (static_cast<uint8_t>((*text)[end]) & 0xC0) == 0x80))
-      return false;
+    if (isInsideCharacter(*text, end)) return false;
     if (isUrl && !urls.isWellFormed(text->substr(begin, end - begin))) return false;
     column.ends.push_back(static_cast<uint32_t>(end));
   }

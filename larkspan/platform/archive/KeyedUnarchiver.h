@@ -24,8 +24,8 @@ struct TableColumn;
 /// fastest. Fields nobody asks for are passed over.
 /// Thread:  one at a time; decode functions run on the thread that unarchives.
 /// Failure: the first one makes the whole archive fail; what is read after it is none or 0.
-/// Limits:  as `checkWellFormed`; the rows of tables have `limits::kMaximumElements` values, and those that stand there
-///          once for many rows would take `limits::kMaximumFrame` bytes, at most.
+/// Limits:  as `checkWellFormed`; the rows of tables have `limits::kMaximumElements` values at most. Those that stand there
+///          once for many rows would take `limits::kMaximumFrame` bytes at most, and so would what texts begin with.
 class KeyedUnarchiver {
  public:
   struct Result {

@@ -11,9 +11,13 @@ struct MessageCost {
   std::size_t elements = 0;
   /// The largest of them, in bytes.
   std::size_t largest = 0;
-  /// Of the tables so far: values in their rows, and bytes that those would take which stand there once for many rows.
+  /// Values in the rows of its tables.
   std::size_t cells = 0;
+  /// Bytes of the values of "same" columns, written out for each row.
   std::size_t repeated = 0;
+  /// Bytes of the prefixes of texts and URLs, written out for each row. Apart, so that what was read can be written again: the
+  /// writer may find prefixes where the sender wrote none.
+  std::size_t prefixes = 0;
 };
 
 }  // namespace larkspan::platform

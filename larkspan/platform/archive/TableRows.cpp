@@ -9,12 +9,15 @@
 namespace larkspan::platform {
 
 Value TableColumn::at(const Slice& frame, std::size_t row) const {
-  const auto integerAt = [&](std::size_t start) {
-    return static_cast<int64_t>(detail::loadBigEndian(frame.data() + start + 8 * row, 8));
-  };
   const auto text = [&] {
     const std::size_t start = row == 0 ? 0 : ends[row - 1];
-    return sharedPart(frame, frame.view().substr(first + start, ends[row] - start));
+    const std::string_view rest = frame.view().substr(first + start, ends[row] - start);
+    if (prefix.empty()) return sharedPart(frame, rest);
+    char* to = nullptr;
+    Slice whole = Slice::allocate(prefix.size() + rest.size(), to);
+    detail::copyBytes(to, prefix);
+    detail::copyBytes(to + prefix.size(), rest);
+    return whole;
   };
   switch (form) {
     case Form::same:
@@ -22,14 +25,15 @@ Value TableColumn::at(const Slice& frame, std::size_t row) const {
     case Form::values:
       return values[row];
     case Form::integers:
-      return integerAt(first);
+      return integerAt(frame, row);
     case Form::texts:
       return Value::wellFormed(text());
     case Form::urls:
       return URL::wellFormed(text());
     case Form::dates:
-      return Date{integerAt(first),
-                  static_cast<uint32_t>(detail::loadBigEndian(frame.data() + second + 4 * row, 4))};
+      return Date{integerAt(frame, row),
+                  static_cast<uint32_t>(
+                      detail::loadBigEndian(frame.data() + second + nanosecondWidth * row, nanosecondWidth))};
   }
   return {};
 }
@@ -59,6 +63,18 @@ Value TableRows::inColumn(std::size_t row, std::string_view key) const {
 Value TableRows::get(std::size_t row, std::string_view key) const {
   const auto* const made = static_cast<const Archivable*>(madeObject(row));
   return made ? made->row()->get(key) : inColumn(row, key);
+}
+
+int64_t TableRows::integerOf(std::size_t row, std::string_view key, int64_t absent) const {
+  return get(row, key).integerOr(absent);
+}
+
+int64_t TableRows::integerInColumn(std::size_t row, std::string_view key, int64_t absent) const {
+  const std::size_t column = keys_.find(key);
+  if (column == KeyList::kNone) return absent;
+  if (columns_[column].form != TableColumn::Form::integers)
+    return columns_[column].at(frame_, row).integerOr(absent);
+  return columns_[column].integerAt(frame_, row);
 }
 
 const std::shared_ptr<Object>& TableRows::object(std::size_t row) const {

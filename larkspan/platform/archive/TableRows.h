@@ -1,5 +1,6 @@
 #pragma once
 
+#include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/base/Slice.h"
 #include "larkspan/platform/base/Value.h"
 
@@ -20,16 +21,26 @@ struct TableColumn {
   enum class Form : uint8_t { same, values, integers, texts, urls, dates };
 
   Form form = Form::values;
-  /// Where in the frame the integers, the text or the seconds begin.
+  // Places in the frame, which the rows keep.
+  /// Where the integers, the text or the seconds begin.
   std::size_t first = 0;
   /// Where the nanoseconds begin.
   std::size_t second = 0;
-  /// Where each text or URL ends, counted from `first`.
+  /// Bytes of an integer or seconds, and of nanoseconds.
+  unsigned width = 0;
+  unsigned nanosecondWidth = 0;
+  /// What all texts or URLs begin with.
+  std::string_view prefix{};
+  /// Where the rest of each ends, counted from `first`.
   std::vector<uint32_t> ends;
   /// One for each row, or the one that all have.
   std::vector<Value> values;
 
   Value at(const Slice& frame, std::size_t row) const;
+  /// Of `integers`, or the seconds of `dates`.
+  int64_t integerAt(const Slice& frame, std::size_t row) const {
+    return detail::loadSigned(frame.data() + first + width * row, width);
+  }
 };
 
 /// The objects of a table, in its columns: each is made when somebody asks for it. A list of many thousands so costs
@@ -51,12 +62,19 @@ class TableRows final : public PackedMembers {
     return keyBits_ & key.bit() ? inColumn(row, key) : Value();
   }
   Value get(std::size_t row, std::string_view key) const;
+  /// The same as `get(row, key).integerOr(absent)`, quicker for a column of integers.
+  int64_t integer(std::size_t row, const Key& key, int64_t absent) const {
+    if (anyMade_.load(std::memory_order_acquire)) return integerOf(row, key, absent);
+    return keyBits_ & key.bit() ? integerInColumn(row, key, absent) : absent;
+  }
   /// The row's object, the same each time.
   const std::shared_ptr<Object>& object(std::size_t row) const override;
 
  private:
   Object* madeObject(std::size_t row) const;
   Value inColumn(std::size_t row, std::string_view key) const;
+  int64_t integerOf(std::size_t row, std::string_view key, int64_t absent) const;
+  int64_t integerInColumn(std::size_t row, std::string_view key, int64_t absent) const;
 
   const ObjectClass& objectClass_;
   const Slice frame_;

@@ -1,22 +1,29 @@
 #pragma once
 
+#include "larkspan/platform/archive/CommonPrefix.h"
 #include "larkspan/platform/base/URL.h"
 
-#include <algorithm>
-#include <cstdint>
-#include <cstring>
+#include <string>
 #include <string_view>
 
 namespace larkspan::platform {
 
 /// Judges URLs that come one after the other. A list of files mostly has them in one folder: what a URL shares with the
 /// one before is not looked at again, as long as both are of the form that is judged by its single characters.
-/// Owner:  the text of the last URL must live as long as another one comes.
+/// Owner:  the prefix, and the text of the last URL, must live as long as another one comes.
 class URLCheck {
  public:
-  /// Answers as `URL::isWellFormed`.
+  URLCheck() = default;
+  /// For URLs that all begin with the prefix, which what is judged then lacks.
+  explicit URLCheck(std::string_view prefix)
+      : prefix_(prefix),
+        isFilePrefix_(prefix.starts_with(URL::kFilePrefix) && URL::isWellFormed(prefix)),
+        whole_(prefix) {}
+
+  /// Answers as `URL::isWellFormed` of the prefix and the text.
   bool isWellFormed(std::string_view text) {
-    const std::size_t shared = sharedPrefix(text, last_);
+    if (!prefix_.empty()) return isWellFormedRest(text);
+    const std::size_t shared = commonPrefix(text, last_);
     const bool isPlainFile = shared >= URL::kFilePrefix.size() && text.size() <= URL::kMaximumLength &&
                              URL::isPlainPath(text.substr(shared));
     if (!isPlainFile && !URL::isWellFormed(text)) return false;
@@ -25,19 +32,18 @@ class URLCheck {
   }
 
  private:
-  /// How many bytes both begin with, to the word.
-  static std::size_t sharedPrefix(std::string_view a, std::string_view b) {
-    const std::size_t size = std::min(a.size(), b.size());
-    std::size_t at = 0;
-    uint64_t x, y;
-    for (; at + sizeof x <= size; at += sizeof x) {
-      std::memcpy(&x, a.data() + at, sizeof x);
-      std::memcpy(&y, b.data() + at, sizeof y);
-      if (x != y) break;
-    }
-    return at;
+  bool isWellFormedRest(std::string_view text) {
+    if (prefix_.size() + text.size() > URL::kMaximumLength) return false;
+    if (isFilePrefix_ && URL::isPlainPath(text)) return true;
+    whole_.resize(prefix_.size());
+    return URL::isWellFormed(whole_.append(text));
   }
 
+  std::string_view prefix_;
+  /// Plain text behind it makes no look at the prefix necessary: a path, a query and a fragment all may hold it.
+  bool isFilePrefix_ = false;
+  /// The prefix and the text judged last.
+  std::string whole_;
   /// The plain URL of a file that came last.
   std::string_view last_;
 };

@@ -13,13 +13,20 @@
 namespace larkspan::platform {
 
 /// Strings, data and plain maps of this many bytes or more share the block they arrived in, and so does all of a
-/// frame that is smaller. What is shorter is copied, so that a value which is kept does not keep a whole frame.
+/// frame that is smaller. What is shorter is copied, so that a value which is kept does not keep a whole frame, and so are
+/// texts and URLs of a column with a prefix.
 inline constexpr std::size_t kSharedLength = 4096;
 
 /// Text or data out of the frame: a copy of what is short and would keep a larger block.
 inline Slice sharedPart(const Slice& frame, std::string_view content) {
   if (content.size() < kSharedLength && frame.blockSize() >= kSharedLength) return Slice::copy(content);
   return frame.part(static_cast<std::size_t>(content.data() - frame.data()), content.size());
+}
+
+/// The text of a string or URL.
+inline std::string_view textOf(const Value& value) {
+  const auto* const text = value.contentAs<Slice>();
+  return text ? text->view() : value.contentAs<URL>()->absoluteString();
 }
 
 /// The class name of an error in tag 27.
@@ -32,12 +39,14 @@ inline constexpr std::string_view kErrorClassName = "Error";
 ///
 ///     ["same", value]                         the one that each has
 ///     ["values", [value, …]]
-///     ["integers", bytes]                     64 bits each, two's complement
-///     ["texts", bytes, text]                  the length of each in 32 bits, and all of them behind each other
-///     ["urls", bytes, text]                   as texts
-///     ["dates", bytes, bytes]                 seconds since 1970 as integers, and nanoseconds in 32 bits
+///     ["integers", bytes]                     two's complement
+///     ["texts", prefix, bytes, text]          what all begin with, the length of what follows it in each, and that, one
+///                                             behind the other
+///     ["urls", prefix, bytes, text]           as texts
+///     ["dates", bytes, bytes]                 seconds since 1970 as integers, and nanoseconds
 ///
-/// Bytes have the most significant first. No value is a container, error or object.
+/// A byte string has 1, 2, 4 or 8 bytes for each row, the same for all, most significant first; lengths and nanoseconds, up
+/// to 999,999,999, are unsigned. No value is a container, error or object.
 struct Table {
   static constexpr std::string_view kName = "Table";
   static constexpr std::string_view kClass = "class";
@@ -46,6 +55,8 @@ struct Table {
   static constexpr std::string_view kColumns = "columns";
   /// In the order of `TableColumn::Form`.
   static constexpr std::string_view kForms[] = {"same", "values", "integers", "texts", "urls", "dates"};
+  /// How many members follow the form in its column.
+  static constexpr std::size_t kContents[] = {1, 1, 1, 3, 3, 2};
   /// So that, with the limit on values in rows, tables stand for no more objects than plain ones could.
   static constexpr std::size_t kFewestKeys = 4;
   /// That the library writes: as many as stay in a processor's cache while each column goes through them again.

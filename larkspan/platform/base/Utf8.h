@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -7,6 +9,11 @@ namespace larkspan::platform {
 
 /// Whether the bytes are well-formed UTF-8 (RFC 3629: no surrogates, no overlong forms, at most U+10FFFF).
 bool isValidUtf8(std::string_view bytes);
+
+/// Whether a character of the well-formed text begins before that byte of it and ends behind it.
+inline bool isInsideCharacter(std::string_view text, std::size_t at) {
+  return at < text.size() && (static_cast<uint8_t>(text[at]) & 0xC0) == 0x80;
+}
 
 /// The text for display: U+FFFD stands for each longest beginning of a sequence that breaks off, and for each
 /// byte that begins none (Unicode, section 3.9, "maximal subparts"). Well-formed text is returned as it is.

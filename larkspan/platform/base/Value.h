@@ -151,6 +151,8 @@ class Value {
     const auto* const integer = contentAs<int64_t>();
     return integer ? *integer : convertedInteger();
   }
+  /// The same, or `absent` for none.
+  int64_t integerOr(int64_t absent) const { return isNone() ? absent : integerValue(); }
   double doubleValue() const;
 
   std::optional<std::string> string() const;

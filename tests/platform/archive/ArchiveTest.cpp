@@ -316,7 +316,23 @@ TEST(Archive, WritesNeighboursOfTheSameKeysAsTables) {
   };
   const Value turned = itemWith({{"k2", 1}, {"k1", 2}, {"k3", 3}, {"k4", Data::copy("\xFF")}});
   const Value few = itemWith({{"k1", 1}, {"k2", 2}, {"k3", 3}});
-  std::vector<Value> many(300, alike(-1.5)), varied;
+  std::vector<Value> many(300, alike(-1.5)), varied, extreme;
+  for (const int64_t number :
+       {INT64_MIN, INT64_MIN + 1, int64_t{-129}, int64_t{-128}, int64_t{127}, int64_t{128}, int64_t{-32769},
+        int64_t{32768}, int64_t{INT32_MIN}, int64_t{INT32_MAX} + 1, INT64_MAX}) {
+    // Tables of three, the last as the first, so that each number tells how wide its column is. Texts begin with a part of
+    // the same character, and mostly are of one length.
+    for (const int64_t own : {number, int64_t{0}, number}) {
+      Dictionary userInfo{
+          {"flag", own != 0},
+          {"text",
+           std::string(13, 'x') + (own ? "\u00E8" : "\u00E9") + std::string(own < 0 ? 4000 : 200, 'y')},
+          {"date", Date{own, own < 0 ? Date::kMostNanoseconds : static_cast<uint32_t>(number & 0xFFFF)}},
+          {"url", URL::file(own ? "/a b/%" : "/a b/ \xFF")}};
+      userInfo.set("table " + std::to_string(extreme.size() / 3), own);
+      extreme.push_back(itemWith(userInfo));
+    }
+  }
   for (int i = 0; i < 1100; ++i) {
     varied.push_back(itemWith({{"k1", std::string(i % 40, 'x') + "\u00E9"},
                                {"k2", Date{-i, static_cast<uint32_t>(i)}},
@@ -334,6 +350,7 @@ TEST(Archive, WritesNeighboursOfTheSameKeysAsTables) {
       {{alike(1), alike(2), alike(Array{3}), alike(Dictionary{{"x", 1}}), alike(4)}, 1},
       {many, 1},
       {varied, 3},
+      {extreme, extreme.size() / 3},
   };
   const ClassSet& classes = ExtensionItem::itemClasses();
   for (const auto& [items, tables] : cases) {
@@ -403,17 +420,20 @@ TEST(Archive, WritesNeighboursOfTheSameKeysAsTables) {
   }
   EXPECT_EQ(codeOf(unarchived(table.substr(1), classes).error), Code::forbiddenClass) << "beside no array";
 
-  const std::string ones = "4800000001 00000001",
-                    column = "82 68 696e746567657273 50 0000000000000001 0000000000000005";
+  const std::string column = "82 68 696e746567657273 42 01 05";
   const struct {
     std::string column;
     Code code;
   } columns[] = {
       {column, kFine},
-      {"82 68 696e746567657274 50 0000000000000001 0000000000000005", Code::malformed},
-      {"82 68 696e746567657273 58 10 0000000000000001 0000000000000005", kFine},
-      {"82 68 696e746567657273 48 0000000000000001", Code::malformed},
-      {"83 68 696e746567657273 50 0000000000000001 0000000000000005 f6", Code::malformed},
+      {"82 68 696e746567657274 42 01 05", Code::malformed},
+      {"82 68 696e746567657273 58 02 01 05", kFine},
+      {"82 68 696e746567657273 44 0001 0005", kFine},
+      {"82 68 696e746567657273 50 0000000000000001 0000000000000005", kFine},
+      {"82 68 696e746567657273 41 01", Code::malformed},
+      {"82 68 696e746567657273 40", Code::malformed},
+      {"82 68 696e746567657273 46 000001 000005", Code::malformed},
+      {"83 68 696e746567657273 42 01 05 f6", Code::malformed},
       {"01", Code::malformed},
       {"82 01 01", Code::malformed},
       {"82 64 73616d65 f6", kFine},
@@ -423,16 +443,34 @@ TEST(Archive, WritesNeighboursOfTheSameKeysAsTables) {
       {"82 66 76616c756573 82 01 c103", kFine},
       {"82 66 76616c756573 81 01", Code::malformed},
       {"82 66 76616c756573 82 01 a0", Code::malformed},
-      {"83 65 7465787473" + ones + "62 6162", kFine},
-      {"83 65 7465787473" + ones + "42 6162", Code::malformed},
-      {"83 65 7465787473" + ones + "62 c3a9", Code::malformed},
-      {"83 65 7465787473" + ones + "63 616263", Code::malformed},
-      {"83 65 7465787473 48 00000001 ffffffff 60", Code::malformed},
-      {"83 65 7465787473 48 00000003 00000000 63 61c3a9", kFine},
-      {"83 64 75726c73 48 00000003 00000003 66 613a62633a64", kFine},
-      {"83 64 75726c73 48 00000003 00000003 66 613a62633a20", Code::malformed},
+      {"84 65 7465787473 60 42 01 01 62 6162", kFine},
+      {"84 65 7465787473 60 44 0001 0001 62 6162", kFine},
+      {"84 65 7465787473 62 c3a9 42 01 01 62 6162", kFine},
+      {"84 65 7465787473 42 c3a9 42 01 01 62 6162", Code::malformed},
+      {"83 65 7465787473 42 01 01 62 6162", Code::malformed},
+      {"84 65 7465787473 60 42 01 01 42 6162", Code::malformed},
+      {"84 65 7465787473 60 42 01 01 62 c3a9", Code::malformed},
+      {"84 65 7465787473 60 42 01 01 63 616263", Code::malformed},
+      {"84 65 7465787473 60 42 01 ff 60", Code::malformed},
+      {"84 65 7465787473 60 42 03 00 63 61c3a9", kFine},
+      {"84 64 75726c73 60 42 03 03 66 613a62 633a64", kFine},
+      {"84 64 75726c73 60 42 03 03 66 613a62 633a20", Code::malformed},
+      {"84 64 75726c73 61 61 42 02 02 64 3a62 3a63", kFine},
+      {"84 64 75726c73 61 3a 42 01 01 62 6162", Code::malformed},
+      {"84 64 75726c73 61 31 42 02 02 64 3a62 3a63", Code::malformed},
+      {"84 64 75726c73 60 42 ff 01 63 613a62", Code::malformed},
+      {"84 64 75726c73 60 50 0000000000000003 fffffffffffffffe 63 613a62", Code::malformed},
+      {"84 64 75726c73 68 66696c653a2f2f2f 42 01 03 64 61 253230", kFine},
+      {"84 64 75726c73 68 66696c653a2f2f2f 42 01 03 64 61 253030", Code::malformed},
+      {"84 64 75726c73 68 66696c653a2f2f2f 42 01 01 62 6120", Code::malformed},
+      {"84 64 75726c73 69 66696c653a2f2f2f25 42 02 02 64 3230 3231", kFine},
+      {"84 64 75726c73 69 66696c653a2f2f2f25 42 02 02 64 3230 3030", Code::malformed},
+      {"84 64 75726c73 69 66696c653a2f2f2f23 42 01 01 62 61 3f", kFine},
       {"83 65 6461746573 50 00000000000000000000000000000000 48 3b9ac9ff00000000", kFine},
+      {"83 65 6461746573 42 ff01 42 00ff", kFine},
       {"83 65 6461746573 50 00000000000000000000000000000000 48 000000003b9aca00", Code::malformed},
+      {"83 65 6461746573 42 0000 50 0000000000000000 0000000100000000", Code::malformed},
+      {"83 65 6461746573 42 0000 41 00", Code::malformed},
       {"82 65 6461746573 50 00000000000000000000000000000000", Code::malformed},
   };
   for (const auto& [form, code] : columns) {
@@ -442,12 +480,21 @@ TEST(Archive, WritesNeighboursOfTheSameKeysAsTables) {
   }
   const std::string path = "file:///" + std::string(URL::kMaximumLength - 8, 'a');
   for (const std::string& last : {path, path + 'a'}) {
-    const std::string urls = bytesOf("83 64 75726c73 48 00010000 000100") + char(last.size() - path.size()) +
-                             head(CborMajor::text, static_cast<uint32_t>(path.size() + last.size())) + path +
-                             last;
-    std::string patched = table;
-    patched.replace(table.find(bytesOf(column)), bytesOf(column).size(), urls);
-    EXPECT_EQ(codeOf(unarchived(patched, classes).error), last == path ? kFine : Code::malformed);
+    const std::string_view folder = "file:///";
+    for (const std::string_view prefix : {std::string_view(), folder}) {
+      const std::string one = path.substr(prefix.size()), other = last.substr(prefix.size());
+      std::string urls =
+          bytesOf("84 64 75726c73") + char(0x60 + prefix.size()) + std::string(prefix) + '\x48';
+      for (const std::string& text : {one, other}) {
+        char size[4], *to = size;
+        detail::storeBigEndian(to, static_cast<uint32_t>(text.size()));
+        urls.append(size, sizeof size);
+      }
+      urls += head(CborMajor::text, static_cast<uint32_t>(one.size() + other.size())) + one + other;
+      std::string patched = table;
+      patched.replace(table.find(bytesOf(column)), bytesOf(column).size(), urls);
+      EXPECT_EQ(codeOf(unarchived(patched, classes).error), last == path ? kFine : Code::malformed);
+    }
   }
 
   // Rows that cost their sender nothing are counted, and none is made before somebody asks.
@@ -459,11 +506,37 @@ TEST(Archive, WritesNeighboursOfTheSameKeysAsTables) {
       unarchived('\x82' + same + head(CborMajor::bytes, 1 << 20) + std::string(1 << 20, 'x'), classes).value;
   EXPECT_EQ(beside.array().packed().size(), 2U) << "nor when they are a small part of their frame";
   EXPECT_EQ(codeOf(unarchived('\x83' + same + same + same, classes).error), Code::tooManyElements);
-  same.replace(same.rfind('\x01'), 1, "\x78\xA8" + std::string(0xA8, 'x'));
-  EXPECT_EQ(codeOf(unarchived('\x81' + same, classes).error), Code::tooLarge);
-  const Value text = std::string(2000, 'x');
-  EXPECT_EQ(codeOf(KeyedArchiver::archivedData(Array(std::vector<Value>(17'000, alike(text)))).error),
-            Code::tooLarge);
+  const std::string tooLong = "\x78\xA8" + std::string(0xA8, 'x');
+  std::string prefixed = same;
+  prefixed.replace(prefixed.rfind(bytesOf("8264 73616d65 01")), 7,
+                   bytesOf("84 65 7465787473") + tooLong + head(CborMajor::bytes, 200'000) +
+                       std::string(200'000, '\0') + '\x60');
+  same.replace(same.rfind('\x01'), 1, tooLong);
+  for (const std::string& one : {same, prefixed})
+    EXPECT_EQ(codeOf(unarchived('\x81' + one, classes).error), Code::tooLarge);
+  // What all rows have and what all begin with are counted apart.
+  const struct {
+    std::size_t same, prefix;
+    int rows;
+    Code code;
+  } repeated[] = {
+      {2000, 2000, 16'000, kFine}, {2000, 5, 17'000, Code::tooLarge}, {5, 2000, 17'000, Code::tooLarge}};
+  for (const auto& [one, prefix, count, code] : repeated) {
+    std::vector<Value> items;
+    for (int i = 0; i < count; ++i) {
+      items.push_back(itemWith({{"k1", std::string(one, 'x')},
+                                {"k2", std::string(prefix, 'x') + std::to_string(i)},
+                                {"k3", i},
+                                {"k4", i}}));
+    }
+    const auto written = KeyedArchiver::archivedData(Array(items));
+    EXPECT_EQ(codeOf(written.error), code);
+    if (code == kFine) {
+      const Array read = KeyedUnarchiver::unarchivedValue(written.data, classes).value.array();
+      EXPECT_EQ(read.size(), items.size());
+      EXPECT_EQ(KeyedArchiver::archivedData(read).data, written.data);
+    }
+  }
 
   // Many small tables cost no more than as many rows of one.
   constexpr int kTables = 20'000;

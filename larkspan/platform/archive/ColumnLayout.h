@@ -1,0 +1,33 @@
+#pragma once
+
+#include "larkspan/platform/archive/TableRows.h"
+#include "larkspan/platform/base/Value.h"
+
+#include <cstddef>
+#include <span>
+#include <string_view>
+
+namespace larkspan::platform {
+
+/// How the values of a column (`Table` in ValueCoding.h) are best written.
+struct ColumnLayout {
+  TableColumn::Form form = TableColumn::Form::values;
+  /// Bytes that each row's integer, length or seconds take.
+  std::size_t width = 0;
+  /// Bytes that each row's nanoseconds take.
+  std::size_t nanosecondWidth = 0;
+  /// What all texts begin with, which points into the first; empty where one has `kSharedLength` bytes or more, which readers
+  /// then share with the frame.
+  std::string_view prefix{};
+  /// Bytes of all that follows it.
+  std::size_t rest = 0;
+
+  /// Of the values with that index; a row stands for its first. There is one at least, and none is a container, error or
+  /// object.
+  static ColumnLayout of(std::span<const Value* const> rows, std::size_t index);
+
+  /// Bytes of its texts and byte strings, without their heads.
+  std::size_t size(std::size_t rows) const { return prefix.size() + (width + nanosecondWidth) * rows + rest; }
+};
+
+}  // namespace larkspan::platform
