@@ -54,6 +54,7 @@ TEST_F(Trash, ListsWhatWasDeletedAsItWas) {
   EXPECT_EQ("orphan", found.at("data/Trash/files/orphan").lks_name());
   EXPECT_TRUE(found.contains("data/Trash/files/dir") && found.contains("data/Trash/files/pipe"));
   EXPECT_EQ(7u, found.size()) << "six entries and the summary";
+  EXPECT_EQ("Empty Trash", LKSSummaryResource(found.at("")).lks_summaryButton());
   EXPECT_EQ("6 items take ", LKSSummaryResource(found.at("")).lks_summaryMessage()->substr(0, 13));
 }
 
@@ -92,8 +93,9 @@ TEST_F(Trash, DeletesWhatWasListedAndKeepsTheInfoOfWhatCouldNotGo) {
 TEST_F(Trash, EmptiesWhatTheSummarySpokeOfAndTipsOnWhatIsOld) {
   shell(
       "cd data/Trash; touch files/old files/new files/orphan; now=$(date +%Y-%m-%dT%H:%M:%S);"
-      "put . old /home/me/ancient $(date -d '40 days ago' +%Y-%m-%dT%H:%M:%S) '40 days ago';"
-      "put . new /home/me/new $now; put . stray /x $now '2 hours ago'; put . justnow /x");
+      "put . old /home/me/ancient $(date -d '31 days ago' +%Y-%m-%dT%H:%M:%S) '31 days ago';"
+      "put . new /home/me/new $(date -d '29 days ago' +%Y-%m-%dT%H:%M:%S) '29 days ago'; put . stray /x $now "
+      "'2 hours ago'; put . justnow /x");
   auto found = resources();
   EXPECT_EQ("old", found.at("data/Trash/files/old").lks_category());
   EXPECT_EQ("recent", found.at("data/Trash/files/new").lks_category());

@@ -3,8 +3,10 @@
 #include "larkspan/platform/log/LogSink.h"
 #include "tests/support/Collector.h"
 
+#include <algorithm>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace larkspan::tests {
@@ -17,6 +19,13 @@ class CapturedLog {
   /// The messages of one channel, exactly as they were logged.
   std::vector<std::string> console() const { return sink_->console.now(); }
   std::vector<std::string> system() const { return sink_->system.now(); }
+  /// The same once one of them holds that, or when ten seconds have passed.
+  std::vector<std::string> systemOnceItHas(std::string_view part) const {
+    return sink_->system.waitUntil([part](const auto& all) {
+      return std::any_of(all.begin(), all.end(),
+                         [part](const auto& line) { return line.find(part) != line.npos; });
+    });
+  }
 
  private:
   struct Sink : platform::LogSink {
