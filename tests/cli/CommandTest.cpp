@@ -211,6 +211,9 @@ TEST(Command, EndsAtOnceWhenItIsInterruptedAndTakesEvenStoppedExtensionsAlong) {
     close(end.fd);
     EXPECT_TRUE(program.isGone("hang"));
   }
+  // When it gives up by itself, in the middle of a call.
+  EXPECT_EQ(program.run({"resources", "hang", "--timeout", "0.4"}).code(), 1);
+  EXPECT_TRUE(program.isGone("hang"));
 }
 
 TEST(Command, PrintsALineForEachBatchOfChanges) {
