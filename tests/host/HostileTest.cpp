@@ -246,7 +246,8 @@ TEST_F(Hostile, ABadFrameIsNamedInOneLineAndEndsThatConnectionAlone) {
 
 TEST_F(Hostile, AThousandKillsAtAnyMomentEndEachExchangeOnceAndLeaveNothing) {
   // So that it dies between the parts of an answer, and inside a frame.
-  add("victim", "hello call =8407@8180 :8407@8180 pid again");
+  add("victim", "hello call =8407@8180 :8407@8181D81B82" + text("ExtensionItem") + "A1" + text("userInfo") +
+                    "A0 pid again");
   discover();
   const auto wanted = {code(TransportErrorCode::interrupted), code(TransportErrorCode::violation)};
   constexpr int kKills = kIsSanitized ? 100 : 1000;

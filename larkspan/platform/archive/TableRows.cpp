@@ -8,6 +8,10 @@
 
 namespace larkspan::platform {
 
+inline int64_t TableColumn::integerAt(const Slice& frame, std::size_t row) const {
+  return detail::loadSigned(frame.data() + first + width * row, width);
+}
+
 Value TableColumn::at(const Slice& frame, std::size_t row) const {
   const auto text = [&] {
     const std::size_t start = row == 0 ? 0 : ends[row - 1];

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/base/Slice.h"
 #include "larkspan/platform/base/Value.h"
 
@@ -38,9 +37,7 @@ struct TableColumn {
 
   Value at(const Slice& frame, std::size_t row) const;
   /// Of `integers`, or the seconds of `dates`.
-  int64_t integerAt(const Slice& frame, std::size_t row) const {
-    return detail::loadSigned(frame.data() + first + width * row, width);
-  }
+  int64_t integerAt(const Slice& frame, std::size_t row) const;
 };
 
 /// The objects of a table, in its columns: each is made when somebody asks for it. A list of many thousands so costs
