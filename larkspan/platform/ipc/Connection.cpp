@@ -373,7 +373,8 @@ void Connection::receiveAnswer(const Frame& frame) {
     reader.moveTo(frame.body);
     const auto [value, fault] = decodeValue(frame.bytes, reader, errorClass());
     if (const auto error = value.error()) return outcome({}, *error);
-    return refuse(transportError(TransportErrorCode::violation, "A failure without an error"));
+    return refuse(transportError(TransportErrorCode::violation,
+                                 fault ? fault->localizedDescription() : "A failure without an error"));
   }
   const Interface::Method* method = interface ? interface->find(call.mapped().method) : nullptr;
   static const std::vector<ClassSet> kNoReply;

@@ -200,6 +200,7 @@ void Transport::route(const Frame& frame) {
     CborReader reader(frame.bytes.view());
     reader.moveTo(frame.body);
     const auto hello = decodeValue(frame.bytes, reader, ClassSet::allValues());
+    if (hello.error) return fail(violation(hello.error->localizedDescription()));
     const Dictionary content = hello.value.dictionary();
     if (content.get("protocol") != Value(kProtocolName))
       return fail(violation("The hello names another protocol"));
