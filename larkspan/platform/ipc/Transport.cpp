@@ -291,10 +291,8 @@ void Transport::peerEnded(const Error& reason) {
 }
 
 void Transport::fail(const Error& reason) {
-  if (closed_) return;
-  transportLog().write(LogLevel::fault,
-                       format("Connection to %@ ended: %@", name_, reason.localizedDescription()));
-  close(reason);
+  std::unique_lock lock(mutex_);
+  if (!closed_) finishClosing(std::move(lock), reason, true);
 }
 
 bool Transport::closeIfUnused(const Error& reason) {
@@ -309,10 +307,14 @@ void Transport::close(const Error& reason) {
   if (!closed_) finishClosing(std::move(lock), reason);
 }
 
-void Transport::finishClosing(std::unique_lock<std::mutex> lock, const Error& reason) {
+void Transport::finishClosing(std::unique_lock<std::mutex> lock, const Error& reason, bool isFault) {
   closed_ = true;
   closeReason_ = reason;
   lock.unlock();
+  if (isFault) {
+    transportLog().write(LogLevel::fault,
+                         format("Connection to %@ ended: %@", name_, reason.localizedDescription()));
+  }
   writer_->close();
   ::shutdown(socket_->get(), SHUT_RDWR);
   queue_->async([self = shared_from_this(), reason] {

@@ -102,7 +102,7 @@ class Transport : public std::enable_shared_from_this<Transport> {
   static void read(Reading& reading);
   bool take(FrameBuffer& frames);
   void ended(std::string_view how, bool insideFrame);
-  void finishClosing(std::unique_lock<std::mutex> lock, const Error& reason);
+  void finishClosing(std::unique_lock<std::mutex> lock, const Error& reason, bool isFault = false);
   void receive(Slice item);
   void route(const Frame& frame);
   void forget(uint32_t number, bool byPeer);
