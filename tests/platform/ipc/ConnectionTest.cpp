@@ -43,6 +43,16 @@ std::shared_ptr<const Interface> echoInterface() {
                   {"note", {any}, std::nullopt}});
 }
 
+TEST(Interface, TellsTheClassesOfWhatItHasAndNothingElse) {
+  Interface interface = *echoInterface();
+  interface.setClasses({ValueClass::url}, "number", 0, true);
+  EXPECT_TRUE(interface.classes("number", 0, true).admits(ValueClass::url));
+  EXPECT_FALSE(interface.classes("number", 0, false).admits(ValueClass::url));
+  EXPECT_THROW(interface.classes("none", 0, false), std::out_of_range);
+  EXPECT_THROW(interface.classes("number", 1, false), std::out_of_range);
+  EXPECT_THROW(interface.classes("note", 0, true), std::out_of_range) << "it has no reply";
+}
+
 /// A connection whose peer is this test, which writes and reads raw bytes.
 struct RawPeer : testing::Test {
   struct Outcome {
