@@ -70,11 +70,13 @@ struct Tally : LogSink {
       ++summaries;
     } else if (record.category == "extensions") {
       ++printed;
+    } else if (record.message.find("communication error") != std::string_view::npos) {
+      longestError = std::max(longestError.load(), record.message.size());
     } else {
       called += record.message.starts_with("x sent tipsDidChange");
     }
   }
-  std::atomic<std::size_t> printed{0}, called{0}, summaries{0};
+  std::atomic<std::size_t> printed{0}, called{0}, summaries{0}, longestError{0};
 };
 
 /// Leaves this process no more than a few descriptors.
@@ -317,6 +319,8 @@ TEST_F(Hostile, ThoseThatHangOrFloodHoldNobodyUpAndTakeNoMemory) {
   const std::string flood = "^8404!" + text(kNotifyTipsDidChange) + "82" + text("x") + "80";
   const std::pair<const char*, std::string> cases[] = {
       {"mute", "hang"},
+      {"wordy", "hello call =8406@D81B82654572726F72A1" + text("domain") + "790708" +
+                    hex(std::string(0x708, 'd')) + " drain"},
       {"silent", "hello call pid call hang again"},
       {"stopped", "hello call stop"},
       {"urgent", "hello call urgent drain"},
@@ -344,6 +348,7 @@ TEST_F(Hostile, ThoseThatHangOrFloodHoldNobodyUpAndTakeNoMemory) {
   // The host's patience ends: each exchange fails, once, and a new one finds a new process.
   for (const auto& [name, steps] : cases) of(name)->abandon();
   for (const auto& [number, error] : outcomes.waitFor(sent)) EXPECT_TRUE(error);
+  EXPECT_LT(tally->longestError - kMaximumLoggedError, 512U) << "what an error says is cut";
   const Error after = failure("silent");
   EXPECT_TRUE(after.domain() == "pid" && after.code() != before.code()) << after.localizedDescription();
   EXPECT_TRUE(becomes([&] { return tally->summaries == 3; })) << "what was dropped is said once for each";

@@ -185,7 +185,7 @@ void KeyedUnarchiver::readTable(const ClassSet& classes, std::vector<Value>& mem
   const std::string_view name = className.text();
   const ObjectClass* const objectClass = classes.objectClass(name);
   if (!objectClass || !objectClass->rows) {
-    forbidden("A table of the class \"" + std::string(name.substr(0, kShownName)) + "\"", start);
+    forbidden("A table of the class \"" + shortened(name, kShownName) + "\"", start);
     return;
   }
   std::vector<Slice> keys = find(Table::kKeys) ? readTableKeys() : std::vector<Slice>();
@@ -408,7 +408,7 @@ Value KeyedUnarchiver::readObject(const ClassSet& classes, std::size_t start, st
   const bool isTable = members && name == Table::kName;
   const ObjectClass* const objectClass = isError || isTable ? nullptr : classes.objectClass(name);
   if (!isError && !isTable && !objectClass) {
-    return forbidden("An object of the class \"" + std::string(name.substr(0, kShownName)) + "\"", start);
+    return forbidden("An object of the class \"" + shortened(name, kShownName) + "\"", start);
   }
 
   const ObjectState outer = std::exchange(object_, {passed_.size(), reader_.position(), false, map.argument});

@@ -30,6 +30,8 @@ inline constexpr std::size_t kMaximumOutbound = 2 * kMaximumFrame + 1024;
 inline constexpr std::size_t kMaximumPrint = 128 * 1024;
 inline constexpr std::size_t kPrintOverhead = 64;
 inline constexpr std::chrono::seconds kPrintWindow{10};
+/// Bytes of an error's description in one line of the log: stops a peer's error from filling it.
+inline constexpr std::size_t kMaximumLoggedError = 1024;
 
 /// Starts of an extension that end before it answers anything, within `kStartWindow`: stops one that is
 /// broken from being started over and over.

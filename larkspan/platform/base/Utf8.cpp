@@ -99,4 +99,10 @@ std::string repairedUtf8(std::string_view bytes) {
   return result;
 }
 
+std::string shortened(std::string_view text, std::size_t size) {
+  if (text.size() <= size) return std::string(text);
+  while (isInsideCharacter(text, size)) --size;
+  return std::string(text.substr(0, size)) + "…";
+}
+
 }  // namespace larkspan::platform

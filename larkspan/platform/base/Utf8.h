@@ -19,4 +19,7 @@ inline bool isInsideCharacter(std::string_view text, std::size_t at) {
 /// byte that begins none (Unicode, section 3.9, "maximal subparts"). Well-formed text is returned as it is.
 std::string repairedUtf8(std::string_view bytes);
 
+/// The text, or of a longer one what stands in its first `size` bytes, up to the end of a character, and "…".
+std::string shortened(std::string_view text, std::size_t size);
+
 }  // namespace larkspan::platform

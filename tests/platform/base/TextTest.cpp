@@ -65,6 +65,8 @@ TEST(Utf8, AcceptsExactlyTheWellFormedSequencesAndRepairsTheRestByMaximalSubpart
                                   "\xF0\x90\x80\x80\xF1\x80\x80\x80\xF4\x8F\xBF\xBF"}) {
     EXPECT_TRUE(isValidUtf8(sound) && repairedUtf8(sound) == sound) << testing::PrintToString(sound);
   }
+  const char* const shorter[] = {"…", "a…", "a…", "a…", "a€…", "a€b"};
+  for (std::size_t i = 0; i < 6; ++i) EXPECT_EQ(shortened("a€b", i), shorter[i]);
 }
 
 }  // namespace
