@@ -121,7 +121,7 @@ TEST(WirePage, NamesEachKeyWithItsKind) {
 TEST(WirePage, IsAnExtensionIfItsFramesArePlayed) {
   const TestTree tree;
   const Page page;
-  ASSERT_EQ(page.frames.size(), 12U);
+  ASSERT_EQ(page.frames.size(), 13U);
   tree.file("wire.extension",
             "[Extension]\nIdentifier=wire\nExtensionPoint=corvane.larkspan\nName=W\nExec=./player\n");
   tree.file("hello", page.frames[0]);
@@ -147,7 +147,7 @@ read()
     EXPECT_EQ(shell("cat " + tree / "heard"), page.frames[0] + page.frames[1] + page.frames[3]);
     return said;
   };
-  const std::string said = play({8, 9, 10, 11, 7, 4});
+  const std::string said = play({9, 10, 11, 12, 8, 4});
   std::size_t at = 0;
   for (const char* text : {"Received 1 partial resource items from org.example.downloads",
                            "sent resourcesDidChange with 0 items", "sent tipsDidChange with 0 items",
@@ -155,9 +155,9 @@ read()
     at = said.find(text, at);
     EXPECT_NE(at, said.npos) << text << said;
   }
-  EXPECT_TRUE(play({5}).find("larkspan: That is no download.") != said.npos);
+  EXPECT_TRUE(play({6}).find("larkspan: That is no download.") != said.npos);
   // A part before a failure counts for nothing.
-  for (const std::string& told : {play({6}), play({7, 6})})
+  for (const std::string& told : {play({7}), play({8, 7})})
     EXPECT_TRUE(told.find("larkspan: The operation could not be completed (org.example error 7).") !=
                 told.npos)
         << told;
