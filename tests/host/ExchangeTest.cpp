@@ -2,7 +2,7 @@
 #include "larkspan/host/LKSExtensionOperation.h"
 #include "larkspan/host/LKSRemoteExtensionContext.h"
 #include "larkspan/items/LKSCommand.h"
-#include "larkspan/platform/appext/Launcher.h"
+#include "larkspan/platform/process/Launcher.h"
 #include "larkspan/platform/base/NotificationCenter.h"
 #include "larkspan/platform/dispatch/ManualClock.h"
 #include "larkspan/platform/ipc/TransportError.h"
@@ -19,6 +19,8 @@
 #include <mutex>
 #include <thread>
 
+#include <fcntl.h>
+
 namespace larkspan::tests {
 namespace {
 
@@ -32,9 +34,10 @@ class InProcessExtension : public Launcher {
 
   std::atomic<int> launches{0};
 
-  std::variant<std::shared_ptr<LaunchedProcess>, Error> launch(const Manifest&, Descriptor& socket,
-                                                               ExitHandler) override {
+  std::variant<std::shared_ptr<LaunchedProcess>, Error> launch(const ChildOptions& options,
+                                                               Child::ExitHandler) override {
     ++launches;
+    Descriptor socket(fcntl(options.descriptors.at(0).source, F_DUPFD_CLOEXEC, 0));
     auto process = std::make_shared<Process>();
     Transport::Handlers handlers;
     // Requests live as long as the transport's handlers.

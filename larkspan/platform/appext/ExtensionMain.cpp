@@ -1,6 +1,6 @@
 #include "larkspan/platform/appext/ExtensionMain.h"
 
-#include "larkspan/platform/appext/Launcher.h"
+#include "larkspan/platform/appext/ExtensionLaunch.h"
 #include "larkspan/platform/base/Descriptor.h"
 #include "larkspan/platform/dispatch/DispatchQueue.h"
 #include "larkspan/platform/ipc/Transport.h"

@@ -1,5 +1,6 @@
 #include "larkspan/platform/appext/ExtensionProcess.h"
 
+#include "larkspan/platform/appext/ExtensionLaunch.h"
 #include "larkspan/platform/appext/ExtensionLog.h"
 #include "larkspan/platform/base/Format.h"
 #include "larkspan/platform/base/Limits.h"
@@ -123,13 +124,13 @@ void ExtensionProcess::launch(const std::shared_ptr<Transport>& transport, Descr
     if (transport_ != transport) return;
   }
   const auto onExit = [identifier = manifest_.identifier,
-                       weak = std::weak_ptr(transport)](const std::string& how) {
-    const std::string text = format("%@ ended: %@", identifier, how);
+                       weak = std::weak_ptr(transport)](const ExitStatus& how) {
+    const std::string text = format("%@ ended: %@", identifier, how.description());
     extensionLog().write(LogLevel::standard, text);
     // The socket may stay open in a process that the extension left behind.
     if (const auto gone = weak.lock()) gone->peerEnded(transportError(TransportErrorCode::interrupted, text));
   };
-  auto launched = Launcher::current()->launch(manifest_, socket, onExit);
+  auto launched = Launcher::current()->launch(extensionLaunch(manifest_, socket.get()), onExit);
   if (const auto* error = std::get_if<Error>(&launched)) {
     return transport->close(transportError(
         TransportErrorCode::launchFailed,

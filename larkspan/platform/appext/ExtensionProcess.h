@@ -1,6 +1,6 @@
 #pragma once
 
-#include "larkspan/platform/appext/Launcher.h"
+#include "larkspan/platform/process/Launcher.h"
 #include "larkspan/platform/appext/Manifest.h"
 #include "larkspan/platform/base/Clock.h"
 #include "larkspan/platform/ipc/Connection.h"

@@ -1,6 +1,7 @@
 #pragma once
 
-#include <cstddef>
+#include "larkspan/platform/process/TrustedFile.h"
+
 #include <string>
 #include <variant>
 #include <vector>
@@ -12,8 +13,6 @@ namespace larkspan::platform {
 /// Owner:  the caller; a value.
 /// Limits: identifier and extension point have at most `kMaxIdentifier` bytes; otherwise those of a key file.
 struct Manifest {
-  static constexpr std::size_t kMaxIdentifier = 128;
-
   std::string path;            ///< Where it was read.
   std::string identifier;      ///< `Identifier`; the file name without ".extension".
   std::string extensionPoint;  ///< `ExtensionPoint`
@@ -29,20 +28,11 @@ struct Manifest {
   friend bool operator==(const Manifest& a, const Manifest& b) { return a.path == b.path; }
 };
 
-/// What this process or the machine is short of: another try may go well.
-struct Shortage {
-  int errorNumber;
-};
-
 /// The manifest at `path`, the reason in English why it is not one, or the shortage that keeps it from being
-/// read just now. Links are followed; the file that they lead to must be regular. It and the folder of `path`
-/// must be trustworthy (see `reasonForDistrust`). `Identifier`, `ExtensionPoint`, `Name` and `Exec` must be
+/// read just now (see `readTrustedKeyFile`). `Identifier`, `ExtensionPoint`, `Name` and `Exec` must be
 /// there unless `Hidden` is true; whether the program exists is for the launch to find out. `Identifier` and
 /// `ExtensionPoint` are made of ASCII letters, digits, '.', '-' and '_' and start with a letter or digit.
 /// Thread: any; reads files.
 std::variant<Manifest, std::string, Shortage> readManifest(const std::string& path);
-
-/// Whether an errno speaks of a `Shortage` and not of the file.
-bool isShortage(int errorNumber);
 
 }  // namespace larkspan::platform

@@ -1,7 +1,7 @@
 #include "larkspan/platform/appext/ManifestFolder.h"
 
 #include "larkspan/platform/appext/ExtensionLog.h"
-#include "larkspan/platform/appext/Trust.h"
+#include "larkspan/platform/process/TrustedFile.h"
 #include "larkspan/platform/base/Clock.h"
 #include "larkspan/platform/base/Format.h"
 #include "larkspan/platform/base/Utf8.h"

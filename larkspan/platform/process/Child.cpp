@@ -59,12 +59,6 @@ std::string programPath(const std::string& name) {
   return {};
 }
 
-std::vector<std::string> inheritedEnvironment() {
-  std::vector<std::string> result;
-  for (char** entry = environ; entry && *entry; ++entry) result.emplace_back(*entry);
-  return result;
-}
-
 std::vector<char*> pointers(std::vector<std::string>& texts) {
   std::vector<char*> result;
   result.reserve(texts.size() + 1);
@@ -76,16 +70,23 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 Spawned spawnWith(const ChildOptions& options, const std::string& program, int standardError) {
   const Descriptor null(open("/dev/null", O_RDWR | O_CLOEXEC));
   if (!null) return {-1, {}, errno, "/dev/null"};
-  if (fcntl(standardError, F_GETFD) < 0) standardError = null.get();
+  if ((options.isSilent && !options.standardErrorLine) || fcntl(standardError, F_GETFD) < 0) standardError = null.get();
 
   std::vector<SpawnPlan::Passed> passed{{0, null.get(), -1}, {1, standardError, -1}, {2, standardError, -1}};
   for (const auto& [number, source] : options.descriptors) passed.push_back({number, source, -1});
 
   std::vector<std::string> arguments = options.arguments;
-  std::vector<std::string> environment = options.environment ? *options.environment : inheritedEnvironment();
+  std::vector<std::string> environment = options.environment ? *options.environment : environmentWith({});
+  char* processId = nullptr;
+  if (!options.processIdVariable.empty()) {
+    std::string& variable = environment.emplace_back(options.processIdVariable + '=');
+    const std::size_t end = variable.size();
+    variable.resize(end + SpawnPlan::kProcessIdSize);
+    processId = variable.data() + end;
+  }
   return spawn({program.c_str(), pointers(arguments).data(), pointers(environment).data(),
                 options.workingFolder.empty() ? nullptr : options.workingFolder.c_str(), passed.data(),
-                static_cast<int>(passed.size()), options.parentDeathSignal});
+                static_cast<int>(passed.size()), options.parentDeathSignal, options.ownSession, processId});
 }
 
 ExitStatus reap(int handle, int flags) {
@@ -144,6 +145,20 @@ class LineReader {
 };
 
 }  // namespace
+
+std::vector<std::string> environmentWith(
+    const std::vector<std::pair<std::string, std::optional<std::string>>>& variables) {
+  std::vector<std::string> result;
+  for (char** entry = environ; entry && *entry; ++entry) {
+    const std::string_view name = std::string_view(*entry).substr(0, std::string_view(*entry).find('='));
+    if (std::none_of(variables.begin(), variables.end(), [&](const auto& v) { return v.first == name; }))
+      result.emplace_back(*entry);
+  }
+  for (const auto& [name, value] : variables) {
+    if (value) result.push_back(name + '=' + *value);
+  }
+  return result;
+}
 
 std::string ExitStatus::description() const {
   switch (kind) {

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -48,9 +49,20 @@ struct ChildOptions {
   std::vector<Passed> descriptors;
   /// None inherits standard error.
   LineHandler standardErrorLine;
+  /// Standard error goes to /dev/null where it has no handler.
+  bool isSilent = false;
   /// The signal that the child gets when this process ends, whatever ends it; 0 for none (PR_SET_PDEATHSIG).
   int parentDeathSignal = 0;
+  /// Leaves this process's session (setsid(2)), so that what is typed at its terminal does not reach the child.
+  bool ownSession = false;
+  /// The variable in which the child finds its own process identifier, in decimal; empty for none.
+  std::string processIdVariable;
 };
+
+/// This process's environment with these variables, in place of what it has under their names; those with no value it lacks.
+/// Thread: any, as long as none changes the environment.
+std::vector<std::string> environmentWith(
+    const std::vector<std::pair<std::string, std::optional<std::string>>>& variables);
 
 /// A process that this one started. Its standard input is /dev/null, its standard output goes to its standard
 /// error, it has no other descriptor than those passed, every signal has its default action and none is

@@ -66,6 +66,14 @@ LARKSPAN_IN_CHILD const char* becomeProgram(const SpawnPlan& plan, pid_t parent)
     }
   }
 
+  if (plan.ownSession && syscall(SYS_setsid) < 0) return "new session";
+  if (plan.processId) {
+    long number = syscall(SYS_getpid);
+    int digits = 1;
+    for (long rest = number; rest >= 10; rest /= 10) ++digits;
+    for (; digits > 0; number /= 10) plan.processId[--digits] = static_cast<char>('0' + number % 10);
+  }
+
   // Sources first move above all numbers asked for, so that none is overwritten before it is used.
   int end = 0;
   for (int i = 0; i < plan.passedCount; ++i) {

@@ -23,6 +23,10 @@ struct SpawnPlan {
   Passed* passed;
   int passedCount;
   int parentDeathSignal;
+  bool ownSession;
+  /// Where in the environment the child writes its process identifier as text: so many zeros. Null for nowhere.
+  char* processId;
+  static constexpr int kProcessIdSize = 12;
 };
 
 /// A child that runs, or the step that failed.

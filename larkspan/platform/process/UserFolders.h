@@ -1,6 +1,8 @@
 #pragma once
 
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace larkspan::platform {
 
@@ -14,5 +16,10 @@ std::string userHome();
 std::string userDataFolder();
 /// $XDG_CACHE_HOME, else .cache in `userHome`; empty where there is neither.
 std::string userCacheFolder();
+/// The folders of a colon list: its absolute entries, without slashes at their ends.
+std::vector<std::string> foldersOfList(std::string_view list);
+/// `below`, which starts with a slash, in `userDataFolder` and then in each of $XDG_DATA_DIRS, or else in /usr/local/share
+/// and /usr/share; whether they are there or not.
+std::vector<std::string> dataFolders(std::string_view below);
 
 }  // namespace larkspan::platform

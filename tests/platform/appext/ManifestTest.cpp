@@ -1,4 +1,4 @@
-#include "larkspan/platform/appext/ExecLine.h"
+#include "larkspan/platform/process/ExecLine.h"
 #include "larkspan/platform/appext/ExtensionDirectories.h"
 #include "larkspan/platform/appext/Manifest.h"
 #include "larkspan/platform/process/Identity.h"

@@ -1,17 +1,14 @@
 #pragma once
 
-#include "larkspan/platform/appext/Manifest.h"
-#include "larkspan/platform/base/Descriptor.h"
 #include "larkspan/platform/base/Error.h"
+#include "larkspan/platform/process/Child.h"
 
-#include <functional>
 #include <memory>
-#include <string>
 #include <variant>
 
 namespace larkspan::platform {
 
-/// A started extension, as far as its host has a hold on it.
+/// A program that has been started, as far as this process has a hold on it.
 class LaunchedProcess {
  public:
   virtual ~LaunchedProcess() = default;
@@ -19,19 +16,15 @@ class LaunchedProcess {
   virtual void kill() = 0;
 };
 
-/// Starts extensions.
+/// Starts extensions and services.
 /// Thread: any; `launch` may block until the program runs, and `onExit` is called once, on any thread, for
 ///         each launch that succeeded.
 class Launcher {
  public:
-  using ExitHandler = std::function<void(const std::string& how)>;
-
   virtual ~Launcher() = default;
-  /// Starts the manifest's program with `socket` as its descriptor 3. The caller closes its own end of that
-  /// when this returns; it may also be moved from on success.
-  virtual std::variant<std::shared_ptr<LaunchedProcess>, Error> launch(const Manifest& manifest,
-                                                                       Descriptor& socket,
-                                                                       ExitHandler onExit) = 0;
+  /// As `Child::start`: what the options borrow is the caller's again when this returns.
+  virtual std::variant<std::shared_ptr<LaunchedProcess>, Error> launch(const ChildOptions& options,
+                                                                       Child::ExitHandler onExit) = 0;
 
   /// The launcher in use: one that starts processes, unless a test has installed another.
   static std::shared_ptr<Launcher> current();
@@ -48,10 +41,5 @@ class ScopedLauncher {
  private:
   std::shared_ptr<Launcher> previous_;
 };
-
-/// The descriptor at which an extension finds its connection.
-inline constexpr int kExtensionDescriptor = 3;
-/// The variable in which an extension finds its own identifier.
-inline constexpr const char* kExtensionIdentifierVariable = "LARKSPAN_EXTENSION_IDENTIFIER";
 
 }  // namespace larkspan::platform

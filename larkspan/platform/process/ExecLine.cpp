@@ -1,4 +1,4 @@
-#include "larkspan/platform/appext/ExecLine.h"
+#include "larkspan/platform/process/ExecLine.h"
 
 namespace larkspan::platform {
 namespace {

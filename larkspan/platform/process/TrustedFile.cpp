@@ -1,0 +1,69 @@
+#include "larkspan/platform/process/TrustedFile.h"
+
+#include "larkspan/platform/base/Descriptor.h"
+#include "larkspan/platform/process/Identity.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace larkspan::platform {
+
+std::optional<std::string> reasonForDistrust(const struct stat& status) {
+  if (status.st_uid != 0 && status.st_uid != Identity::current().effectiveUser) {
+    return "belongs to user " + std::to_string(status.st_uid) + ", neither root nor the current user";
+  }
+  if (status.st_mode & S_IWOTH) return "writable by everybody";
+  if ((status.st_mode & S_IWGRP) && status.st_gid != 0 && status.st_gid != getegid()) {
+    return "writable by group " + std::to_string(status.st_gid);
+  }
+  return std::nullopt;
+}
+
+bool isShortage(int errorNumber) {
+  return errorNumber == EMFILE || errorNumber == ENFILE || errorNumber == ENOMEM;
+}
+
+std::string folderOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == path.npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+}
+
+std::variant<KeyFile, std::string, Shortage> readTrustedKeyFile(const std::string& path) {
+  // Relative to the folder that was checked, even if another takes its place meanwhile. A pipe does not hold
+  // us up.
+  struct stat status;
+  const Descriptor parent(open(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!parent || fstat(parent.get(), &status) != 0) {
+    if (isShortage(errno)) return Shortage{errno};
+    return std::string("its folder: ") + std::strerror(errno);
+  }
+  if (const auto reason = reasonForDistrust(status)) return "its folder: " + *reason;
+  const std::string fileName = path.substr(path.rfind('/') + 1);
+  const Descriptor file(openat(parent.get(), fileName.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  if (!file || fstat(file.get(), &status) != 0) {
+    if (isShortage(errno)) return Shortage{errno};
+    return std::string(std::strerror(errno));
+  }
+  if (!S_ISREG(status.st_mode)) return "not a regular file";
+  if (const auto reason = reasonForDistrust(status)) return *reason;
+
+  KeyFileError error;
+  auto keys = KeyFile::read(file.get(), error);
+  if (keys) return std::move(*keys);
+  return error.line ? "line " + std::to_string(error.line) + ": " + error.reason : error.reason;
+}
+
+bool isIdentifier(std::string_view text) {
+  const auto isAlphanumeric = [](char c) {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
+  };
+  return !text.empty() && text.size() <= kMaxIdentifier && isAlphanumeric(text.front()) &&
+         std::all_of(text.begin(), text.end(),
+                     [&](char c) { return isAlphanumeric(c) || c == '.' || c == '-' || c == '_'; });
+}
+
+}  // namespace larkspan::platform
