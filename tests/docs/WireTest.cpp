@@ -3,6 +3,7 @@
 #include "larkspan/platform/archive/ValueCoding.h"
 #include "larkspan/platform/desktop/FileProviderItem.h"
 #include "larkspan/platform/ipc/Frame.h"
+#include "larkspan/platform/ipc/PassedObject.h"
 #include "tests/platform/files/TestTree.h"
 
 #include <gtest/gtest.h>
@@ -25,8 +26,9 @@ struct Page {
   /// What the tables of keys say of each.
   std::map<std::string, std::string> keys;
 
-  Page() {
-    std::ifstream file(LARKSPAN_TEST_SOURCE "/docs/wire.md");
+  Page() { read("/docs/wire.md"); }
+  void read(const std::string& path) {
+    std::ifstream file(LARKSPAN_TEST_SOURCE + path);
     const std::regex row(R"(\| (`.*`) \| ([a-zA-Z ]+) \| .* \|)"), key("`([^`]*)`");
     std::string block, stream;
     for (std::string line; std::getline(file, line);) {
@@ -64,9 +66,13 @@ struct Page {
 };
 
 TEST(WirePage, ShowsTheBytesThatTheLibraryWrites) {
-  const ClassSet any =
-      ClassSet::allValues().with<ExtensionItem>().with<LKSIconConstructor>().with<FileProviderItem>();
-  const Page page;
+  const ClassSet any = ClassSet::allValues()
+                           .with<ExtensionItem>()
+                           .with<LKSIconConstructor>()
+                           .with<FileProviderItem>()
+                           .with<PassedObject>();
+  Page page;
+  page.read("/docs/services.md");
   std::set<FrameType> types;
   for (const std::string& bytes : page.frames) {
     const auto frame = std::get<Frame>(Frame::parse(Slice::copy(bytes.substr(kFrameLengthSize))));

@@ -19,11 +19,11 @@ class CapturedLog {
   /// The messages of one channel, exactly as they were logged.
   std::vector<std::string> console() const { return sink_->console.now(); }
   std::vector<std::string> system() const { return sink_->system.now(); }
-  /// The same once one of them holds that, or when ten seconds have passed.
-  std::vector<std::string> systemOnceItHas(std::string_view part) const {
-    return sink_->system.waitUntil([part](const auto& all) {
-      return std::any_of(all.begin(), all.end(),
-                         [part](const auto& line) { return line.find(part) != line.npos; });
+  /// The same once so many of them hold that, or when ten seconds have passed.
+  std::vector<std::string> systemOnceItHas(std::string_view part, std::size_t times = 1) const {
+    return sink_->system.waitUntil([part, times](const auto& all) {
+      const auto has = [part](const auto& line) { return line.find(part) != line.npos; };
+      return static_cast<std::size_t>(std::count_if(all.begin(), all.end(), has)) >= times;
     });
   }
 

@@ -38,14 +38,14 @@ class PrintLog {
 ChildOptions extensionLaunch(const Manifest& manifest, int socket) {
   ChildOptions options;
   options.arguments = manifest.exec;
-  options.environment =
-      environmentWith({{kExtensionIdentifierVariable, manifest.identifier}});
+  options.environment = environmentWith({{kExtensionIdentifierVariable, manifest.identifier}});
   options.workingFolder = "/";
   options.descriptors = {{kExtensionDescriptor, socket}};
   // An extension leaves at end of file; a stopped or hung one goes with its host all the same.
   options.parentDeathSignal = SIGKILL;
-  options.standardErrorLine =
-      [log = std::make_shared<PrintLog>(manifest.identifier)](std::string_view line) { log->take(line); };
+  options.standardErrorLine = [log = std::make_shared<PrintLog>(manifest.identifier)](std::string_view line) {
+    log->take(line);
+  };
   return options;
 }
 

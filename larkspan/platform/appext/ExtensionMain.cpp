@@ -3,14 +3,12 @@
 #include "larkspan/platform/appext/ExtensionLaunch.h"
 #include "larkspan/platform/base/Descriptor.h"
 #include "larkspan/platform/dispatch/DispatchQueue.h"
-#include "larkspan/platform/ipc/Transport.h"
+#include "larkspan/platform/ipc/Serving.h"
 
 #include <cerrno>
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
-#include <map>
-#include <mutex>
 
 #include <fcntl.h>
 #include <malloc.h>
@@ -26,13 +24,6 @@ bool isSocket(int descriptor) {
   socklen_t size = sizeof type;
   return ::getsockopt(descriptor, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_STREAM;
 }
-
-/// The requests under way; outlives `runExtension`, since tasks may still run while the process exits.
-struct Requests {
-  std::mutex mutex;
-  std::shared_ptr<Transport> transport;
-  std::map<uint32_t, std::shared_ptr<ExtensionContext>> contexts;
-};
 
 }  // namespace
 
@@ -61,33 +52,12 @@ int runExtension(
   ::mallopt(M_MMAP_THRESHOLD, kKeptMemory);
 #endif
 
-  static auto* const requests = new Requests;
-  Transport::Handlers handlers;
-  handlers.onOpen = [makeContext = std::move(makeContext)](uint32_t channel) -> std::shared_ptr<Connection> {
-    std::shared_ptr<Transport> transport;
-    {
-      const std::lock_guard lock(requests->mutex);
-      transport = requests->transport;
-    }
-    auto connection = Connection::accept(std::move(transport), channel);
-    auto context = makeContext(UUID::random(), connection);
-    {
-      const std::lock_guard lock(requests->mutex);
-      requests->contexts[channel] = std::move(context);
-    }
-    connection->setInvalidationHandler([channel] {
-      std::shared_ptr<ExtensionContext> ended;
-      const std::lock_guard lock(requests->mutex);
-      ended.swap(requests->contexts[channel]);
-      requests->contexts.erase(channel);
-    });
-    return connection;
-  };
-  handlers.onClose = [](const Error&) { stopMainQueue(); };
-  {
-    const std::lock_guard lock(requests->mutex);
-    requests->transport = Transport::make(Descriptor(kExtensionDescriptor), "host", std::move(handlers));
-  }
+  serve(
+      Descriptor(kExtensionDescriptor), "host",
+      [makeContext = std::move(makeContext)](const std::shared_ptr<Connection>& connection) {
+        return makeContext(UUID::random(), connection);
+      },
+      stopMainQueue);
   runMainQueue();
   return 0;
 }

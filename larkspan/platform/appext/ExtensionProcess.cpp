@@ -3,7 +3,6 @@
 #include "larkspan/platform/appext/ExtensionLaunch.h"
 #include "larkspan/platform/appext/ExtensionLog.h"
 #include "larkspan/platform/base/Format.h"
-#include "larkspan/platform/base/Limits.h"
 #include "larkspan/platform/dispatch/DispatchQueue.h"
 #include "larkspan/platform/ipc/TransportError.h"
 
@@ -64,26 +63,14 @@ void ExtensionProcess::transport(Connection::Connected completion) {
   waiters_.push_back(std::move(completion));
 }
 
-std::optional<Error> ExtensionProcess::delayError() {
-  const MonotonicTime now = Clock::current().monotonicNow();
-  while (!failedStarts_.empty() && now - failedStarts_.front() >= limits::kStartWindow)
-    failedStarts_.pop_front();
-  if (failedStarts_.size() < limits::kMaximumFailedStarts) return std::nullopt;
-  const auto wait =
-      std::chrono::ceil<std::chrono::seconds>(failedStarts_.front() + limits::kStartWindow - now);
-  return transportError(
-      TransportErrorCode::launchDelayed,
-      format("%@ ended %zu times right after its start; it is not started again for %lld seconds",
-             manifest_.identifier, failedStarts_.size(), static_cast<long long>(wait.count())));
-}
-
 ExtensionProcess::~ExtensionProcess() {
   if (process_) killAfterGrace(process_);
 }
 
 /// Makes the connection and sees to the launch; with the lock held.
 std::optional<Error> ExtensionProcess::begin() {
-  if (auto error = delayError()) return error;
+  if (const auto refusal = startBudget_.refusal(manifest_.identifier))
+    return transportError(TransportErrorCode::launchDelayed, *refusal);
   int sockets[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets) != 0) {
     return transportError(
@@ -165,7 +152,7 @@ void ExtensionProcess::closed(const std::shared_ptr<Transport>& transport, const
   // Neither a program that could not be started nor the host's own doing counts.
   const bool ended = !isTransportError(reason, TransportErrorCode::launchFailed) &&
                      !isTransportError(reason, TransportErrorCode::invalidated);
-  if (ended && !transport->hasReplied()) failedStarts_.push_back(Clock::current().monotonicNow());
+  if (ended && !transport->hasReplied()) startBudget_.noteFailure();
   lock.unlock();
   if (process) {
     // One that breaks the protocol or does not read would not leave either; with the next start there would

@@ -1,12 +1,11 @@
 #pragma once
 
-#include "larkspan/platform/process/Launcher.h"
 #include "larkspan/platform/appext/Manifest.h"
-#include "larkspan/platform/base/Clock.h"
 #include "larkspan/platform/ipc/Connection.h"
 #include "larkspan/platform/ipc/Transport.h"
+#include "larkspan/platform/process/Launcher.h"
+#include "larkspan/platform/process/StartBudget.h"
 
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -42,7 +41,6 @@ class ExtensionProcess : public std::enable_shared_from_this<ExtensionProcess> {
   void ready(const std::shared_ptr<Transport>& transport);
   void closed(const std::shared_ptr<Transport>& transport, const Error& reason);
   void letGo(const std::shared_ptr<Transport>& transport, bool byExtension);
-  std::optional<Error> delayError();
 
   const Manifest manifest_;
   std::mutex mutex_;
@@ -51,7 +49,7 @@ class ExtensionProcess : public std::enable_shared_from_this<ExtensionProcess> {
   std::shared_ptr<LaunchedProcess> process_;
   bool ready_ = false;  // It has said hello.
   std::vector<Connection::Connected> waiters_;
-  std::deque<MonotonicTime> failedStarts_;
+  StartBudget startBudget_;
 };
 
 }  // namespace larkspan::platform

@@ -1,10 +1,10 @@
 #include "larkspan/platform/appext/ManifestFolder.h"
 
 #include "larkspan/platform/appext/ExtensionLog.h"
-#include "larkspan/platform/process/TrustedFile.h"
 #include "larkspan/platform/base/Clock.h"
 #include "larkspan/platform/base/Format.h"
 #include "larkspan/platform/base/Utf8.h"
+#include "larkspan/platform/process/TrustedFile.h"
 
 #include <cerrno>
 #include <chrono>

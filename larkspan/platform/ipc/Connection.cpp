@@ -3,6 +3,7 @@
 #include "larkspan/platform/archive/ValueCoding.h"
 #include "larkspan/platform/base/Format.h"
 #include "larkspan/platform/base/Limits.h"
+#include "larkspan/platform/ipc/PassedObject.h"
 #include "larkspan/platform/ipc/TransportError.h"
 #include "larkspan/platform/ipc/TransportLog.h"
 
@@ -179,6 +180,7 @@ void Connection::connect(std::function<void(const std::optional<Error>&)> comple
 
 void Connection::call(std::string_view method, const std::vector<Value>& arguments, Outcome outcome,
                       Part part) {
+  if (const auto error = pass(method, arguments)) return outcome({}, *error);
   std::unique_lock lock(mutex_);
   const int64_t id = ++lastId_;
   const auto transport = transport_;
@@ -208,6 +210,7 @@ void Connection::call(std::string_view method, const std::vector<Value>& argumen
 }
 
 std::optional<Error> Connection::post(std::string_view method, const std::vector<Value>& arguments) {
+  if (auto error = pass(method, arguments)) return error;
   std::unique_lock lock(mutex_);
   // One that a connector brings may have been replaced when the frame is sent.
   const auto transport = connector_ ? nullptr : transport_;
@@ -224,6 +227,7 @@ std::optional<Error> Connection::post(std::string_view method, const std::vector
 std::optional<Error> Connection::submit(ByteBuffer frame, std::unique_lock<std::mutex>& lock) {
   if (invalid_) return transportError(TransportErrorCode::invalidated, "The connection has ended");
   if (const auto transport = transport_) {
+    attachPassed();
     lock.unlock();
     // On a transport that has just closed, `closed()` is about to fail the call.
     const bool sent = frame.empty() || transport->send(std::move(frame));
@@ -240,6 +244,57 @@ std::optional<Error> Connection::submit(ByteBuffer frame, std::unique_lock<std::
   lock.unlock();
   if (begin) {
     connector_(connectedHandler());
+  }
+  return std::nullopt;
+}
+
+/// Gives each object that is passed a channel of its own, which is attached to the transport when the frame is sent.
+std::optional<Error> Connection::pass(std::string_view method, const std::vector<Value>& arguments) {
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    const auto object = arguments[i].objectOf<PassedObject>();
+    if (!object) continue;
+    std::unique_lock lock(mutex_);
+    if (invalid_) break;
+    auto interface = connector_ && remoteInterface_ ? remoteInterface_->interface(method, i) : nullptr;
+    if (!interface || !object->object_ || object->channel_ != 0)
+      return transportError(TransportErrorCode::notSendable, "An object that cannot be passed there");
+    const uint32_t channel = object->channel_ = nextChannel();
+    const auto connection = accept(nullptr, channel);
+    passed_[channel] = {connection, object->object_};
+    lock.unlock();
+    connection->setExported(std::move(interface), object->object_);
+    connection->setInvalidationHandler([weak = weak_from_this(), channel] {
+      const auto self = weak.lock();
+      if (!self) return;
+      decltype(passed_)::node_type ended;
+      const std::lock_guard guard(self->mutex_);
+      ended = self->passed_.extract(channel);
+    });
+  }
+  return std::nullopt;
+}
+
+/// With the lock, and a transport: what is passed with the next frame gets its calls from then on.
+void Connection::attachPassed() {
+  for (const auto& [channel, passed] : passed_) {
+    const std::lock_guard lock(passed.connection->mutex_);
+    if (passed.connection->transport_ || passed.connection->invalid_) continue;
+    passed.connection->transport_ = transport_;
+    transport_->attach(channel, passed.connection);
+  }
+}
+
+/// Makes the way to each object that the peer has passed.
+std::optional<Error> Connection::receivePassed(const Interface::Method& method,
+                                               const std::vector<Value>& arguments,
+                                               const std::shared_ptr<Transport>& transport) {
+  for (const auto& [index, interface] : method.passed) {
+    const auto object = arguments[index].objectOf<PassedObject>();
+    if (!object) continue;
+    object->connection_ = accept(transport, object->channel_);
+    object->connection_->setRemoteInterface(interface);
+    if (!transport->attach(object->channel_, object->connection_))
+      return transportError(TransportErrorCode::violation, "An object on a channel that is in use");
   }
   return std::nullopt;
 }
@@ -276,6 +331,7 @@ void Connection::connected(const std::shared_ptr<Transport>& transport, const st
   attempts_ = 0;
   connecting_ = false;
   transport_ = transport;
+  attachPassed();
   for (ByteBuffer& frame : pending_) transport->send(std::move(frame));
   pending_.clear();
   pendingBytes_ = 0;
@@ -297,12 +353,14 @@ void Connection::end(const Error& error) {
   const auto transport = std::exchange(transport_, nullptr);
   pendingBytes_ = 0;
   const auto calls = std::exchange(calls_, {});
+  const auto passed = std::exchange(passed_, {});
   const auto waiters = std::exchange(connectWaiters_, {});
   const auto interruption = std::exchange(interruptionHandler_, nullptr);
   const auto invalidation = std::exchange(invalidationHandler_, nullptr);
   lock.unlock();
   if (transport) transport->closeChannel(channel_);
   for (const auto& [id, call] : calls) call.outcome({}, error);
+  for (const auto& [channel, object] : passed) object.connection->end(error);
   for (const auto& waiter : waiters) waiter(error);
   if (invalidation) invalidation();
 }
@@ -344,6 +402,10 @@ void Connection::receiveCall(const Frame& frame) {
   MessageCost cost;
   auto arguments = decodeValues(frame, method->arguments, cost);
   if (const auto* error = std::get_if<Error>(&arguments)) {
+    reply.fail(*error);
+    return transport->fail(*error);
+  }
+  if (const auto error = receivePassed(*method, std::get<std::vector<Value>>(arguments), transport)) {
     reply.fail(*error);
     return transport->fail(*error);
   }

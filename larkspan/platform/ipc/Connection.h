@@ -79,6 +79,7 @@ class Connection : public Transport::Channel, public std::enable_shared_from_thi
 
   /// Connects now, without a call; tells whether that went well. An error also invalidates.
   void connect(std::function<void(const std::optional<Error>&)> completion);
+  /// An object that is passed by proxy is a `PassedObject` among the arguments, here and in `post`.
   /// For a method that replies in parts give `part`: without it a part ends the transport as a violation. Parts come on the
   /// delivery queue, before the outcome; after an outcome that is an error they count for nothing.
   void call(std::string_view method, const std::vector<Value>& arguments, Outcome outcome,
@@ -99,6 +100,12 @@ class Connection : public Transport::Channel, public std::enable_shared_from_thi
     MessageCost cost{};  // Of the parts.
   };
 
+  /// What this side has passed, and the channel over which it is called.
+  struct Passed {
+    std::shared_ptr<Connection> connection;
+    std::shared_ptr<ExportedObject> object;
+  };
+
   Connection(Connector connector, std::shared_ptr<Transport> transport, uint32_t channel);
   void received(const Frame& frame) override;
   void closed(const Error& error, bool byPeer) override;
@@ -108,6 +115,10 @@ class Connection : public Transport::Channel, public std::enable_shared_from_thi
   Connected connectedHandler();
   void end(const Error& error);
   std::optional<Error> submit(ByteBuffer frame, std::unique_lock<std::mutex>& lock);
+  std::optional<Error> pass(std::string_view method, const std::vector<Value>& arguments);
+  void attachPassed();
+  std::optional<Error> receivePassed(const Interface::Method& method, const std::vector<Value>& arguments,
+                                     const std::shared_ptr<Transport>& transport);
 
   const Connector connector_;
   const uint32_t channel_;
@@ -124,6 +135,7 @@ class Connection : public Transport::Channel, public std::enable_shared_from_thi
   std::vector<ByteBuffer> pending_;  // Frames that wait for a transport.
   std::vector<std::function<void(const std::optional<Error>&)>> connectWaiters_;
   std::unordered_map<int64_t, Call> calls_;
+  std::unordered_map<uint32_t, Passed> passed_;
   std::size_t pendingBytes_ = 0;
   int attempts_ = 0;  // To connect, since it last went well.
   int64_t lastId_ = 0;

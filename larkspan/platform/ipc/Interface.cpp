@@ -1,5 +1,7 @@
 #include "larkspan/platform/ipc/Interface.h"
 
+#include "larkspan/platform/ipc/PassedObject.h"
+
 #include <algorithm>
 #include <stdexcept>
 
@@ -19,6 +21,19 @@ const ClassSet& Interface::classes(std::string_view method, std::size_t index, b
 
 void Interface::setClasses(ClassSet classes, std::string_view method, std::size_t index, bool ofReply) {
   const_cast<ClassSet&>(this->classes(method, index, ofReply)) = std::move(classes);
+}
+
+void Interface::setInterface(std::shared_ptr<const Interface> interface, std::string_view method,
+                             std::size_t index) {
+  setClasses(ClassSet().with<PassedObject>(), method, index, false);
+  const_cast<Method*>(find(method))->passed[index] = std::move(interface);
+}
+
+std::shared_ptr<const Interface> Interface::interface(std::string_view method, std::size_t index) const {
+  const Method* const found = find(method);
+  if (!found) return nullptr;
+  const auto passed = found->passed.find(index);
+  return passed == found->passed.end() ? nullptr : passed->second;
 }
 
 }  // namespace larkspan::platform

@@ -2,6 +2,9 @@
 
 #include "larkspan/platform/archive/ClassSet.h"
 
+#include <cstddef>
+#include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -22,6 +25,8 @@ class Interface {
     std::optional<std::vector<ClassSet>> reply;
     /// Whether the list that the reply begins with goes ahead of it in parts when it is long, to a peer that takes them.
     bool inParts = false;
+    /// The interfaces of the arguments that are objects passed by proxy, by their index.
+    std::map<std::size_t, std::shared_ptr<const Interface>> passed{};
   };
 
   Interface(std::string name, std::vector<Method> methods)
@@ -35,6 +40,12 @@ class Interface {
   /// interface does not have throws std::out_of_range.
   const ClassSet& classes(std::string_view method, std::size_t index, bool ofReply) const;
   void setClasses(ClassSet classes, std::string_view method, std::size_t index, bool ofReply);
+
+  /// Declares an argument as an object that is passed by proxy (PassedObject.h) and has this interface, and then allows
+  /// no other class there.
+  void setInterface(std::shared_ptr<const Interface> interface, std::string_view method, std::size_t index);
+  /// The interface of such an argument; null for another one.
+  std::shared_ptr<const Interface> interface(std::string_view method, std::size_t index) const;
 
  private:
   std::string name_;

@@ -259,6 +259,15 @@ bool Transport::open(uint32_t number, std::weak_ptr<Channel> channel) {
   return true;
 }
 
+bool Transport::attach(uint32_t number, std::weak_ptr<Channel> channel) {
+  const std::lock_guard lock(mutex_);
+  if (!closed_) return channels_.emplace(number, std::move(channel)).second;
+  queue_->async([channel = std::move(channel), reason = *closeReason_] {
+    if (const auto late = channel.lock()) late->closed(reason, false);
+  });
+  return true;
+}
+
 void Transport::closeChannel(uint32_t number) {
   send(encodeChannelFrame(FrameType::close, number));
   forget(number, false);

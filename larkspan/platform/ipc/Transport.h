@@ -72,6 +72,9 @@ class Transport : public std::enable_shared_from_this<Transport> {
   /// Opens a channel: from now on its frames, and the news of the end, come to `channel`, which is not kept
   /// alive. False when the transport is closed already: then no news comes.
   bool open(uint32_t number, std::weak_ptr<Channel> channel);
+  /// The same for a channel that the peer knows of by other means, and is not told of. The news of an end that has come
+  /// already comes too. False when there is such a channel.
+  bool attach(uint32_t number, std::weak_ptr<Channel> channel);
   /// Closes a channel from this side: it is told nothing more, and the peer is told.
   void closeChannel(uint32_t number);
   /// Closes the transport unless it has a channel; false when it has, or is closed already.

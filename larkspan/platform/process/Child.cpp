@@ -70,7 +70,8 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 Spawned spawnWith(const ChildOptions& options, const std::string& program, int standardError) {
   const Descriptor null(open("/dev/null", O_RDWR | O_CLOEXEC));
   if (!null) return {-1, {}, errno, "/dev/null"};
-  if ((options.isSilent && !options.standardErrorLine) || fcntl(standardError, F_GETFD) < 0) standardError = null.get();
+  if ((options.isSilent && !options.standardErrorLine) || fcntl(standardError, F_GETFD) < 0)
+    standardError = null.get();
 
   std::vector<SpawnPlan::Passed> passed{{0, null.get(), -1}, {1, standardError, -1}, {2, standardError, -1}};
   for (const auto& [number, source] : options.descriptors) passed.push_back({number, source, -1});

@@ -1,6 +1,6 @@
-#include "larkspan/platform/process/ExecLine.h"
 #include "larkspan/platform/appext/ExtensionDirectories.h"
 #include "larkspan/platform/appext/Manifest.h"
+#include "larkspan/platform/process/ExecLine.h"
 #include "larkspan/platform/process/Identity.h"
 #include "tests/support/ManifestTree.h"
 

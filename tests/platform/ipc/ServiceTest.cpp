@@ -1,0 +1,289 @@
+#include "larkspan/platform/ipc/Listener.h"
+#include "larkspan/platform/ipc/PassedObject.h"
+#include "larkspan/platform/ipc/ServiceConnector.h"
+#include "larkspan/platform/ipc/TransportError.h"
+#include "larkspan/platform/process/Child.h"
+#include "tests/support/CapturedLog.h"
+#include "tests/support/Collector.h"
+#include "tests/support/ManifestTree.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <stdexcept>
+#include <thread>
+
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace larkspan::tests {
+namespace {
+
+using namespace platform;
+
+const std::string kProgram = LARKSPAN_TEST_BIN "/fixtures/fixture_service";
+constexpr uid_t kOther = 4321;
+
+std::shared_ptr<const Interface> serviceInterface() {
+  const ClassSet any = ClassSet::allValues();
+  const std::vector<ClassSet> reply{any};
+  const auto interface = std::make_shared<Interface>(
+      "Service", std::vector<Interface::Method>{
+                     {"pid", {}, reply}, {"peer", {}, reply}, {"die", {}, reply}, {"watch", {any}, reply}});
+  interface->setInterface(
+      std::make_shared<Interface>("Watcher", std::vector<Interface::Method>{{"note", {any}, std::nullopt}}),
+      "watch", 0);
+  return interface;
+}
+
+/// Services of this test alone. What has been started is ended with it.
+struct Services : testing::Test {
+  // Failed starts count against a name as long as the process lives.
+  const std::string name =
+      std::string("corvane.test.") + testing::UnitTest::GetInstance()->current_test_info()->name();
+  ManifestTree tree;
+  // No address of a socket holds a path that long.
+  const std::string runtime = tree.path(std::string(120, 'r'));
+  const std::string socketPath = runtime + "/larkspan/" + name, starts = tree.path("starts");
+  const ScopedVariable run{"XDG_RUNTIME_DIR", runtime.c_str()},
+      home{"XDG_DATA_HOME", tree.path("home").c_str()}, data{"XDG_DATA_DIRS", tree.path("system").c_str()};
+  CapturedLog log;
+
+  Services() { mkdir(runtime.c_str(), 0700); }
+  ~Services() override {
+    for (const pid_t process : started()) kill(process, SIGKILL);
+    log.systemOnceItHas(name + " ended: ", started().size());
+  }
+  std::string serviceFile(const std::string& more = "", const std::string& identifier = {}) const {
+    return tree.write("home/larkspan/services/" + name + ".service",
+                      "[Service]\nIdentifier=" + (identifier.empty() ? name : identifier) +
+                          "\nExec=" + kProgram + ' ' + name + ' ' + starts + more + '\n');
+  }
+  std::vector<pid_t> started() const {
+    std::vector<pid_t> all;
+    std::ifstream file(starts);
+    for (pid_t one; file >> one;) all.push_back(one);
+    return all;
+  }
+
+  struct Outcome {
+    Value value;
+    std::optional<Error> error;
+  };
+  /// Calls a method of the service once for each connection, all at the same time.
+  std::vector<Outcome> call(std::string_view method,
+                            const std::vector<std::shared_ptr<Connection>>& connections,
+                            const std::vector<Value>& arguments = {}) {
+    Collector<Outcome> outcomes;
+    for (const auto& connection : connections) {
+      connection->setRemoteInterface(serviceInterface());
+      connection->call(method, arguments, [&](const auto& values, const auto& error) {
+        outcomes.push({values.empty() ? Value() : values[0], error});
+      });
+    }
+    return outcomes.waitFor(connections.size());
+  }
+  Outcome call(std::string_view method, const std::shared_ptr<Connection>& connection) {
+    return call(method, std::vector{connection}).at(0);
+  }
+  std::string failure(std::optional<uid_t> user = std::nullopt) {
+    const auto connector = user ? serviceConnector(name, *user) : serviceConnector(name);
+    const auto outcome = call("pid", Connection::make(connector));
+    return outcome.error ? outcome.error->localizedDescription() : "";
+  }
+};
+
+TEST_F(Services, StartOnceForAllClientsAndAgainAfterAnEnd) {
+  serviceFile();
+  std::vector<std::shared_ptr<Connection>> connections(20);
+  for (auto& connection : connections) connection = Connection::make(serviceConnector(name));
+  const auto pid = static_cast<pid_t>(call("pid", connections[0]).value.integerValue());
+  for (const Outcome& outcome : call("pid", connections)) EXPECT_EQ(outcome.value, Value(pid));
+  EXPECT_EQ(started(), std::vector{pid});
+
+  EXPECT_EQ(getsid(pid), pid) << "no terminal's signal reaches it";
+  const std::filesystem::path process = "/proc/" + std::to_string(pid);
+  EXPECT_EQ(std::filesystem::read_symlink(process / "cwd"), "/");
+  for (const char* number : {"0", "1", "2"})
+    EXPECT_EQ(std::filesystem::read_symlink(process / "fd" / number), "/dev/null");
+  const Array peer = call("peer", connections[1]).value.array();
+  EXPECT_EQ(peer[0], Value(static_cast<int64_t>(geteuid())));
+  EXPECT_EQ(peer[1], Value(getpid()));
+
+  Collector<bool> interruptions;
+  for (const auto& connection : connections)
+    connection->setInterruptionHandler([&] { interruptions.push(true); });
+  EXPECT_EQ(call("die", connections[0]).error->code(), static_cast<int64_t>(TransportErrorCode::interrupted));
+  interruptions.waitFor(connections.size());
+  const auto again = call("pid", connections);
+  EXPECT_NE(again[0].value, Value(pid));
+  for (const Outcome& outcome : again) EXPECT_EQ(outcome.value, again[0].value);
+  EXPECT_EQ(started().size(), 2u);
+}
+
+TEST_F(Services, CallObjectsThatWerePassedUntilTheyDropThemOrEnd) {
+  struct Watcher : ExportedObject {
+    explicit Watcher(Collector<Value>& into) : notes(into) {}
+    void receive(std::string_view, const std::vector<Value>& arguments, Reply) override {
+      notes.push(arguments[0]);
+    }
+    Collector<Value>& notes;
+  };
+  serviceFile();
+  const auto connection = Connection::make(serviceConnector(name));
+  Collector<Value> notes;
+  Collector<bool> interruptions;
+  connection->setInterruptionHandler([&] { interruptions.push(true); });
+  const auto watch = [&] {
+    const auto watcher = std::make_shared<Watcher>(notes);
+    return std::pair(std::weak_ptr(watcher),
+                     call("watch", {connection}, {PassedObject::make(watcher)}).at(0));
+  };
+  const auto isGone = [](const std::weak_ptr<Watcher>& watcher) {
+    for (int i = 0; i < 1000 && !watcher.expired(); ++i) usleep(10'000);
+    return watcher.expired();
+  };
+  const auto [first, pid] = watch();
+  EXPECT_EQ(notes.waitFor(1), std::vector{pid.value});
+  EXPECT_FALSE(first.expired());
+  const auto [second, ignored] = watch();
+  EXPECT_EQ(notes.waitFor(2).size(), 2u);
+  EXPECT_TRUE(isGone(first)) << "the service has another";
+  EXPECT_EQ(call("watch", {connection}, {Value()}).at(0).value, pid.value);
+  EXPECT_TRUE(isGone(second)) << "the service has none";
+
+  const Outcome nowhere =
+      call("peer", {connection}, {PassedObject::make(std::make_shared<Watcher>(notes))}).at(0);
+  EXPECT_TRUE(isTransportError(*nowhere.error, TransportErrorCode::notSendable));
+
+  const auto [third, same] = watch();
+  call("die", connection);
+  interruptions.waitFor(1);
+  EXPECT_TRUE(isGone(third)) << "the service has gone";
+  const auto [fourth, other] = watch();
+  EXPECT_NE(other.value, pid.value);
+  EXPECT_EQ(notes.waitFor(4).at(3), other.value);
+  connection->invalidate();
+  EXPECT_TRUE(isGone(fourth));
+}
+
+TEST_F(Services, SayWhyTheyCannotBeStarted) {
+  const std::string none = name + " is not running, and there is no service file to start it";
+  EXPECT_EQ(failure(), none);
+  const std::string file = serviceFile("", "other");
+  EXPECT_EQ(failure(), none + "; " + file + ": Identifier is not the file's name");
+  serviceFile();
+  chmod(file.c_str(), 0666);
+  EXPECT_EQ(failure(), none + "; " + file + ": writable by everybody");
+  tree.write("home/larkspan/services/" + name + ".service",
+             "[Service]\nIdentifier=" + name + "\nHidden=true\nExec=x\n");
+  chmod(file.c_str(), 0644);
+  EXPECT_EQ(failure(), none + "; " + file + ": is switched off");
+  tree.write("home/larkspan/services/" + name + ".service",
+             "[Service]\nIdentifier=" + name + "\nExec=/no/such\n");
+  EXPECT_EQ(failure(), name + " could not be started: /no/such: execve: No such file or directory");
+  EXPECT_FALSE(std::filesystem::exists(socketPath));
+  tree.write(std::string(120, 'r') + "/larkspan/" + name, "no socket");
+  EXPECT_EQ(failure(), name + " cannot be reached: Socket operation on non-socket");
+  unlink(socketPath.c_str());
+  symlink(tree.path("elsewhere").c_str(), socketPath.c_str());
+  EXPECT_EQ(failure(), name + " cannot be reached: Socket operation on non-socket") << "no link is followed";
+  unlink(socketPath.c_str());
+
+  serviceFile(" exit");
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(failure(), name + " went away");
+  EXPECT_TRUE(failure().starts_with(name + " ended 5 times right after its start")) << failure();
+  EXPECT_EQ(started().size(), 5u);
+  for (const char* bad : {"", "../x", ".new", "a/b"})
+    EXPECT_THROW(serviceConnector(bad), std::invalid_argument);
+}
+
+TEST_F(Services, ListenUnderANameOnceAndLetNoMoreInThanTheyCanServe) {
+  const auto ignore = [](const auto&, const auto&) { return nullptr; };
+  auto listener = std::get<0>(Listener::make(name, ignore));
+  EXPECT_EQ(std::get<Error>(Listener::make(name, ignore)).code(), EADDRINUSE);
+  const auto raw = [&](auto connectOrBind) {
+    Descriptor peer(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const Descriptor folder(open((runtime + "/larkspan").c_str(), O_PATH | O_CLOEXEC));
+    sockaddr_un address{AF_UNIX, {}};
+    ("/proc/self/fd/" + std::to_string(folder.get()) + '/' + name)
+        .copy(address.sun_path, sizeof address.sun_path);
+    EXPECT_EQ(connectOrBind(peer.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    return peer;
+  };
+  const auto isGreeted = [](const Descriptor& peer, int flags) {
+    char byte;
+    return recv(peer.get(), &byte, 1, flags) == 1;
+  };
+  std::vector<Descriptor> peers;
+  for (int i = 0; i < Listener::kMaximumClients; ++i) peers.push_back(raw(connect));
+  for (const Descriptor& peer : peers) EXPECT_TRUE(isGreeted(peer, 0));
+  const Descriptor late = raw(connect);
+  EXPECT_FALSE(isGreeted(late, MSG_DONTWAIT));
+  peers[7].reset();
+  EXPECT_TRUE(isGreeted(late, 0));
+
+  listener = nullptr;
+  EXPECT_TRUE(isGreeted(peers[8], 0)) << "those who are in stay";
+  // The next one ends just as a client comes.
+  unlink(socketPath.c_str());
+  Descriptor ending = raw(bind);
+  listen(ending.get(), 1);
+  std::thread end([&] {
+    const Descriptor client(accept(ending.get(), nullptr, nullptr));
+    ending.reset();
+  });
+  serviceFile();
+  EXPECT_EQ(failure(), "");
+  EXPECT_EQ(started().size(), 1u);
+  end.join();
+}
+
+TEST_F(Services, OfAnotherUserAreReachedByRootAndNeverStarted) {
+  if (geteuid() != 0) GTEST_SKIP() << "Only root reaches other users";
+  const std::string folder = "/tmp/larkspan-" + std::to_string(kOther);
+  const auto own = [](const std::string& path) { EXPECT_EQ(chown(path.c_str(), kOther, kOther), 0); };
+  std::filesystem::remove_all(folder);
+  EXPECT_EQ(failure(kOther), name + " is not running for user 4321");
+  symlink(tree.root.c_str(), folder.c_str());
+  EXPECT_EQ(failure(kOther), name + " cannot be reached: " + folder + ": Not a directory");
+  unlink(folder.c_str());
+  mkdir(folder.c_str(), 0700);
+  EXPECT_EQ(failure(kOther), name + " cannot be reached: " + folder + ": belongs to user 0");
+  own(folder);
+  chmod(folder.c_str(), 0750);
+  EXPECT_EQ(failure(kOther), name + " cannot be reached: " + folder + ": is open to others");
+  chmod(folder.c_str(), 0700);
+
+  chmod(tree.root.c_str(), 0777);
+  tree.write("starts", "");
+  ChildOptions options;
+  options.arguments = {kProgram, name, starts, "as", std::to_string(kOther)};
+  options.environment = environmentWith({{"XDG_RUNTIME_DIR", std::nullopt}});
+  Collector<ExitStatus> ends;
+  const auto child = std::get<0>(Child::start(options, [&](ExitStatus how) { ends.push(how); }));
+  for (int i = 0; i < 1000 && !std::filesystem::exists(folder + "/larkspan/" + name); ++i) usleep(10'000);
+  EXPECT_EQ(failure(kOther), "");
+  child->kill(SIGKILL);
+  ends.waitFor(1);
+  serviceFile();
+  EXPECT_EQ(failure(kOther), name + " is not running for user 4321");
+  std::filesystem::remove_all(folder);
+  tree.write("starts", "");
+
+  // And another user is sent away, should he find the socket.
+  const auto listener = Listener::make(name, [](const auto&, const auto&) { return nullptr; });
+  const std::string found = tree.path("s");
+  rename(socketPath.c_str(), found.c_str());
+  chmod(found.c_str(), 0777);
+  options.arguments = {kProgram, found, std::to_string(kOther)};
+  const auto knocking = Child::start(options, [&](ExitStatus how) { ends.push(how); });
+  EXPECT_EQ(ends.waitFor(2).at(1).description(), "exit code 0");
+  EXPECT_FALSE(log.systemOnceItHas(" of user 4321").empty());
+}
+
+}  // namespace
+}  // namespace larkspan::tests
