@@ -1,12 +1,20 @@
 #include "larkspan/platform/dispatch/SerialQueue.h"
 
+#include <chrono>
 #include <stdexcept>
+#include <utility>
 
 namespace larkspan::platform {
 namespace {
 
 // Tasks run before a queue looks whether others wait for its worker.
 constexpr unsigned kTurn = 16;
+
+// A runner that keeps pace with a thread which posts one task after the other takes them from cache lines that the other
+// is still writing around, and both wait for each other. After so many tasks at once it leaves the other alone that long.
+constexpr unsigned kStream = 16;
+constexpr unsigned kLongStream = 512;
+constexpr auto kPause = std::chrono::microseconds(2);
 
 }  // namespace
 
@@ -45,17 +53,16 @@ void SerialQueue::schedule() {
 }
 
 void SerialQueue::takeTasks() {
-  TaskNode* const mark = busy();
-  TaskNode* top = head_.exchange(mark, std::memory_order_acq_rel);
-  TaskNode* oldest = nullptr;
-  while (top && top != mark) {
-    TaskNode* const older = top->next;
-    top->next = oldest;
-    oldest = std::exchange(top, older);
-  }
   TaskNode** end = &pending_;
   while (*end) end = &(*end)->next;
-  *end = oldest;
+  *end = TaskNode::reverse(head_.exchange(busy(), std::memory_order_acq_rel), busy());
+}
+
+void SerialQueue::letMoreCome(unsigned justRan) const {
+  if (justRan < kStream || justRan >= kLongStream || head_.load(std::memory_order_relaxed) == busy()) return;
+  const auto end = std::chrono::steady_clock::now() + kPause;
+  while (std::chrono::steady_clock::now() < end) {
+  }
 }
 
 void SerialQueue::runOne() noexcept {
@@ -73,8 +80,10 @@ bool SerialQueue::release() {
 
 void SerialQueue::execute(TaskNode*) noexcept {
   const RunningFrame frame(this);
-  for (unsigned ran = 1;; ++ran) {
+  unsigned ranBefore = 0;
+  for (unsigned ran = 0;;) {
     if (!hasPending()) {
+      letMoreCome(ran - std::exchange(ranBefore, ran));
       takeTasks();
       if (!hasPending()) {
         if (release()) return;
@@ -82,7 +91,7 @@ void SerialQueue::execute(TaskNode*) noexcept {
       }
     }
     runOne();
-    if (ran % kTurn == 0 && pool_.hasWaiting()) return schedule();
+    if (++ran % kTurn == 0 && pool_.hasWaiting()) return schedule();
   }
 }
 

@@ -57,6 +57,7 @@ class SerialQueue : public PooledQueue {
 
  private:
   static TaskNode* busy();
+  void letMoreCome(unsigned justRan) const;
 
   WorkerPool& pool_;
   const std::string label_;

@@ -8,16 +8,24 @@
 namespace larkspan::platform {
 namespace {
 
-constexpr std::size_t kSlabSize = 16 * 1024;
+constexpr std::size_t kSlabSize = 32 * 1024;
 constexpr unsigned kBatch = (kSlabSize - alignof(TaskNode)) / sizeof(TaskNode);
-constexpr std::size_t kMaxBatches = 256;
+constexpr std::size_t kMaxBatches = 128;
 
-// Nodes are made side by side, for then a processor fetches the next ones of a long queue before they are asked
-// for. A slab lies at a multiple of its size, and ends when all of its nodes have been given up.
+// Nodes are made side by side, and many of them, so that `fetchAhead` can mostly tell where the next ones of a long queue
+// lie. A slab lies at a multiple of its size, and ends when all of its nodes have been given up.
 struct alignas(kSlabSize) Slab {
   std::atomic<unsigned> givenUp{0};
   TaskNode nodes[kBatch];
 };
+
+// A node that another processor wrote last is slow to come, and the one after it could be asked for only then. So this
+// asks for one some steps after `next`, guessing that they lie as far apart as these two do.
+void fetchAhead(const TaskNode* node, const TaskNode* next, unsigned steps) {
+  const auto from = reinterpret_cast<uintptr_t>(next);
+  __builtin_prefetch(
+      reinterpret_cast<const void*>(from + steps * (from - reinterpret_cast<uintptr_t>(node))));
+}
 
 TaskNode* makeChain() {
   TaskNode* const nodes = (new Slab)->nodes;
@@ -101,6 +109,7 @@ TaskNode* TaskNode::make(Task&& task) {
   }
   TaskNode* const node = mine.active;
   mine.active = node->next;
+  fetchAhead(node, mine.active, 4);
   --mine.count;
   node->task = std::move(task);
   return node;
@@ -121,6 +130,17 @@ void TaskNode::recycle(TaskNode* node) {
   node->next = mine.active;
   mine.active = node;
   ++mine.count;
+}
+
+TaskNode* TaskNode::reverse(TaskNode* newest, const TaskNode* bottom) {
+  TaskNode* first = nullptr;
+  while (newest && newest != bottom) {
+    TaskNode* const older = newest->next;
+    fetchAhead(newest, older, 8);
+    newest->next = first;
+    first = std::exchange(newest, older);
+  }
+  return first;
 }
 
 }  // namespace larkspan::platform

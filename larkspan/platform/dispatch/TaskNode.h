@@ -18,6 +18,8 @@ struct TaskNode {
   static TaskNode* make(Task&& task);
   /// Takes a node back whose task and owner are empty.
   static void recycle(TaskNode* node);
+  /// Turns a stack, which ends at `bottom` or at null, into a list that begins with its oldest node and ends at null.
+  static TaskNode* reverse(TaskNode* newest, const TaskNode* bottom = nullptr);
 };
 
 }  // namespace larkspan::platform

@@ -148,12 +148,7 @@ void WorkerPool::push(TaskNode* node) {
 TaskNode* WorkerPool::pop() {
   TaskNode* first = first_.load(std::memory_order_relaxed);
   if (!first) {
-    TaskNode* newest = inbox_.exchange(nullptr);
-    while (newest) {
-      TaskNode* const older = newest->next;
-      newest->next = first;
-      first = std::exchange(newest, older);
-    }
+    first = TaskNode::reverse(inbox_.exchange(nullptr));
     if (!first) return nullptr;
   }
   first_.store(first->next, std::memory_order_relaxed);
