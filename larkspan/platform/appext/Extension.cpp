@@ -13,8 +13,11 @@ std::string Extension::description() const {
 
 void Extension::beginExtensionRequestWithInputItems(const std::vector<std::shared_ptr<ExtensionItem>>&,
                                                     ContextMaker makeContext, Begun completion) {
-  auto connection = Connection::make(
-      [process = process_](Connection::Connected connected) { process->transport(connected); });
+  auto connection =
+      Connection::make([process = process_](Connection::Connected connected) -> Connection::Abandon {
+        process->transport(std::move(connected));
+        return nullptr;
+      });
   const UUID uuid = UUID::random();
   auto context = makeContext(uuid, connection);
   {

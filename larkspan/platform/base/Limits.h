@@ -24,6 +24,13 @@ inline constexpr std::size_t kMaximumKeyLists = 4096;
 /// Room for two of the largest frames.
 inline constexpr std::size_t kMaximumOutbound = 2 * kMaximumFrame + 1024;
 
+/// Channels that are open at a time on one connection: stops a peer that opens them without end from making us keep an
+/// object for each.
+inline constexpr std::size_t kMaximumChannels = 1024;
+
+/// Clients of a service at a time: stops a program that connects without end from taking its threads and descriptors.
+inline constexpr int kMaximumClients = 128;
+
 /// Bytes of an extension's standard error, and as many about its callbacks, that go to the log within
 /// `kPrintWindow`, each line counted with `kPrintOverhead` more: stops one that prints or calls without end
 /// from filling the log.
@@ -33,8 +40,8 @@ inline constexpr std::chrono::seconds kPrintWindow{10};
 /// Bytes of an error's description in one line of the log: stops a peer's error from filling it.
 inline constexpr std::size_t kMaximumLoggedError = 1024;
 
-/// Starts of an extension that end before it answers anything, within `kStartWindow`: stops one that is
-/// broken from being started over and over.
+/// Starts of an extension that end before it answers anything, or of a service that end before it greets, within
+/// `kStartWindow`: stops one that is broken from being started over and over.
 inline constexpr std::size_t kMaximumFailedStarts = 5;
 inline constexpr std::chrono::minutes kStartWindow{3};
 

@@ -165,6 +165,13 @@ bool Connection::isValid() const {
   return !invalid_;
 }
 
+void Connection::keepUntilEnd(std::shared_ptr<void> object) {
+  const std::lock_guard lock(mutex_);
+  if (invalid_) return;
+  itself_ = shared_from_this();
+  kept_.swap(object);
+}
+
 void Connection::connect(std::function<void(const std::optional<Error>&)> completion) {
   std::unique_lock lock(mutex_);
   if (transport_ || invalid_) {
@@ -180,7 +187,7 @@ void Connection::connect(std::function<void(const std::optional<Error>&)> comple
 
 void Connection::call(std::string_view method, const std::vector<Value>& arguments, Outcome outcome,
                       Part part) {
-  if (const auto error = pass(method, arguments)) return outcome({}, *error);
+  if (const auto error = numberPassed(method, arguments)) return outcome({}, *error);
   std::unique_lock lock(mutex_);
   const int64_t id = ++lastId_;
   const auto transport = transport_;
@@ -201,8 +208,10 @@ void Connection::call(std::string_view method, const std::vector<Value>& argumen
   const auto self = shared_from_this();
   calls_.emplace(id, Call{std::string(method), std::move(outcome), self, std::move(part)});
   if (transport) transport->expectAnswer();
+  pass(method, arguments);
   const auto error = submit(std::get<ByteBuffer>(std::move(frame)), lock);
   if (!error || !isTransportError(*error, TransportErrorCode::notReading)) return;
+  takeBack(arguments);
   lock.lock();
   const auto call = calls_.extract(id);
   lock.unlock();
@@ -210,7 +219,7 @@ void Connection::call(std::string_view method, const std::vector<Value>& argumen
 }
 
 std::optional<Error> Connection::post(std::string_view method, const std::vector<Value>& arguments) {
-  if (auto error = pass(method, arguments)) return error;
+  if (auto error = numberPassed(method, arguments)) return error;
   std::unique_lock lock(mutex_);
   // One that a connector brings may have been replaced when the frame is sent.
   const auto transport = connector_ ? nullptr : transport_;
@@ -219,7 +228,10 @@ std::optional<Error> Connection::post(std::string_view method, const std::vector
                            transport ? transport->peerTables() : Tables::no);
   if (const auto* error = std::get_if<Error>(&frame)) return notSendable(*error);
   lock.lock();
-  return submit(std::get<ByteBuffer>(std::move(frame)), lock);
+  pass(method, arguments);
+  auto error = submit(std::get<ByteBuffer>(std::move(frame)), lock);
+  if (error) takeBack(arguments);
+  return error;
 }
 
 /// Sends the frame now or once there is a transport; an empty frame only sees to the transport. Releases the
@@ -242,45 +254,66 @@ std::optional<Error> Connection::submit(ByteBuffer frame, std::unique_lock<std::
   if (!frame.empty()) pending_.push_back(std::move(frame));
   const bool begin = !std::exchange(connecting_, true);
   lock.unlock();
-  if (begin) {
-    connector_(connectedHandler());
-  }
+  if (begin) findTransport();
   return std::nullopt;
 }
 
-/// Gives each object that is passed a channel of its own, which is attached to the transport when the frame is sent.
-std::optional<Error> Connection::pass(std::string_view method, const std::vector<Value>& arguments) {
+/// Gives each object that is to be passed the number of a channel of its own.
+std::optional<Error> Connection::numberPassed(std::string_view method,
+                                              const std::vector<Value>& arguments) const {
   for (std::size_t i = 0; i < arguments.size(); ++i) {
     const auto object = arguments[i].objectOf<PassedObject>();
     if (!object) continue;
     std::unique_lock lock(mutex_);
-    if (invalid_) break;
-    auto interface = connector_ && remoteInterface_ ? remoteInterface_->interface(method, i) : nullptr;
+    const auto interface = connector_ && remoteInterface_ ? remoteInterface_->interface(method, i) : nullptr;
+    lock.unlock();
     if (!interface || !object->object_ || object->channel_ != 0)
       return transportError(TransportErrorCode::notSendable, "An object that cannot be passed there");
-    const uint32_t channel = object->channel_ = nextChannel();
-    const auto connection = accept(nullptr, channel);
-    passed_[channel] = {connection, object->object_};
-    lock.unlock();
-    connection->setExported(std::move(interface), object->object_);
-    connection->setInvalidationHandler([weak = weak_from_this(), channel] {
+    object->channel_ = nextChannel();
+  }
+  return std::nullopt;
+}
+
+/// With the lock, when the frame with these arguments is about to be sent.
+void Connection::pass(std::string_view method, const std::vector<Value>& arguments) {
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    const auto object = arguments[i].objectOf<PassedObject>();
+    if (!object || invalid_) continue;
+    const auto connection = accept(nullptr, object->channel_);
+    connection->setExported(remoteInterface_->interface(method, i), object->object_);
+    connection->setInvalidationHandler([weak = weak_from_this(), channel = object->channel_] {
       const auto self = weak.lock();
       if (!self) return;
       decltype(passed_)::node_type ended;
       const std::lock_guard guard(self->mutex_);
       ended = self->passed_.extract(channel);
     });
+    passed_[object->channel_] = {connection, object->object_};
+    unattached_.push_back(connection);
   }
-  return std::nullopt;
 }
 
-/// With the lock, and a transport: what is passed with the next frame gets its calls from then on.
+/// With the lock and a transport: what is passed with the next frame gets its calls from then on.
 void Connection::attachPassed() {
-  for (const auto& [channel, passed] : passed_) {
-    const std::lock_guard lock(passed.connection->mutex_);
-    if (passed.connection->transport_ || passed.connection->invalid_) continue;
-    passed.connection->transport_ = transport_;
-    transport_->attach(channel, passed.connection);
+  for (const auto& connection : std::exchange(unattached_, {})) {
+    {
+      const std::lock_guard lock(connection->mutex_);
+      connection->transport_ = transport_;
+    }
+    transport_->attach(connection->channel_, connection);
+  }
+}
+
+/// The frame with these arguments has not been sent.
+void Connection::takeBack(const std::vector<Value>& arguments) {
+  for (const Value& argument : arguments) {
+    const auto object = argument.objectOf<PassedObject>();
+    if (!object) continue;
+    std::unique_lock lock(mutex_);
+    std::erase_if(unattached_, [&](const auto& one) { return one->channel_ == object->channel_; });
+    const auto passed = passed_.extract(object->channel_);
+    lock.unlock();
+    if (passed) passed.mapped().connection->invalidate();
   }
 }
 
@@ -291,12 +324,26 @@ std::optional<Error> Connection::receivePassed(const Interface::Method& method,
   for (const auto& [index, interface] : method.passed) {
     const auto object = arguments[index].objectOf<PassedObject>();
     if (!object) continue;
-    object->connection_ = accept(transport, object->channel_);
-    object->connection_->setRemoteInterface(interface);
-    if (!transport->attach(object->channel_, object->connection_))
-      return transportError(TransportErrorCode::violation, "An object on a channel that is in use");
+    const auto connection = accept(nullptr, object->channel_);
+    connection->setRemoteInterface(interface);
+    // Only one side chooses the numbers of channels.
+    if (connector_ || !transport->attach(object->channel_, connection))
+      return transportError(TransportErrorCode::violation, "An object on a channel that cannot be opened");
+    const std::lock_guard lock(connection->mutex_);
+    connection->transport_ = transport;
+    object->connection_ = connection;
   }
   return std::nullopt;
+}
+
+/// Asks the connector, without the lock.
+void Connection::findTransport() {
+  Abandon abandon = connector_(connectedHandler());
+  std::unique_lock lock(mutex_);
+  if (connecting_) abandon_.swap(abandon);
+  const bool isLate = invalid_;
+  lock.unlock();
+  if (isLate && abandon) abandon();
 }
 
 /// Holds the connection meanwhile: somebody waits for the outcome.
@@ -325,11 +372,12 @@ void Connection::connected(const std::shared_ptr<Transport>& transport, const st
     const bool again = reason && isTransportError(*reason, TransportErrorCode::invalidated) &&
                        ++attempts_ < kConnectAttempts;
     lock.unlock();
-    if (again) return connector_(connectedHandler());
+    if (again) return findTransport();
     return end(transportError(TransportErrorCode::interrupted, transport->name() + " went away"));
   }
   attempts_ = 0;
   connecting_ = false;
+  const Abandon found = std::exchange(abandon_, nullptr);
   transport_ = transport;
   attachPassed();
   for (ByteBuffer& frame : pending_) transport->send(std::move(frame));
@@ -354,11 +402,16 @@ void Connection::end(const Error& error) {
   pendingBytes_ = 0;
   const auto calls = std::exchange(calls_, {});
   const auto passed = std::exchange(passed_, {});
+  unattached_.clear();
+  const auto itself = std::exchange(itself_, nullptr);
+  const auto kept = std::exchange(kept_, nullptr);
+  const auto abandon = std::exchange(abandon_, nullptr);
   const auto waiters = std::exchange(connectWaiters_, {});
   const auto interruption = std::exchange(interruptionHandler_, nullptr);
   const auto invalidation = std::exchange(invalidationHandler_, nullptr);
   lock.unlock();
   if (transport) transport->closeChannel(channel_);
+  if (abandon) abandon();
   for (const auto& [id, call] : calls) call.outcome({}, error);
   for (const auto& [channel, object] : passed) object.connection->end(error);
   for (const auto& waiter : waiters) waiter(error);

@@ -58,8 +58,10 @@ class ExportedObject {
 class Connection : public Transport::Channel, public std::enable_shared_from_this<Connection> {
  public:
   using Connected = std::function<void(std::shared_ptr<Transport>, std::optional<Error>)>;
-  /// Finds or starts the peer and calls back once, on any thread, with an open transport or an error.
-  using Connector = std::function<void(Connected)>;
+  /// Finds or starts the peer and calls back once, on any thread, with an open transport or an error. What it returns, if
+  /// not null, is called when nobody waits for that any more.
+  using Abandon = std::function<void()>;
+  using Connector = std::function<Abandon(Connected)>;
   /// Either the reply's values (as many as the interface says) or an error.
   using Outcome = std::function<void(const std::vector<Value>& values, const std::optional<Error>& error)>;
   /// Some members of the array that is the reply's first value: they stand behind earlier parts and before the reply's own.
@@ -90,6 +92,8 @@ class Connection : public Transport::Channel, public std::enable_shared_from_thi
   /// calling thread. A call whose part is being delivered at that moment fails on the delivery queue, after that.
   void invalidate();
   bool isValid() const;
+  /// Keeps this connection, and with it the object, until it has ended.
+  void keepUntilEnd(std::shared_ptr<void> object);
 
  private:
   struct Call {
@@ -115,8 +119,11 @@ class Connection : public Transport::Channel, public std::enable_shared_from_thi
   Connected connectedHandler();
   void end(const Error& error);
   std::optional<Error> submit(ByteBuffer frame, std::unique_lock<std::mutex>& lock);
-  std::optional<Error> pass(std::string_view method, const std::vector<Value>& arguments);
+  void findTransport();
+  std::optional<Error> numberPassed(std::string_view method, const std::vector<Value>& arguments) const;
+  void pass(std::string_view method, const std::vector<Value>& arguments);
   void attachPassed();
+  void takeBack(const std::vector<Value>& arguments);
   std::optional<Error> receivePassed(const Interface::Method& method, const std::vector<Value>& arguments,
                                      const std::shared_ptr<Transport>& transport);
 
@@ -136,6 +143,10 @@ class Connection : public Transport::Channel, public std::enable_shared_from_thi
   std::vector<std::function<void(const std::optional<Error>&)>> connectWaiters_;
   std::unordered_map<int64_t, Call> calls_;
   std::unordered_map<uint32_t, Passed> passed_;
+  std::vector<std::shared_ptr<Connection>> unattached_;  // Among them, those that wait for a transport.
+  std::shared_ptr<Connection> itself_;                   // What `keepUntilEnd` was given, and this.
+  std::shared_ptr<void> kept_;
+  Abandon abandon_;
   std::size_t pendingBytes_ = 0;
   int attempts_ = 0;  // To connect, since it last went well.
   int64_t lastId_ = 0;

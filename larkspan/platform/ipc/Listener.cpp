@@ -1,6 +1,7 @@
 #include "larkspan/platform/ipc/Listener.h"
 
 #include "larkspan/platform/base/Format.h"
+#include "larkspan/platform/base/Limits.h"
 #include "larkspan/platform/dispatch/DispatchQueue.h"
 #include "larkspan/platform/dispatch/IoSource.h"
 #include "larkspan/platform/ipc/ServiceConnector.h"
@@ -59,9 +60,10 @@ std::variant<Descriptor, Error> listenAs(const std::string& name) {
   if (auto* error = std::get_if<Error>(&opened)) return std::move(*error);
   const auto& folder = std::get<ServiceFolder>(opened);
   if (auto error = folder.lock()) return std::move(*error);
-  const auto other = folder.connect(name);
+  const auto other = folder.connect(name, false);
   const auto* errorNumber = std::get_if<int>(&other);
   if (!errorNumber || *errorNumber == EAGAIN) return Error::posix(EADDRINUSE, name);
+  if (*errorNumber != ENOENT && *errorNumber != ECONNREFUSED) return Error::posix(*errorNumber, name);
   return folder.listen(name);
 }
 
@@ -95,7 +97,7 @@ class Listener::Accepting : public std::enable_shared_from_this<Accepting> {
  private:
   void acceptAll() {
     for (;;) {
-      if (*clients_ >= kMaximumClients) return pause();
+      if (*clients_ >= limits::kMaximumClients) return pause();
       Descriptor socket(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC));
       if (socket) {
         take(std::move(socket));

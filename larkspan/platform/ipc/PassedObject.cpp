@@ -20,11 +20,15 @@ const ObjectClass& PassedObject::archiveClass() {
   return kClass;
 }
 
-void PassedObject::encodeWithCoder(KeyedArchiver& coder) const { coder.encodeInt64(channel_, "channel"); }
+void PassedObject::encodeWithCoder(KeyedArchiver& coder) const {
+  if (channel_ != 0) return coder.encodeInt64(channel_, "channel");
+  // It stands where none may be passed; an object of no archived class fails the message.
+  coder.encodeObject(std::make_shared<Object>(), "channel");
+}
 
 std::shared_ptr<Object> PassedObject::initWithCoder(KeyedUnarchiver& coder) {
   const int64_t channel = coder.decodeInt64("channel");
-  if (channel < 0 || channel > std::numeric_limits<uint32_t>::max()) return nullptr;
+  if (channel < 1 || channel > std::numeric_limits<uint32_t>::max()) return nullptr;
   const std::shared_ptr<PassedObject> passed(new PassedObject);
   passed->channel_ = static_cast<uint32_t>(channel);
   return passed;

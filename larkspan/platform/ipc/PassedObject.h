@@ -13,7 +13,8 @@ class ExportedObject;
 /// An object that one process passes to another by proxy, as an argument that `Interface::setInterface` declares so: the
 /// peer calls it over a channel of its own. Tag 27, ["Proxy", {"channel": number}].
 /// Owner:  where it is passed from, the connection keeps the object until the peer has dropped what it got, or has gone.
-///         Where it arrives, that is as long as somebody holds `connection()`.
+///         Where it arrives, that is as long as somebody holds `connection()`. An object that holds the connection which
+///         it is passed over keeps both alive.
 /// Thread: any. Calls run on the delivery queue of the connection that it was passed over.
 /// Limits: only the side that made the connection passes objects.
 class PassedObject final : public Archivable {

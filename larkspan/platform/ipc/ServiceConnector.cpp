@@ -26,16 +26,42 @@ namespace {
 /// How often a service is looked for that went away before it greeted: it was about to end.
 constexpr int kTries = 3;
 
-/// What this process knows of failed starts, by name.
-struct Budgets {
-  std::mutex mutex;
-  std::map<std::string, StartBudget> byName;
-};
+/// What became of the starts of one service by this process.
+class Starts {
+ public:
+  static Starts& of(const std::string& name) {
+    static auto* const mutex = new std::mutex;
+    static auto* const byName = new std::map<std::string, Starts>;
+    const std::lock_guard lock(*mutex);
+    return (*byName)[name];
+  }
 
-Budgets& budgets() {
-  static auto* const value = new Budgets;
-  return *value;
-}
+  /// The number of a new start, or why there must be none.
+  std::variant<int, std::string> begin(const std::string& name) {
+    const std::lock_guard lock(mutex_);
+    // Somebody starts it as nobody listens, so that the last one has ended, too.
+    if (std::exchange(ungreeted_, 0) != 0) budget_.noteFailure();
+    if (auto refusal = budget_.refusal(name)) return std::move(*refusal);
+    return ungreeted_ = ++last_;
+  }
+  /// The last start is not held against the service: it has greeted, or could not be made.
+  void settle() {
+    const std::lock_guard lock(mutex_);
+    ungreeted_ = 0;
+  }
+  void noteEnd(int start) {
+    const std::lock_guard lock(mutex_);
+    if (ungreeted_ != start) return;
+    ungreeted_ = 0;
+    budget_.noteFailure();
+  }
+
+ private:
+  std::mutex mutex_;
+  StartBudget budget_;
+  int last_ = 0;
+  int ungreeted_ = 0;  // The start of which nothing is known yet, or 0.
+};
 
 /// The way to one transport. Its handlers hold it.
 class Attempt : public std::enable_shared_from_this<Attempt> {
@@ -44,9 +70,21 @@ class Attempt : public std::enable_shared_from_this<Attempt> {
       : name_(std::move(name)), user_(user), completion_(std::move(completion)) {}
 
   void run() {
+    std::unique_lock lock(mutex_);
+    const bool isLate = isAbandoned_;
+    lock.unlock();
+    if (isLate) return finish(nullptr, abandoned());
     auto socket = reach();
     if (const auto* error = std::get_if<Error>(&socket)) return finish(nullptr, *error);
     greet(std::get<Descriptor>(std::move(socket)));
+  }
+  /// Nobody waits any more.
+  void abandon() {
+    std::unique_lock lock(mutex_);
+    isAbandoned_ = true;
+    const auto transport = transport_;
+    lock.unlock();
+    if (transport) transport->close(abandoned());
   }
 
  private:
@@ -62,19 +100,19 @@ class Attempt : public std::enable_shared_from_this<Attempt> {
       return failure(TransportErrorCode::launchFailed, "cannot be reached: " + error->localizedDescription());
     }
     const auto& folder = std::get<ServiceFolder>(opened);
-    auto socket = connect(folder);
+    auto socket = connect(folder, true);
     if (socket) return std::move(*socket);
     if (!isOwn) return notRunning();
     if (const auto error = folder.lock()) {
       return failure(TransportErrorCode::launchFailed, "cannot be started: " + error->localizedDescription());
     }
     // Somebody else may have started it in the meantime.
-    socket = connect(folder);
+    socket = connect(folder, false);
     if (socket) return std::move(*socket);
     // Kept until the connection is made, so that this holds even if the service has ended again by then.
     const auto listener = start(folder);
     if (const auto* error = std::get_if<Error>(&listener)) return *error;
-    socket = connect(folder);
+    socket = connect(folder, false);
     return socket ? std::move(*socket) : failure(TransportErrorCode::launchFailed, "cannot be reached");
   }
 
@@ -83,8 +121,8 @@ class Attempt : public std::enable_shared_from_this<Attempt> {
   }
 
   /// Nothing when nobody listens.
-  std::optional<std::variant<Descriptor, Error>> connect(const ServiceFolder& folder) const {
-    auto socket = folder.connect(name_);
+  std::optional<std::variant<Descriptor, Error>> connect(const ServiceFolder& folder, bool waits) const {
+    auto socket = folder.connect(name_, waits);
     const auto* errorNumber = std::get_if<int>(&socket);
     if (errorNumber) {
       if (*errorNumber == ENOENT || *errorNumber == ECONNREFUSED) return std::nullopt;
@@ -100,16 +138,17 @@ class Attempt : public std::enable_shared_from_this<Attempt> {
 
   /// With the folder's lock. The socket at which the service listens.
   std::variant<Descriptor, Error> start(const ServiceFolder& folder) {
-    {
-      const std::lock_guard lock(budgets().mutex);
-      if (const auto refusal = budgets().byName[name_].refusal(name_))
-        return transportError(TransportErrorCode::launchDelayed, *refusal);
-    }
     auto program = serviceProgram(name_);
     if (const auto* error = std::get_if<Error>(&program)) return *error;
+    const auto begun = Starts::of(name_).begin(name_);
+    if (const auto* refusal = std::get_if<std::string>(&begun))
+      return transportError(TransportErrorCode::launchDelayed, *refusal);
+    start_ = std::get<int>(begun);
     auto listener = folder.listen(name_);
-    if (const auto* error = std::get_if<Error>(&listener))
+    if (const auto* error = std::get_if<Error>(&listener)) {
+      Starts::of(name_).settle();
       return failure(TransportErrorCode::launchFailed, "cannot be started: " + error->localizedDescription());
+    }
 
     ChildOptions options;
     options.arguments = std::get<std::vector<std::string>>(std::move(program));
@@ -125,24 +164,30 @@ class Attempt : public std::enable_shared_from_this<Attempt> {
       transportLog().write(LogLevel::standard, format("%@ ended: %@", name, how.description()));
     });
     if (const auto* error = std::get_if<Error>(&launched)) {
+      Starts::of(name_).settle();
       folder.remove(name_);
       return failure(TransportErrorCode::launchFailed,
                      "could not be started: " + error->localizedDescription());
     }
-    hasStarted_ = true;
     return listener;
   }
 
   void greet(Descriptor socket) {
     Transport::Handlers handlers;
-    handlers.onHello = [self = shared_from_this()] { self->finish(self->take(), std::nullopt); };
+    handlers.onHello = [self = shared_from_this()] {
+      Starts::of(self->name_).settle();
+      if (auto transport = self->take()) self->finish(std::move(transport), std::nullopt);
+    };
     handlers.onClose = [self = shared_from_this()](const Error& reason) { self->closed(reason); };
     // The handlers wait for it, and so find the transport.
-    const std::lock_guard lock(mutex_);
-    auto transport = Transport::make(std::move(socket), name_, std::move(handlers));
-    watched_ = transport;
-    transport_ = std::move(transport);
+    std::unique_lock lock(mutex_);
+    const auto transport = transport_ = Transport::make(std::move(socket), name_, std::move(handlers));
+    const bool isLate = isAbandoned_;
+    lock.unlock();
+    if (isLate) transport->close(abandoned());
   }
+
+  Error abandoned() const { return failure(TransportErrorCode::invalidated, "is needed no more"); }
 
   std::shared_ptr<Transport> take() {
     const std::lock_guard lock(mutex_);
@@ -150,15 +195,10 @@ class Attempt : public std::enable_shared_from_this<Attempt> {
   }
 
   void closed(const Error& reason) {
-    const bool hasGreeted = !take();
-    const auto transport = watched_.lock();
+    if (!take()) return;
     const bool isInterrupted = isTransportError(reason, TransportErrorCode::interrupted);
-    if (hasStarted_ && isInterrupted && transport && !transport->hasReplied()) {
-      const std::lock_guard lock(budgets().mutex);
-      budgets().byName[name_].noteFailure();
-    }
-    if (hasGreeted) return;
-    if (isInterrupted && !hasStarted_ && ++tries_ < kTries) {
+    if (isInterrupted && start_ != 0) Starts::of(name_).noteEnd(start_);
+    if (isInterrupted && start_ == 0 && ++tries_ < kTries) {
       return DispatchQueue::global(QualityOfService::userInitiated)->async([self = shared_from_this()] {
         self->run();
       });
@@ -173,11 +213,11 @@ class Attempt : public std::enable_shared_from_this<Attempt> {
   const std::string name_;
   const uid_t user_;
   Connection::Connected completion_;
-  bool hasStarted_ = false;
+  int start_ = 0;  // The number of the start that this made, if it did.
   int tries_ = 0;
   std::mutex mutex_;
+  bool isAbandoned_ = false;
   std::shared_ptr<Transport> transport_;  // Until it has been greeted.
-  std::weak_ptr<Transport> watched_;
 };
 
 }  // namespace
@@ -188,9 +228,10 @@ Connection::Connector serviceConnector(std::string name) {
 
 Connection::Connector serviceConnector(std::string name, uid_t user) {
   if (!isIdentifier(name)) throw std::invalid_argument("That is no name of a service: " + name);
-  return [name = std::move(name), user](Connection::Connected completion) {
-    DispatchQueue::global(QualityOfService::userInitiated)
-        ->async([attempt = std::make_shared<Attempt>(name, user, std::move(completion))] { attempt->run(); });
+  return [name = std::move(name), user](Connection::Connected completion) -> Connection::Abandon {
+    const auto attempt = std::make_shared<Attempt>(name, user, std::move(completion));
+    DispatchQueue::global(QualityOfService::userInitiated)->async([attempt] { attempt->run(); });
+    return [attempt] { attempt->abandon(); };
   };
 }
 

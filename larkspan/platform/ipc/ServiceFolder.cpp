@@ -1,11 +1,12 @@
 #include "larkspan/platform/ipc/ServiceFolder.h"
 
 #include "larkspan/platform/process/Identity.h"
+#include "larkspan/platform/process/TrustedFile.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <string_view>
 #include <thread>
 
 #include <fcntl.h>
@@ -22,7 +23,8 @@ namespace {
 constexpr const char* kBelow = "larkspan";
 /// Under which a socket is made before it takes its place. No service is called so.
 constexpr const char* kNew = ".new";
-constexpr std::chrono::seconds kPatience{5};
+/// Sticky, which the basedir-spec asks of files that must not be cleaned away by their age.
+constexpr mode_t kMode = S_ISVTX | S_IRUSR | S_IWUSR;
 constexpr std::chrono::milliseconds kLockInterval{5};
 
 /// The address of a file that a descriptor leads to, however long its path is.
@@ -57,6 +59,7 @@ std::variant<std::pair<Descriptor, std::string>, Error> openRuntimeFolder(uid_t 
     if (!path.starts_with('/')) continue;
     Descriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     struct stat status;
+    if (!folder && isShortage(errno)) return Error::posix(errno, path);
     if (folder && ::fstat(folder.get(), &status) == 0 && status.st_uid == user &&
         !(status.st_mode & (S_IWGRP | S_IWOTH)))
       return std::pair(std::move(folder), path);
@@ -84,7 +87,7 @@ std::variant<ServiceFolder, Error> ServiceFolder::open(uid_t user) {
   return ServiceFolder(std::get<Descriptor>(std::move(folder)), std::move(path), user);
 }
 
-std::variant<Descriptor, int> ServiceFolder::connect(const std::string& name) const {
+std::variant<Descriptor, int> ServiceFolder::connect(const std::string& name, bool waits) const {
   // Opened first, as connect(2) would follow a link.
   const Descriptor file(::openat(folder_.get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
   struct stat status;
@@ -93,8 +96,8 @@ std::variant<Descriptor, int> ServiceFolder::connect(const std::string& name) co
   if (status.st_uid != user_ && status.st_uid != 0) return EPERM;
   Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!socket) return errno;
-  // Where so many wait already that no more are let in, connect(2) waits as long as a write would.
-  timeval patience{kPatience.count(), 0};
+  // connect(2) waits as long as a write would.
+  timeval patience{waits ? kPatience.count() : 0, waits ? 0 : 1};
   ::setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
   const sockaddr_un address = addressAt(file.get(), "");
   while (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
@@ -118,13 +121,13 @@ std::variant<Descriptor, Error> ServiceFolder::listen(const std::string& name) c
   struct stat status;
   if (::fstatat(folder_.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 && !S_ISSOCK(status.st_mode))
     return refused(path_ + '/' + name, EEXIST, "is no socket");
-  Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   ::unlinkat(folder_.get(), kNew, 0);
+  Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const std::string below = std::string("/") + kNew;
   const sockaddr_un address = addressAt(folder_.get(), below.c_str());
   // It takes its place only when it listens, so that nobody finds it earlier.
   if (!socket || ::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-      ::listen(socket.get(), SOMAXCONN) != 0 ||
+      ::fchmodat(folder_.get(), kNew, kMode, 0) != 0 || ::listen(socket.get(), SOMAXCONN) != 0 ||
       ::renameat(folder_.get(), kNew, folder_.get(), name.c_str()) != 0)
     return Error::posix(errno, path_ + '/' + name);
   return socket;

@@ -3,6 +3,7 @@
 #include "larkspan/platform/base/Descriptor.h"
 #include "larkspan/platform/base/Error.h"
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <utility>
@@ -16,16 +17,20 @@ namespace larkspan::platform {
 /// process's user, freedesktop.org's basedir-spec) or in /run/user/UID, whichever belongs to the user, and else in
 /// /tmp/larkspan-UID. Nobody else may write it, and no link is followed on the way to a socket.
 /// Owner:  the caller; a value that can be moved.
+/// Limits: needs /proc, through which it reaches paths that are too long for an address.
 /// Thread: any, one at a time.
 class ServiceFolder {
  public:
   /// The folder of this process's effective user comes into being, that of another must be there (ENOENT).
   static std::variant<ServiceFolder, Error> open(uid_t user);
 
-  /// A connection to who listens under that name, or an errno: ENOENT or ECONNREFUSED when nobody does, EAGAIN when
-  /// nobody has taken the connection for five seconds. Blocks meanwhile.
-  std::variant<Descriptor, int> connect(const std::string& name) const;
-  /// Keeps other processes from listening anew until this ends. Waits five seconds at most.
+  /// How long `connect` and `lock` wait at most.
+  static constexpr std::chrono::seconds kPatience{5};
+
+  /// A connection to who listens under that name, or an errno: ENOENT or ECONNREFUSED when nobody does, EAGAIN when so many
+  /// wait there that no more are let in. With `waits` it blocks until that changes.
+  std::variant<Descriptor, int> connect(const std::string& name, bool waits) const;
+  /// Keeps other processes from listening anew, under any name, until this ends. Whoever holds it does not wait for others.
   std::optional<Error> lock() const;
   /// A socket that listens under that name, in place of an earlier one. To be called with the lock.
   std::variant<Descriptor, Error> listen(const std::string& name) const;

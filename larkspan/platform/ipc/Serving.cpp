@@ -1,7 +1,6 @@
 #include "larkspan/platform/ipc/Serving.h"
 
 #include <mutex>
-#include <unordered_map>
 #include <utility>
 
 namespace larkspan::platform {
@@ -10,13 +9,8 @@ namespace {
 
 /// Refers to its transport and the other way round, until that closes.
 struct Served {
-  struct Open {
-    std::shared_ptr<Connection> connection;
-    std::shared_ptr<void> kept;
-  };
   std::mutex mutex;
   std::shared_ptr<Transport> transport;
-  std::unordered_map<uint32_t, Open> open;
 };
 
 }  // namespace
@@ -28,15 +22,7 @@ void serve(Descriptor socket, std::string name, Acceptor accept, std::function<v
     std::unique_lock lock(served->mutex);
     auto connection = Connection::accept(served->transport, channel);
     lock.unlock();
-    auto kept = accept(connection);
-    lock.lock();
-    served->open[channel] = {connection, std::move(kept)};
-    lock.unlock();
-    connection->setInvalidationHandler([served, channel] {
-      std::unordered_map<uint32_t, Served::Open>::node_type ended;
-      const std::lock_guard guard(served->mutex);
-      ended = served->open.extract(channel);
-    });
+    connection->keepUntilEnd(accept(connection));
     return connection;
   };
   handlers.onClose = [served, onClose = std::move(onClose)](const Error&) {

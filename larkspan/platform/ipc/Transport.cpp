@@ -218,18 +218,18 @@ void Transport::route(const Frame& frame) {
     return;
   }
   std::shared_ptr<Channel> channel;
-  bool known;
+  bool known, full;
   {
     const std::lock_guard lock(mutex_);
+    full = channels_.size() >= limits::kMaximumChannels;
     const auto found = channels_.find(frame.channel);
     known = found != channels_.end();
     if (known) channel = found->second.lock();
   }
   if (frame.type == FrameType::open) {
-    if (known || !handlers_.onOpen) return fail(violation("A channel that cannot be opened"));
-    channel = handlers_.onOpen(frame.channel);
-    const std::lock_guard lock(mutex_);
-    if (!closed_) channels_.emplace(frame.channel, channel);
+    if (known || full || !handlers_.onOpen)
+      return fail(violation(full ? "Too many channels" : "A channel that cannot be opened"));
+    attach(frame.channel, handlers_.onOpen(frame.channel));
     return;
   }
   // Frames of a channel that was closed here may still be under way.
@@ -261,7 +261,10 @@ bool Transport::open(uint32_t number, std::weak_ptr<Channel> channel) {
 
 bool Transport::attach(uint32_t number, std::weak_ptr<Channel> channel) {
   const std::lock_guard lock(mutex_);
-  if (!closed_) return channels_.emplace(number, std::move(channel)).second;
+  if (!closed_) {
+    return channels_.size() < limits::kMaximumChannels &&
+           channels_.emplace(number, std::move(channel)).second;
+  }
   queue_->async([channel = std::move(channel), reason = *closeReason_] {
     if (const auto late = channel.lock()) late->closed(reason, false);
   });

@@ -73,7 +73,7 @@ class Transport : public std::enable_shared_from_this<Transport> {
   /// alive. False when the transport is closed already: then no news comes.
   bool open(uint32_t number, std::weak_ptr<Channel> channel);
   /// The same for a channel that the peer knows of by other means, and is not told of. The news of an end that has come
-  /// already comes too. False when there is such a channel.
+  /// already comes too. False when there is such a channel, or `limits::kMaximumChannels` of others.
   bool attach(uint32_t number, std::weak_ptr<Channel> channel);
   /// Closes a channel from this side: it is told nothing more, and the peer is told.
   void closeChannel(uint32_t number);

@@ -69,17 +69,19 @@ struct RawPeer : testing::Test {
   Descriptor peer;
   std::shared_ptr<Transport> transport;
   int connects = 0;
-  std::shared_ptr<Connection> connection = Connection::make([this](Connection::Connected connected) {
-    ++connects;
-    int sockets[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets), 0);
-    peer = Descriptor(sockets[1]);
-    if (connects % 2 == 0) fcntl(sockets[0], F_SETFL, O_NONBLOCK);
-    Transport::Handlers handlers;
-    handlers.onClose = [this](const Error&) { closings.push(connects); };
-    transport = Transport::make(Descriptor(sockets[0]), "peer", std::move(handlers));
-    connected(transport, std::nullopt);
-  });
+  std::shared_ptr<Connection> connection =
+      Connection::make([this](Connection::Connected connected) -> Connection::Abandon {
+        ++connects;
+        int sockets[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets), 0);
+        peer = Descriptor(sockets[1]);
+        if (connects % 2 == 0) fcntl(sockets[0], F_SETFL, O_NONBLOCK);
+        Transport::Handlers handlers;
+        handlers.onClose = [this](const Error&) { closings.push(connects); };
+        transport = Transport::make(Descriptor(sockets[0]), "peer", std::move(handlers));
+        connected(transport, std::nullopt);
+        return nullptr;
+      });
 
   RawPeer() {
     connection->setRemoteInterface(echoInterface());
@@ -279,7 +281,10 @@ struct Answering : testing::Test, ExportedObject {
     Transport::Handlers ours;
     ours.onClose = [this](const Error&) { closed.push(2); };
     near = Transport::make(Descriptor(sockets[0]), "far", std::move(ours));
-    connection = Connection::make([this](Connection::Connected connected) { connected(near, std::nullopt); });
+    connection = Connection::make([this](Connection::Connected connected) -> Connection::Abandon {
+      connected(near, std::nullopt);
+      return nullptr;
+    });
     connection->setRemoteInterface(echoInterface());
   }
   ~Answering() override {

@@ -1,3 +1,5 @@
+#include "larkspan/platform/base/Limits.h"
+#include "larkspan/platform/ipc/Frame.h"
 #include "larkspan/platform/ipc/Listener.h"
 #include "larkspan/platform/ipc/PassedObject.h"
 #include "larkspan/platform/ipc/ServiceConnector.h"
@@ -89,6 +91,21 @@ struct Services : testing::Test {
   Outcome call(std::string_view method, const std::shared_ptr<Connection>& connection) {
     return call(method, std::vector{connection}).at(0);
   }
+  bool isLogged(std::string_view part) const {
+    const auto lines = log.systemOnceItHas(part);
+    return std::any_of(lines.begin(), lines.end(),
+                       [&](const auto& line) { return line.find(part) != line.npos; });
+  }
+  /// A socket at the service's address, without the library.
+  Descriptor raw(int (*connectOrBind)(int, const sockaddr*, socklen_t)) const {
+    Descriptor peer(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const Descriptor folder(open((runtime + "/larkspan").c_str(), O_PATH | O_CLOEXEC));
+    sockaddr_un address{AF_UNIX, {}};
+    ("/proc/self/fd/" + std::to_string(folder.get()) + '/' + name)
+        .copy(address.sun_path, sizeof address.sun_path);
+    EXPECT_EQ(connectOrBind(peer.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    return peer;
+  }
   std::string failure(std::optional<uid_t> user = std::nullopt) {
     const auto connector = user ? serviceConnector(name, *user) : serviceConnector(name);
     const auto outcome = call("pid", Connection::make(connector));
@@ -100,8 +117,9 @@ TEST_F(Services, StartOnceForAllClientsAndAgainAfterAnEnd) {
   serviceFile();
   std::vector<std::shared_ptr<Connection>> connections(20);
   for (auto& connection : connections) connection = Connection::make(serviceConnector(name));
-  const auto pid = static_cast<pid_t>(call("pid", connections[0]).value.integerValue());
-  for (const Outcome& outcome : call("pid", connections)) EXPECT_EQ(outcome.value, Value(pid));
+  const auto answers = call("pid", connections);
+  const auto pid = static_cast<pid_t>(answers[0].value.integerValue());
+  for (const Outcome& outcome : answers) EXPECT_EQ(outcome.value, Value(pid));
   EXPECT_EQ(started(), std::vector{pid});
 
   EXPECT_EQ(getsid(pid), pid) << "no terminal's signal reaches it";
@@ -155,9 +173,15 @@ TEST_F(Services, CallObjectsThatWerePassedUntilTheyDropThemOrEnd) {
   EXPECT_EQ(call("watch", {connection}, {Value()}).at(0).value, pid.value);
   EXPECT_TRUE(isGone(second)) << "the service has none";
 
-  const Outcome nowhere =
-      call("peer", {connection}, {PassedObject::make(std::make_shared<Watcher>(notes))}).at(0);
-  EXPECT_TRUE(isTransportError(*nowhere.error, TransportErrorCode::notSendable));
+  const auto refused = std::make_shared<Watcher>(notes);
+  for (const char* method : {"peer", "watch"}) {
+    const Value large = Data::copy(std::string(method[0] == 'w' ? limits::kMaximumFrame : 0, 'x'));
+    const Outcome outcome = call(method, {connection}, {PassedObject::make(refused), large}).at(0);
+    EXPECT_TRUE(isTransportError(*outcome.error, TransportErrorCode::notSendable));
+  }
+  const Outcome within = call("watch", {connection}, {Array{Value(PassedObject::make(refused))}}).at(0);
+  EXPECT_TRUE(isTransportError(*within.error, TransportErrorCode::notSendable));
+  EXPECT_EQ(refused.use_count(), 1);
 
   const auto [third, same] = watch();
   call("die", connection);
@@ -205,21 +229,12 @@ TEST_F(Services, ListenUnderANameOnceAndLetNoMoreInThanTheyCanServe) {
   const auto ignore = [](const auto&, const auto&) { return nullptr; };
   auto listener = std::get<0>(Listener::make(name, ignore));
   EXPECT_EQ(std::get<Error>(Listener::make(name, ignore)).code(), EADDRINUSE);
-  const auto raw = [&](auto connectOrBind) {
-    Descriptor peer(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const Descriptor folder(open((runtime + "/larkspan").c_str(), O_PATH | O_CLOEXEC));
-    sockaddr_un address{AF_UNIX, {}};
-    ("/proc/self/fd/" + std::to_string(folder.get()) + '/' + name)
-        .copy(address.sun_path, sizeof address.sun_path);
-    EXPECT_EQ(connectOrBind(peer.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    return peer;
-  };
   const auto isGreeted = [](const Descriptor& peer, int flags) {
     char byte;
     return recv(peer.get(), &byte, 1, flags) == 1;
   };
   std::vector<Descriptor> peers;
-  for (int i = 0; i < Listener::kMaximumClients; ++i) peers.push_back(raw(connect));
+  for (int i = 0; i < limits::kMaximumClients; ++i) peers.push_back(raw(connect));
   for (const Descriptor& peer : peers) EXPECT_TRUE(isGreeted(peer, 0));
   const Descriptor late = raw(connect);
   EXPECT_FALSE(isGreeted(late, MSG_DONTWAIT));
@@ -240,6 +255,70 @@ TEST_F(Services, ListenUnderANameOnceAndLetNoMoreInThanTheyCanServe) {
   EXPECT_EQ(failure(), "");
   EXPECT_EQ(started().size(), 1u);
   end.join();
+}
+
+TEST_F(Services, GiveUpWhoBreaksTheProtocolAndKeepNothingOfHim) {
+  Collector<std::weak_ptr<void>> kept;
+  const auto listener = Listener::make(name, [&](const auto& connection, const auto&) {
+    struct Deaf : ExportedObject {
+      void receive(std::string_view, const std::vector<Value>&, Reply) override {}
+    };
+    const auto object = std::make_shared<Deaf>();
+    connection->setExported(serviceInterface(), object);
+    // A handler of its own is none of the listener's business.
+    connection->setInvalidationHandler([] {});
+    kept.push(object);
+    return object;
+  });
+  const std::string hello(encodeHello().view()), open(encodeChannelFrame(FrameType::open, 1).view());
+  const std::string pass(
+      "\x00\x00\x00\x1e\x85\x03\x01\x01\x65watch\x81\xd8\x1b\x82\x65Proxy\xa1\x67"
+      "channel",
+      33);
+  std::string flood;
+  for (uint32_t i = 1; i <= limits::kMaximumChannels + 1; ++i)
+    flood += encodeChannelFrame(FrameType::open, i).view();
+  const std::pair<std::string, const char*> cases[] = {
+      {open + pass + '\x01', "An object on a channel that cannot be opened"},
+      {open + pass + '\x00', "An object that cannot be made"},
+      {flood, "Too many channels"}};
+  for (const auto& [sent, fault] : cases) {
+    const Descriptor peer = raw(connect);
+    const std::string all = hello + sent;
+    EXPECT_EQ(send(peer.get(), all.data(), all.size(), MSG_NOSIGNAL), static_cast<ssize_t>(all.size()));
+    std::string answer(1000, '\0');
+    while (recv(peer.get(), answer.data(), answer.size(), 0) > 0) {
+    }
+    EXPECT_TRUE(isLogged(fault)) << log.system().back();
+  }
+  const auto objects = kept.waitFor(2 + limits::kMaximumChannels);
+  EXPECT_EQ(objects.size(), 2 + limits::kMaximumChannels);
+  const auto isHeld = [](const auto& object) { return !object.expired(); };
+  for (int i = 0; i < 1000 && std::ranges::any_of(objects, isHeld); ++i) usleep(10'000);
+  EXPECT_TRUE(std::ranges::none_of(objects, isHeld));
+}
+
+TEST_F(Services, AreGivenUpWhileTheyHangAndStartNoMoreThanFiveTimesAtOnce) {
+  std::get<0>(Listener::make(name, nullptr)).reset();
+  unlink(socketPath.c_str());
+  Descriptor hung = raw(bind);
+  listen(hung.get(), 20);
+  std::vector<std::shared_ptr<Connection>> connections(10);
+  Collector<bool> ends;
+  for (auto& connection : connections) {
+    connection = Connection::make(serviceConnector(name));
+    connection->connect([&](const auto& error) { ends.push(error.has_value()); });
+    // It is on its way, or waits to be greeted.
+    EXPECT_TRUE(Descriptor(accept(hung.get(), nullptr, nullptr)));
+  }
+  for (const auto& connection : connections) connection->invalidate();
+  EXPECT_EQ(ends.now(), std::vector<bool>(10, true)) << "and no thread or descriptor is left";
+  hung.reset();
+  connections.resize(50);
+  for (auto& connection : connections) connection = Connection::make(serviceConnector(name));
+  serviceFile(" exit");
+  call("pid", connections);
+  EXPECT_EQ(started().size(), 5u);
 }
 
 TEST_F(Services, OfAnotherUserAreReachedByRootAndNeverStarted) {
@@ -282,7 +361,7 @@ TEST_F(Services, OfAnotherUserAreReachedByRootAndNeverStarted) {
   options.arguments = {kProgram, found, std::to_string(kOther)};
   const auto knocking = Child::start(options, [&](ExitStatus how) { ends.push(how); });
   EXPECT_EQ(ends.waitFor(2).at(1).description(), "exit code 0");
-  EXPECT_FALSE(log.systemOnceItHas(" of user 4321").empty());
+  EXPECT_TRUE(isLogged(" of user 4321"));
 }
 
 }  // namespace
