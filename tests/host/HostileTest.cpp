@@ -356,6 +356,8 @@ TEST_F(Hostile, ThoseThatHangOrFloodHoldNobodyUpAndTakeNoMemory) {
 
 TEST_F(Hostile, OneThatDoesNotReadIsEndedOnceTooMuchWaitsForIt) {
   add("deaf", "hello call " + kAnswer + " hang");
+  // Each of its calls has to be refused.
+  add("asking", kIsSanitized ? "hang" : "hello call " + kAnswer + " ^8503!01" + text("x") + "80");
   discover();
   EXPECT_FALSE(ask("deaf"));
   auto item = *LKSCommand::initLKSCommandItem(kCmdTips);
@@ -364,6 +366,11 @@ TEST_F(Hostile, OneThatDoesNotReadIsEndedOnceTooMuchWaitsForIt) {
   for (int i = 0; i < 9; ++i) send("deaf", {item});
   EXPECT_TRUE(becomes([&] { return outcomes.now().size() == sent; }));
   EXPECT_EQ(countOf("Connection to deaf ended: deaf does not read what is sent to it"), 1);
+  if (kIsSanitized) return;
+  const long memory = peakMemory();
+  EXPECT_FALSE(ask("asking"));
+  EXPECT_TRUE(becomes([&] { return countOf("Connection to asking ended: asking does not read") == 1; }));
+  EXPECT_LT(peakMemory() - memory, 64 * 1024);
 }
 
 TEST_F(Hostile, WithoutDescriptorsTheErrorsSaySoAndNothingIsForgotten) {

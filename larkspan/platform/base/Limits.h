@@ -23,6 +23,8 @@ inline constexpr std::size_t kMaximumKeyLists = 4096;
 /// Bytes that wait to be sent to one peer: stops a peer that does not read from making us keep everything.
 /// Room for two of the largest frames.
 inline constexpr std::size_t kMaximumOutbound = 2 * kMaximumFrame + 1024;
+/// What a frame that waits counts for at least: the memory around the smallest.
+inline constexpr std::size_t kLeastOutbound = 512;
 
 /// Channels that are open at a time on one connection: stops a peer that opens them without end from making us keep an
 /// object for each.

@@ -3,6 +3,7 @@
 #include "larkspan/platform/base/Limits.h"
 #include "larkspan/platform/ipc/TransportError.h"
 
+#include <algorithm>
 #include <utility>
 
 #include <errno.h>
@@ -11,16 +12,23 @@
 
 namespace larkspan::platform {
 
+namespace {
+
+/// What a frame counts for that waits.
+std::size_t costOf(const ByteBuffer& frame) { return std::max(frame.size(), limits::kLeastOutbound); }
+
+}  // namespace
+
 FrameWriter::FrameWriter(std::shared_ptr<const Descriptor> socket, std::string name)
     : socket_(std::move(socket)), name_(std::move(name)) {}
 
 std::optional<Error> FrameWriter::write(ByteBuffer frame) {
   const std::lock_guard lock(mutex_);
   if (closed_) return std::nullopt;
-  bytes_ += frame.size();
+  cost_ += costOf(frame);
   waiting_.push_back(std::move(frame));
   if (waiting_.size() == 1) flush();
-  if (bytes_ > limits::kMaximumOutbound)
+  if (cost_ > limits::kMaximumOutbound)
     return transportError(TransportErrorCode::notReading, name_ + " does not read what is sent to it");
   if (waiting_.empty()) return std::nullopt;
   if (room_) {
@@ -58,7 +66,7 @@ void FrameWriter::flush() {
     }
     written_ += static_cast<std::size_t>(count);
     if (written_ == first.size()) {
-      bytes_ -= first.size();
+      cost_ -= costOf(first);
       written_ = 0;
       waiting_.pop_front();
     }
@@ -69,7 +77,7 @@ void FrameWriter::flush() {
 void FrameWriter::drop() {
   closed_ = true;
   waiting_.clear();
-  bytes_ = 0;
+  cost_ = 0;
 }
 
 void FrameWriter::close() {

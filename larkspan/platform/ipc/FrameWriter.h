@@ -18,7 +18,7 @@ namespace larkspan::platform {
 /// thread.
 /// Owner:  std::shared_ptr.
 /// Thread: any. It has a lock of its own, since the peer may have answered before the writing returns.
-/// Limits: `limits::kMaximumOutbound` bytes wait.
+/// Limits: `limits::kMaximumOutbound` bytes wait, of which a frame takes at least `limits::kLeastOutbound`.
 class FrameWriter : public std::enable_shared_from_this<FrameWriter> {
  public:
   /// `name` says in errors who the peer is.
@@ -41,7 +41,7 @@ class FrameWriter : public std::enable_shared_from_this<FrameWriter> {
   std::shared_ptr<IoSource> room_;  // Made when something has to wait for the first time.
   std::deque<ByteBuffer> waiting_;
   std::size_t written_ = 0;  // Of the first.
-  std::size_t bytes_ = 0;
+  std::size_t cost_ = 0;     // Of all.
   bool closed_ = false;
 };
 
