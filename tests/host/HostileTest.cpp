@@ -280,6 +280,35 @@ TEST_F(Hostile, AThousandKillsAtAnyMomentEndEachExchangeOnceAndLeaveNothing) {
   }
 }
 
+TEST_F(Hostile, KillsDuringTheStartEndEachExchangeOnce) {
+  ManualClock clock;
+  add("victim", "hello call pid again");
+  discover();
+  for (int i = 0; i < (kIsSanitized ? 40 : 200); ++i) {
+    send("victim");
+    send("victim");
+    // From before it runs its program until it has answered.
+    const auto start = steady_clock::now();
+    std::vector<pid_t> running;
+    while (steady_clock::now() < start + i % 50 * 100us ||
+           (running.empty() && outcomes.now().size() < sent)) {
+      for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream children(task.path() / "children");
+        for (pid_t one; children >> one;) running.push_back(one);
+      }
+    }
+    for (const pid_t process : running) kill(process, SIGKILL);
+    const auto all = outcomes.waitFor(sent);
+    ASSERT_EQ(all.size(), sent);
+    for (const auto& [number, error] : {all[sent - 2], all[sent - 1]}) {
+      ASSERT_TRUE(error &&
+                  (error->domain() == "pid" || error->code() == code(TransportErrorCode::interrupted)))
+          << (error ? error->localizedDescription() : "no failure");
+    }
+    clock.advance(limits::kStartWindow);
+  }
+}
+
 TEST_F(Hostile, StartsThatEndWithoutAnAnswerAreFewUntilADelayHasPassed) {
   ManualClock clock;
   const std::string file = tree.path("exists"), unless = " if " + file + ' ';
