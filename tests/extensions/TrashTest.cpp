@@ -93,8 +93,8 @@ TEST_F(Trash, DeletesWhatWasListedAndKeepsTheInfoOfWhatCouldNotGo) {
 TEST_F(Trash, EmptiesWhatTheSummarySpokeOfAndTipsOnWhatIsOld) {
   shell(
       "cd data/Trash; touch files/old files/new files/orphan; now=$(date +%Y-%m-%dT%H:%M:%S);"
-      "put . old /home/me/ancient $(date -d '31 days ago' +%Y-%m-%dT%H:%M:%S) '31 days ago';"
-      "put . new /home/me/new $(date -d '29 days ago' +%Y-%m-%dT%H:%M:%S) '29 days ago'; put . stray /x $now "
+      "put . old /home/me/ancient $(date -d '31 days ago' +%Y-%m-%dT%H:%M:%S);"
+      "put . new /home/me/new $(date -d '29 days ago' +%Y-%m-%dT%H:%M:%S) '31 days ago'; put . stray /x $now "
       "'2 hours ago'; put . justnow /x");
   auto found = resources();
   EXPECT_EQ("old", found.at("data/Trash/files/old").lks_category());
