@@ -154,13 +154,15 @@ TEST_F(Trash, TellsTheHostWhatOthersDoAndKnowsTheTrashOfVolumes) {
   }
   EXPECT_EQ(mount + "/docs/b", found.at(own + "/files/b").userInfo().get(kSecondaryTitleKey).string());
   EXPECT_EQ(1u, found.count(shared + "/files/c"));
-  const LKSResource b = found.at(own + "/files/b");
-  // Not sticky; a link; another's.
-  for (const char* change : {"chmod -t mount/.Trash; mv $own mount/aside; ln -s aside $own",
-                             "rm $own; mv mount/aside $own; chown 12345 $own"}) {
+  const LKSResource b = found.at(own + "/files/b"), c = found.at(shared + "/files/c");
+  // A link and not sticky; another's; another's and beneath a link.
+  for (const char* change :
+       {"mv $own mount/aside; ln -s aside $own; chmod -t mount/.Trash",
+        "rm $own; mv mount/aside $own; chmod +t mount/.Trash; chown 12345 $own $shared",
+        "chown $(id -u) $shared; mv mount/.Trash mount/sticky; ln -s sticky mount/.Trash"}) {
     shell(change);
-    ask<LKSDeleteResourcesOperation>({b});
-    EXPECT_TRUE(error.ends_with("/files/b is not in the trash")) << error;
+    ask<LKSDeleteResourcesOperation>({b, c});
+    EXPECT_TRUE(error.starts_with("2 of 2 items could not be deleted: /")) << change << " " << error;
   }
   EXPECT_TRUE(resources().empty());
   shell("chown $(id -u) $own");
