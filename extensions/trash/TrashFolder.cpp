@@ -127,9 +127,12 @@ std::optional<TrashEntry> TrashFolder::look(const std::string& name) const {
   if (const auto info = readTrashInfo(info_.get(), name)) {
     entry.came = info->written;
     entry.deleted = info->deleted.value_or(info->written);
-    entry.originalPath = info->path.starts_with('/') || info->path.empty()
-                             ? info->path
-                             : (place_.volume == "/" ? "" : place_.volume) + "/" + info->path;
+    entry.originalPath = info->path;
+    if (!info->path.empty() && !info->path.starts_with('/')) {
+      const std::string top =
+          place_.volume.empty() ? place_.path.substr(0, place_.path.rfind('/')) : place_.volume;
+      entry.originalPath = (top == "/" ? "" : top) + "/" + info->path;
+    }
     const std::string last = entry.originalPath.substr(entry.originalPath.rfind('/') + 1);
     if (!last.empty()) entry.originalName = last;
   }

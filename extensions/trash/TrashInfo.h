@@ -10,8 +10,8 @@ namespace larkspan::trash {
 
 /// What an info file says about the entry of the same name (freedesktop.org's trash-spec, version 1.0).
 struct TrashInfo {
-  /// Where the entry was, any bytes: absolute, or from the top folder of its volume on. Empty when there is
-  /// none that makes sense.
+  /// Where the entry was, any bytes: absolute, or from the top folder of its volume on, in the user's own
+  /// trash from $XDG_DATA_HOME on. Empty when there is none that makes sense.
   std::string path;
   /// When it was deleted; the file has it in local time.
   std::optional<platform::Date> deleted;

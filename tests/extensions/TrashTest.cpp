@@ -39,7 +39,7 @@ TEST_F(Trash, ListsWhatWasDeletedAsItWas) {
       "cd data/Trash; mkdir -p files/folder.2/deep; head -c 70000 /dev/zero >files/folder.2/deep/x;"
       "head -c 5000 /dev/zero >files/a%; ln -s ../../../outside files/link; touch files/orphan;"
       "put . folder.2 /home/me/My%20%2541%FFfolder 2026-11-20T12:30:00;"
-      "put . a% relative/../../climbs nonsense; put . link /home/me/link; put . gone /home/me/gone;"
+      "put . a% relative/../../climbs nonsense; put . link docs/link; put . gone /home/me/gone;"
       "mkdir info/dir.trashinfo; touch files/dir; mkfifo info/pipe.trashinfo; touch files/pipe");
   auto found = resources();
   const auto& folder = found.at("data/Trash/files/folder.2");
@@ -51,6 +51,8 @@ TEST_F(Trash, ListsWhatWasDeletedAsItWas) {
   EXPECT_EQ("a%", found.at("data/Trash/files/a%").lks_name());
   EXPECT_EQ(platform::Value(), found.at("data/Trash/files/a%").userInfo().get(kSecondaryTitleKey));
   EXPECT_EQ(0, found.at("data/Trash/files/link").lks_size()) << "a link is not followed";
+  EXPECT_EQ(data + "/docs/link",
+            found.at("data/Trash/files/link").userInfo().get(kSecondaryTitleKey).string());
   EXPECT_EQ("orphan", found.at("data/Trash/files/orphan").lks_name());
   EXPECT_TRUE(found.contains("data/Trash/files/dir") && found.contains("data/Trash/files/pipe"));
   EXPECT_EQ(7u, found.size()) << "six entries and the summary";
