@@ -32,11 +32,12 @@ int64_t bytesOf(const std::vector<TrashEntry>& entries) {
   return total;
 }
 
-/// The time of the latest of them.
-std::string referenceTo(const std::vector<TrashEntry>& entries) {
-  Date latest{};
-  for (const TrashEntry& entry : entries) latest = std::max(latest, entry.came);
-  return latest.description();
+/// What tells them from all that comes later. No time would: an info file's may lie ahead of the clock, or
+/// long before its entry came.
+platform::Value referenceTo(const std::vector<TrashEntry>& entries) {
+  std::vector<platform::Value> identities;
+  for (const TrashEntry& entry : entries) identities.emplace_back(entry.identity);
+  return platform::Array(std::move(identities));
 }
 
 LKSResource resourceFor(const TrashEntry& entry) {
@@ -146,14 +147,12 @@ TrashExtension::Entries TrashExtension::entries() {
   return entries_;
 }
 
-std::optional<TrashExtension::Entries> TrashExtension::promised(const platform::Value& reference,
-                                                                bool onlyOld) {
-  const auto latest = Date::parse(reference.text());
-  if (!latest) return std::nullopt;
-  Entries result;
-  for (TrashEntry& entry : entries()) {
-    if (entry.came <= *latest && (!onlyOld || isOld(entry))) result.push_back(std::move(entry));
-  }
+std::optional<TrashExtension::Entries> TrashExtension::promised(const platform::Value& reference) {
+  if (reference.kind() != platform::Value::Kind::array) return std::nullopt;
+  const platform::Array identities = reference.array();
+  const platform::Set listed({identities.begin(), identities.end()});
+  Entries result = entries();
+  std::erase_if(result, [&](const TrashEntry& entry) { return !listed.contains(entry.identity); });
   return result;
 }
 
@@ -226,7 +225,7 @@ std::optional<Error> TrashExtension::remove(const Entries& entries) {
 std::optional<LKSConfirmPanel> TrashExtension::confirmationTextForSummaryAction(
     const std::optional<LKSSummaryResource>& summary) {
   if (!summary) return std::nullopt;
-  const auto all = promised(summary->lks_reference(), false);
+  const auto all = promised(summary->lks_reference());
   if (!all || all->empty()) return std::nullopt;
   const std::string size = localizedFileSize(bytesOf(*all));
   return panelWith(text("EMPTY_TITLE"),
@@ -236,7 +235,7 @@ std::optional<LKSConfirmPanel> TrashExtension::confirmationTextForSummaryAction(
 }
 
 std::optional<Error> TrashExtension::performSummaryAction(const std::optional<LKSSummaryResource>& summary) {
-  const auto all = promised(summary ? summary->lks_reference() : platform::Value(), false);
+  const auto all = promised(summary ? summary->lks_reference() : platform::Value());
   return all ? remove(*all) : failure(text("NO_REFERENCE"));
 }
 
@@ -258,13 +257,13 @@ std::vector<LKSTipMessage> TrashExtension::tipItems() {
 std::optional<LKSConfirmPanel> TrashExtension::confirmationTextForTipAction(
     const std::optional<LKSTipMessage>& tip) {
   if (!tip) return std::nullopt;
-  const auto old = promised(tip->lks_reference(), true);
+  const auto old = promised(tip->lks_reference());
   if (!old || old->empty()) return std::nullopt;
   return deletePanel(old->front().originalName, old->size(), bytesOf(*old));
 }
 
 std::optional<Error> TrashExtension::performTipAction(const LKSTipMessage& tip) {
-  const auto old = promised(tip.lks_reference(), true);
+  const auto old = promised(tip.lks_reference());
   return old ? remove(*old) : failure(text("NO_REFERENCE"));
 }
 

@@ -11,9 +11,9 @@ namespace larkspan::trash {
 /// Shows what lies in the user's trash folders, on all local volumes, and deletes it for good.
 ///
 /// What is listed says what it was when it was listed: an entry carries its identity as its reference, the
-/// summary and the tip the time of the latest entry that they speak of. So nothing goes that was trashed
-/// after somebody was asked. Hosts hear when something is trashed or restored, and when a volume comes or
-/// goes. A walk serves all questions of the next ten seconds, unless something happens meanwhile.
+/// summary and the tip those of all that they speak of. So nothing goes that was trashed after somebody was
+/// asked. Hosts hear when something is trashed or restored, and when a volume comes or goes. A walk serves all
+/// questions of the next ten seconds, unless something happens meanwhile.
 class TrashExtension final : public LKSExtension {
  public:
   std::vector<std::string> categories() override;
@@ -42,8 +42,8 @@ class TrashExtension final : public LKSExtension {
   using Entries = std::vector<TrashEntry>;
   /// Of all folders, the latest first.
   Entries entries();
-  /// Those that a reference speaks of; with `onlyOld`, those of them that are old. Nothing if it is none.
-  std::optional<Entries> promised(const platform::Value& reference, bool onlyOld);
+  /// Those that the reference of a summary or a tip speaks of. Nothing if it is none.
+  std::optional<Entries> promised(const platform::Value& reference);
   std::optional<platform::Error> remove(const Entries& entries);
   void beginObserving();
   void observe();

@@ -121,11 +121,11 @@ std::optional<TrashEntry> TrashFolder::look(const std::string& name) const {
   if (platform::factsAt(files_.get(), "", own) || platform::factsAt(files_.get(), name.c_str(), facts) ||
       platform::mountOf(own) != platform::mountOf(facts))
     return std::nullopt;
-  TrashEntry entry{URL::file(place_.path + "/files/" + name), name, {}, {}, {}, {}};
+  TrashEntry entry{URL::file(place_.path + "/files/" + name), name, {}, {}, {}};
   // A rename, which is how things come here, sets the change time.
-  entry.came = entry.deleted = platform::dateOf(facts.stx_ctime);
+  Date came = entry.deleted = platform::dateOf(facts.stx_ctime);
   if (const auto info = readTrashInfo(info_.get(), name)) {
-    entry.came = info->written;
+    came = info->written;
     entry.deleted = info->deleted.value_or(info->written);
     entry.originalPath = info->path;
     if (!info->path.empty() && !info->path.starts_with('/')) {
@@ -137,8 +137,7 @@ std::optional<TrashEntry> TrashFolder::look(const std::string& name) const {
     if (!last.empty()) entry.originalName = last;
   }
   // The number of an inode is soon used again, the time of its birth is not, where there is one.
-  entry.identity =
-      platform::format("%llu %@ %@", facts.stx_ino, platform::dateOf(facts.stx_btime), entry.came);
+  entry.identity = platform::format("%llu %@ %@", facts.stx_ino, platform::dateOf(facts.stx_btime), came);
   entry.isFolder = S_ISDIR(facts.stx_mode);
   if (!entry.isFolder) entry.bytes = static_cast<int64_t>(facts.stx_blocks) * 512;
   return entry;

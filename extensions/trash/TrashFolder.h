@@ -25,7 +25,6 @@ struct TrashEntry {
   platform::Date deleted;
   /// Tells it from another thing that lies there later: an inode, its birth and the time when it came.
   std::string identity;
-  platform::Date came;
   bool isFolder = false;
   /// Allocated bytes, for a folder those of everything in it.
   int64_t bytes = 0;

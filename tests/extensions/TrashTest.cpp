@@ -97,25 +97,26 @@ TEST_F(Trash, EmptiesWhatTheSummarySpokeOfAndTipsOnWhatIsOld) {
       "cd data/Trash; touch files/old files/new files/orphan; now=$(date +%Y-%m-%dT%H:%M:%S);"
       "put . old /home/me/ancient $(date -d '31 days ago' +%Y-%m-%dT%H:%M:%S);"
       "put . new /home/me/new $(date -d '29 days ago' +%Y-%m-%dT%H:%M:%S) '31 days ago'; put . stray /x $now "
-      "'2 hours ago'; put . justnow /x");
+      "'2 hours ago'; put . justnow /x; touch files/ahead; put . ahead /home/me/ahead '' tomorrow");
   auto found = resources();
   EXPECT_EQ("old", found.at("data/Trash/files/old").lks_category());
   EXPECT_EQ("recent", found.at("data/Trash/files/new").lks_category());
   Items tips = ask<LKSFetchRecommendationsOperation>();
   ASSERT_EQ(1u, tips.size());
   EXPECT_EQ("One item, 0 bytes", LKSTipMessage(tips[0]).lks_secondaryTitle());
-  LKSTipMessage(tips[0]).setLks_reference("9000-01-01T00:00:00Z");  // Reaches no further than what is old.
   EXPECT_EQ("Delete “ancient” for good?",
             LKSConfirmPanel(ask<LKSFetchPerformRecommendationConfirmationOperation>(tips).at(0))
                 .lks_confirmTitle());
   ask<LKSPerformRecommendationOperation>(tips);
-  EXPECT_EQ("./files ./files/new ./files/orphan ./info ./info/justnow.trashinfo ./info/new.trashinfo ",
-            tree.list("data/Trash"));
+  EXPECT_EQ("./ahead ./new ./orphan ", tree.list("data/Trash/files"));
+  EXPECT_EQ("./ahead.trashinfo ./justnow.trashinfo ./new.trashinfo ", tree.list("data/Trash/info"));
   EXPECT_EQ(0u, ask<LKSFetchRecommendationsOperation>().size());
 
   const MessageItem summary = resources().at("");
-  shell("cd data/Trash; touch files/later; put . later /home/me/later '' 'next minute'");
-  EXPECT_EQ("The 2 items in it are deleted for good. This frees 0 bytes and cannot be undone.",
+  shell("cd data/Trash; touch files/later; put . later /home/me/later '' yesterday");
+  for (heard.clear(); !resources().contains("data/Trash/files/later") && !HasFailure(); heard.clear())
+    expectNotice(LKSOpaqueExtensionResourcesDidChangeNotification);
+  EXPECT_EQ("The 3 items in it are deleted for good. This frees 0 bytes and cannot be undone.",
             LKSConfirmPanel(ask<LKSFetchPerformSummaryActionConfirmationOperation>({summary}).at(0))
                 .lks_confirmMessage());
   ask<LKSPerformSummaryActionOperation>({summary});
