@@ -237,7 +237,10 @@ std::optional<Error> Connection::post(std::string_view method, const std::vector
 /// Sends the frame now or once there is a transport; an empty frame only sees to the transport. Releases the
 /// lock.
 std::optional<Error> Connection::submit(ByteBuffer frame, std::unique_lock<std::mutex>& lock) {
-  if (invalid_) return transportError(TransportErrorCode::invalidated, "The connection has ended");
+  if (invalid_) {
+    lock.unlock();
+    return transportError(TransportErrorCode::invalidated, "The connection has ended");
+  }
   if (const auto transport = transport_) {
     attachPassed();
     lock.unlock();

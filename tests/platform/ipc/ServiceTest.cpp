@@ -192,6 +192,7 @@ TEST_F(Services, CallObjectsThatWerePassedUntilTheyDropThemOrEnd) {
   EXPECT_EQ(notes.waitFor(4).at(3), other.value);
   connection->invalidate();
   EXPECT_TRUE(isGone(fourth));
+  EXPECT_TRUE(connection->post("watch", {PassedObject::make(refused)}));
 }
 
 TEST_F(Services, SayWhyTheyCannotBeStarted) {
