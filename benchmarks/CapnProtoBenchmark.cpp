@@ -14,6 +14,11 @@ namespace larkspan::benchmarks {
 
 namespace {
 
+void write(Date::Builder to, const platform::Date& date) {
+  to.setSeconds(date.seconds);
+  to.setNanoseconds(date.nanoseconds);
+}
+
 class Provider final : public Storage::Server {
  public:
   explicit Provider(int count) : items_(samples(count)) {}
@@ -29,13 +34,11 @@ class Provider final : public Storage::Server {
       item.setUrl(from.url);
       item.setCategory(from.category);
       item.setSize(from.size);
-      uint32_t nanoseconds = 5;
-      for (auto date : {item.initCreated(), item.initModified(), item.initOpened()}) {
-        date.setSeconds(from.seconds);
-        date.setNanoseconds(nanoseconds++);
-      }
-      item.setDeletable(true);
-      item.setRevealable(true);
+      write(item.initCreated(), from.created);
+      write(item.initModified(), from.modified);
+      write(item.initOpened(), from.opened);
+      item.setDeletable(from.deletable);
+      item.setRevealable(from.revealable);
     }
     return kj::READY_NOW;
   }
@@ -78,11 +81,18 @@ void capnProto(benchmark::State& state) {
   auto vat = message.initRoot<capnp::rpc::twoparty::VatId>();
   vat.setSide(capnp::rpc::twoparty::Side::SERVER);
   Storage::Client storage = client.bootstrap(vat).castAs<Storage>();
-  const int64_t expected = expectedSum(count);
+  const Sum expected = expectedSum(count);
   for (auto _ : state) {
     auto answer = storage.resourcesRequest().send().wait(parties.io.waitScope);
-    int64_t sum = 0;
-    for (auto item : answer.getItems()) sum += item.getSize();
+    Sum sum;
+    for (auto item : answer.getItems()) {
+      for (auto text : {item.getKind(), item.getName(), item.getUrl(), item.getCategory()})
+        sum.text(text.size());
+      sum.size(item.getSize());
+      for (auto date : {item.getCreated(), item.getModified(), item.getOpened()})
+        sum.date(date.getSeconds(), date.getNanoseconds());
+      sum.flags(item.getDeletable(), item.getRevealable());
+    }
     if (sum != expected) return state.SkipWithError("a wrong answer");
   }
 }

@@ -10,6 +10,11 @@
 namespace larkspan::benchmarks {
 namespace {
 
+void write(peers::Date& to, const platform::Date& date) {
+  to.set_seconds(date.seconds);
+  to.set_nanoseconds(date.nanoseconds);
+}
+
 void protobuf(benchmark::State& state) {
   google::protobuf::Arena own;
   auto* const items = google::protobuf::Arena::CreateMessage<peers::Items>(&own);
@@ -20,22 +25,27 @@ void protobuf(benchmark::State& state) {
     item.set_url(from.url);
     item.set_category(from.category);
     item.set_size(from.size);
-    uint32_t nanoseconds = 5;
-    for (peers::Date* date : {item.mutable_created(), item.mutable_modified(), item.mutable_opened()}) {
-      date->set_seconds(from.seconds);
-      date->set_nanoseconds(nanoseconds++);
-    }
-    item.set_deletable(true);
-    item.set_revealable(true);
+    write(*item.mutable_created(), from.created);
+    write(*item.mutable_modified(), from.modified);
+    write(*item.mutable_opened(), from.opened);
+    item.set_deletable(from.deletable);
+    item.set_revealable(from.revealable);
   }
-  const int64_t expected = expectedSum(kItems);
+  const Sum expected = expectedSum(kItems);
   for (auto _ : state) {
     const std::string bytes = items->SerializeAsString();
     google::protobuf::Arena arena;
     auto* const read = google::protobuf::Arena::CreateMessage<peers::Items>(&arena);
-    int64_t sum = 0;
-    if (read->ParseFromString(bytes))
-      for (const peers::Item& item : read->items()) sum += item.size();
+    if (!read->ParseFromString(bytes)) return state.SkipWithError("not parsed");
+    Sum sum;
+    for (const peers::Item& item : read->items()) {
+      for (const std::string* text : {&item.kind(), &item.name(), &item.url(), &item.category()})
+        sum.text(text->size());
+      sum.size(item.size());
+      for (const peers::Date* date : {&item.created(), &item.modified(), &item.opened()})
+        sum.date(date->seconds(), date->nanoseconds());
+      sum.flags(item.deletable(), item.revealable());
+    }
     if (sum != expected) return state.SkipWithError("not read back");
   }
 }

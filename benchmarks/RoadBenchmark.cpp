@@ -32,11 +32,11 @@ LKSResource resource(const Sample& from) {
   item.setLks_URL(*platform::URL::parse(from.url));
   item.setLks_category(from.category);
   item.setLks_size(from.size);
-  item.setLks_dateCreated(platform::Date{from.seconds, 5});
-  item.setLks_dateModified(platform::Date{from.seconds, 6});
-  item.setLks_dateLastOpened(platform::Date{from.seconds, 7});
-  item.setLks_deletable(true);
-  item.setLks_revealable(true);
+  item.setLks_dateCreated(from.created);
+  item.setLks_dateModified(from.modified);
+  item.setLks_dateLastOpened(from.opened);
+  item.setLks_deletable(from.deletable);
+  item.setLks_revealable(from.revealable);
   return item;
 }
 
@@ -48,12 +48,27 @@ struct Resources : LKSExtension {
   std::vector<LKSResource> items;
 };
 
-/// What a host that adds up sizes asks of each; the command item, which an answer begins with, has none.
-template <typename SomeItems>
-int64_t sumOf(const SomeItems& items) {
-  int64_t sum = 0;
-  for (const MessageItem& item : items) {
-    if (const int64_t size = item.lks_size(); size != LKSExtensionTotalSpaceUsedUnknown) sum += size;
+/// A host's own view, which shows the kind too.
+struct HostView : LKSResource {
+  using LKSResource::LKSResource;
+  platform::Value kind() const { return valueFor(kItemKindKey); }
+};
+
+/// Of the resources; an answer begins with the command item.
+Sum sumOf(const Items& items) {
+  Sum sum;
+  for (const MessageItem& each : items) {
+    const HostView item(each);
+    const platform::Value kind = item.kind();
+    if (kind.text() != kResourceKind) continue;
+    sum.text(kind.text().size());
+    sum.text(item.lks_name().value_or("").size());
+    if (const auto url = item.lks_URL()) sum.text(url->absoluteString().size());
+    sum.text(item.lks_category().value_or("").size());
+    sum.size(item.lks_size());
+    for (const auto& date : {item.lks_dateCreated(), item.lks_dateModified(), item.lks_dateLastOpened()})
+      if (date) sum.date(date->seconds, date->nanoseconds);
+    sum.flags(item.isDeletable(), item.isRevealable());
   }
   return sum;
 }
@@ -92,7 +107,7 @@ class Chain {
 
   const Items request_{*LKSCommand::initLKSCommandItem(kCmdResources)};
   const std::shared_ptr<LKSOpaqueExtension> handle_;
-  const int64_t expected_;
+  const Sum expected_;
   int64_t left_ = 0;
   std::promise<bool> done_;
 };
@@ -115,7 +130,7 @@ platform::Array archivedItems() {
 
 void archive(benchmark::State& state) {
   const platform::Array items = archivedItems();
-  const int64_t expected = expectedSum(kItems);
+  const Sum expected = expectedSum(kItems);
   for (auto _ : state) {
     const auto written = platform::KeyedArchiver::archivedData(items);
     const auto read = platform::KeyedUnarchiver::unarchivedValue(

@@ -17,9 +17,9 @@ namespace {
 
 constexpr const char* kSubjects =
     "exchange      a question of one process and the answer of another, without items\n"
-    "items         the same with 10,000 items in the answer, whose sizes are added up; both begin in the "
-    "completion of the one before\n"
-    "archive       writing and reading 10,000 items, of which the sizes are asked for\n"
+    "items         the same with 10,000 items in the answer, all ten fields of which are read; both begin in "
+    "the completion of the one before\n"
+    "archive       writing 10,000 items and reading all ten fields of each\n"
     "serial, pool  a million tasks through a queue that runs one at a time, and through one that uses all "
     "processors\n"
     "discovery     finding 1,000 extensions\n"
