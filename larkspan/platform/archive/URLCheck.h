@@ -3,13 +3,15 @@
 #include "larkspan/platform/archive/CommonPrefix.h"
 #include "larkspan/platform/base/URL.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <string>
 #include <string_view>
 
 namespace larkspan::platform {
 
 /// Judges URLs that come one after the other. A list of files mostly has them in one folder: what a URL shares with the
-/// one before is not looked at again, as long as both are of the form that is judged by its single characters.
+/// one before is not looked at again, as long as both are of the form that is judged piece by piece.
 /// Owner:  the prefix, and the text of the last URL, must live as long as another one comes.
 class URLCheck {
  public:
@@ -23,7 +25,11 @@ class URLCheck {
   /// Answers as `URL::isWellFormed` of the prefix and the text.
   bool isWellFormed(std::string_view text) {
     if (!prefix_.empty()) return isWellFormedRest(text);
-    const std::size_t shared = commonPrefix(text, last_);
+    std::size_t shared = commonPrefix(text, last_);
+    // A triplet may begin in what both share and end in different ways.
+    if (const std::size_t begun = text.substr(0, shared).find('%', std::max<std::size_t>(shared, 2) - 2);
+        begun < shared)
+      shared = begun;
     const bool isPlainFile = shared >= URL::kFilePrefix.size() && text.size() <= URL::kMaximumLength &&
                              URL::isPlainPath(text.substr(shared));
     if (!isPlainFile && !URL::isWellFormed(text)) return false;
@@ -40,7 +46,7 @@ class URLCheck {
   }
 
   std::string_view prefix_;
-  /// Plain text behind it makes no look at the prefix necessary: a path, a query and a fragment all may hold it.
+  /// A plain path behind it makes no look at the prefix necessary: a path, a query and a fragment all may hold it.
   bool isFilePrefix_ = false;
   /// The prefix and the text judged last.
   std::string whole_;

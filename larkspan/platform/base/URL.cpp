@@ -215,8 +215,10 @@ bool URL::isPlainPath(std::string_view text) {
     }
     return table;
   }();
-  for (const char c : text) {
-    if (!kTable[static_cast<unsigned char>(c)]) return false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (kTable[static_cast<unsigned char>(text[i])]) continue;
+    if (!isTriplet(text, i) || text.substr(i + 1, 2) == "00") return false;
+    i += 2;
   }
   return true;
 }

@@ -27,7 +27,7 @@ class URL {
   static bool isPlainFileURL(std::string_view text) {
     return text.starts_with(kFilePrefix) && isPlainPath(text.substr(kFilePrefix.size()));
   }
-  /// Whether each character may stand in a path as itself.
+  /// Whether it consists of characters that may stand in a path, and of triplets other than that of NUL.
   static bool isPlainPath(std::string_view text);
   /// A URL whose text is known to be well-formed and is shared, not copied.
   static URL wellFormed(Slice text) { return URL(std::move(text)); }

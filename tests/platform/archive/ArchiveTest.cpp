@@ -497,6 +497,16 @@ TEST(Archive, WritesNeighboursOfTheSameKeysAsTables) {
     }
   }
 
+  // The same one behind the other, where what both begin with may end inside a triplet.
+  for (const char* last :
+       {"file:///a%4F", "file:///a%4g", "file:///a%4", "file:///a%", "file:///a%00", "file:///b%4F"}) {
+    const Dictionary two{{"k1", URL::wellFormed(Slice::copy("file:///a%4E/"))},
+                         {"k2", URL::wellFormed(Slice::copy(last))},
+                         {"k3", "what is read quickly stands far from the end"}};
+    const Code code = URL::isWellFormed(last) ? kFine : Code::malformed;
+    EXPECT_EQ(codeOf(unarchived(archived(two), classes).error), code) << last;
+  }
+
   // Rows that cost their sender nothing are counted, and none is made before somebody asks.
   std::string same = table.substr(1, table.find("columns") + 6);
   same.replace(same.find("rows\x02"), 5, bytesOf("726f7773 1a 00030d40"));
