@@ -139,7 +139,9 @@ class MessageItem {
     return row_ == kNoRow ? static_cast<const platform::ExtensionItem&>(*source_).userInfo().get(key)
                           : rows().get(row_, key);
   }
-  std::optional<std::string> stringFor(Key key) const { return valueFor(key).string(); }
+  std::optional<std::string> stringFor(Key key) const {
+    return row_ == kNoRow ? valueFor(key).string() : rows().string(row_, key);
+  }
   /// The number under the key, 0 for what is no number; `absent` if there is nothing.
   int64_t integerFor(const Key& key, int64_t absent = 0) const {
     return row_ == kNoRow ? integerOfItem(key, absent) : rows().integer(row_, key, absent);

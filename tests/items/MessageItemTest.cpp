@@ -46,7 +46,8 @@ TEST(MessageItem, OfARowIsMadeOnceForAllThatShowIt) {
   Items sent;
   for (int i = 0; i < 100; ++i) {
     sent.push_back(*MessageItem::initWithLKSName(std::to_string(i)));
-    sent[i].setUserInfo({{kNameKey, std::to_string(i)}, {kSizeKey, i}, {kTagKey, 1}, {kCategoryKey, "c"}});
+    sent[i].setUserInfo(
+        {{kNameKey, "row " + std::to_string(i)}, {kSizeKey, i}, {kTagKey, 1}, {kCategoryKey, "c"}});
   }
   sent[50].setLks_reference(Array{"no row holds an array"});
   const auto archive = KeyedArchiver::archivedData(arrayFromItems(sent));
@@ -56,14 +57,23 @@ TEST(MessageItem, OfARowIsMadeOnceForAllThatShowIt) {
   EXPECT_EQ(array.packed().size(), 3u) << "fifty rows, an item, and 49 rows";
   const Items items = itemsFromValue(array);
   ASSERT_EQ(items.size(), sent.size());
+  const auto expectAsSent = [&] {
+    for (std::size_t i = 0; i < sent.size(); ++i) {
+      EXPECT_EQ(items[i].lks_size(), sent[i].lks_size()) << i;
+      for (const auto text : {&MessageItem::lks_name, &MessageItem::lks_category, &MessageItem::lks_helpBook})
+        EXPECT_EQ((items[i].*text)(), (sent[i].*text)()) << i;
+    }
+  };
+  expectAsSent();
   MessageItem changed = items[7];
   EXPECT_TRUE(changed == items[7] && changed != items[8] && changed != items[57]);
   for (MessageItem* item : {&changed, &sent[7]}) {
     item->setLks_size(-1);
     item->setLks_appSize(-2);
+    item->setLks_name("changed");
   }
   EXPECT_EQ(items[7].lks_appSize(), -2) << "a key that no row has";
-  for (std::size_t i = 0; i < sent.size(); ++i) EXPECT_EQ(items[i].lks_size(), sent[i].lks_size()) << i;
+  expectAsSent();
   EXPECT_EQ(MessageItem(items[7].item()), changed);
   EXPECT_EQ(array[7].objectOf<ExtensionItem>(), changed.item()) << "the array's members are the same items";
   EXPECT_EQ(Value(array).description(), Value(arrayFromItems(sent)).description());

@@ -12,10 +12,14 @@ inline int64_t TableColumn::integerAt(const Slice& frame, std::size_t row) const
   return detail::loadSigned(frame.data() + first + width * row, width);
 }
 
+inline std::string_view TableColumn::restAt(const Slice& frame, std::size_t row) const {
+  const std::size_t start = row == 0 ? 0 : ends[row - 1];
+  return {frame.data() + first + start, ends[row] - start};
+}
+
 Value TableColumn::at(const Slice& frame, std::size_t row) const {
   const auto text = [&] {
-    const std::size_t start = row == 0 ? 0 : ends[row - 1];
-    const std::string_view rest = frame.view().substr(first + start, ends[row] - start);
+    const std::string_view rest = restAt(frame, row);
     if (prefix.empty()) return sharedPart(frame, rest);
     char* to = nullptr;
     Slice whole = Slice::allocate(prefix.size() + rest.size(), to);
@@ -79,6 +83,19 @@ int64_t TableRows::integerInColumn(std::size_t row, std::string_view key, int64_
   if (columns_[column].form != TableColumn::Form::integers)
     return columns_[column].at(frame_, row).integerOr(absent);
   return columns_[column].integerAt(frame_, row);
+}
+
+std::optional<std::string> TableRows::string(std::size_t row, const Key& key) const {
+  const bool isInColumn = !anyMade_.load(std::memory_order_acquire) && (keyBits_ & key.bit()) != 0;
+  const std::size_t index = isInColumn ? keys_.find(key) : KeyList::kNone;
+  if (index == KeyList::kNone || columns_[index].form != TableColumn::Form::texts)
+    return get(row, key).string();
+  const TableColumn& column = columns_[index];
+  const std::string_view rest = column.restAt(frame_, row);
+  std::optional<std::string> text(std::in_place);
+  text->reserve(column.prefix.size() + rest.size());
+  text->append(column.prefix).append(rest);
+  return text;
 }
 
 const std::shared_ptr<Object>& TableRows::object(std::size_t row) const {

@@ -161,7 +161,11 @@ class Value {
   std::string_view text() const&& = delete;
   std::optional<Data> data() const { return copyOf<Data>(); }
   std::optional<Date> date() const { return copyOf<Date>(); }
-  std::optional<URL> url() const { return copyOf<URL>(); }
+  std::optional<URL> url() const& { return copyOf<URL>(); }
+  std::optional<URL> url() && {
+    auto* const content = std::get_if<URL>(&content_);
+    return content ? std::optional<URL>(std::move(*content)) : std::nullopt;
+  }
   /// Empty for other kinds, as are `dictionary()` and `set()`.
   Array array() const { return copyOf<Array>().value_or(Array()); }
   Dictionary dictionary() const { return copyOf<Dictionary>().value_or(Dictionary()); }
