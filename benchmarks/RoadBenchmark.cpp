@@ -55,9 +55,13 @@ struct HostView : LKSResource {
 };
 
 /// Of the resources; an answer begins with the command item.
-Sum sumOf(const Items& items) {
+Sum sumOf(const Items& items, Reads reads) {
   Sum sum;
   for (const MessageItem& each : items) {
+    if (reads == Reads::sizes) {
+      if (const int64_t size = each.lks_size(); size != LKSExtensionTotalSpaceUsedUnknown) sum.size(size);
+      continue;
+    }
     const HostView item(each);
     const platform::Value kind = item.kind();
     if (kind.text() != kResourceKind) continue;
@@ -85,8 +89,10 @@ std::shared_ptr<LKSOpaqueExtension> handleOf(const char* items) {
 /// Exchanges of which each begins in the completion of the one before.
 class Chain {
  public:
-  explicit Chain(int items)
-      : handle_(handleOf(std::to_string(items).c_str())), expected_(expectedSum(items)) {}
+  Chain(int items, Reads reads)
+      : handle_(handleOf(std::to_string(items).c_str())),
+        reads_(reads),
+        expected_(expectedSum(items, reads)) {}
 
   /// Whether all answers were right.
   bool run(int64_t exchanges) {
@@ -99,7 +105,7 @@ class Chain {
  private:
   void next() {
     handle_->processInputItems(request_, [this](const auto& items, const auto&) {
-      const bool right = items && sumOf(*items) == expected_;
+      const bool right = items && sumOf(*items, reads_) == expected_;
       if (right && --left_ > 0) return next();
       done_.set_value(right);
     });
@@ -107,6 +113,7 @@ class Chain {
 
   const Items request_{*LKSCommand::initLKSCommandItem(kCmdResources)};
   const std::shared_ptr<LKSOpaqueExtension> handle_;
+  const Reads reads_;
   const Sum expected_;
   int64_t left_ = 0;
   std::promise<bool> done_;
@@ -115,13 +122,18 @@ class Chain {
 void exchange(benchmark::State& state) {
   const auto items = static_cast<int>(state.range(0));
   const int64_t batch = items == 0 ? 100 : 10;
-  Chain chain(items);
+  Chain chain(items, static_cast<Reads>(state.range(1)));
   while (state.KeepRunningBatch(batch)) {
     if (!chain.run(batch)) return state.SkipWithError("a wrong answer");
   }
 }
-BENCHMARK(exchange)->Name("exchange/larkspan")->Arg(0)->UseRealTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(exchange)->Name("items/larkspan")->Arg(kItems)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(exchange)->Name("exchange/larkspan")->Args({0, 0})->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(exchange)->Name("items/larkspan")->Args({kItems, 0})->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(exchange)
+    ->Name("items-read/larkspan")
+    ->Args({kItems, 1})
+    ->UseRealTime()
+    ->Unit(benchmark::kMicrosecond);
 
 platform::Array archivedItems() {
   const Resources resources(kItems);
@@ -130,15 +142,17 @@ platform::Array archivedItems() {
 
 void archive(benchmark::State& state) {
   const platform::Array items = archivedItems();
-  const Sum expected = expectedSum(kItems);
+  const auto reads = static_cast<Reads>(state.range(0));
+  const Sum expected = expectedSum(kItems, reads);
   for (auto _ : state) {
     const auto written = platform::KeyedArchiver::archivedData(items);
     const auto read = platform::KeyedUnarchiver::unarchivedValue(
         written.data, LKSHostExtensionContext::extensionItemClasses());
-    if (sumOf(itemsFromValue(read.value)) != expected) return state.SkipWithError("not read back");
+    if (sumOf(itemsFromValue(read.value), reads) != expected) return state.SkipWithError("not read back");
   }
 }
-BENCHMARK(archive)->Name("archive/larkspan")->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(archive)->Name("archive/larkspan")->Arg(0)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(archive)->Name("archive-read/larkspan")->Arg(1)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
 /// A folder of that many manifests, which goes with it.
 struct Manifests {
