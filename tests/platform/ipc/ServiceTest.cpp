@@ -19,6 +19,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
 namespace larkspan::tests {
@@ -130,6 +131,10 @@ TEST_F(Services, StartOnceForAllClientsAndAgainAfterAnEnd) {
   const Array peer = call("peer", connections[1]).value.array();
   EXPECT_EQ(peer[0], Value(static_cast<int64_t>(geteuid())));
   EXPECT_EQ(peer[1], Value(getpid()));
+  utsname kernel{};
+  int major = 0, minor = 0;
+  ASSERT_TRUE(uname(&kernel) == 0 && std::sscanf(kernel.release, "%d.%d", &major, &minor) == 2);
+  EXPECT_EQ(peer[2], Value(std::pair(major, minor) >= std::pair(6, 5))) << "since when there is a pidfd";
 
   Collector<bool> interruptions;
   for (const auto& connection : connections)
