@@ -74,7 +74,7 @@ inline std::vector<Sample> samples(int count) {
   return made;
 }
 
-/// Adds up all fields of items, so that none may leave any unread: each competitor must come to the same sum.
+/// Adds up what is read of items, so that none may leave it unread: each competitor must come to the same sum.
 class Sum {
  public:
   void text(std::size_t length) { sum_ += length; }

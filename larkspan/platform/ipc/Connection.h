@@ -144,7 +144,7 @@ class Connection : public Transport::Channel, public std::enable_shared_from_thi
   std::unordered_map<int64_t, Call> calls_;
   std::unordered_map<uint32_t, Passed> passed_;
   std::vector<std::shared_ptr<Connection>> unattached_;  // Among them, those that wait for a transport.
-  std::shared_ptr<Connection> itself_;                   // What `keepUntilEnd` was given, and this.
+  std::shared_ptr<Connection> itself_;  // This and what `keepUntilEnd` was given, until the end.
   std::shared_ptr<void> kept_;
   Abandon abandon_;
   std::size_t pendingBytes_ = 0;

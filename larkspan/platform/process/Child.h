@@ -49,7 +49,7 @@ struct ChildOptions {
   std::vector<Passed> descriptors;
   /// None inherits standard error.
   LineHandler standardErrorLine;
-  /// Standard error goes to /dev/null where it has no handler.
+  /// Without a handler standard error goes to /dev/null instead.
   bool isSilent = false;
   /// The signal that the child gets when this process ends, whatever ends it; 0 for none (PR_SET_PDEATHSIG).
   int parentDeathSignal = 0;
