@@ -102,6 +102,7 @@ ColumnLayout ColumnLayout::of(std::span<const Value* const> rows, std::size_t in
             isOne = isOne && *value.contentAs<bool>() == one;
           }))
         return {};
+      layout = {.form = Form::booleans, .width = 1};
       break;
     default:
       if (!each([&](const Value& value) { isOne = isOne && value == first; })) return {};

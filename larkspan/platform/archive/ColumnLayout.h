@@ -12,7 +12,7 @@ namespace larkspan::platform {
 /// How the values of a column (`Table` in ValueCoding.h) are best written.
 struct ColumnLayout {
   TableColumn::Form form = TableColumn::Form::values;
-  /// Bytes that each row's integer, length or seconds take.
+  /// Bytes that each row's integer, length, seconds or boolean take.
   std::size_t width = 0;
   /// Bytes that each row's nanoseconds take.
   std::size_t nanosecondWidth = 0;

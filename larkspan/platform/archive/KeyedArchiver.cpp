@@ -225,7 +225,7 @@ std::size_t KeyedArchiver::writeTable(const Neighbours& members, std::size_t sta
 /// Writes the values with that index.
 void KeyedArchiver::writeColumn(std::span<const Value* const> rows, std::size_t index) {
   const ColumnLayout layout = ColumnLayout::of(rows, index);
-  const auto form = static_cast<std::size_t>(layout.form);
+  const auto form = static_cast<std::size_t>(layout.form == Form::booleans ? Form::values : layout.form);
   writer_.array(1 + Table::kContents[form]);
   writer_.text(Table::kForms[form]);
   const std::size_t size = layout.size(rows.size());
@@ -243,6 +243,14 @@ void KeyedArchiver::writeColumn(std::span<const Value* const> rows, std::size_t 
       writer_.array(rows.size());
       for (const auto* const row : rows) writeFlat(row[index]);
       break;
+    case Form::booleans: {
+      std::array<char, Table::kMostRows> items;
+      auto to = items.begin();
+      for (const auto* const row : rows) *to++ = *row[index].contentAs<bool>() ? Table::kTrue : Table::kFalse;
+      writer_.array(rows.size());
+      writer_.raw({items.begin(), to}, rows.size());
+      break;
+    }
     case Form::integers: {
       char* to = writer_.string(CborMajor::bytes, layout.width * rows.size());
       for (const auto* const row : rows)

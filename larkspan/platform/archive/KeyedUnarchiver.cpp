@@ -20,6 +20,11 @@ namespace {
 /// How much of a class's name is shown.
 constexpr std::size_t kShownName = 80;
 
+/// Whether each byte is an item of its own that is a boolean.
+bool areBooleans(std::string_view items) {
+  return std::ranges::all_of(items, [](char item) { return item == Table::kFalse || item == Table::kTrue; });
+}
+
 /// The content of tag 1.
 std::optional<Date> epochTime(const CborHead& head) {
   if (head.isInteger()) return Date{head.integer(), 0};
@@ -292,6 +297,12 @@ bool KeyedUnarchiver::readColumn(TableColumn& column, std::size_t rows, const Cl
     case Form::values: {
       const CborHead head = reader_.next();
       if (head.major != CborMajor::array || head.argument != rows) return false;
+      if (const std::size_t first = reader_.position(); areBooleans(frame_.view().substr(first, rows))) {
+        column.form = Form::booleans;
+        column.first = first;
+        reader_.moveTo(first + rows);
+        return admit(classes.admits(ValueClass::number), "A number");
+      }
       column.values.reserve(rows);
       while (column.values.size() < rows && !error_) column.values.push_back(readFlat(classes));
       return true;
@@ -318,6 +329,7 @@ bool KeyedUnarchiver::readColumn(TableColumn& column, std::size_t rows, const Cl
     }
     case Form::texts:
     case Form::urls:
+    case Form::booleans:
       break;
   }
   const auto prefix = next(CborMajor::text);
@@ -330,7 +342,7 @@ bool KeyedUnarchiver::readColumn(TableColumn& column, std::size_t rows, const Cl
   column.prefix = *prefix;
   const bool isUrl = column.form == Form::urls;
   column.ends.reserve(rows);
-  URLCheck urls(*prefix);
+  URLCheck urls(*prefix, isUrl ? *text : std::string_view());
   std::size_t end = 0;
   for (std::size_t row = 0; row < rows; ++row) {
     const std::size_t begin = end;

@@ -34,6 +34,8 @@ Value TableColumn::at(const Slice& frame, std::size_t row) const {
       return values[row];
     case Form::integers:
       return integerAt(frame, row);
+    case Form::booleans:
+      return frame.data()[first + row] == Table::kTrue;
     case Form::texts:
       return Value::wellFormed(text());
     case Form::urls:

@@ -19,11 +19,12 @@ struct ObjectClass;
 
 /// The values that the rows of a table have under one key; those that are many stay in the frame.
 struct TableColumn {
-  enum class Form : uint8_t { same, values, integers, texts, urls, dates };
+  /// `booleans` are `values` all of which are booleans, and so have one byte each.
+  enum class Form : uint8_t { same, values, integers, texts, urls, dates, booleans };
 
   Form form = Form::values;
   // Places in the frame, which the rows keep.
-  /// Where the integers, the text or the seconds begin.
+  /// Where the integers, the text, the seconds or the booleans begin.
   std::size_t first = 0;
   /// Where the nanoseconds begin.
   std::size_t second = 0;

@@ -16,10 +16,11 @@ namespace larkspan::platform {
 class URLCheck {
  public:
   URLCheck() = default;
-  /// For URLs that all begin with the prefix, which what is judged then lacks.
-  explicit URLCheck(std::string_view prefix)
+  /// For URLs that all begin with the prefix, which what is judged then lacks; `rests` is all of that, one behind the other.
+  URLCheck(std::string_view prefix, std::string_view rests)
       : prefix_(prefix),
         isFilePrefix_(prefix.starts_with(URL::kFilePrefix) && URL::isWellFormed(prefix)),
+        arePlain_(isFilePrefix_ && URL::isPlainPath(rests)),
         whole_(prefix) {}
 
   /// Answers as `URL::isWellFormed` of the prefix and the text.
@@ -40,7 +41,9 @@ class URLCheck {
  private:
   bool isWellFormedRest(std::string_view text) {
     if (prefix_.size() + text.size() > URL::kMaximumLength) return false;
-    if (isFilePrefix_ && URL::isPlainPath(text)) return true;
+    // Together they are plain also where a triplet begins in one and ends in the next.
+    const std::string_view end = text.substr(std::max<std::size_t>(text.size(), 2) - 2);
+    if (arePlain_ ? end.find('%') == end.npos : isFilePrefix_ && URL::isPlainPath(text)) return true;
     whole_.resize(prefix_.size());
     return URL::isWellFormed(whole_.append(text));
   }
@@ -48,6 +51,8 @@ class URLCheck {
   std::string_view prefix_;
   /// A plain path behind it makes no look at the prefix necessary: a path, a query and a fragment all may hold it.
   bool isFilePrefix_ = false;
+  /// So is all that comes behind it.
+  bool arePlain_ = false;
   /// The prefix and the text judged last.
   std::string whole_;
   /// The plain URL of a file that came last.

@@ -53,10 +53,12 @@ struct Table {
   static constexpr std::string_view kKeys = "keys";
   static constexpr std::string_view kRows = "rows";
   static constexpr std::string_view kColumns = "columns";
-  /// In the order of `TableColumn::Form`.
+  /// In the order of `TableColumn::Form`, which has one more.
   static constexpr std::string_view kForms[] = {"same", "values", "integers", "texts", "urls", "dates"};
   /// How many members follow the form in its column.
   static constexpr std::size_t kContents[] = {1, 1, 1, 3, 3, 2};
+  /// The items of booleans, which are one byte.
+  static constexpr char kFalse = '\xF4', kTrue = '\xF5';
   /// So that, with the limit on values in rows, tables stand for no more objects than plain ones could.
   static constexpr std::size_t kFewestKeys = 4;
   /// That the library writes: as many as stay in a processor's cache while each column goes through them again.
