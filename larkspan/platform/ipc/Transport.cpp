@@ -136,7 +136,13 @@ ssize_t Transport::Reading::receive(std::span<char> room) {
       std::this_thread::yield();
     } while (std::chrono::steady_clock::now() < end);
   }
-  return ::recv(socket->get(), room.data(), room.size(), 0);
+  ssize_t count;
+  while ((count = ::recv(socket->get(), room.data(), room.size(), MSG_DONTWAIT)) < 0 && errno == EAGAIN) {
+    // A thread in recv(2) itself would wake each time the peer has read something, too.
+    pollfd watched{socket->get(), POLLIN, 0};
+    ::poll(&watched, 1, -1);
+  }
+  return count;
 }
 
 /// Waits for something to read, which `shutdown` ends, too, and delivers it.
@@ -146,12 +152,6 @@ bool Transport::Reading::step() {
   const int fault = count < 0 ? errno : 0;
   *staysAwake = false;
   if (fault == EINTR) return true;
-  if (fault == EAGAIN || fault == EWOULDBLOCK) {
-    // Whoever made the socket did not want it to block.
-    pollfd watched{socket->get(), POLLIN, 0};
-    ::poll(&watched, 1, -1);
-    return true;
-  }
   const auto self = transport.lock();
   if (!self) return false;
   bool more = false;
