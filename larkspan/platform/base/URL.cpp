@@ -36,16 +36,34 @@ bool isTriplet(std::string_view text, std::size_t at) {
          hexValue(text[at + 2]) >= 0;
 }
 
-/// Bytes that one instruction looks at.
+/// Bytes that one instruction looks at; what is true of one sets all its bits in the answer.
 using Block = uint8_t __attribute__((vector_size(16)));
 
-/// All bits of the bytes that may stand in a path: a `pchar` of RFC 3986, "/", and "%", which begins a triplet.
-Block inPath(Block bytes) {
-  const auto within = [&](uint8_t first, uint8_t last) {
-    return bytes - first <= static_cast<uint8_t>(last - first);
-  };
-  return within('$', ';') | within('@', 'Z') | within('a', 'z') | (bytes == '!') | (bytes == '=') |
-         (bytes == '_') | (bytes == '~');
+Block loaded(const char* from) {
+  Block block;
+  std::memcpy(&block, from, sizeof block);
+  return block;
+}
+
+bool any(Block bytes) {
+  const auto halves = std::bit_cast<std::array<uint64_t, 2>>(bytes);
+  return (halves[0] | halves[1]) != 0;
+}
+
+Block within(Block bytes, uint8_t first, uint8_t last) {
+  return bytes - first <= static_cast<uint8_t>(last - first);
+}
+
+/// A `pchar` of RFC 3986, "/", or "%", which begins a triplet.
+Block mayStandInPath(Block bytes) {
+  return within(bytes, '$', ';') | within(bytes, '@', 'Z') | within(bytes, 'a', 'z') | (bytes == '!') |
+         (bytes == '=') | (bytes == '_') | (bytes == '~');
+}
+
+/// The second and third bytes of triplets other than that of NUL.
+Block endTriplet(Block second, Block third) {
+  const auto isHex = [](Block bytes) { return within(bytes, '0', '9') | within(bytes | 0x20, 'a', 'f'); };
+  return isHex(second) & isHex(third) & ~((second == '0') & (third == '0'));
 }
 
 /// Whether the text holds only unreserved characters, sub-delimiters, triplets and those in `extra`.
@@ -224,29 +242,22 @@ std::optional<URL> URL::parse(std::string_view text) {
 
 bool URL::isPlainPath(std::string_view text) {
   Block odd{};
+  // A triplet that begins in the block may end two bytes behind it.
   const auto look = [&](const char* bytes) {
-    Block block;
-    std::memcpy(&block, bytes, sizeof block);
-    odd |= ~inPath(block);
+    const Block block = loaded(bytes);
+    odd |= ~mayStandInPath(block);
+    const Block percent = block == '%';
+    if (any(percent)) odd |= percent & ~endTriplet(loaded(bytes + 1), loaded(bytes + 2));
   };
-  if (text.size() < sizeof odd) {
-    std::array<char, sizeof odd> padded;
-    padded.fill('/');
-    std::copy(text.begin(), text.end(), padded.begin());
-    look(padded.data());
-  } else {
-    for (std::size_t at = 0; at + sizeof odd < text.size(); at += sizeof odd) look(text.data() + at);
-    // Overlaps the one before, so that no byte is looked at by itself.
-    look(text.data() + text.size() - sizeof odd);
-  }
-  if (const auto halves = std::bit_cast<std::array<uint64_t, 2>>(odd); (halves[0] | halves[1]) != 0)
-    return false;
-  for (std::size_t at = 0; (at = text.find('%', at)) != text.npos;) {
-    for (; at < text.size() && text[at] == '%'; at += 3) {
-      if (!isTriplet(text, at) || (text[at + 1] == '0' && text[at + 2] == '0')) return false;
-    }
-  }
-  return true;
+  constexpr std::size_t kLook = sizeof(Block) + 2;
+  std::size_t at = 0;
+  for (; at + kLook <= text.size(); at += sizeof(Block)) look(text.data() + at);
+  std::array<char, sizeof(Block) + kLook> rest;
+  rest.fill('/');
+  std::copy(text.begin() + static_cast<std::ptrdiff_t>(at), text.end(), rest.begin());
+  look(rest.data());
+  look(rest.data() + sizeof(Block));
+  return !any(odd);
 }
 
 bool URL::isWellFormed(std::string_view text) {

@@ -1,11 +1,15 @@
 #include "larkspan/platform/base/Utf8.h"
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 
 namespace larkspan::platform {
 
 namespace {
+
+/// Of eight bytes, those that no ASCII character has.
+constexpr uint64_t kHighBits = 0x8080808080808080;
 
 /// Length of the well-formed sequence at `at`, or 0; `bad` gets the length of the maximal malformed prefix.
 std::size_t sequenceLength(std::string_view bytes, std::size_t at, std::size_t& bad) {
@@ -44,13 +48,12 @@ std::size_t sequenceLength(std::string_view bytes, std::size_t at, std::size_t& 
 /// The first byte from `at` on that is not part of well-formed UTF-8, or the end.
 std::size_t validPrefix(std::string_view bytes, std::size_t at, std::size_t& bad) {
   while (at < bytes.size()) {
-    uint64_t word;
-    if (bytes.size() - at >= sizeof word) {
+    if (uint64_t word; bytes.size() - at >= sizeof word) {
       std::memcpy(&word, bytes.data() + at, sizeof word);
-      if ((word & 0x8080808080808080ULL) == 0) {
-        at += sizeof word;
-        continue;
-      }
+      word &= kHighBits;
+      at += std::endian::native == std::endian::little ? static_cast<std::size_t>(std::countr_zero(word)) / 8
+                                                       : static_cast<std::size_t>(std::countl_zero(word)) / 8;
+      if (word == 0) continue;
     }
     const std::size_t length = sequenceLength(bytes, at, bad);
     if (length == 0) return at;
@@ -74,7 +77,7 @@ bool isAscii(std::string_view bytes) {
     all |= word;
   }
   std::memcpy(&word, bytes.data() + bytes.size() - kWord, kWord);
-  return ((all | word) & 0x8080808080808080ULL) == 0;
+  return ((all | word) & kHighBits) == 0;
 }
 
 }  // namespace

@@ -33,7 +33,7 @@ Error notSendable(const Error& cause) {
 }
 
 /// How many members of a list go ahead of a long reply at a time, so that the peer reads them while the next are written.
-constexpr std::size_t kPartSize = 1024;
+constexpr std::size_t kPartSize = 512;
 
 /// Decodes an array of exactly the values that `classes` describes. `cost` is that of the message's earlier frames, to which
 /// this one is added.
