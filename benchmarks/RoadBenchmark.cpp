@@ -48,12 +48,6 @@ struct Resources : LKSExtension {
   std::vector<LKSResource> items;
 };
 
-/// A host's own view, which shows the kind too.
-struct HostView : LKSResource {
-  using LKSResource::LKSResource;
-  platform::Value kind() const { return valueFor(kItemKindKey); }
-};
-
 /// Of the resources; an answer begins with the command item.
 Sum sumOf(const Items& items, Reads reads) {
   Sum sum;
@@ -62,10 +56,10 @@ Sum sumOf(const Items& items, Reads reads) {
       if (const int64_t size = each.lks_size(); size != LKSExtensionTotalSpaceUsedUnknown) sum.size(size);
       continue;
     }
-    const HostView item(each);
-    const platform::Value kind = item.kind();
-    if (kind.text() != kResourceKind) continue;
-    sum.text(kind.text().size());
+    const LKSResource item(each);
+    const auto kind = item.kind();
+    if (kind != kResourceKind) continue;
+    sum.text(kind->size());
     sum.text(item.lks_name().value_or("").size());
     if (const auto url = item.lks_URL()) sum.text(url->absoluteString().size());
     sum.text(item.lks_category().value_or("").size());

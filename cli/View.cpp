@@ -93,7 +93,7 @@ std::string dateText(const std::optional<platform::Date>& date) {
 }
 
 /// The largest first; equal ones stay as they came.
-bool isSummary(const MessageItem& item) { return item.userInfo().get(kItemKindKey) == Value(kSummaryKind); }
+bool isSummary(const MessageItem& item) { return item.kind() == kSummaryKind; }
 
 /// Without the summary, which is no resource.
 Items sortedBySize(Items items) {

@@ -29,15 +29,15 @@ class LKSResource : public MessageItem {
     return initLKSResourceWithFileAtPath(path);
   }
 
-  std::optional<platform::URL> lks_URL() const { return valueFor(kURLKey).url(); }
+  std::optional<platform::URL> lks_URL() const { return urlFor(kURLKey); }
   void setLks_URL(std::optional<platform::URL> url) { setUserInfoObject(std::move(url), kURLKey); }
   std::optional<std::string> lks_versionString() const { return stringFor(kVersionKey); }
   void setLks_versionString(OptionalText version) { setUserInfoObject(version, kVersionKey); }
-  std::optional<platform::Date> lks_dateCreated() const { return valueFor(kDateCreatedKey).date(); }
+  std::optional<platform::Date> lks_dateCreated() const { return dateFor(kDateCreatedKey); }
   void setLks_dateCreated(std::optional<platform::Date> date) { setUserInfoObject(date, kDateCreatedKey); }
-  std::optional<platform::Date> lks_dateModified() const { return valueFor(kDateModifiedKey).date(); }
+  std::optional<platform::Date> lks_dateModified() const { return dateFor(kDateModifiedKey); }
   void setLks_dateModified(std::optional<platform::Date> date) { setUserInfoObject(date, kDateModifiedKey); }
-  std::optional<platform::Date> lks_dateLastOpened() const { return valueFor(kDateOpenedKey).date(); }
+  std::optional<platform::Date> lks_dateLastOpened() const { return dateFor(kDateOpenedKey); }
   void setLks_dateLastOpened(std::optional<platform::Date> date) { setUserInfoObject(date, kDateOpenedKey); }
   bool isDeletable() const { return boolFor(kDeletableKey); }
   void setLks_deletable(bool deletable) { setUserInfoObject(deletable, kDeletableKey); }

@@ -58,6 +58,8 @@ class MessageItem {
   /// Adds the entries whose keys the item lacks; its own entries win.
   void addUserInfoObjectsFromDict(const platform::Dictionary& dictionary);
 
+  /// What kind of item it is, if it says so: one of the words of Vocabulary.h.
+  std::optional<std::string> kind() const { return stringFor(kItemKindKey); }
   std::optional<std::string> lks_name() const { return stringFor(kNameKey); }
   void setLks_name(OptionalText name) { setUserInfoObject(name, kNameKey); }
   std::optional<std::string> lks_category() const { return stringFor(kCategoryKey); }
@@ -146,7 +148,15 @@ class MessageItem {
   int64_t integerFor(const Key& key, int64_t absent = 0) const {
     return row_ == kNoRow ? integerOfItem(key, absent) : rows().integer(row_, key, absent);
   }
-  bool boolFor(Key key) const { return valueFor(key).boolValue(); }
+  bool boolFor(Key key) const {
+    return row_ == kNoRow ? valueFor(key).boolValue() : rows().boolean(row_, key);
+  }
+  std::optional<platform::Date> dateFor(Key key) const {
+    return row_ == kNoRow ? valueFor(key).date() : rows().date(row_, key);
+  }
+  std::optional<platform::URL> urlFor(Key key) const {
+    return row_ == kNoRow ? valueFor(key).url() : rows().url(row_, key);
+  }
 
  private:
   static constexpr uint32_t kNoRow = UINT32_MAX;

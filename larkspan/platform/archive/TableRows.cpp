@@ -4,12 +4,32 @@
 #include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/archive/ValueCoding.h"
 
+#include <algorithm>
+#include <bit>
 #include <utility>
 
 namespace larkspan::platform {
 
+namespace {
+
+using Form = TableColumn::Form;
+
+/// Of a key that the table does not have: no value in any row.
+constinit const TableColumn kNothing;
+
+}  // namespace
+
 inline int64_t TableColumn::integerAt(const Slice& frame, std::size_t row) const {
   return detail::loadSigned(frame.data() + first + width * row, width);
+}
+
+inline bool TableColumn::booleanAt(const Slice& frame, std::size_t row) const {
+  return frame.data()[first + row] == Table::kTrue;
+}
+
+inline Date TableColumn::dateAt(const Slice& frame, std::size_t row) const {
+  const char* const nanoseconds = frame.data() + second + nanosecondWidth * row;
+  return {integerAt(frame, row), static_cast<uint32_t>(detail::loadBigEndian(nanoseconds, nanosecondWidth))};
 }
 
 inline std::string_view TableColumn::restAt(const Slice& frame, std::size_t row) const {
@@ -17,33 +37,32 @@ inline std::string_view TableColumn::restAt(const Slice& frame, std::size_t row)
   return {frame.data() + first + start, ends[row] - start};
 }
 
+Slice TableColumn::textAt(const Slice& frame, std::size_t row) const {
+  const std::string_view rest = restAt(frame, row);
+  if (prefix.empty()) return sharedPart(frame, rest);
+  char* to = nullptr;
+  Slice whole = Slice::allocate(prefix.size() + rest.size(), to);
+  detail::copyBytes(to, prefix);
+  detail::copyBytes(to + prefix.size(), rest);
+  return whole;
+}
+
 Value TableColumn::at(const Slice& frame, std::size_t row) const {
-  const auto text = [&] {
-    const std::string_view rest = restAt(frame, row);
-    if (prefix.empty()) return sharedPart(frame, rest);
-    char* to = nullptr;
-    Slice whole = Slice::allocate(prefix.size() + rest.size(), to);
-    detail::copyBytes(to, prefix);
-    detail::copyBytes(to + prefix.size(), rest);
-    return whole;
-  };
   switch (form) {
     case Form::same:
       return values.front();
     case Form::values:
-      return values[row];
+      return row < values.size() ? values[row] : Value();
     case Form::integers:
       return integerAt(frame, row);
-    case Form::booleans:
-      return frame.data()[first + row] == Table::kTrue;
     case Form::texts:
-      return Value::wellFormed(text());
+      return Value::wellFormed(textAt(frame, row));
     case Form::urls:
-      return URL::wellFormed(text());
+      return URL::wellFormed(textAt(frame, row));
     case Form::dates:
-      return Date{integerAt(frame, row),
-                  static_cast<uint32_t>(
-                      detail::loadBigEndian(frame.data() + second + nanosecondWidth * row, nanosecondWidth))};
+      return dateAt(frame, row);
+    case Form::booleans:
+      return booleanAt(frame, row);
   }
   return {};
 }
@@ -55,7 +74,10 @@ TableRows::TableRows(const ObjectClass& objectClass, Slice frame, KeyList keys,
       keys_(std::move(keys)),
       columns_(std::move(columns)),
       rows_(rows) {
-  for (const Slice& key : keys_.keys()) keyBits_ |= keyBit(key.view());
+  columnOfBit_.fill(kNoColumn);
+  for (std::size_t i = std::min<std::size_t>(columns_.size(), kNoColumn); i-- > 0;)
+    columnOfBit_[static_cast<std::size_t>(std::countr_zero(keyBit(keys_.keys()[i].view())))] =
+        static_cast<uint8_t>(i);
 }
 
 /// Null as long as nobody has asked for it.
@@ -65,39 +87,67 @@ Object* TableRows::madeObject(std::size_t row) const {
   return made_[row].get();
 }
 
-Value TableRows::inColumn(std::size_t row, std::string_view key) const {
-  const std::size_t column = keys_.find(key);
-  return column == KeyList::kNone ? Value() : columns_[column].at(frame_, row);
+/// Where the column of the key is, or `KeyList::kNone`.
+inline std::size_t TableRows::indexOf(const Key& key) const {
+  const uint8_t index = columnOfBit_[static_cast<std::size_t>(std::countr_zero(key.bit()))];
+  if (index == kNoColumn && columns_.size() <= kNoColumn) return KeyList::kNone;
+  // Mostly it is one text in both places, which takes no look at any.
+  const std::string_view text = key;
+  return index != kNoColumn && keys_.keys()[index].data() == text.data() ? index : keys_.find(text);
+}
+
+/// The column of the key, which holds nothing if there is none; null once an object was made, which may be changed.
+inline const TableColumn* TableRows::columnOf(const Key& key) const {
+  if (anyMade_.load(std::memory_order_acquire)) return nullptr;
+  const std::size_t index = indexOf(key);
+  return index == KeyList::kNone ? &kNothing : &columns_[index];
 }
 
 Value TableRows::get(std::size_t row, std::string_view key) const {
-  const auto* const made = static_cast<const Archivable*>(madeObject(row));
-  return made ? made->row()->get(key) : inColumn(row, key);
+  if (const auto* const made = static_cast<const Archivable*>(madeObject(row))) return made->row()->get(key);
+  const std::size_t index = keys_.find(key);
+  return index == KeyList::kNone ? Value() : columns_[index].at(frame_, row);
 }
 
-int64_t TableRows::integerOf(std::size_t row, std::string_view key, int64_t absent) const {
-  return get(row, key).integerOr(absent);
+Value TableRows::get(std::size_t row, const Key& key) const {
+  const TableColumn* const column = columnOf(key);
+  return column ? column->at(frame_, row) : get(row, std::string_view(key));
 }
 
-int64_t TableRows::integerInColumn(std::size_t row, std::string_view key, int64_t absent) const {
-  const std::size_t column = keys_.find(key);
-  if (column == KeyList::kNone) return absent;
-  if (columns_[column].form != TableColumn::Form::integers)
-    return columns_[column].at(frame_, row).integerOr(absent);
-  return columns_[column].integerAt(frame_, row);
+int64_t TableRows::integer(std::size_t row, const Key& key, int64_t absent) const {
+  const TableColumn* const column = columnOf(key);
+  if (column == &kNothing) return absent;
+  return column && column->form == Form::integers ? column->integerAt(frame_, row)
+                                                  : get(row, key).integerOr(absent);
+}
+
+bool TableRows::boolean(std::size_t row, const Key& key) const {
+  const TableColumn* const column = columnOf(key);
+  return column && column->form == Form::booleans ? column->booleanAt(frame_, row)
+                                                  : get(row, key).boolValue();
 }
 
 std::optional<std::string> TableRows::string(std::size_t row, const Key& key) const {
-  const bool isInColumn = !anyMade_.load(std::memory_order_acquire) && (keyBits_ & key.bit()) != 0;
-  const std::size_t index = isInColumn ? keys_.find(key) : KeyList::kNone;
-  if (index == KeyList::kNone || columns_[index].form != TableColumn::Form::texts)
-    return get(row, key).string();
-  const TableColumn& column = columns_[index];
-  const std::string_view rest = column.restAt(frame_, row);
+  const TableColumn* const column = columnOf(key);
+  if (column && column->form == Form::same) return column->values.front().string();
+  if (!column || column->form != Form::texts) return get(row, key).string();
+  const std::string_view rest = column->restAt(frame_, row);
+  if (column->prefix.empty()) return std::string(rest);
   std::optional<std::string> text(std::in_place);
-  text->reserve(column.prefix.size() + rest.size());
-  text->append(column.prefix).append(rest);
+  text->reserve(column->prefix.size() + rest.size());
+  text->append(column->prefix).append(rest);
   return text;
+}
+
+std::optional<Date> TableRows::date(std::size_t row, const Key& key) const {
+  const TableColumn* const column = columnOf(key);
+  return column && column->form == Form::dates ? column->dateAt(frame_, row) : get(row, key).date();
+}
+
+std::optional<URL> TableRows::url(std::size_t row, const Key& key) const {
+  const TableColumn* const column = columnOf(key);
+  if (column && column->form == Form::urls) return URL::wellFormed(column->textAt(frame_, row));
+  return get(row, key).url();
 }
 
 const std::shared_ptr<Object>& TableRows::object(std::size_t row) const {

@@ -3,6 +3,7 @@
 #include "larkspan/platform/base/Slice.h"
 #include "larkspan/platform/base/Value.h"
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -39,10 +40,15 @@ struct TableColumn {
   std::vector<Value> values;
 
   Value at(const Slice& frame, std::size_t row) const;
-  /// Of `texts` and `urls`: what follows the prefix.
-  std::string_view restAt(const Slice& frame, std::size_t row) const;
   /// Of `integers`, or the seconds of `dates`.
   int64_t integerAt(const Slice& frame, std::size_t row) const;
+  /// Of `booleans`.
+  bool booleanAt(const Slice& frame, std::size_t row) const;
+  Date dateAt(const Slice& frame, std::size_t row) const;
+  /// Of `texts` and `urls`: what follows the prefix.
+  std::string_view restAt(const Slice& frame, std::size_t row) const;
+  /// Of `texts` and `urls`: the whole, which shares the frame if it is long.
+  Slice textAt(const Slice& frame, std::size_t row) const;
 };
 
 /// The objects of a table, in its columns: each is made when somebody asks for it. A list of many thousands so costs
@@ -59,33 +65,30 @@ class TableRows final : public PackedMembers {
   const ObjectClass& objectClass() const { return objectClass_; }
   std::size_t size() const override { return rows_; }
   /// What the row's object has in its dictionary under the key, or none.
-  Value get(std::size_t row, const Key& key) const {
-    if (anyMade_.load(std::memory_order_acquire)) return get(row, std::string_view(key));
-    return keyBits_ & key.bit() ? inColumn(row, key) : Value();
-  }
   Value get(std::size_t row, std::string_view key) const;
-  /// The same as `get(row, key).integerOr(absent)`, quicker for a column of integers.
-  int64_t integer(std::size_t row, const Key& key, int64_t absent) const {
-    if (anyMade_.load(std::memory_order_acquire)) return integerOf(row, key, absent);
-    return keyBits_ & key.bit() ? integerInColumn(row, key, absent) : absent;
-  }
-  /// The same as `get(row, key).string()`, quicker for a column of texts.
+  Value get(std::size_t row, const Key& key) const;
+  // The same as the getters of `Value` for that, quicker for columns of their kind.
+  int64_t integer(std::size_t row, const Key& key, int64_t absent) const;
+  bool boolean(std::size_t row, const Key& key) const;
   std::optional<std::string> string(std::size_t row, const Key& key) const;
+  std::optional<Date> date(std::size_t row, const Key& key) const;
+  std::optional<URL> url(std::size_t row, const Key& key) const;
   /// The row's object, the same each time.
   const std::shared_ptr<Object>& object(std::size_t row) const override;
 
  private:
   Object* madeObject(std::size_t row) const;
-  Value inColumn(std::size_t row, std::string_view key) const;
-  int64_t integerOf(std::size_t row, std::string_view key, int64_t absent) const;
-  int64_t integerInColumn(std::size_t row, std::string_view key, int64_t absent) const;
+  std::size_t indexOf(const Key& key) const;
+  const TableColumn* columnOf(const Key& key) const;
 
   const ObjectClass& objectClass_;
   const Slice frame_;
   const KeyList keys_;
   const std::vector<TableColumn> columns_;
   const std::size_t rows_;
-  uint64_t keyBits_ = 0;
+  /// For each bit that a key may have, the first column whose key has it, or `kNoColumn`.
+  static constexpr uint8_t kNoColumn = UINT8_MAX;
+  std::array<uint8_t, 64> columnOfBit_;
 
   mutable std::atomic<bool> anyMade_{false};
   mutable std::mutex mutex_;
