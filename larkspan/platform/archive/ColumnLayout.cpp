@@ -33,29 +33,33 @@ std::string_view wholePrefix(std::string_view text, std::size_t size, bool isUrl
 
 }  // namespace
 
-ColumnLayout ColumnLayout::of(std::span<const Value* const> rows, std::size_t index) {
+void ColumnLayout::take(std::span<const Value* const> rows, std::size_t index) {
+  form = Form::values;
+  width = nanosecondWidth = rest = 0;
+  prefix = {};
   const Value& first = rows.front()[index];
   // False when they are of different kinds.
   const auto each = [&](auto&& look) {
-    for (const Value* const row : rows) {
-      if (row[index].kind() != first.kind()) return false;
-      look(row[index]);
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+      const Value& value = rows[i][index];
+      if (value.kind() != first.kind()) return false;
+      look(value, i);
     }
     return true;
   };
   bool isOne = true;
-  ColumnLayout layout;
   switch (first.kind()) {
     case Value::Kind::integer: {
-      const int64_t one = *first.contentAs<int64_t>();
-      uint64_t bits = 0;
-      const auto look = [&](const Value& value) {
-        const int64_t integer = *value.contentAs<int64_t>();
+      uint64_t bits = 0, changes = 0;
+      const auto look = [&](const Value& value, std::size_t i) {
+        const int64_t integer = integers[i] = *value.contentAs<int64_t>();
         bits |= significantBits(integer);
-        isOne = isOne && integer == one;
+        changes |= static_cast<uint64_t>(integer ^ integers[0]);
       };
-      if (!each(look)) return {};
-      layout = {.form = Form::integers, .width = signedWidth(bits)};
+      if (!each(look)) return;
+      isOne = changes == 0;
+      form = Form::integers;
+      width = signedWidth(bits);
       break;
     }
     case Value::Kind::string:
@@ -64,50 +68,56 @@ ColumnLayout ColumnLayout::of(std::span<const Value* const> rows, std::size_t in
       const std::string_view one = textOf(first);
       std::string_view common = one;
       std::size_t longest = 0, all = 0;
-      const auto look = [&](const Value& value) {
-        const std::string_view text = textOf(value);
+      const auto look = [&](const Value& value, std::size_t i) {
+        const std::string_view text = texts[i] = textOf(value);
         const bool isShared = text.data() == one.data() && text.size() == one.size();
         if (!isShared && !text.starts_with(common)) common = common.substr(0, commonPrefix(common, text));
         longest = std::max(longest, text.size());
         all += text.size();
       };
-      if (!each(look)) return {};
+      if (!each(look)) return;
       isOne = common.size() == longest;
-      const std::string_view prefix =
-          longest < kSharedLength ? wholePrefix(one, common.size(), isUrl) : std::string_view();
-      layout = {.form = isUrl ? Form::urls : Form::texts,
-                .width = unsignedWidth(longest - prefix.size()),
-                .prefix = prefix,
-                .rest = all - prefix.size() * rows.size()};
+      form = isUrl ? Form::urls : Form::texts;
+      if (longest < kSharedLength) prefix = wholePrefix(one, common.size(), isUrl);
+      width = unsignedWidth(longest - prefix.size());
+      rest = all - prefix.size() * rows.size();
       break;
     }
     case Value::Kind::date: {
-      const Date one = *first.contentAs<Date>();
-      uint64_t bits = 0;
-      uint32_t nanoseconds = 0;
-      const auto look = [&](const Value& value) {
+      uint64_t bits = 0, changes = 0;
+      uint32_t most = 0;
+      const auto look = [&](const Value& value, std::size_t i) {
         const Date& date = *value.contentAs<Date>();
+        integers[i] = date.seconds;
+        nanoseconds[i] = date.nanoseconds;
         bits |= significantBits(date.seconds);
-        nanoseconds = std::max(nanoseconds, date.nanoseconds);
-        isOne = isOne && date == one;
+        most = std::max(most, date.nanoseconds);
+        changes |= static_cast<uint64_t>(date.seconds ^ integers[0]) | (date.nanoseconds ^ nanoseconds[0]);
       };
-      if (!each(look)) return {};
-      layout = {
-          .form = Form::dates, .width = signedWidth(bits), .nanosecondWidth = unsignedWidth(nanoseconds)};
+      if (!each(look)) return;
+      isOne = changes == 0;
+      form = Form::dates;
+      width = signedWidth(bits);
+      nanosecondWidth = unsignedWidth(most);
       break;
     }
-    case Value::Kind::boolean:
-      // Quicker than `==` of values.
-      if (!each([&, one = *first.contentAs<bool>()](const Value& value) {
-            isOne = isOne && *value.contentAs<bool>() == one;
-          }))
-        return {};
-      layout = {.form = Form::booleans, .width = 1};
+    case Value::Kind::boolean: {
+      const auto look = [&](const Value& value, std::size_t i) {
+        integers[i] = *value.contentAs<bool>();
+        isOne = isOne && integers[i] == integers[0];
+      };
+      if (!each(look)) return;
+      form = Form::booleans;
+      width = 1;
       break;
+    }
     default:
-      if (!each([&](const Value& value) { isOne = isOne && value == first; })) return {};
+      if (!each([&](const Value& value, std::size_t) { isOne = isOne && value == first; })) return;
   }
-  return isOne ? ColumnLayout{.form = Form::same} : layout;
+  if (!isOne) return;
+  form = Form::same;
+  width = nanosecondWidth = rest = 0;
+  prefix = {};
 }
 
 }  // namespace larkspan::platform

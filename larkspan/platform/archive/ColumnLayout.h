@@ -1,15 +1,18 @@
 #pragma once
 
 #include "larkspan/platform/archive/TableRows.h"
+#include "larkspan/platform/archive/ValueCoding.h"
 #include "larkspan/platform/base/Value.h"
 
+#include <array>
 #include <cstddef>
+#include <cstdint>
 #include <span>
 #include <string_view>
 
 namespace larkspan::platform {
 
-/// How the values of a column (`Table` in ValueCoding.h) are best written.
+/// The values of a column (`Table` in ValueCoding.h), taken out of their rows, and how they are best written.
 struct ColumnLayout {
   TableColumn::Form form = TableColumn::Form::values;
   /// Bytes that each row's integer, length, seconds or boolean take.
@@ -22,9 +25,15 @@ struct ColumnLayout {
   /// Bytes of all that follows it.
   std::size_t rest = 0;
 
-  /// Of the values with that index; a row stands for its first. There is one at least, and none is a container, error or
-  /// object.
-  static ColumnLayout of(std::span<const Value* const> rows, std::size_t index);
+  /// One for each row: integers or seconds, nanoseconds, and whole texts, as the form says.
+  std::array<int64_t, Table::kMostRows> integers;
+  std::array<uint32_t, Table::kMostRows> nanoseconds;
+  std::array<std::string_view, Table::kMostRows> texts;
+
+  ColumnLayout() {}  // Nothing is to be set in so many values.
+  /// Takes the values with that index; a row stands for its first. There is one at least and `kMostRows` at most, and none is
+  /// a container, error or object.
+  void take(std::span<const Value* const> rows, std::size_t index);
 
   /// Bytes of its texts and byte strings, without their heads.
   std::size_t size(std::size_t rows) const { return prefix.size() + (width + nanosecondWidth) * rows + rest; }

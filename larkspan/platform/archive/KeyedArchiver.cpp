@@ -218,13 +218,17 @@ std::size_t KeyedArchiver::writeTable(const Neighbours& members, std::size_t sta
   writer_.text(Table::kColumns);
   writer_.array(keys->size());
   const std::span<const Value* const> rows(values.data(), count);
-  for (std::size_t i = 0; i < keys->size() && !error_; ++i) writeColumn(rows, i);
+  ColumnLayout layout;
+  for (std::size_t i = 0; i < keys->size() && !error_; ++i) {
+    layout.take(rows, i);
+    writeColumn(layout, rows, i);
+  }
   return count;
 }
 
-/// Writes the values with that index.
-void KeyedArchiver::writeColumn(std::span<const Value* const> rows, std::size_t index) {
-  const ColumnLayout layout = ColumnLayout::of(rows, index);
+/// Writes the values with that index, which the layout has taken.
+void KeyedArchiver::writeColumn(const ColumnLayout& layout, std::span<const Value* const> rows,
+                                std::size_t index) {
   const auto form = static_cast<std::size_t>(layout.form == Form::booleans ? Form::values : layout.form);
   writer_.array(1 + Table::kContents[form]);
   writer_.text(Table::kForms[form]);
@@ -232,6 +236,23 @@ void KeyedArchiver::writeColumn(std::span<const Value* const> rows, std::size_t 
   if (!hasRoom(size)) return;
   // What is filled in row by row must not move meanwhile.
   writer_.reserve(size + 3 * detail::kLongestHead);
+  const auto writeNumbers = [&](std::size_t width, auto&& number) {
+    char* to = writer_.string(CborMajor::bytes, width * rows.size());
+    const auto store = [&]<typename Integer>(Integer) {
+      for (std::size_t i = 0; i < rows.size(); ++i)
+        detail::storeBigEndian(to, static_cast<Integer>(number(i)));
+    };
+    switch (width) {
+      case 1:
+        return store(uint8_t());
+      case 2:
+        return store(uint16_t());
+      case 4:
+        return store(uint32_t());
+      default:
+        return store(uint64_t());
+    }
+  };
   switch (layout.form) {
     case Form::same: {
       const std::size_t start = writer_.size();
@@ -245,42 +266,33 @@ void KeyedArchiver::writeColumn(std::span<const Value* const> rows, std::size_t 
       break;
     case Form::booleans: {
       std::array<char, Table::kMostRows> items;
-      auto to = items.begin();
-      for (const auto* const row : rows) *to++ = *row[index].contentAs<bool>() ? Table::kTrue : Table::kFalse;
+      for (std::size_t i = 0; i < rows.size(); ++i)
+        items[i] = layout.integers[i] != 0 ? Table::kTrue : Table::kFalse;
       writer_.array(rows.size());
-      writer_.raw({items.begin(), to}, rows.size());
+      writer_.raw({items.data(), rows.size()}, rows.size());
       break;
     }
-    case Form::integers: {
-      char* to = writer_.string(CborMajor::bytes, layout.width * rows.size());
-      for (const auto* const row : rows)
-        detail::storeBigEndian(to, *row[index].contentAs<int64_t>(), layout.width);
+    case Form::integers:
+      writeNumbers(layout.width, [&](std::size_t i) { return layout.integers[i]; });
       break;
-    }
     case Form::texts:
     case Form::urls: {
+      const std::size_t prefix = layout.prefix.size();
       writer_.text(layout.prefix);
-      cost_.prefixes += layout.prefix.size() * rows.size();
-      char* toLength = writer_.string(CborMajor::bytes, layout.width * rows.size());
+      cost_.prefixes += prefix * rows.size();
+      writeNumbers(layout.width, [&](std::size_t i) { return layout.texts[i].size() - prefix; });
       char* to = writer_.string(CborMajor::text, layout.rest);
-      for (const auto* const row : rows) {
-        const std::string_view text = textOf(row[index]).substr(layout.prefix.size());
-        detail::storeBigEndian(toLength, text.size(), layout.width);
+      for (std::size_t i = 0; i < rows.size(); ++i) {
+        const std::string_view text = layout.texts[i].substr(prefix);
         detail::copyBytes(to, text);
         to += text.size();
       }
       break;
     }
-    case Form::dates: {
-      char* toSeconds = writer_.string(CborMajor::bytes, layout.width * rows.size());
-      char* to = writer_.string(CborMajor::bytes, layout.nanosecondWidth * rows.size());
-      for (const auto* const row : rows) {
-        const Date& date = *row[index].contentAs<Date>();
-        detail::storeBigEndian(toSeconds, date.seconds, layout.width);
-        detail::storeBigEndian(to, date.nanoseconds, layout.nanosecondWidth);
-      }
+    case Form::dates:
+      writeNumbers(layout.width, [&](std::size_t i) { return layout.integers[i]; });
+      writeNumbers(layout.nanosecondWidth, [&](std::size_t i) { return layout.nanoseconds[i]; });
       break;
-    }
   }
   hasRoom(0);
 }

@@ -17,6 +17,8 @@
 
 namespace larkspan::platform {
 
+struct ColumnLayout;
+
 class Archivable;
 /// Whether the reader knows tables.
 enum class Tables : bool { no, yes };
@@ -80,7 +82,7 @@ class KeyedArchiver {
   };
   std::size_t writeNeighbours(const Neighbours& members);
   std::size_t writeTable(const Neighbours& members, std::size_t start);
-  void writeColumn(std::span<const Value* const> rows, std::size_t index);
+  void writeColumn(const ColumnLayout& layout, std::span<const Value* const> rows, std::size_t index);
   void writeField(std::string_view key, const Value& value);
   void writeEntry(std::string_view key, const Value& value);
   /// Whether this many bytes more keep within the limits; fails else.
