@@ -5,7 +5,6 @@
 #include "larkspan/platform/archive/ValueCoding.h"
 
 #include <algorithm>
-#include <bit>
 #include <utility>
 
 namespace larkspan::platform {
@@ -75,9 +74,9 @@ TableRows::TableRows(const ObjectClass& objectClass, Slice frame, KeyList keys,
       columns_(std::move(columns)),
       rows_(rows) {
   columnOfBit_.fill(kNoColumn);
-  for (std::size_t i = std::min<std::size_t>(columns_.size(), kNoColumn); i-- > 0;)
-    columnOfBit_[static_cast<std::size_t>(std::countr_zero(keyBit(keys_.keys()[i].view())))] =
-        static_cast<uint8_t>(i);
+  for (std::size_t i = 0; i < columns_.size(); ++i)
+    columnOfBit_[bitOf(keyBit(keys_.keys()[i].view()))] =
+        static_cast<uint8_t>(std::min<std::size_t>(i, kNoColumn - 1));
 }
 
 /// Null as long as nobody has asked for it.
@@ -89,11 +88,11 @@ Object* TableRows::madeObject(std::size_t row) const {
 
 /// Where the column of the key is, or `KeyList::kNone`.
 inline std::size_t TableRows::indexOf(const Key& key) const {
-  const uint8_t index = columnOfBit_[static_cast<std::size_t>(std::countr_zero(key.bit()))];
-  if (index == kNoColumn && columns_.size() <= kNoColumn) return KeyList::kNone;
+  const uint8_t index = columnOfBit_[bitOf(key.bit())];
+  if (index == kNoColumn) return KeyList::kNone;
   // Mostly it is one text in both places, which takes no look at any.
   const std::string_view text = key;
-  return index != kNoColumn && keys_.keys()[index].data() == text.data() ? index : keys_.find(text);
+  return keys_.keys()[index].data() == text.data() ? index : keys_.find(text);
 }
 
 /// The column of the key, which holds nothing if there is none; null once an object was made, which may be changed.
@@ -114,11 +113,10 @@ Value TableRows::get(std::size_t row, const Key& key) const {
   return column ? column->at(frame_, row) : get(row, std::string_view(key));
 }
 
-int64_t TableRows::integer(std::size_t row, const Key& key, int64_t absent) const {
+int64_t TableRows::integerInColumn(std::size_t row, const Key& key, int64_t absent) const {
   const TableColumn* const column = columnOf(key);
-  if (column == &kNothing) return absent;
-  return column && column->form == Form::integers ? column->integerAt(frame_, row)
-                                                  : get(row, key).integerOr(absent);
+  if (column && column->form == Form::integers) return column->integerAt(frame_, row);
+  return get(row, key).integerOr(absent);
 }
 
 bool TableRows::boolean(std::size_t row, const Key& key) const {

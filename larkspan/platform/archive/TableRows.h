@@ -5,6 +5,7 @@
 
 #include <array>
 #include <atomic>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -68,7 +69,9 @@ class TableRows final : public PackedMembers {
   Value get(std::size_t row, std::string_view key) const;
   Value get(std::size_t row, const Key& key) const;
   // The same as the getters of `Value` for that, quicker for columns of their kind.
-  int64_t integer(std::size_t row, const Key& key, int64_t absent) const;
+  int64_t integer(std::size_t row, const Key& key, int64_t absent) const {
+    return lacks(key) ? absent : integerInColumn(row, key, absent);
+  }
   bool boolean(std::size_t row, const Key& key) const;
   std::optional<std::string> string(std::size_t row, const Key& key) const;
   std::optional<Date> date(std::size_t row, const Key& key) const;
@@ -78,16 +81,22 @@ class TableRows final : public PackedMembers {
 
  private:
   Object* madeObject(std::size_t row) const;
+  /// Whether it is plain that no row has the key.
+  bool lacks(const Key& key) const {
+    return columnOfBit_[bitOf(key.bit())] == kNoColumn && !anyMade_.load(std::memory_order_acquire);
+  }
   std::size_t indexOf(const Key& key) const;
   const TableColumn* columnOf(const Key& key) const;
+  int64_t integerInColumn(std::size_t row, const Key& key, int64_t absent) const;
 
   const ObjectClass& objectClass_;
   const Slice frame_;
   const KeyList keys_;
   const std::vector<TableColumn> columns_;
   const std::size_t rows_;
-  /// For each bit that a key may have, the first column whose key has it, or `kNoColumn`.
+  /// For each bit that a key may have, a column whose key has it, or `kNoColumn`.
   static constexpr uint8_t kNoColumn = UINT8_MAX;
+  static std::size_t bitOf(uint64_t keyBit) { return static_cast<std::size_t>(std::countr_zero(keyBit)); }
   std::array<uint8_t, 64> columnOfBit_;
 
   mutable std::atomic<bool> anyMade_{false};
