@@ -71,12 +71,16 @@ TableRows::TableRows(const ObjectClass& objectClass, Slice frame, KeyList keys,
     : objectClass_(objectClass),
       frame_(std::move(frame)),
       keys_(std::move(keys)),
+      names_(keys_.keys()),
       columns_(std::move(columns)),
-      rows_(rows) {
-  columnOfBit_.fill(kNoColumn);
-  for (std::size_t i = 0; i < columns_.size(); ++i)
-    columnOfBit_[bitOf(keyBit(keys_.keys()[i].view()))] =
-        static_cast<uint8_t>(std::min<std::size_t>(i, kNoColumn - 1));
+      rows_(rows),
+      isPlaced_(columns_.size() <= kPlaces / 2) {
+  columnAt_.fill(kFree);
+  for (std::size_t i = 0; isPlaced_ && i < columns_.size(); ++i) {
+    std::size_t place = placeOf(keyBit(names_[i].view()));
+    while (columnAt_[place] != kFree) place = (place + 1) % kPlaces;
+    columnAt_[place] = static_cast<uint8_t>(i);
+  }
 }
 
 /// Null as long as nobody has asked for it.
@@ -88,11 +92,14 @@ Object* TableRows::madeObject(std::size_t row) const {
 
 /// Where the column of the key is, or `KeyList::kNone`.
 inline std::size_t TableRows::indexOf(const Key& key) const {
-  const uint8_t index = columnOfBit_[bitOf(key.bit())];
-  if (index == kNoColumn) return KeyList::kNone;
-  // Mostly it is one text in both places, which takes no look at any.
   const std::string_view text = key;
-  return keys_.keys()[index].data() == text.data() ? index : keys_.find(text);
+  if (!isPlaced_) return keys_.find(text);
+  for (std::size_t place = placeOf(key.bit()); columnAt_[place] != kFree; place = (place + 1) % kPlaces) {
+    const std::string_view name = names_[columnAt_[place]].view();
+    // Mostly it is one text in both places, which takes no look at it.
+    if (name.size() == text.size() && (name.data() == text.data() || name == text)) return columnAt_[place];
+  }
+  return KeyList::kNone;
 }
 
 /// The column of the key, which holds nothing if there is none; null once an object was made, which may be changed.

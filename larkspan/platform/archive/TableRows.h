@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -83,7 +84,7 @@ class TableRows final : public PackedMembers {
   Object* madeObject(std::size_t row) const;
   /// Whether it is plain that no row has the key.
   bool lacks(const Key& key) const {
-    return columnOfBit_[bitOf(key.bit())] == kNoColumn && !anyMade_.load(std::memory_order_acquire);
+    return columnAt_[placeOf(key.bit())] == kFree && isPlaced_ && !anyMade_.load(std::memory_order_acquire);
   }
   std::size_t indexOf(const Key& key) const;
   const TableColumn* columnOf(const Key& key) const;
@@ -92,12 +93,16 @@ class TableRows final : public PackedMembers {
   const ObjectClass& objectClass_;
   const Slice frame_;
   const KeyList keys_;
+  const std::span<const Slice> names_;  // Of the keys.
   const std::vector<TableColumn> columns_;
   const std::size_t rows_;
-  /// For each bit that a key may have, a column whose key has it, or `kNoColumn`.
-  static constexpr uint8_t kNoColumn = UINT8_MAX;
-  static std::size_t bitOf(uint64_t keyBit) { return static_cast<std::size_t>(std::countr_zero(keyBit)); }
-  std::array<uint8_t, 64> columnOfBit_;
+  static constexpr std::size_t kPlaces = 64;
+  static constexpr uint8_t kFree = UINT8_MAX;
+  static std::size_t placeOf(uint64_t keyBit) { return static_cast<std::size_t>(std::countr_zero(keyBit)); }
+  /// Where the columns of the keys are: the place of a key is that of its bit or, if others have it, the next. All are free in
+  /// a table of many columns.
+  std::array<uint8_t, kPlaces> columnAt_;
+  const bool isPlaced_;
 
   mutable std::atomic<bool> anyMade_{false};
   mutable std::mutex mutex_;
