@@ -30,8 +30,9 @@ constexpr std::chrono::microseconds kLong{100};
 constexpr unsigned kWorkersTurn = 32;
 
 /// How long a reader asks again and again for an answer before it waits. Waking it takes some 30 us of the peer's time and
-/// 10 us more until it runs, as much as many an answer.
-constexpr std::chrono::microseconds kWakeful{50};
+/// 10 us more until it runs, as much as many an answer; and what a peer takes for the next part of a long one, with such a
+/// wake-up in it, must not be too long again.
+constexpr std::chrono::microseconds kWakeful{90};
 
 Error violation(std::string_view what) { return transportError(TransportErrorCode::violation, what); }
 
