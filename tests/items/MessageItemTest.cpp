@@ -1,5 +1,6 @@
 #include "larkspan/items/LKSCommand.h"
 #include "larkspan/items/LKSIconConstructor.h"
+#include "larkspan/items/LKSResource.h"
 #include "larkspan/items/LKSSummaryResource.h"
 #include "larkspan/items/LKSTipMessage.h"
 #include "larkspan/items/MessageItem.h"
@@ -46,8 +47,17 @@ TEST(MessageItem, OfARowIsMadeOnceForAllThatShowIt) {
   Items sent;
   for (int i = 0; i < 100; ++i) {
     sent.push_back(*MessageItem::initWithLKSName(std::to_string(i)));
-    sent[i].setUserInfo(
-        {{kNameKey, "row " + std::to_string(i)}, {kSizeKey, i}, {kTagKey, 1}, {kCategoryKey, "c"}});
+    const std::string number = std::to_string(i);
+    sent[i].setUserInfo({{kNameKey, "row " + number},
+                         {kSizeKey, i},
+                         {kTagKey, 1},
+                         {kCategoryKey, "c"},
+                         {kItemKindKey, number},
+                         {kURLKey, URL::file("/row/" + number)},
+                         {kDateCreatedKey, Date{i, 7}},
+                         {kDateModifiedKey, i},
+                         {kDeletableKey, i % 2 == 0},
+                         {kRevealableKey, i % 2 == 0 ? Value(1) : Value(false)}});
   }
   sent[50].setLks_reference(Array{"no row holds an array"});
   const auto archive = KeyedArchiver::archivedData(arrayFromItems(sent));
@@ -57,12 +67,14 @@ TEST(MessageItem, OfARowIsMadeOnceForAllThatShowIt) {
   EXPECT_EQ(array.packed().size(), 3u) << "fifty rows, an item, and 49 rows";
   const Items items = itemsFromValue(array);
   ASSERT_EQ(items.size(), sent.size());
+  const auto fields = [](const LKSResource& item) {
+    return std::tuple(item.kind(), item.lks_name(), item.lks_category(), item.lks_helpBook(), item.lks_size(),
+                      item.lks_URL(), item.lks_dateCreated(), item.lks_dateModified(), item.isDeletable(),
+                      item.isRevealable());
+  };
   const auto expectAsSent = [&] {
-    for (std::size_t i = 0; i < sent.size(); ++i) {
-      EXPECT_EQ(items[i].lks_size(), sent[i].lks_size()) << i;
-      for (const auto text : {&MessageItem::lks_name, &MessageItem::lks_category, &MessageItem::lks_helpBook})
-        EXPECT_EQ((items[i].*text)(), (sent[i].*text)()) << i;
-    }
+    for (std::size_t i = 0; i < sent.size(); ++i)
+      EXPECT_TRUE(fields(LKSResource(items[i])) == fields(LKSResource(sent[i]))) << i;
   };
   expectAsSent();
   MessageItem changed = items[7];
