@@ -71,7 +71,7 @@ void ColumnLayout::take(std::span<const Value* const> rows, std::size_t index) {
       const auto look = [&](const Value& value, std::size_t i) {
         const std::string_view text = texts[i] = textOf(value);
         const bool isShared = text.data() == one.data() && text.size() == one.size();
-        if (!isShared && !text.starts_with(common)) common = common.substr(0, commonPrefix(common, text));
+        if (!isShared) common = common.substr(0, commonPrefix(common, text));
         longest = std::max(longest, text.size());
         all += text.size();
       };
