@@ -114,19 +114,31 @@ class Chain {
 };
 
 void exchange(benchmark::State& state) {
-  const auto items = static_cast<int>(state.range(0));
-  const int64_t batch = items == 0 ? 100 : 10;
-  Chain chain(items, static_cast<Reads>(state.range(1)));
+  Chain chain(static_cast<int>(state.range(0)), static_cast<Reads>(state.range(1)));
+  const int64_t batch = state.range(2);
   chain.run(1);  // The first answer waits for the extension's start.
   while (state.KeepRunningBatch(batch)) {
     if (!chain.run(batch)) return state.SkipWithError("a wrong answer");
   }
 }
-BENCHMARK(exchange)->Name("exchange/larkspan")->Args({0, 0})->UseRealTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(exchange)->Name("items/larkspan")->Args({kItems, 0})->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(exchange)
+    ->Name("exchange/larkspan")
+    ->Args({0, 0, 100})
+    ->UseRealTime()
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(exchange)
+    ->Name("exchange-waited/larkspan")
+    ->Args({0, 0, 1})
+    ->UseRealTime()
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(exchange)
+    ->Name("items/larkspan")
+    ->Args({kItems, 0, 10})
+    ->UseRealTime()
+    ->Unit(benchmark::kMicrosecond);
 BENCHMARK(exchange)
     ->Name("items-read/larkspan")
-    ->Args({kItems, 1})
+    ->Args({kItems, 1, 10})
     ->UseRealTime()
     ->Unit(benchmark::kMicrosecond);
 
