@@ -92,10 +92,9 @@ std::string dateText(const std::optional<platform::Date>& date) {
   return text;
 }
 
-/// The largest first; equal ones stay as they came.
 bool isSummary(const MessageItem& item) { return item.kind() == kSummaryKind; }
 
-/// Without the summary, which is no resource.
+/// The largest first, without the summary, which is no resource; equal ones stay as they came.
 Items sortedBySize(Items items) {
   std::erase_if(items, isSummary);
   std::stable_sort(items.begin(), items.end(),

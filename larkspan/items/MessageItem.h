@@ -58,7 +58,7 @@ class MessageItem {
   /// Adds the entries whose keys the item lacks; its own entries win.
   void addUserInfoObjectsFromDict(const platform::Dictionary& dictionary);
 
-  /// What kind of item it is, if it says so: one of the words of Vocabulary.h.
+  /// What kind of item it is, if it says so: mostly one of the words of Vocabulary.h.
   std::optional<std::string> kind() const { return stringFor(kItemKindKey); }
   std::optional<std::string> lks_name() const { return stringFor(kNameKey); }
   void setLks_name(OptionalText name) { setUserInfoObject(name, kNameKey); }

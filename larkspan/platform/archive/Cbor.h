@@ -52,20 +52,6 @@ void storeBigEndian(char*& to, Integer value) {
   to += sizeof value;
 }
 
-/// Writes so many bytes, 1, 2, 4 or 8: the low ones of the integer, most significant first. Passes them.
-inline void storeBigEndian(char*& to, uint64_t value, std::size_t size) {
-  switch (size) {
-    case 1:
-      return storeBigEndian(to, static_cast<uint8_t>(value));
-    case 2:
-      return storeBigEndian(to, static_cast<uint16_t>(value));
-    case 4:
-      return storeBigEndian(to, static_cast<uint32_t>(value));
-    default:
-      return storeBigEndian(to, value);
-  }
-}
-
 /// memcpy(3) for what mostly is short.
 inline void copyBytes(char* to, std::string_view from) {
   const std::size_t size = from.size();
@@ -120,6 +106,9 @@ enum class CborTag : uint64_t {
   extendedTime = 1001,  ///< {1: seconds since 1970, -9: nanoseconds} (RFC 9581, section 3).
 };
 
+/// The items of booleans, which are one byte.
+inline constexpr uint8_t kCborFalse = 0xF4, kCborTrue = 0xF5;
+
 /// Appends CBOR to a buffer: definite lengths, the shortest heads but in `raw` and `closeArray`. Checks nothing: the
 /// caller writes as many items as the heads promise, and text that is UTF-8.
 /// Owner:  the buffer stays the caller's and must outlive the writer.
@@ -130,7 +119,7 @@ class CborWriter {
   explicit CborWriter(ByteBuffer& out) : out_(out), start_(out.size()) {}
 
   void null() { single(0xF6); }
-  void boolean(bool value) { single(value ? 0xF5 : 0xF4); }
+  void boolean(bool value) { single(value ? kCborTrue : kCborFalse); }
   void integer(int64_t value) {
     const auto bits = static_cast<uint64_t>(value);
     value >= 0 ? head(CborMajor::unsignedInteger, bits) : head(CborMajor::negativeInteger, ~bits);

@@ -14,6 +14,12 @@ namespace {
 
 using Form = TableColumn::Form;
 
+/// Of a string or URL.
+std::string_view textOf(const Value& value) {
+  const auto* const text = value.contentAs<Slice>();
+  return text ? text->view() : value.contentAs<URL>()->absoluteString();
+}
+
 /// For numbers of so many bits: 1, 2, 4 or 8.
 std::size_t bytesFor(std::size_t bits) { return std::bit_ceil(std::max<std::size_t>((bits + 7) / 8, 1)); }
 /// For the number and those below it.

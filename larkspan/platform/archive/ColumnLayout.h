@@ -30,7 +30,6 @@ struct ColumnLayout {
   std::array<uint32_t, Table::kMostRows> nanoseconds;
   std::array<std::string_view, Table::kMostRows> texts;
 
-  ColumnLayout() {}  // Nothing is to be set in so many values.
   /// Takes the values with that index; a row stands for its first. There is one at least and `kMostRows` at most, and none is
   /// a container, error or object.
   void take(std::span<const Value* const> rows, std::size_t index);

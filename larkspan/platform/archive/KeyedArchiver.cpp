@@ -178,8 +178,7 @@ std::size_t KeyedArchiver::writeNeighbours(const Neighbours& members) {
 
 /// Writes as many of the members from `start` as make one table; 0 when that is not two at least.
 ///
-/// The rows are gone through once to find how many belong to the table, then anew for each column, which is written at its
-/// place without another copy.
+/// The rows are gone through once to find how many belong to the table, then anew for each column.
 std::size_t KeyedArchiver::writeTable(const Neighbours& members, std::size_t start) {
   const std::size_t most = std::min(Table::kMostRows, members.size() - start);
   if (tables_ == Tables::no || most < 2 || withinError_) return 0;
@@ -232,25 +231,22 @@ void KeyedArchiver::writeColumn(const ColumnLayout& layout, std::span<const Valu
   const auto form = static_cast<std::size_t>(layout.form == Form::booleans ? Form::values : layout.form);
   writer_.array(1 + Table::kContents[form]);
   writer_.text(Table::kForms[form]);
-  const std::size_t size = layout.size(rows.size());
-  if (!hasRoom(size)) return;
-  // What is filled in row by row must not move meanwhile.
-  writer_.reserve(size + 3 * detail::kLongestHead);
+  if (!hasRoom(layout.size(rows.size()))) return;
   const auto writeNumbers = [&](std::size_t width, auto&& number) {
     char* to = writer_.string(CborMajor::bytes, width * rows.size());
-    const auto store = [&]<typename Integer>(Integer) {
+    const auto store = [&]<typename Integer>() {
       for (std::size_t i = 0; i < rows.size(); ++i)
         detail::storeBigEndian(to, static_cast<Integer>(number(i)));
     };
     switch (width) {
       case 1:
-        return store(uint8_t());
+        return store.template operator()<uint8_t>();
       case 2:
-        return store(uint16_t());
+        return store.template operator()<uint16_t>();
       case 4:
-        return store(uint32_t());
+        return store.template operator()<uint32_t>();
       default:
-        return store(uint64_t());
+        return store.template operator()<uint64_t>();
     }
   };
   switch (layout.form) {
@@ -267,7 +263,7 @@ void KeyedArchiver::writeColumn(const ColumnLayout& layout, std::span<const Valu
     case Form::booleans: {
       std::array<char, Table::kMostRows> items;
       for (std::size_t i = 0; i < rows.size(); ++i)
-        items[i] = layout.integers[i] != 0 ? Table::kTrue : Table::kFalse;
+        items[i] = static_cast<char>(layout.integers[i] != 0 ? kCborTrue : kCborFalse);
       writer_.array(rows.size());
       writer_.raw({items.data(), rows.size()}, rows.size());
       break;

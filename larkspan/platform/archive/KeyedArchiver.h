@@ -3,7 +3,6 @@
 #include "larkspan/platform/archive/ArchiveError.h"
 #include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/archive/MessageCost.h"
-#include "larkspan/platform/archive/TableRows.h"
 #include "larkspan/platform/base/Limits.h"
 #include "larkspan/platform/base/Value.h"
 

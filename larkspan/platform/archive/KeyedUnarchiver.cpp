@@ -22,7 +22,8 @@ constexpr std::size_t kShownName = 80;
 
 /// Whether each byte is an item of its own that is a boolean.
 bool areBooleans(std::string_view items) {
-  return std::ranges::all_of(items, [](char item) { return item == Table::kFalse || item == Table::kTrue; });
+  return std::ranges::all_of(items,
+                             [](char item) { return (static_cast<uint8_t>(item) & ~1U) == kCborFalse; });
 }
 
 /// The content of tag 1.
@@ -329,8 +330,9 @@ bool KeyedUnarchiver::readColumn(TableColumn& column, std::size_t rows, const Cl
     }
     case Form::texts:
     case Form::urls:
-    case Form::booleans:
       break;
+    case Form::booleans:
+      return false;
   }
   const auto prefix = next(CborMajor::text);
   const auto lengths = prefix ? next(CborMajor::bytes) : std::nullopt;
@@ -342,7 +344,7 @@ bool KeyedUnarchiver::readColumn(TableColumn& column, std::size_t rows, const Cl
   column.prefix = *prefix;
   const bool isUrl = column.form == Form::urls;
   column.ends.reserve(rows);
-  URLCheck urls(*prefix, isUrl ? *text : std::string_view());
+  URLCheck urls = isUrl ? URLCheck(*prefix, *text) : URLCheck();
   std::size_t end = 0;
   for (std::size_t row = 0; row < rows; ++row) {
     const std::size_t begin = end;

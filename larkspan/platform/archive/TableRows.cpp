@@ -4,7 +4,6 @@
 #include "larkspan/platform/archive/Cbor.h"
 #include "larkspan/platform/archive/ValueCoding.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace larkspan::platform {
@@ -13,9 +12,6 @@ namespace {
 
 using Form = TableColumn::Form;
 
-/// Of a key that the table does not have: no value in any row.
-constinit const TableColumn kNothing;
-
 }  // namespace
 
 inline int64_t TableColumn::integerAt(const Slice& frame, std::size_t row) const {
@@ -23,7 +19,7 @@ inline int64_t TableColumn::integerAt(const Slice& frame, std::size_t row) const
 }
 
 inline bool TableColumn::booleanAt(const Slice& frame, std::size_t row) const {
-  return frame.data()[first + row] == Table::kTrue;
+  return static_cast<uint8_t>(frame.data()[first + row]) == kCborTrue;
 }
 
 inline Date TableColumn::dateAt(const Slice& frame, std::size_t row) const {
@@ -51,7 +47,7 @@ Value TableColumn::at(const Slice& frame, std::size_t row) const {
     case Form::same:
       return values.front();
     case Form::values:
-      return row < values.size() ? values[row] : Value();
+      return values[row];
     case Form::integers:
       return integerAt(frame, row);
     case Form::texts:
@@ -102,11 +98,11 @@ inline std::size_t TableRows::indexOf(const Key& key) const {
   return KeyList::kNone;
 }
 
-/// The column of the key, which holds nothing if there is none; null once an object was made, which may be changed.
+/// The column of the key; null if there is none, and once an object was made, which may be changed.
 inline const TableColumn* TableRows::columnOf(const Key& key) const {
   if (anyMade_.load(std::memory_order_acquire)) return nullptr;
   const std::size_t index = indexOf(key);
-  return index == KeyList::kNone ? &kNothing : &columns_[index];
+  return index == KeyList::kNone ? nullptr : &columns_[index];
 }
 
 Value TableRows::get(std::size_t row, std::string_view key) const {
@@ -115,27 +111,29 @@ Value TableRows::get(std::size_t row, std::string_view key) const {
   return index == KeyList::kNone ? Value() : columns_[index].at(frame_, row);
 }
 
-Value TableRows::get(std::size_t row, const Key& key) const {
-  const TableColumn* const column = columnOf(key);
-  return column ? column->at(frame_, row) : get(row, std::string_view(key));
+inline Value TableRows::get(const TableColumn* column, std::size_t row, const Key& key) const {
+  if (column) return column->at(frame_, row);
+  return lacks(key) ? Value() : get(row, std::string_view(key));
 }
+
+Value TableRows::get(std::size_t row, const Key& key) const { return get(columnOf(key), row, key); }
 
 int64_t TableRows::integerInColumn(std::size_t row, const Key& key, int64_t absent) const {
   const TableColumn* const column = columnOf(key);
-  if (column && column->form == Form::integers) return column->integerAt(frame_, row);
-  return get(row, key).integerOr(absent);
+  return column && column->form == Form::integers ? column->integerAt(frame_, row)
+                                                  : get(column, row, key).integerOr(absent);
 }
 
 bool TableRows::boolean(std::size_t row, const Key& key) const {
   const TableColumn* const column = columnOf(key);
   return column && column->form == Form::booleans ? column->booleanAt(frame_, row)
-                                                  : get(row, key).boolValue();
+                                                  : get(column, row, key).boolValue();
 }
 
 std::optional<std::string> TableRows::string(std::size_t row, const Key& key) const {
   const TableColumn* const column = columnOf(key);
   if (column && column->form == Form::same) return column->values.front().string();
-  if (!column || column->form != Form::texts) return get(row, key).string();
+  if (!column || column->form != Form::texts) return get(column, row, key).string();
   const std::string_view rest = column->restAt(frame_, row);
   if (column->prefix.empty()) return std::string(rest);
   std::optional<std::string> text(std::in_place);
@@ -146,13 +144,13 @@ std::optional<std::string> TableRows::string(std::size_t row, const Key& key) co
 
 std::optional<Date> TableRows::date(std::size_t row, const Key& key) const {
   const TableColumn* const column = columnOf(key);
-  return column && column->form == Form::dates ? column->dateAt(frame_, row) : get(row, key).date();
+  return column && column->form == Form::dates ? column->dateAt(frame_, row) : get(column, row, key).date();
 }
 
 std::optional<URL> TableRows::url(std::size_t row, const Key& key) const {
   const TableColumn* const column = columnOf(key);
-  if (column && column->form == Form::urls) return URL::wellFormed(column->textAt(frame_, row));
-  return get(row, key).url();
+  return column && column->form == Form::urls ? URL::wellFormed(column->textAt(frame_, row))
+                                              : get(column, row, key).url();
 }
 
 const std::shared_ptr<Object>& TableRows::object(std::size_t row) const {

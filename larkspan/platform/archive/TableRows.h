@@ -88,6 +88,7 @@ class TableRows final : public PackedMembers {
   }
   std::size_t indexOf(const Key& key) const;
   const TableColumn* columnOf(const Key& key) const;
+  Value get(const TableColumn* column, std::size_t row, const Key& key) const;
   int64_t integerInColumn(std::size_t row, const Key& key, int64_t absent) const;
 
   const ObjectClass& objectClass_;

@@ -51,7 +51,7 @@ class URLCheck {
   std::string_view prefix_;
   /// A plain path behind it makes no look at the prefix necessary: a path, a query and a fragment all may hold it.
   bool isFilePrefix_ = false;
-  /// So is all that comes behind it.
+  /// All that comes behind it, taken as one text, is a plain path, too.
   bool arePlain_ = false;
   /// The prefix and the text judged last.
   std::string whole_;

@@ -23,12 +23,6 @@ inline Slice sharedPart(const Slice& frame, std::string_view content) {
   return frame.part(static_cast<std::size_t>(content.data() - frame.data()), content.size());
 }
 
-/// The text of a string or URL.
-inline std::string_view textOf(const Value& value) {
-  const auto* const text = value.contentAs<Slice>();
-  return text ? text->view() : value.contentAs<URL>()->absoluteString();
-}
-
 /// The class name of an error in tag 27.
 inline constexpr std::string_view kErrorClassName = "Error";
 
@@ -57,8 +51,6 @@ struct Table {
   static constexpr std::string_view kForms[] = {"same", "values", "integers", "texts", "urls", "dates"};
   /// How many members follow the form in its column.
   static constexpr std::size_t kContents[] = {1, 1, 1, 3, 3, 2};
-  /// The items of booleans, which are one byte.
-  static constexpr char kFalse = '\xF4', kTrue = '\xF5';
   /// So that, with the limit on values in rows, tables stand for no more objects than plain ones could.
   static constexpr std::size_t kFewestKeys = 4;
   /// That the library writes: as many as stay in a processor's cache while each column goes through them again.

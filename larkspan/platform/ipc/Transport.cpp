@@ -127,23 +127,22 @@ void Transport::read(Reading& reading) {
 }
 
 ssize_t Transport::Reading::receive(std::span<char> room) {
+  using Clock = std::chrono::steady_clock;
   // On a single processor it would only keep the peer from running.
   static const bool hasSeveralProcessors = std::thread::hardware_concurrency() > 1;
-  if (*staysAwake && hasSeveralProcessors) {
-    const auto end = std::chrono::steady_clock::now() + kWakeful;
-    do {
-      const ssize_t count = ::recv(socket->get(), room.data(), room.size(), MSG_DONTWAIT);
-      if (count >= 0 || errno != EAGAIN) return count;
+  const bool isWakeful = *staysAwake && hasSeveralProcessors;
+  for (const auto end = isWakeful ? Clock::now() + kWakeful : Clock::time_point();;) {
+    const ssize_t count = ::recv(socket->get(), room.data(), room.size(), MSG_DONTWAIT);
+    if (count >= 0 || errno != EAGAIN) return count;
+    if (isWakeful && Clock::now() < end) {
       std::this_thread::yield();
-    } while (std::chrono::steady_clock::now() < end);
-  }
-  ssize_t count;
-  while ((count = ::recv(socket->get(), room.data(), room.size(), MSG_DONTWAIT)) < 0 && errno == EAGAIN) {
-    // A thread in recv(2) itself would wake each time the peer has read something, too.
+      continue;
+    }
+    // A thread that waits in recv(2) wakes each time the peer has read something, too.
     pollfd watched{socket->get(), POLLIN, 0};
-    ::poll(&watched, 1, -1);
+    if (::poll(&watched, 1, -1) < 0 && errno != EINTR)
+      return ::recv(socket->get(), room.data(), room.size(), 0);
   }
-  return count;
 }
 
 /// Waits for something to read, which `shutdown` ends, too, and delivers it.
