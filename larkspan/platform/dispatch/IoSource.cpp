@@ -1,5 +1,6 @@
 #include "larkspan/platform/dispatch/IoSource.h"
 
+#include "larkspan/platform/dispatch/DispatchQueue.h"
 #include "larkspan/platform/dispatch/Thread.h"
 
 #include <condition_variable>
@@ -37,6 +38,8 @@ class IoThread {
   bool add(const std::shared_ptr<Source>& source);
   void setEvents(Source& source, uint32_t events);
   void cancel(Source& source);
+  /// To be called on this thread.
+  std::shared_ptr<Source> running() const { return running_; }
 
  private:
   IoThread() : epoll_(epoll_create1(EPOLL_CLOEXEC)) {
@@ -49,7 +52,7 @@ class IoThread {
   const int epoll_;
   std::mutex mutex_;
   std::condition_variable handlerEnded_;
-  const Source* running_ = nullptr;
+  std::shared_ptr<Source> running_;  // Written by the thread alone.
   uint64_t lastNumber_ = 0;
   std::unordered_map<uint64_t, std::shared_ptr<Source>> sources_;
 };
@@ -90,9 +93,9 @@ void IoThread::cancel(Source& source) {
     sources_.erase(source.number);
     source.number = 0;
   }
-  if (running_ == &source) {
+  if (running_.get() == &source) {
     if (onIoThread) return;  // From the handler itself: `deliver()` drops it.
-    handlerEnded_.wait(lock, [&] { return running_ != &source; });
+    handlerEnded_.wait(lock, [&] { return running_.get() != &source; });
   }
   dropped = std::exchange(source.handler, nullptr);
 }
@@ -106,7 +109,7 @@ void IoThread::deliver(uint64_t number, uint32_t events) {
   source = found->second;
   events &= source->events | EPOLLHUP | EPOLLERR;
   if (events == 0) return;
-  running_ = source.get();
+  running_ = source;
   lock.unlock();
   source->handler(events);
   lock.lock();
@@ -145,6 +148,15 @@ std::shared_ptr<IoSource> IoSource::make(int descriptor, uint32_t events, Handle
   const std::shared_ptr<Source> source(new Source{descriptor, events, std::move(handler)});
   if (!IoThread::shared().add(source)) return nullptr;
   return std::make_shared<Handle>(source);
+}
+
+void IoSource::pause(std::chrono::milliseconds time) {
+  IoThread& thread = IoThread::shared();
+  const auto source = thread.running();
+  thread.setEvents(*source, 0);
+  DispatchQueue::global(QualityOfService::utility)->after(time, [&thread, source] {
+    thread.setEvents(*source, EPOLLIN);
+  });
 }
 
 bool isIoThread() { return onIoThread; }

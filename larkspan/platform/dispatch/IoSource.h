@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -25,6 +26,8 @@ class IoSource {
   /// Replaces the set of watched events; 0 pauses, EPOLLHUP and EPOLLERR included. Called on the
   /// input/output thread it holds at once; from elsewhere a handler call may be under way.
   virtual void setEvents(uint32_t events) = 0;
+  /// For a handler: its own source pauses for that time and then watches for EPOLLIN, unless it is cancelled.
+  static void pause(std::chrono::milliseconds time);
   /// Stops watching. The handler is not running and never runs again once this returns, unless this is
   /// called from the handler itself. Idempotent. Drops the handler and what it captured. The caller must not
   /// hold a lock that the handler takes.

@@ -2,7 +2,6 @@
 
 #include "larkspan/platform/base/Format.h"
 #include "larkspan/platform/base/Limits.h"
-#include "larkspan/platform/dispatch/DispatchQueue.h"
 #include "larkspan/platform/dispatch/IoSource.h"
 #include "larkspan/platform/ipc/ServiceConnector.h"
 #include "larkspan/platform/ipc/ServiceFolder.h"
@@ -15,7 +14,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <mutex>
 #include <stdexcept>
 #include <utility>
 
@@ -78,33 +76,26 @@ class Listener::Accepting : public std::enable_shared_from_this<Accepting> {
   /// False with errno when the socket cannot be watched.
   bool begin() {
     ::fcntl(socket_.get(), F_SETFL, O_NONBLOCK);
-    // The first event waits for the source.
-    const std::lock_guard lock(mutex_);
     source_ =
         IoSource::make(socket_.get(), EPOLLIN, [self = shared_from_this()](uint32_t) { self->acceptAll(); });
     return source_ != nullptr;
   }
   void end() {
-    std::shared_ptr<IoSource> source;
-    {
-      const std::lock_guard lock(mutex_);
-      source.swap(source_);
-    }
-    source->cancel();
+    source_->cancel();
     socket_.reset();
   }
 
  private:
   void acceptAll() {
     for (;;) {
-      if (*clients_ >= limits::kMaximumClients) return pause();
+      if (*clients_ >= limits::kMaximumClients) return IoSource::pause(kPause);
       Descriptor socket(::accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC));
       if (socket) {
         take(std::move(socket));
       } else if (errno == EAGAIN) {
         return;
       } else if (errno != EINTR && errno != ECONNABORTED) {
-        return pause();
+        return IoSource::pause(kPause);
       }
     }
   }
@@ -123,23 +114,9 @@ class Listener::Accepting : public std::enable_shared_from_this<Accepting> {
         [clients = clients_] { --*clients; });
   }
 
-  void pause() {
-    std::shared_ptr<IoSource> source;
-    {
-      const std::lock_guard lock(mutex_);
-      source = source_;
-    }
-    if (!source) return;
-    source->setEvents(0);
-    DispatchQueue::global(QualityOfService::utility)->after(kPause, [weak = std::weak_ptr(source)] {
-      if (const auto paused = weak.lock()) paused->setEvents(EPOLLIN);
-    });
-  }
-
   Descriptor socket_;
   const std::shared_ptr<const Handler> handler_;
   const std::shared_ptr<std::atomic<int>> clients_ = std::make_shared<std::atomic<int>>(0);
-  std::mutex mutex_;
   std::shared_ptr<IoSource> source_;
 };
 

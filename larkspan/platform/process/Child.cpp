@@ -1,7 +1,6 @@
 #include "larkspan/platform/process/Child.h"
 
 #include "larkspan/platform/base/Descriptor.h"
-#include "larkspan/platform/dispatch/DispatchQueue.h"
 #include "larkspan/platform/dispatch/IoSource.h"
 #include "larkspan/platform/process/Spawner.h"
 
@@ -200,8 +199,7 @@ class Child::Process : public std::enable_shared_from_this<Child::Process> {
     return false;
   }
 
-  /// For a child that could not be watched.
-  void unwatch() {
+  void unwatchLines() {
     std::shared_ptr<IoSource> source;
     {
       std::lock_guard lock(mutex_);
@@ -217,33 +215,22 @@ class Child::Process : public std::enable_shared_from_this<Child::Process> {
 
  private:
   void readLines() {
-    std::shared_ptr<IoSource> source;
-    {
-      std::lock_guard lock(mutex_);
-      source = lineSource_;
-    }
-    if (!source) return;
-    if (!lines_->read(kLinesAtOnce)) return source->cancel();
-    source->setEvents(0);
-    DispatchQueue::global(QualityOfService::utility)->after(kLinesPause, [weak = std::weak_ptr(source)] {
-      if (const auto paused = weak.lock()) paused->setEvents(EPOLLIN);
-    });
+    if (lines_->read(kLinesAtOnce)) return IoSource::pause(kLinesPause);
+    unwatchLines();
   }
 
   void ended() {
     const std::shared_ptr<Process> self = shared_from_this();
-    std::shared_ptr<IoSource> lineSource;
     std::shared_ptr<IoSource> exitSource;
     {
       std::lock_guard lock(mutex_);
       status_ = reap(handle_.get(), WNOHANG);
-      lineSource = std::move(lineSource_);
       exitSource = std::move(exitSource_);
     }
     exitSource->cancel();
+    unwatchLines();
     handle_.reset();
-    if (lineSource) {
-      lineSource->cancel();
+    if (lines_) {
       lines_->read(kLastLines);
       lines_->finish();
       lines_.reset();
@@ -286,7 +273,7 @@ std::variant<std::shared_ptr<Child>, Error> Child::start(const ChildOptions& opt
   auto process = std::make_shared<Process>(std::move(spawned), std::move(onExit), std::move(lines));
   if (!process->watch()) {
     const int reason = errno;
-    process->unwatch();
+    process->unwatchLines();
     return Error::posix(reason, name + ": watching the child");
   }
   return std::shared_ptr<Child>(new Child(std::move(process)));
