@@ -29,7 +29,7 @@ struct Manifest {
 };
 
 /// The manifest at `path`, the reason in English why it is not one, or the shortage that keeps it from being
-/// read just now (see `readTrustedKeyFile`). `Identifier`, `ExtensionPoint`, `Name` and `Exec` must be
+/// read just now (see `readProgramFile`). `Identifier`, `ExtensionPoint`, `Name` and `Exec` must be
 /// there unless `Hidden` is true; whether the program exists is for the launch to find out. `Identifier` and
 /// `ExtensionPoint` are made of ASCII letters, digits, '.', '-' and '_' and start with a letter or digit.
 /// Thread: any; reads files.

@@ -3,7 +3,7 @@
 namespace larkspan::platform {
 namespace {
 
-constexpr std::string_view kReserved = "\t\n\"'\\><~|&;$*?#()`";
+constexpr std::string_view kReserved = "\"'\\><~|&;$*?#()`";
 constexpr std::string_view kEscapedInQuotes = "\"`$\\";
 
 }  // namespace
@@ -22,6 +22,7 @@ std::variant<std::vector<std::string>, std::string> parseExecLine(std::string_vi
     for (;; ++i) {
       if (i == line.size() || line[i] == (isQuoted ? '"' : ' ')) break;
       const char c = line[i];
+      if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) return "a control character in Exec";
       if (isQuoted && c == '\\') {
         if (++i == line.size() || kEscapedInQuotes.find(line[i]) == kEscapedInQuotes.npos) {
           return "a backslash in Exec before a character that needs none";

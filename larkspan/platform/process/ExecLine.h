@@ -11,7 +11,7 @@ namespace larkspan::platform {
 /// Quoting is that of freedesktop.org's desktop-entry-spec ("The Exec key"): arguments are separated
 /// by spaces; one with a reserved character stands whole in double quotes, within which '"', '`', '$' and '\'
 /// follow a backslash.
-/// "%%" is a percent sign; there are no field codes.
+/// "%%" is a percent sign; there are no field codes and no control characters.
 /// A program that has a slash but does not start with one is taken from `folder`.
 std::variant<std::vector<std::string>, std::string> parseExecLine(std::string_view line,
                                                                   std::string_view folder);

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 #include <variant>
+#include <vector>
 
 #include <sys/stat.h>
 
@@ -28,13 +29,20 @@ struct Shortage {
 /// Whether an errno speaks of a `Shortage` and not of the file.
 bool isShortage(int errorNumber);
 
-/// The key file at `path`, the reason in English why it is not to be used, or the shortage that keeps it from being
-/// read just now. Links are followed; the file that they lead to must be regular. It and the folder of `path` must be
-/// trustworthy.
-std::variant<KeyFile, std::string, Shortage> readTrustedKeyFile(const std::string& path);
+/// A key file that names a program.
+struct ProgramFile {
+  KeyFile keys;
+  /// `Hidden`: switched off, and `Identifier` and `Exec` need not be there.
+  bool hidden = false;
+  /// `Exec`, taken apart (see ExecLine.h), unless it is hidden.
+  std::vector<std::string> exec;
+};
 
-/// The folder of a path, "." where it has none.
-std::string folderOf(const std::string& path);
+/// The file at `path`, the reason in English why it is not to be used, or the shortage that keeps it from being read just
+/// now. The keys stand in `group`, and `Identifier` is the file's name without what follows its last dot. Links are
+/// followed; the file that they lead to must be regular. It and the folder of `path` must be trustworthy.
+std::variant<ProgramFile, std::string, Shortage> readProgramFile(const std::string& path,
+                                                                 std::string_view group);
 
 /// Bytes of the longest name of an extension or service.
 inline constexpr std::size_t kMaxIdentifier = 128;

@@ -117,7 +117,7 @@ TEST(ExtensionMatcher, LogsWhatItSkipsOnceForEachStateOfIt) {
   std::sort(lines.begin(), lines.end());
   EXPECT_EQ(lines, (Texts{"Skipped extension folder " + tree.path("system/larkspan/extensions") +
                               ": writable by everybody",
-                          "Skipped extension manifest " + bad + ": no ExtensionPoint",
+                          "Skipped extension manifest " + bad + ": no Exec",
                           "Skipped extension manifest " + bad + ": no Identifier"}));
 }
 

@@ -31,7 +31,8 @@ TEST(ExecLine, UndoesTheQuotingOfDesktopEntriesAndSaysWhatIsWrong) {
       {"an argument in Exec that is quoted in part", {R"(tool "a"b)", R"("a""b")"}},
       {"an unquoted \" in Exec", {R"(tool a"b")"}},
       {"an unescaped $ in Exec", {R"(tool "$HOME")"}},
-      {"an unquoted ; in Exec", {"tool a;b"}}};
+      {"an unquoted ; in Exec", {"tool a;b"}},
+      {"a control character in Exec", {"tool \"a\nb\"", "tool\x7F"}}};
   for (const auto& [reason, lines] : malformed) {
     for (const auto& line : lines) EXPECT_EQ(std::get<1>(parseExecLine(line, "/f")), reason) << line;
   }
@@ -64,8 +65,8 @@ TEST(Manifest, IsReadWithItsProgramTakenFromItsOwnFolderOrTheReasonIsNamed) {
       {"no Exec", {name, name + "Exec=\n"}},
       {"ExtensionPoint is no identifier", {id + "ExtensionPoint=p q\nName=N\nExec=x\n"}},
       {"a field code in Exec", {name + "Exec=x %u\n"}},
-      {"a control character in Name, Icon or Exec",
-       {name + "Exec=x \"a\\nb\"\n", name + "Exec=x\nIcon=a\\tb\n"}}};
+      {"a control character in Exec", {name + "Exec=x \"a\\nb\"\n"}},
+      {"a control character in Name or Icon", {name + "Exec=x\nIcon=a\\tb\n"}}};
   for (const auto& [expected, texts] : cases) {
     for (const auto& text : texts) EXPECT_EQ(reason(tree.write("e.extension", text)), expected);
   }

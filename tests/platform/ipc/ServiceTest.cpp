@@ -205,6 +205,8 @@ TEST_F(Services, SayWhyTheyCannotBeStarted) {
   EXPECT_EQ(failure(), none);
   const std::string file = serviceFile("", "other");
   EXPECT_EQ(failure(), none + "; " + file + ": Identifier is not the file's name");
+  serviceFile(R"( "a\nb")");
+  EXPECT_EQ(failure(), none + "; " + file + ": a control character in Exec");
   serviceFile();
   chmod(file.c_str(), 0666);
   EXPECT_EQ(failure(), none + "; " + file + ": writable by everybody");
