@@ -3,6 +3,7 @@
 #include "larkspan/platform/ipc/Listener.h"
 #include "larkspan/platform/ipc/PassedObject.h"
 #include "larkspan/platform/ipc/ServiceConnector.h"
+#include "larkspan/platform/ipc/ServiceFile.h"
 #include "larkspan/platform/ipc/TransportError.h"
 #include "larkspan/platform/process/Child.h"
 #include "tests/support/CapturedLog.h"
@@ -16,6 +17,7 @@
 #include <thread>
 
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -205,6 +207,13 @@ TEST_F(Services, SayWhyTheyCannotBeStarted) {
   EXPECT_EQ(failure(), none);
   const std::string file = serviceFile("", "other");
   EXPECT_EQ(failure(), none + "; " + file + ": Identifier is not the file's name");
+  rlimit before;
+  getrlimit(RLIMIT_NOFILE, &before);
+  const rlimit nothing{0, before.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &nothing);
+  const auto starved = std::get<1>(serviceProgram(name)).localizedDescription();
+  setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_EQ(starved, name + " cannot be started: " + file + ": Too many open files");
   serviceFile(R"( "a\nb")");
   EXPECT_EQ(failure(), none + "; " + file + ": a control character in Exec");
   serviceFile();
