@@ -272,6 +272,7 @@ struct Answering : testing::Test, ExportedObject {
       made.wait();
       accepted = Connection::accept(far, channel);
       kept = std::shared_ptr<ExportedObject>(this, [](auto*) {});
+      if (whenOpened) whenOpened();
       accepted->setExported(echoInterface(), kept);
       return accepted;
     };
@@ -298,7 +299,17 @@ struct Answering : testing::Test, ExportedObject {
     return error ? error->code() : 0;
   }
   std::shared_ptr<ExportedObject> kept;
+  std::function<void()> whenOpened;
 };
+
+TEST_F(Answering, AnAcceptedConnectionEndsIfItsTransportClosesBeforeItKnowsIt) {
+  whenOpened = [this] {
+    accepted->setInvalidationHandler([this] { closed.push(3); });
+    far->close(Error("test", 0));
+  };
+  EXPECT_EQ(ask("echo"), static_cast<int64_t>(TransportErrorCode::interrupted));
+  EXPECT_EQ(closed.waitFor(3).size(), 3u);
+}
 
 TEST_F(Answering, ALongListComesInPartsBeforeItsRest) {
   constexpr std::size_t kCount = 5000;
