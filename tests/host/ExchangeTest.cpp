@@ -4,6 +4,7 @@
 #include "larkspan/items/LKSCommand.h"
 #include "larkspan/platform/base/NotificationCenter.h"
 #include "larkspan/platform/dispatch/ManualClock.h"
+#include "larkspan/platform/ipc/Serving.h"
 #include "larkspan/platform/ipc/TransportError.h"
 #include "larkspan/platform/process/Launcher.h"
 #include "larkspan/provider/LKSExtension.h"
@@ -15,11 +16,11 @@
 
 #include <atomic>
 #include <future>
-#include <map>
 #include <mutex>
 #include <thread>
 
 #include <fcntl.h>
+#include <sys/socket.h>
 
 namespace larkspan::tests {
 namespace {
@@ -37,22 +38,16 @@ class InProcessExtension : public Launcher {
   std::variant<std::shared_ptr<LaunchedProcess>, Error> launch(const ChildOptions& options,
                                                                Child::ExitHandler) override {
     ++launches;
-    Descriptor socket(fcntl(options.descriptors.at(0).source, F_DUPFD_CLOEXEC, 0));
-    auto process = std::make_shared<Process>();
-    Transport::Handlers handlers;
-    // Requests live as long as the transport's handlers.
-    auto contexts = std::make_shared<std::map<uint32_t, std::shared_ptr<LKSRemoteExtensionContext>>>();
-    handlers.onOpen = [this, contexts, process](uint32_t channel) {
-      auto connection = Connection::accept(process->held(), channel);
-      auto context = LKSRemoteExtensionContext::make(UUID::random(), connection);
-      provider_->beginRequestWithExtensionContext(context);
-      (*contexts)[channel] = context;
-      return connection;
+    const auto process = std::make_shared<Process>();
+    process->socket.reset(fcntl(options.descriptors.at(0).source, F_DUPFD_CLOEXEC, 0));
+    const auto accept = [provider = provider_](const auto& connection) {
+      const auto context = LKSRemoteExtensionContext::make(UUID::random(), connection);
+      provider->beginRequestWithExtensionContext(context);
+      return context;
     };
-    handlers.onClose = [process](const Error&) { process->drop(); };
-    // The handlers wait for it.
-    const std::scoped_lock lock(mutex_, process->mutex);
-    process->current = Transport::make(std::move(socket), "host", std::move(handlers));
+    serve(Descriptor(fcntl(process->socket.get(), F_DUPFD_CLOEXEC, 0)), "host", accept,
+          [process] { process->end(); });
+    const std::lock_guard lock(mutex_);
     return process_ = process;
   }
 
@@ -65,18 +60,15 @@ class InProcessExtension : public Launcher {
  private:
   struct Process : LaunchedProcess {
     void kill() override {
-      if (const auto transport = held()) transport->close(Error("test", 1, "killed"));
-    }
-    std::shared_ptr<Transport> held() {
       const std::lock_guard lock(mutex);
-      return current;
+      if (socket) shutdown(socket.get(), SHUT_RDWR);
     }
-    std::shared_ptr<Transport> drop() {
+    void end() {
       const std::lock_guard lock(mutex);
-      return std::exchange(current, nullptr);
+      socket.reset();
     }
     std::mutex mutex;
-    std::shared_ptr<Transport> current;
+    Descriptor socket;
   };
 
   const std::shared_ptr<LKSExtension> provider_;

@@ -93,13 +93,24 @@ class TestTree {
   std::string path_, volume_;
 };
 
+/// Keeps the process from opening descriptors from that number on, for as long as it lives.
+class DescriptorLimit {
+ public:
+  explicit DescriptorLimit(rlim_t first) {
+    ::getrlimit(RLIMIT_NOFILE, &before_);
+    const rlimit low{first, before_.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &low);
+  }
+  ~DescriptorLimit() { ::setrlimit(RLIMIT_NOFILE, &before_); }
+
+ private:
+  rlimit before_{};
+};
+
 /// Runs `body` on a thread with a stack of 64 KiB while the process may have 64 descriptors.
 template <typename F>
 void runStarved(F body) {
-  struct rlimit before, scarce;
-  ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &before));
-  scarce = {64, before.rlim_max};
-  ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &scarce));
+  const DescriptorLimit scarce(64);
   pthread_attr_t attributes;
   ::pthread_attr_init(&attributes);
   ::pthread_attr_setstacksize(&attributes, 64 * 1024);
@@ -108,7 +119,6 @@ void runStarved(F body) {
   EXPECT_EQ(0, ::pthread_create(&thread, &attributes, run, &body));
   ::pthread_join(thread, nullptr);
   ::pthread_attr_destroy(&attributes);
-  ::setrlimit(RLIMIT_NOFILE, &before);
 }
 
 }  // namespace larkspan::platform

@@ -11,7 +11,6 @@
 
 #include <fnmatch.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -63,13 +62,10 @@ std::string expected(const std::string& priority, const std::string& rest) {
 
 TEST(JournalSink, WritesTheNativeProtocolAndSaysInTheNextRecordHowManyItDropped) {
   FakeJournal journal;
-  rlimit before;
-  getrlimit(RLIMIT_NOFILE, &before);
-  const rlimit none{0, before.rlim_max};
-  setrlimit(RLIMIT_NOFILE, &none);
+  std::optional<DescriptorLimit> none(0);
   JournalSink sink(journal.path);
   sink.write(record("lost for want of a descriptor"));
-  setrlimit(RLIMIT_NOFILE, &before);
+  none.reset();
   sink.write(record("100% = full"));
   EXPECT_EQ(journal.receive(), expected("5", "MESSAGE=100% = full\nLARKSPAN_DROPPED=1\n"));
   sink.write(record("a\nPRIORITY=0", LogLevel::fault));
