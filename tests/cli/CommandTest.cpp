@@ -13,15 +13,9 @@
 namespace larkspan::tests {
 namespace {
 
-// The thread sanitizer alone sleeps a second at exit.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::chrono::milliseconds kSignalPatience{3000};
-#else
-constexpr std::chrono::milliseconds kSignalPatience{1500};
-#endif
-
 using std::chrono::steady_clock;
-using namespace std::chrono_literals;
+// The thread sanitizer alone sleeps a second at exit.
+constexpr std::chrono::milliseconds kSignalPatience{kIsSanitized ? 3000 : 1500};
 namespace fs = std::filesystem;
 using Words = std::vector<std::string>;
 

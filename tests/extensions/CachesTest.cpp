@@ -58,6 +58,8 @@ TEST_F(Caches, EmptiesWhatIsItsOwnAndTellsTheHost) {
   expectNotice(LKSOpaqueExtensionBytesUsedDidChangeNotification);
   expectNotice(LKSOpaqueExtensionResourcesDidChangeNotification);
   EXPECT_EQ(0, resources().at("cache/app").lks_size()) << "the walk from before is not used again";
+  EXPECT_TRUE(ask<LKSShowResourceOperation>({before.at("cache/app")}).empty() && error.empty());
+  EXPECT_TRUE(ask<LKSPerformHeaderActionOperation>().empty() && error.empty());
 }
 
 TEST_F(Caches, RefusesToDeleteAnythingElse) {

@@ -5,6 +5,7 @@
 #include "larkspan/items/LKSResource.h"
 #include "larkspan/items/LKSTipMessage.h"
 #include "larkspan/platform/base/NotificationCenter.h"
+#include "larkspan/runtime/LKSOperationQueue.h"
 #include "tests/platform/files/TestTree.h"
 #include "tests/support/Collector.h"
 #include "tests/support/ManifestTree.h"
@@ -36,7 +37,7 @@ class ExtensionTest : public testing::Test {
     const auto operation = LKSOperation::makeOperation<Operation>();
     operation->setExtension(handle);
     operation->setInputItems(std::move(input));
-    operation->start();
+    LKSOperationQueue::concurrentBackgroundQueue()->addOperation(operation);
     operation->waitUntilFinished();
     error = operation->error() ? operation->error()->localizedDescription() : "";
     return operation->returnedItems().value_or(Items());

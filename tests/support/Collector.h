@@ -1,5 +1,7 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -17,9 +19,11 @@ class Collector {
     values_.push_back(std::move(value));
     changed_.notify_all();
   }
-  /// All that came once there are `count` of them, or when ten seconds have passed.
+  /// All that came once there are `count` of them; fails the test when there are fewer after ten seconds.
   std::vector<T> waitFor(std::size_t count) {
-    return waitUntil([count](const auto& values) { return values.size() >= count; });
+    auto all = waitUntil([count](const auto& values) { return values.size() >= count; });
+    EXPECT_GE(all.size(), count);
+    return all;
   }
   /// All that came once that is enough, or when ten seconds have passed.
   template <typename Condition>

@@ -9,6 +9,12 @@
 
 namespace larkspan::tests {
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kIsSanitized = true;
+#else
+constexpr bool kIsSanitized = false;
+#endif
+
 /// Sets an environment variable, or takes it away, for as long as it lives.
 class ScopedVariable {
  public:

@@ -65,7 +65,6 @@ TEST(Manifest, IsReadWithItsProgramTakenFromItsOwnFolderOrTheReasonIsNamed) {
       {"no Exec", {name, name + "Exec=\n"}},
       {"ExtensionPoint is no identifier", {id + "ExtensionPoint=p q\nName=N\nExec=x\n"}},
       {"a field code in Exec", {name + "Exec=x %u\n"}},
-      {"a control character in Exec", {name + "Exec=x \"a\\nb\"\n"}},
       {"a control character in Name or Icon", {name + "Exec=x\nIcon=a\\tb\n"}}};
   for (const auto& [expected, texts] : cases) {
     for (const auto& text : texts) EXPECT_EQ(reason(tree.write("e.extension", text)), expected);

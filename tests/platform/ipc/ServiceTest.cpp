@@ -6,6 +6,7 @@
 #include "larkspan/platform/ipc/ServiceFile.h"
 #include "larkspan/platform/ipc/TransportError.h"
 #include "larkspan/platform/process/Child.h"
+#include "tests/fixtures/ServiceInterface.h"
 #include "tests/support/CapturedLog.h"
 #include "tests/support/Collector.h"
 #include "tests/support/ManifestTree.h"
@@ -30,18 +31,6 @@ using namespace platform;
 
 const std::string kProgram = LARKSPAN_TEST_BIN "/fixtures/fixture_service";
 constexpr uid_t kOther = 4321;
-
-std::shared_ptr<const Interface> serviceInterface() {
-  const ClassSet any = ClassSet::allValues();
-  const std::vector<ClassSet> reply{any};
-  const auto interface = std::make_shared<Interface>(
-      "Service", std::vector<Interface::Method>{
-                     {"pid", {}, reply}, {"peer", {}, reply}, {"die", {}, reply}, {"watch", {any}, reply}});
-  interface->setInterface(
-      std::make_shared<Interface>("Watcher", std::vector<Interface::Method>{{"note", {any}, std::nullopt}}),
-      "watch", 0);
-  return interface;
-}
 
 /// Services of this test alone. What has been started is ended with it.
 struct Services : testing::Test {
@@ -266,15 +255,12 @@ TEST_F(Services, ListenUnderANameOnceAndLetNoMoreInThanTheyCanServe) {
 TEST_F(Services, GiveUpWhoBreaksTheProtocolAndKeepNothingOfHim) {
   Collector<std::weak_ptr<void>> kept;
   const auto listener = Listener::make(name, [&](const auto& connection, const auto&) {
-    struct Deaf : ExportedObject {
-      void receive(std::string_view, const std::vector<Value>&, Reply) override {}
-    };
-    const auto object = std::make_shared<Deaf>();
-    connection->setExported(serviceInterface(), object);
+    const auto object = std::make_shared<int>();
+    connection->setExported(serviceInterface(), {});
     // A handler of its own is none of the listener's business.
     connection->setInvalidationHandler([] {});
-    const Value large = Data::copy(std::string(limits::kMaximumFrame / 2, 'x'));
-    for (int i = 0; i < 5 && kept.now().empty(); ++i) connection->post("note", {large});
+    for (int i = 0; i < 5 && kept.now().empty(); ++i)
+      connection->post("note", {Data::copy(std::string(limits::kMaximumFrame / 2, 'x'))});
     kept.push(object);
     return object;
   });
@@ -369,7 +355,14 @@ TEST_F(Services, OfAnotherUserAreReachedByRootAndNeverStarted) {
   const std::string found = tree.path("s");
   rename(socketPath.c_str(), found.c_str());
   chmod(found.c_str(), 0777);
-  options.arguments = {kProgram, found, std::to_string(kOther)};
+  options.arguments = {
+      "perl",
+      "-MSocket",
+      "-MPOSIX",
+      "-e",
+      "setuid(4321); socket(S, PF_UNIX, SOCK_STREAM, 0); connect(S, sockaddr_un($ARGV[0])) or "
+      "exit 1; exit(sysread(S, $_, 1) // 0)",
+      found};
   const auto knocking = Child::start(options, [&](ExitStatus how) { ends.push(how); });
   EXPECT_EQ(ends.waitFor(2).at(1).description(), "exit code 0");
   EXPECT_TRUE(isLogged(" of user 4321"));

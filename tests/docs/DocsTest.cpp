@@ -131,18 +131,9 @@ TEST(WirePage, IsAnExtensionIfItsFramesArePlayed) {
   tree.file("wire.extension",
             "[Extension]\nIdentifier=wire\nExtensionPoint=corvane.larkspan\nName=W\nExec=./player\n");
   tree.file("hello", page.frames[0]);
-  tree.file("player", R"(#!/usr/bin/python3
-import os, socket
-os.chdir(os.path.dirname(__file__))
-host = socket.socket(fileno=3)
-def read():
-    size = host.recv(4, socket.MSG_WAITALL)
-    return size + host.recv(int.from_bytes(size, "big"), socket.MSG_WAITALL)
-host.sendall(open("hello", "rb").read())
-open("heard", "wb").write(read() + read() + read())
-host.sendall(open("answer", "rb").read())
-read()
-)");
+  const std::string heard = page.frames[0] + page.frames[1] + page.frames[3];
+  tree.file("player", "#!/bin/sh\ncd \"${0%/*}\"; cat hello >&3; head -c " + std::to_string(heard.size()) +
+                          " <&3 >heard; cat answer >&3; head -c 4 <&3 >&-\n");
   const auto play = [&](std::initializer_list<std::size_t> answer) {
     shell("cd " + tree.path() + "; chmod +x player; rm -f heard answer");
     std::string all;
@@ -150,7 +141,7 @@ read()
     tree.file("answer", all);
     const std::string said = shell("LARKSPAN_LOG=stderr LARKSPAN_EXTENSION_PATH=" + tree.path() +
                                    " " LARKSPAN_TEST_BIN "/larkspan ask wire 'TIPS?' 2>&1; true");
-    EXPECT_EQ(shell("cat " + tree / "heard"), page.frames[0] + page.frames[1] + page.frames[3]);
+    EXPECT_EQ(shell("cat " + tree / "heard"), heard);
     return said;
   };
   const std::string said = play({9, 10, 11, 12, 8, 4});
@@ -167,6 +158,49 @@ read()
     EXPECT_TRUE(told.find("larkspan: The operation could not be completed (org.example error 7).") !=
                 told.npos)
         << told;
+}
+
+TEST(Guide, LeadsToAnExtensionThatDeletesAndRecommends) {
+  const TestTree home;
+  // What the page has typed, and what it has put into the class and, further indented, into the loop.
+  std::ofstream commands(home / "commands"), members(home / "members"), loop(home / "loop"),
+      includes(home / "includes");
+  std::ifstream page(LARKSPAN_TEST_SOURCE "/docs/writing-an-extension.md");
+  std::string block, previous;
+  for (std::string line; std::getline(page, line); previous = line) {
+    const auto include = line.find("`#include \"");
+    if (line.starts_with("```")) {
+      block = line.substr(3);
+    } else if (block == "sh") {
+      commands << line << '\n';
+    } else if (block == "cpp") {
+      (previous == "```cpp" && line.starts_with("      ") ? loop : members) << line << '\n';
+    } else if (include != line.npos) {
+      includes << line.substr(include + 1, line.find('`', include + 1) - include - 1) << '\n';
+    }
+  }
+  for (std::ofstream* file : {&commands, &members, &loop, &includes}) file->close();
+  EXPECT_EQ(shell("export HOME=" + home.path() +
+                  R"(; unset XDG_DATA_HOME LARKSPAN_LOG; cd; mkdir -p larkspan/build Downloads
+      ln -s )" LARKSPAN_TEST_SOURCE "/larkspan " LARKSPAN_TEST_SOURCE
+                  "/examples larkspan; ln -s " LARKSPAN_TEST_BIN R"(/.. larkspan/build/release
+      printf '#!/bin/sh\n' >larkspan/dev; chmod +x larkspan/dev
+      cat >bash <<'TXT'
+      set -e
+      g++() {
+        sed -i '1e cat ../includes
+          /setLks_deletable(false)/d
+          /resources.push_back/e cat ../loop
+          /int64_t totalSpaceUsed/e cat ../members' main.cpp
+        )" LARKSPAN_TEST_CXX R"( "$@"
+      }
+      . ~/commands
+TXT
+      head -c 9000 /dev/zero | tee Downloads/a.iso >Downloads/b.iso
+      bash bash >said 2>error || cat said error >&2
+      grep -E '^(_CONFIRM_TITLE_|Total)' said | sed 's/[ab]\.iso/one of them/'; ls Downloads)"),
+            "Total: 2 items, 25 KB\n_CONFIRM_TITLE_: Delete “one of them”?\n"
+            "_CONFIRM_TITLE_: Delete the disk image for good?\nTotal: 0 items, 0 bytes\n");
 }
 
 }  // namespace
