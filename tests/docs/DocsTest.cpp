@@ -4,7 +4,7 @@
 #include "larkspan/platform/desktop/FileProviderItem.h"
 #include "larkspan/platform/ipc/Frame.h"
 #include "larkspan/platform/ipc/PassedObject.h"
-#include "tests/platform/files/TestTree.h"
+#include "tests/support/ManifestTree.h"
 
 #include <gtest/gtest.h>
 
@@ -125,21 +125,20 @@ TEST(WirePage, NamesEachKeyWithItsKind) {
 }
 
 TEST(WirePage, IsAnExtensionIfItsFramesArePlayed) {
-  const TestTree tree;
+  const ManifestTree tree;
   const Page page;
   ASSERT_EQ(page.frames.size(), 13U);
-  tree.file("wire.extension",
-            "[Extension]\nIdentifier=wire\nExtensionPoint=corvane.larkspan\nName=W\nExec=./player\n");
+  tree.add("wire.extension", "W", "./player");
   tree.file("hello", page.frames[0]);
   const std::string heard = page.frames[0] + page.frames[1] + page.frames[3];
   tree.file("player", "#!/bin/sh\ncd \"${0%/*}\"; cat hello >&3; head -c " + std::to_string(heard.size()) +
                           " <&3 >heard; cat answer >&3; head -c 4 <&3 >&-\n");
   const auto play = [&](std::initializer_list<std::size_t> answer) {
-    shell("cd " + tree.path() + "; chmod +x player; rm -f heard answer");
+    shell("cd " + tree.root + "; chmod +x player; rm -f heard answer");
     std::string all;
     for (const std::size_t frame : answer) all += page.frames[frame];
     tree.file("answer", all);
-    const std::string said = shell("LARKSPAN_LOG=stderr LARKSPAN_EXTENSION_PATH=" + tree.path() +
+    const std::string said = shell("LARKSPAN_LOG=stderr LARKSPAN_EXTENSION_PATH=" + tree.root +
                                    " " LARKSPAN_TEST_BIN "/larkspan ask wire 'TIPS?' 2>&1; true");
     EXPECT_EQ(shell("cat " + tree / "heard"), heard);
     return said;

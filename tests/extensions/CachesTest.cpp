@@ -50,6 +50,8 @@ TEST_F(Caches, EmptiesWhatIsItsOwnAndTellsTheHost) {
       "ln -s ../../outside cache/app/way;" +
       kWriteTag);
   const auto before = resources();
+  EXPECT_TRUE(ask<LKSShowResourceOperation>({before.at("cache/loose")}).empty() && error.empty());
+  EXPECT_TRUE(tree.has("cache/loose"));
   ask<LKSDeleteResourcesOperation>(
       {before.at("cache/app"), before.at("cache/tagged"), before.at("cache/loose")});
   EXPECT_EQ("", error);
@@ -58,7 +60,6 @@ TEST_F(Caches, EmptiesWhatIsItsOwnAndTellsTheHost) {
   expectNotice(LKSOpaqueExtensionBytesUsedDidChangeNotification);
   expectNotice(LKSOpaqueExtensionResourcesDidChangeNotification);
   EXPECT_EQ(0, resources().at("cache/app").lks_size()) << "the walk from before is not used again";
-  EXPECT_TRUE(ask<LKSShowResourceOperation>({before.at("cache/app")}).empty() && error.empty());
   EXPECT_TRUE(ask<LKSPerformHeaderActionOperation>().empty() && error.empty());
 }
 

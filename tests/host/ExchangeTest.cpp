@@ -43,8 +43,11 @@ class InProcessExtension : public Launcher {
       provider->beginRequestWithExtensionContext(context);
       return context;
     };
-    serve(Descriptor(fcntl(process->socket.get(), F_DUPFD_CLOEXEC, 0)), "host", accept,
-          [process] { process->end(); });
+    const auto end = [process] {
+      const std::lock_guard lock(process->mutex);
+      process->socket.reset();
+    };
+    serve(Descriptor(fcntl(process->socket.get(), F_DUPFD_CLOEXEC, 0)), "host", accept, end);
     const std::lock_guard lock(mutex_);
     return process_ = process;
   }
@@ -60,10 +63,6 @@ class InProcessExtension : public Launcher {
     void kill() override {
       const std::lock_guard lock(mutex);
       if (socket) shutdown(socket.get(), SHUT_RDWR);
-    }
-    void end() {
-      const std::lock_guard lock(mutex);
-      socket.reset();
     }
     std::mutex mutex;
     Descriptor socket;

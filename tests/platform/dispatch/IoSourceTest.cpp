@@ -23,12 +23,10 @@ struct Event {
 void awaitRound() {
   const Event event;
   std::promise<void> over;
-  std::shared_ptr<IoSource> probe;
-  probe = IoSource::make(event.descriptor, 0, [&](uint32_t) {
-    probe->setEvents(0);
+  const auto probe = IoSource::make(event.descriptor, EPOLLIN, [&](uint32_t) {
+    IoSource::pause(std::chrono::hours(1));
     over.set_value();
   });
-  probe->setEvents(EPOLLIN);
   over.get_future().get();
 }
 

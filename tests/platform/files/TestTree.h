@@ -94,17 +94,14 @@ class TestTree {
 };
 
 /// Keeps the process from opening descriptors from that number on, for as long as it lives.
-class DescriptorLimit {
- public:
+struct DescriptorLimit {
   explicit DescriptorLimit(rlim_t first) {
-    ::getrlimit(RLIMIT_NOFILE, &before_);
-    const rlimit low{first, before_.rlim_max};
+    ::getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit low{first, before.rlim_max};
     ::setrlimit(RLIMIT_NOFILE, &low);
   }
-  ~DescriptorLimit() { ::setrlimit(RLIMIT_NOFILE, &before_); }
-
- private:
-  rlimit before_{};
+  ~DescriptorLimit() { ::setrlimit(RLIMIT_NOFILE, &before); }
+  rlimit before{};
 };
 
 /// Runs `body` on a thread with a stack of 64 KiB while the process may have 64 descriptors.

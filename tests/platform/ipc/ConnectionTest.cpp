@@ -182,6 +182,13 @@ TEST_F(RawPeer, EndsInOrderWhoeverEndsIt) {
   call("echo", 1);
   write(kHello + framed(bytes({0x84, 7}) + address(readFrame(FrameType::call)) + bytes({0x81, 0x81, 1})));
   EXPECT_EQ(outcomes.waitFor(5).at(4).code(), static_cast<int64_t>(TransportErrorCode::violation));
+
+  // Nobody holds it any more; its thread and its descriptor go too.
+  int sockets[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets), 0);
+  peer.reset(sockets[1]);
+  Transport::make(Descriptor(sockets[0]), "peer", {}).reset();
+  EXPECT_EQ(readFrame(FrameType::call), "") << "a hello and nothing more";
 }
 
 TEST_F(RawPeer, IsSentTablesAndPartsOnceItHasSaidThatItTakesThem) {

@@ -84,9 +84,8 @@ struct Services : testing::Test {
     return call(method, std::vector{connection}).at(0);
   }
   bool isLogged(std::string_view part) const {
-    const auto lines = log.systemOnceItHas(part);
-    return std::any_of(lines.begin(), lines.end(),
-                       [&](const auto& line) { return line.find(part) != line.npos; });
+    return std::ranges::any_of(log.systemOnceItHas(part),
+                               [&](const auto& line) { return line.find(part) != line.npos; });
   }
   /// A socket at the service's address, without the library.
   Descriptor raw(int (*connectOrBind)(int, const sockaddr*, socklen_t)) const {
