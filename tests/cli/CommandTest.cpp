@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <thread>
 
 #include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -245,18 +247,28 @@ Words limited(const std::string& limit, int value) {
 }
 
 TEST(Command, FollowsExtensionsWhateverTheLimitsAndSaysWhichKeepItFromWatchingFolders) {
-  for (const Words& under : {Words(), limited("max_inotify_instances", 0)}) {
-    if (!under.empty() && std::system("unshare -Ur true 2>/dev/null") != 0)
+  // So few descriptors that what lasts for the life of a process finds none.
+  const Words few{"prlimit", "--nofile=4:1024"}, fewer{"prlimit", "--nofile=5:1024"};
+  for (const Words& under : {Words(), few, fewer, limited("max_inotify_instances", 0)}) {
+    const bool lacksDescriptors = !under.empty() && under.front() == "prlimit";
+    if (!under.empty() && !lacksDescriptors && std::system("unshare -Ur true 2>/dev/null") != 0)
       GTEST_SKIP() << "needs namespaces";
     Program program;
     program.start({"extensions", "--watch", "--json", "--timeout", "0.2"}, "", under);
+    if (lacksDescriptors) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(300));
+      const rlimit enough{1024, 1024};
+      ASSERT_EQ(prlimit(program.process(), RLIMIT_NOFILE, &enough, nullptr), 0);
+    }
     program.awaitText("[]\n", true);
     for (const char* name : {"a", "b"}) {
       program.add(name, "kinds");
       program.awaitText(std::string("{\"identifier\":\"") + name, true);
     }
     kill(program.process(), SIGINT);
-    EXPECT_EQ(program.finish().code(), 128 + SIGINT);
+    const auto outcome = program.finish();
+    EXPECT_TRUE(outcome.code() == 128 + SIGINT || (lacksDescriptors && WTERMSIG(outcome.status) == SIGINT))
+        << outcome.error;
   }
 
   Program program;

@@ -72,6 +72,7 @@ class Program {
     posix_spawn_file_actions_addopen(&actions, 0, tree_.write("input", input).c_str(), O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&actions, output[1], 1);
     posix_spawn_file_actions_adddup2(&actions, error[1], 2);
+    posix_spawn_file_actions_addclosefrom_np(&actions, 3);
     ASSERT_EQ(posix_spawn(&process_, pointers[0], &actions, nullptr, pointers.data(), nullptr), 0);
     posix_spawn_file_actions_destroy(&actions);
     close(output[1]);

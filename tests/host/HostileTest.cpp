@@ -196,6 +196,9 @@ TEST_F(Hostile, ABadFrameIsNamedInOneLineAndEndsThatConnectionAlone) {
       {"=83050101", "A frame of the wrong number of members"},
       {"=82021B0000000100000000", "No channel"},
       {"=82011844", "A channel that cannot be opened"},
+      {reply + "9A40000000", "The bytes end inside an item"},
+      {reply + "8061FF", "Text that is not UTF-8"},
+      {reply + hex(std::string(100, '\x81')) + "00F6", "More than 64 levels of nesting"},
       {reply + "80F600", "Bytes follow the item"},
       {item + text("Evil") + "A0F6", "An object of the class \"Evil\" is not allowed here"},
       {"=8405@8180", "A message with the wrong number of values"},
@@ -322,6 +325,7 @@ TEST_F(Hostile, ThoseThatHangOrFloodHoldNobodyUpAndTakeNoMemory) {
       {"wordy", "hello call =8406@D81B82654572726F72A1" + text("domain") + "790708" +
                     hex(std::string(0x708, 'd')) + " drain"},
       {"silent", "hello call pid call hang again"},
+      {"stopped", "hello call stop"},
       {"urgent", "hello call urgent drain"},
       {"calling", "hello call " + flood},
       {"printing", "hello call print"},
@@ -431,11 +435,15 @@ TEST_F(Hostile, AnExtensionLeavesByItselfWhenNobodyNeedsItAndIsEndedIfItStays) {
 TEST_F(Hostile, AThousandManifestsAreFoundAtOnceAndWhatIsWrongWithOneIsItsOwn) {
   for (int i = 0; i < 1000; ++i) add("x" + std::to_string(i), kGood);
   for (int i = 0; i < 100; ++i) tree.write("bad" + std::to_string(i) + ".extension", "[Extension]\nName");
+  add("world", kGood);
+  chmod(tree.path("world.extension").c_str(), 0666);
   add("missing", "", "/no/such/program");
+  tree.add("later/good.extension", "N", "/no/such/program");
+  const ScopedVariable both{"LARKSPAN_EXTENSION_PATH", (tree.root + ':' + tree.path("later")).c_str()};
   discover();
   EXPECT_EQ(found.size(), 1002u);
-  EXPECT_EQ(log->system().size(), 100u);
-  EXPECT_FALSE(ask("good"));
+  EXPECT_EQ(log->system().size(), 101u);
+  EXPECT_FALSE(ask("good")) << "the first of a name wins";
   EXPECT_EQ(failure("missing").localizedDescription(),
             "missing could not be started: /no/such/program: execve: No such file or directory");
   EXPECT_EQ(of("missing")->context(), nullptr);

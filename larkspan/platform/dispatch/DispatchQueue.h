@@ -72,7 +72,8 @@ void runMainQueue();
 /// Tasks that are still queued stay queued. Any thread; async-signal-unsafe.
 void stopMainQueue();
 /// A descriptor that is readable while the main queue has a task, for a foreign event loop, which then
-/// calls `drainMainQueue()` on the initial thread. Only to be watched; it lives as long as the process.
+/// calls `drainMainQueue()` on the initial thread. Only to be watched; it lives as long as the process. -1 while the process
+/// has no descriptor left for it.
 int mainQueueDescriptor();
 /// Runs the main-queue tasks that are due now, without waiting and without those that they add; returns how
 /// many ran. Throws like `runMainQueue()`.

@@ -1,10 +1,12 @@
 #include "larkspan/platform/dispatch/IoSource.h"
 
+#include "larkspan/platform/base/Descriptor.h"
 #include "larkspan/platform/dispatch/DispatchQueue.h"
 #include "larkspan/platform/dispatch/Thread.h"
 
 #include <condition_variable>
 #include <mutex>
+#include <system_error>
 #include <unordered_map>
 #include <utility>
 
@@ -42,14 +44,12 @@ class IoThread {
   std::shared_ptr<Source> running() const { return running_; }
 
  private:
-  IoThread() : epoll_(epoll_create1(EPOLL_CLOEXEC)) {
-    startThread("lks-io", [this] { run(); });
-  }
+  bool begin();
   void run();
   void deliver(uint64_t number, uint32_t events);
   bool control(int operation, const Source& source, uint32_t events) const;
 
-  const int epoll_;
+  int epoll_ = -1;  // The thread has it once it runs.
   std::mutex mutex_;
   std::condition_variable handlerEnded_;
   std::shared_ptr<Source> running_;  // Written by the thread alone.
@@ -64,8 +64,26 @@ bool IoThread::control(int operation, const Source& source, uint32_t events) con
   return epoll_ctl(epoll_, operation, source.descriptor, &event) == 0;
 }
 
+/// With the lock held. False with errno where a descriptor or the thread is missing; then the next source tries again.
+bool IoThread::begin() {
+  Descriptor made(epoll_create1(EPOLL_CLOEXEC));
+  if (!made) return false;
+  epoll_ = made.get();
+  try {
+    startThread("lks-io", [this] { run(); });
+  } catch (const std::system_error& error) {
+    epoll_ = -1;
+    made.reset();
+    errno = error.code().value();
+    return false;
+  }
+  made.release();
+  return true;
+}
+
 bool IoThread::add(const std::shared_ptr<Source>& source) {
   const std::lock_guard lock(mutex_);
+  if (epoll_ < 0 && !begin()) return false;
   source->number = ++lastNumber_;
   // A paused source is added and taken out again, so that a descriptor which cannot be watched shows now.
   if (!control(EPOLL_CTL_ADD, *source, source->events)) {

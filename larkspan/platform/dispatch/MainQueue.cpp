@@ -6,12 +6,18 @@
 
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <unistd.h>
 
 namespace larkspan::platform {
 
-MainQueue::MainQueue()
-    : SerialQueue("main", QualityOfService::userInteractive),
-      descriptor_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+namespace {
+
+/// How often tasks are looked for where no descriptor is left to announce them.
+constexpr int kUnannouncedMilliseconds = 20;
+
+}  // namespace
+
+MainQueue::MainQueue() : SerialQueue("main", QualityOfService::userInteractive) { descriptor(); }
 
 MainQueue& MainQueue::shared() { return static_cast<MainQueue&>(*DispatchQueue::main()); }
 
@@ -25,12 +31,23 @@ void MainQueue::checkCaller() const {
   if (isCurrent()) throw std::logic_error("the main queue is run from one of its own tasks");
 }
 
-void MainQueue::schedule() { eventfd_write(descriptor_, 1); }
+/// Made as soon as there is a descriptor for it; -1 where there is none.
+int MainQueue::descriptor() {
+  int known = descriptor_;
+  if (known >= 0) return known;
+  // It announces what may have come before it.
+  const int made = eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (made < 0 || descriptor_.compare_exchange_strong(known, made)) return made;
+  close(made);  // Another thread was faster.
+  return known;
+}
+
+void MainQueue::schedule() { eventfd_write(descriptor(), 1); }
 
 std::size_t MainQueue::drain(bool untilStopped) {
   checkCaller();
   eventfd_t announced;
-  eventfd_read(descriptor_, &announced);
+  eventfd_read(descriptor(), &announced);
   if (isIdle()) return 0;
 
   const RunningFrame frame(this);
@@ -46,8 +63,8 @@ void MainQueue::run() {
   checkCaller();
   while (!stopping_.load()) {
     if (drain(true) != 0) continue;
-    pollfd watched{descriptor_, POLLIN, 0};
-    poll(&watched, 1, -1);
+    pollfd watched{descriptor(), POLLIN, 0};
+    poll(&watched, 1, watched.fd < 0 ? kUnannouncedMilliseconds : -1);
   }
   stopping_ = false;
 }

@@ -10,7 +10,7 @@ class MainQueue final : public SerialQueue {
  public:
   static MainQueue& shared();
 
-  int descriptor() const { return descriptor_; }
+  int descriptor();
   /// Runs what is due now; with `untilStopped`, only until somebody calls `stop()`.
   std::size_t drain(bool untilStopped = false);
   void run();
@@ -23,7 +23,7 @@ class MainQueue final : public SerialQueue {
   bool runNow(Task& task) override;
   void schedule() override;
 
-  const int descriptor_;
+  std::atomic<int> descriptor_{-1};
   std::atomic<bool> stopping_{false};
 };
 

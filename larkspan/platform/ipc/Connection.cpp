@@ -480,8 +480,11 @@ void Connection::receiveAnswer(const Frame& frame) {
     return transport->fail(
         transportError(TransportErrorCode::violation, "An answer to no call, or a second one"));
   }
-  if (frame.type != FrameType::part) transport->noteReply();
   const Outcome& outcome = call.mapped().outcome;
+  const auto end = [&](const std::vector<Value>& values, const std::optional<Error>& error) {
+    transport->noteReply();
+    outcome(values, error);
+  };
   const auto refuse = [&](const Error& fault) {
     outcome({}, fault);
     transport->fail(fault);
@@ -490,21 +493,20 @@ void Connection::receiveAnswer(const Frame& frame) {
     CborReader reader(frame.bytes.view());
     reader.moveTo(frame.body);
     const auto [value, fault] = decodeValue(frame.bytes, reader, errorClass());
-    if (const auto error = value.error()) return outcome({}, *error);
+    if (const auto error = value.error()) return end({}, *error);
     return refuse(transportError(TransportErrorCode::violation,
                                  fault ? fault->localizedDescription() : "A failure without an error"));
   }
   const Interface::Method* method = interface ? interface->find(call.mapped().method) : nullptr;
-  static const std::vector<ClassSet> kNoReply;
-  const std::vector<ClassSet>& classes = method && method->reply ? *method->reply : kNoReply;
+  const std::span<const ClassSet> classes =
+      method && method->reply ? std::span<const ClassSet>(*method->reply) : std::span<const ClassSet>();
   const bool isPart = frame.type == FrameType::part;
   if (isPart && !(call.mapped().part && method && method->inParts && !classes.empty()))
     return refuse(transportError(TransportErrorCode::violation, "A part of a reply that comes whole"));
-  auto values =
-      decodeValues(frame, std::span(classes).first(isPart ? 1 : classes.size()), call.mapped().cost);
+  auto values = decodeValues(frame, classes.first(isPart ? 1 : classes.size()), call.mapped().cost);
   if (const auto* error = std::get_if<Error>(&values)) return refuse(*error);
   const auto& content = std::get<std::vector<Value>>(values);
-  if (!isPart) return outcome(content, std::nullopt);
+  if (!isPart) return end(content, std::nullopt);
   const Array members = content.front().array();
   call.mapped().part(members);
   // Only after one as long as those sent here: small ones without end would keep the thread awake.
