@@ -5,6 +5,7 @@
 #include "larkspan/platform/archive/ValueCoding.h"
 #include "larkspan/platform/base/Utf8.h"
 #include "larkspan/platform/ipc/Frame.h"
+#include "larkspan/platform/ipc/FrameBuffer.h"
 
 namespace larkspan::fuzz {
 
@@ -72,9 +73,29 @@ std::variant<std::string, Error> encode(const Frame& frame, const std::vector<Va
   return std::string(std::get<ByteBuffer>(encoded).view());
 }
 
+/// A stream is cut into its frames, whatever the pieces are in which it comes.
+void cutStream(const std::string& item) {
+  std::string stream;
+  for (int shift = 24; shift >= 0; shift -= 8) stream += static_cast<char>(item.size() >> shift);
+  stream += item;
+  stream += stream;
+  FrameBuffer frames;
+  int found = 0;
+  for (std::size_t at = 0, piece = item.size() % 31 + 1; at < stream.size(); piece = piece * 7 % 1021) {
+    const std::span<char> room = frames.room();
+    const std::size_t count = stream.copy(room.data(), std::min(room.size(), piece), at);
+    frames.add(count);
+    at += count;
+    for (Slice frame; frames.next(frame); ++found)
+      expect(frame.view() == item, "a frame comes out as it went in");
+  }
+  expect(found == 2 && !frames.isInside(), "no frame is lost");
+}
+
 }  // namespace
 
 void frame(std::string_view input) {
+  cutStream(std::string(input));
   const auto parsed = Frame::parse(Slice::copy(input));
   const auto* first = std::get_if<Frame>(&parsed);
   if (!first || first->type == FrameType::hello) return;
