@@ -18,7 +18,6 @@ using platform::format;
 
 namespace {
 
-constexpr std::chrono::seconds kWalkServes{10};
 constexpr int64_t kOldAfterSeconds = int64_t{30} * 24 * 60 * 60;
 constexpr double kObservingLatency = 1.0;
 constexpr const char* kOld = "old";
@@ -98,17 +97,13 @@ std::optional<Error> forEach(const std::vector<T>& items, Remove remove) {
 
 void TrashExtension::observe() {
   observer_ = LKSDirectoryObserver::scheduledObserverForPaths(
-      TrashFolder::watchedPaths(), changes_, platform::kEventStreamFileEvents, kObservingLatency, true,
-      [this](const std::vector<std::string>& paths) {
-        if (!paths.empty()) tellChange();
-      });
+      TrashFolder::watchedPaths(), changes_, platform::kEventStreamFileEvents, kObservingLatency, false,
+      [this](const std::vector<std::string>&) { tellNews(); });
 }
 
-void TrashExtension::tellChange() {
-  {
-    const std::lock_guard lock(mutex_);
-    walkedAt_.reset();
-  }
+void TrashExtension::tellNews() {
+  entries(std::chrono::seconds(0));
+  if (!hasNews_.exchange(false)) return;
   LKSCallbackManager& host = LKSCallbackManager::sharedInstance();
   host.notifyTotalSpaceUsedDidChange(totalSpaceUsed());
   const auto resources = resourceItems();
@@ -125,24 +120,40 @@ void TrashExtension::beginObserving() {
   mountSource_ = platform::IoSource::make(mounts_.get(), EPOLLPRI, [this](uint32_t) {
     changes_->async([this] {
       observe();
-      tellChange();
+      hasNews_ = true;
+      tellNews();
     });
   });
 }
 
-TrashExtension::Entries TrashExtension::entries() {
+TrashExtension::Entries TrashExtension::entries(std::chrono::nanoseconds age) {
   // Before the first look, so that nothing happens in between.
   std::call_once(isObserving_, [this] { beginObserving(); });
   const std::lock_guard lock(mutex_);
   const auto& clock = platform::Clock::current();
-  if (!walkedAt_ || clock.monotonicNow() - *walkedAt_ > kWalkServes) {
-    entries_.clear();
-    for (const TrashFolder& folder : TrashFolder::all()) {
-      for (TrashEntry& entry : folder.entries()) entries_.push_back(std::move(entry));
-    }
-    std::stable_sort(entries_.begin(), entries_.end(),
-                     [](const TrashEntry& a, const TrashEntry& b) { return a.deleted > b.deleted; });
-    walkedAt_ = clock.monotonicNow();
+  if (walkedAt_ && clock.monotonicNow() - *walkedAt_ < age) return entries_;
+  Entries found;
+  bool isAtRest = true;
+  for (const TrashFolder& folder : TrashFolder::all()) {
+    if (folder.awaitsEntry()) isAtRest = false;
+    for (TrashEntry& entry : folder.entries()) found.push_back(std::move(entry));
+  }
+  std::stable_sort(found.begin(), found.end(),
+                   [](const TrashEntry& a, const TrashEntry& b) { return a.deleted > b.deleted; });
+  if (walkedAt_ && found != entries_) {
+    hasNews_ = true;
+    isAtRest = false;
+  }
+  entries_ = std::move(found);
+  walkedAt_ = clock.monotonicNow();
+  if (isAtRest) {
+    nextLook_ = kFirstLook;
+  } else if (!looksAgain_.exchange(true)) {
+    changes_->after(nextLook_, [this] {
+      looksAgain_ = false;
+      tellNews();
+    });
+    nextLook_ = std::min(2 * nextLook_, kSlowestLook);
   }
   return entries_;
 }
@@ -204,7 +215,8 @@ std::optional<Error> TrashExtension::deleteResourceItems(const std::vector<LKSRe
     }
     return failure(format(text("NOT_IN_TRASH"), url ? url->path() : item.lks_name().value_or("")));
   });
-  tellChange();
+  hasNews_ = true;
+  tellNews();
   return error;
 }
 
@@ -218,7 +230,8 @@ std::optional<Error> TrashExtension::remove(const Entries& entries) {
     return std::nullopt;  // Somebody was first.
   });
   for (const TrashFolder& folder : folders) folder.removeStrayInfo();
-  tellChange();
+  hasNews_ = true;
+  tellNews();
   return error;
 }
 

@@ -6,6 +6,9 @@
 #include "larkspan/platform/dispatch/IoSource.h"
 #include "larkspan/provider/LKSExtension.h"
 
+#include <atomic>
+#include <chrono>
+
 namespace larkspan::trash {
 
 /// Shows what lies in the user's trash folders, on all local volumes, and deletes it for good.
@@ -13,7 +16,13 @@ namespace larkspan::trash {
 /// What is listed says what it was when it was listed: an entry carries its identity as its reference, the
 /// summary and the tip those of all that they speak of. So nothing goes that was trashed after somebody was
 /// asked. Hosts hear when something is trashed or restored, and when a volume comes or goes. A walk serves all
-/// questions of the next ten seconds, unless something happens meanwhile.
+/// questions of the next ten seconds, unless a change of an info file or a look of its own makes it walk again
+/// meanwhile.
+///
+/// A trashing starts with the info file, and no event tells that it is over. So it looks again while walks
+/// differ, or an info file of the last hour has no entry: after a second, then after twice the time each, a
+/// minute at most. What stalls between two looks and then goes on is found by the first question after the ten
+/// seconds.
 class TrashExtension final : public LKSExtension {
  public:
   std::vector<std::string> categories() override;
@@ -39,19 +48,24 @@ class TrashExtension final : public LKSExtension {
   std::optional<platform::Error> performTipAction(const LKSTipMessage& tip) override;
 
  private:
+  static constexpr std::chrono::seconds kWalkServes{10}, kFirstLook{1}, kSlowestLook{60};
   using Entries = std::vector<TrashEntry>;
-  /// Of all folders, the latest first.
-  Entries entries();
+  /// Of all folders, the latest first, as they were found less than `age` ago.
+  Entries entries(std::chrono::nanoseconds age = kWalkServes);
   /// Those that the reference of a summary or a tip speaks of. Nothing if it is none.
   std::optional<Entries> promised(const platform::Value& reference);
   std::optional<platform::Error> remove(const Entries& entries);
   void beginObserving();
   void observe();
-  void tellChange();
+  /// Walks, and tells hosts what was found if that is not what they know.
+  void tellNews();
 
   std::mutex mutex_;
   Entries entries_;
   std::optional<platform::MonotonicTime> walkedAt_;
+  std::chrono::seconds nextLook_ = kFirstLook;
+  std::atomic<bool> looksAgain_ = false;  ///< A look is due after some time.
+  std::atomic<bool> hasNews_ = false;     ///< Hosts were not told what was found last.
 
   const std::shared_ptr<platform::DispatchQueue> changes_ =
       platform::DispatchQueue::makeSerial("corvane.larkspan.trash", platform::QualityOfService::utility);

@@ -177,16 +177,32 @@ std::optional<Error> TrashFolder::remove(const TrashEntry& entry) const {
   return std::nullopt;
 }
 
-void TrashFolder::removeStrayInfo() const {
-  if (!info_) return;
-  for (const std::string& name : namesIn(info_.get())) {
-    if (!name.ends_with(".trashinfo")) continue;
+std::vector<std::pair<std::string, Date>> TrashFolder::strayInfo() const {
+  std::vector<std::pair<std::string, Date>> result;
+  if (!info_) return result;
+  for (std::string& name : namesIn(info_.get())) {
+    if (!name.ends_with(infoNameOf(""))) continue;
     const std::string entryName = name.substr(0, name.size() - infoNameOf("").size());
     struct statx facts;
-    const auto info = readTrashInfo(info_.get(), entryName);
-    if (info && info->written.seconds < Date::now().seconds - kStrayAfterSeconds &&
-        platform::factsAt(files_.get(), entryName.c_str(), facts) == ENOENT)
-      unlinkat(info_.get(), name.c_str(), 0);
+    if (platform::factsAt(files_.get(), entryName.c_str(), facts) != ENOENT) continue;
+    if (const auto info = readTrashInfo(info_.get(), entryName))
+      result.emplace_back(std::move(name), info->written);
+  }
+  return result;
+}
+
+bool TrashFolder::awaitsEntry() const {
+  const auto stray = strayInfo();
+  const int64_t now = Date::now().seconds;
+  return std::any_of(stray.begin(), stray.end(), [now](const auto& info) {
+    const int64_t written = info.second.seconds;
+    return written >= now - kStrayAfterSeconds && written <= now;
+  });
+}
+
+void TrashFolder::removeStrayInfo() const {
+  for (const auto& [name, written] : strayInfo()) {
+    if (written.seconds < Date::now().seconds - kStrayAfterSeconds) unlinkat(info_.get(), name.c_str(), 0);
   }
 }
 

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace larkspan::trash {
@@ -28,6 +29,8 @@ struct TrashEntry {
   bool isFolder = false;
   /// Allocated bytes, for a folder those of everything in it.
   int64_t bytes = 0;
+
+  friend bool operator==(const TrashEntry&, const TrashEntry&) = default;
 };
 
 /// A trash folder of the user (freedesktop.org's trash-spec, version 1.0): "files" holds what was deleted,
@@ -43,11 +46,16 @@ class TrashFolder {
   /// The user's own, "Trash" in $XDG_DATA_HOME, and those on other volumes: ".Trash/UID" where ".Trash" is
   /// sticky and no link, and ".Trash-UID"; both must belong to the user.
   static std::vector<TrashFolder> all();
-  /// The folders that change whenever something is deleted or restored, whether they exist or not.
+  /// The folders of the info files, whether they exist or not. A deletion changes one before the entry comes,
+  /// which may take long, and nothing there tells when it has come or that it grows; a restoration may change
+  /// it before the entry goes or after.
   static std::vector<std::string> watchedPaths();
 
   const std::string& path() const { return place_.path; }
   std::vector<TrashEntry> entries() const;
+  /// Whether an info file of the last hour has no entry yet. To be asked before `entries()`: what comes in
+  /// between is then awaited in vain rather than missed.
+  bool awaitsEntry() const;
   /// The entry at the URL, from wherever that comes, if it is one of this folder's and still the same. A
   /// folder is not sized.
   std::optional<TrashEntry> find(const platform::URL& url) const;
@@ -67,6 +75,8 @@ class TrashFolder {
 
   std::optional<TrashEntry> look(const std::string& name) const;
   std::vector<std::string> namesIn(int folder) const;
+  /// The info files of nothing, and when they were written.
+  std::vector<std::pair<std::string, platform::Date>> strayInfo() const;
   /// The entry by way of the open folder.
   platform::URL exactly(const std::string& name) const;
 

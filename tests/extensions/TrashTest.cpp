@@ -58,6 +58,8 @@ TEST_F(Trash, ListsWhatWasDeletedAsItWas) {
   EXPECT_EQ(7u, found.size()) << "six entries and the summary";
   EXPECT_EQ("Empty Trash", LKSSummaryResource(found.at("")).lks_summaryButton());
   EXPECT_EQ("6 items take ", LKSSummaryResource(found.at("")).lks_summaryMessage()->substr(0, 13));
+  for (shell("mkdir data/Trash/files/gone"); resources().size() == 7 && !HasFailure(); heard.clear())
+    expectNotice(LKSOpaqueExtensionResourcesDidChangeNotification);
 }
 
 TEST_F(Trash, DeletesWhatWasListedAndKeepsTheInfoOfWhatCouldNotGo) {
@@ -128,15 +130,14 @@ TEST_F(Trash, EmptiesWhatTheSummarySpokeOfAndTipsOnWhatIsOld) {
 }
 
 TEST_F(Trash, TellsTheHostWhatOthersDoAndKnowsTheTrashOfVolumes) {
-  shell("rm -r data/Trash");
-  EXPECT_TRUE(resources().empty());
-  heard.clear();
-  shell("mkdir -p data/Trash/files data/Trash/info; touch data/Trash/files/a; put data/Trash a /home/a");
-  expectNotices();
-  EXPECT_EQ(1u, resources().count("data/Trash/files/a"));
-  heard.clear();
-  shell("rm -r data/Trash/files/a data/Trash/info/a.trashinfo");
-  expectNotices();
+  shell("mkdir info; touch data/Trash/files/a b; put . a /home/a; put . b /home/b");
+  EXPECT_EQ(2u, resources().size());
+  for (const char* change : {"mv info/* data/Trash/info", "mv b data/Trash/files", "rm -r data/Trash"}) {
+    heard.clear();
+    shell(change);
+    expectNotices();
+    EXPECT_EQ(change[0] == 'm', resources().contains("data/Trash/files/a")) << change;
+  }
 
   const std::string mount = tree / "mount";
   tree.folder("mount");
