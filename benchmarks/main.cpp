@@ -62,9 +62,14 @@ class Report : public benchmark::ConsoleReporter {
   }
   bool hasFailed() const { return hasFailed_; }
   void Finalize() override {
-    std::printf("\n%s\n%-24s %12s  %s\n", kSubjects, "what", "median µs", "of runs");
-    for (auto& [name, times] : times_)
-      std::printf("%-24s %12.1f  %zu\n", name.c_str(), median(times), times.size());
+    std::printf("\n%s\n%-24s %11s %11s %11s  %s\n", kSubjects, "time in µs of", "least", "median", "most",
+                "runs");
+    for (auto& [name, times] : times_) {
+      const auto [least, most] = std::minmax_element(times.begin(), times.end());
+      const double lowest = *least, highest = *most;
+      std::printf("%-24s %11.1f %11.1f %11.1f  %zu\n", name.c_str(), lowest, median(times), highest,
+                  times.size());
+    }
     std::printf("\n%-24s %-24s %7s %13s\n", "time of", "over time of", "ratio", "goal: at most");
     for (const Ratio& ratio : kRatios) {
       const auto ours = times_.find(ratio.ours);
