@@ -137,24 +137,24 @@ class MessageItem {
 
  protected:
   /// What the user-info dictionary has under the key, or none.
-  platform::Value valueFor(Key key) const {
+  platform::Value valueFor(const Key& key) const {
     return row_ == kNoRow ? static_cast<const platform::ExtensionItem&>(*source_).userInfo().get(key)
                           : rows().get(row_, key);
   }
-  std::optional<std::string> stringFor(Key key) const {
+  std::optional<std::string> stringFor(const Key& key) const {
     return row_ == kNoRow ? valueFor(key).string() : rows().string(row_, key);
   }
   /// The number under the key, 0 for what is no number; `absent` if there is nothing.
   int64_t integerFor(const Key& key, int64_t absent = 0) const {
     return row_ == kNoRow ? integerOfItem(key, absent) : rows().integer(row_, key, absent);
   }
-  bool boolFor(Key key) const {
+  bool boolFor(const Key& key) const {
     return row_ == kNoRow ? valueFor(key).boolValue() : rows().boolean(row_, key);
   }
-  std::optional<platform::Date> dateFor(Key key) const {
+  std::optional<platform::Date> dateFor(const Key& key) const {
     return row_ == kNoRow ? valueFor(key).date() : rows().date(row_, key);
   }
-  std::optional<platform::URL> urlFor(Key key) const {
+  std::optional<platform::URL> urlFor(const Key& key) const {
     return row_ == kNoRow ? valueFor(key).url() : rows().url(row_, key);
   }
 
