@@ -204,6 +204,7 @@ TEST_F(Hostile, ABadFrameIsNamedInOneLineAndEndsThatConnectionAlone) {
       {"=8405@8180", "A message with the wrong number of values"},
       {"=8406@F6", "A failure without an error"},
       {"=8406@00", "A number is not allowed here"},
+      {"=8405!008280F6", "An answer to no call, or a second one"},
       {kAnswer + ' ' + kAnswer, "An answer to no call, or a second one"},
       {"=8407!008180", "An answer to no call, or a second one"},
       {"=8407@8181D81B82" + text("Evil") + "A0", "An object of the class \"Evil\" is not allowed here"},
