@@ -55,6 +55,7 @@ TEST(LKSOperation, TakesItsStepsInOrderAndPostsItsEndOnTheMainQueueLater) {
   CapturedLog log;
   const auto operation = std::make_shared<Recorded>();
   EXPECT_TRUE(operation->isAsynchronous());
+  EXPECT_EQ(operation->duration(), 0);
   operation->start();
   EXPECT_EQ(operation->steps,
             (Steps{"LKSOperationWillStartNotification", "will isExecuting", "did isExecuting", "main"}));

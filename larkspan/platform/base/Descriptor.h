@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <utility>
 
 #include <unistd.h>
@@ -29,5 +30,17 @@ class Descriptor {
  private:
   int number_ = -1;
 };
+
+/// The descriptor that is kept there for the life of its owner. Where there is none yet, what `make` answers is kept, unless that
+/// is -1: then the next call tries again. Any thread.
+template <typename Make>
+int keptDescriptor(std::atomic<int>& kept, Make make) {
+  int known = kept;
+  if (known >= 0) return known;
+  Descriptor made(make());
+  if (made && kept.compare_exchange_strong(known, made.get())) return made.release();
+  // Another thread may have been faster.
+  return kept;
+}
 
 }  // namespace larkspan::platform

@@ -1,12 +1,12 @@
 #include "larkspan/platform/dispatch/MainQueue.h"
 
+#include "larkspan/platform/base/Descriptor.h"
 #include "larkspan/platform/dispatch/Thread.h"
 
 #include <stdexcept>
 
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 namespace larkspan::platform {
 
@@ -31,15 +31,10 @@ void MainQueue::checkCaller() const {
   if (isCurrent()) throw std::logic_error("the main queue is run from one of its own tasks");
 }
 
-/// Made as soon as there is a descriptor for it; -1 where there is none.
+/// -1 where there is none.
 int MainQueue::descriptor() {
-  int known = descriptor_;
-  if (known >= 0) return known;
   // It announces what may have come before it.
-  const int made = eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (made < 0 || descriptor_.compare_exchange_strong(known, made)) return made;
-  close(made);  // Another thread was faster.
-  return known;
+  return keptDescriptor(descriptor_, [] { return eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK); });
 }
 
 void MainQueue::schedule() { eventfd_write(descriptor(), 1); }

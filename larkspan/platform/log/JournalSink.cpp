@@ -1,5 +1,7 @@
 #include "larkspan/platform/log/JournalSink.h"
 
+#include "larkspan/platform/base/Descriptor.h"
+
 #include <array>
 #include <cerrno>
 #include <charconv>
@@ -94,14 +96,9 @@ JournalSink::~JournalSink() {
   if (socket_ >= 0) close(socket_);
 }
 
-/// Made as soon as there is a descriptor for it; -1 where there is none.
+/// -1 where there is no descriptor for it.
 int JournalSink::socket() {
-  int known = socket_;
-  if (known >= 0) return known;
-  const int made = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (made < 0 || socket_.compare_exchange_strong(known, made)) return made;
-  close(made);  // Another thread was faster.
-  return known;
+  return keptDescriptor(socket_, [] { return ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0); });
 }
 
 void JournalSink::write(const LogRecord& record) {

@@ -111,6 +111,8 @@ TEST(EventStream, KeepsAModelOfATreeEqualToTheDiskWhateverChangesInIt) {
            "cp -r ../out/box new && mv a/b new/ && touch new/b/c/late",
            "mv ../out/box . && mkdir box/inner/more && touch box/inner/more/z",
            "mkdir e && mv -T e a && ln -s ../out way && ln -s old/deep short && mv short a/",
+           "for i in 1 2 3 4 5 6 7 8 9; do mkdir -p t/$i/t && touch t/$i/t/f && mv t/$i u$i; done; rm -r "
+           "u[1-4]",
            "mkdir secret && chmod 0 secret && touch secret/x && chmod 755 secret && touch secret/y",
        }) {
     tree.shell("cd in && " + std::string(step));

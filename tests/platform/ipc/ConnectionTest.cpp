@@ -239,6 +239,7 @@ TEST_F(RawPeer, InvalidationFailsCallsAtOnceAndForGood) {
   EXPECT_FALSE(readFrame(FrameType::close).empty()) << "the peer is told";
   call("echo", 2);
   EXPECT_EQ(outcomes.now().at(1).code(), static_cast<int64_t>(TransportErrorCode::invalidated));
+  EXPECT_TRUE(connection->post("note", {1}));
   connection->invalidate();
   EXPECT_EQ(events.now(), std::vector<std::string>{"invalidated"});
 }
@@ -367,6 +368,7 @@ TEST_F(Answering, EveryCallEndsHoweverTheAnswerFails) {
   answer = [](const Reply& reply) { std::thread([reply] { reply.fail(Error("test", 12)); }).join(); };
   EXPECT_EQ(ask("echo"), 12);
   answer = [](const Reply& reply) { reply({Data::copy(std::string(limits::kMaximumFrame, 'x'))}); };
+  EXPECT_EQ(outcomes.now().size(), 3u);
   EXPECT_NE(ask("echo"), 0) << "a reply too large to send fails that call";
   answer = [](const Reply& reply) {
     reply({Value(1)});

@@ -140,7 +140,9 @@ TEST(Child, DeliversItsStandardErrorInLinesOfBoundedLength) {
   EXPECT_EQ(run.lines(), (Lines{"one", "", "two", most, most, most.substr(1), "end"}));
 }
 
-TEST(Identity, HasTheHomeOfItsUser) {
+TEST(Identity, IsThatOfTheProcess) {
+  EXPECT_EQ(Identity::current().realUser, getuid());
+  EXPECT_EQ(Identity::current().effectiveUser, geteuid());
   EXPECT_EQ(homeFolderOf(0), "/root");
   EXPECT_EQ(homeFolderOf(4'000'000'000), "");
   EXPECT_EQ(Identity::current().homeFolder, homeFolderOf(getuid()));
